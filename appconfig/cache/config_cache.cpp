@@ -1,0 +1,131 @@
+// One plain mutex around one ordered map. A reader-writer lock would cost more than it saves: what
+// is done under the lock is a search and one copy, shorter than the bookkeeping of such a lock.
+//
+// Updates move their key and value in, since they were passed by value; the record is copied out
+// before the lock goes, because the next notice may change it the moment it is gone.
+#include "appconfig/cache/config_cache.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace AppConfig {
+
+namespace {
+
+// The operations of a mutex fail only when it is misused; going on would corrupt the map.
+void check(int error, const char* operation) {
+  if (error == 0) return;
+  std::fprintf(stderr, "ConfigCache: %s: %s\n", operation, std::strerror(error));
+  std::abort();
+}
+
+class Guard {
+ public:
+  explicit Guard(pthread_mutex_t& lock) : lock_(lock) {
+    check(pthread_mutex_lock(&lock_), "pthread_mutex_lock");
+  }
+  ~Guard() { check(pthread_mutex_unlock(&lock_), "pthread_mutex_unlock"); }
+  Guard(const Guard&) = delete;
+  Guard& operator=(const Guard&) = delete;
+
+ private:
+  pthread_mutex_t& lock_;
+};
+
+}  // namespace
+
+ConfigCache::ConfigCache() {
+  check(pthread_mutexattr_init(&lockAttributes_), "pthread_mutexattr_init");
+  check(pthread_mutex_init(&lock_, &lockAttributes_), "pthread_mutex_init");
+  check(pthread_mutexattr_destroy(&lockAttributes_), "pthread_mutexattr_destroy");
+}
+
+ConfigCache::~ConfigCache() { check(pthread_mutex_destroy(&lock_), "pthread_mutex_destroy"); }
+
+void ConfigCache::reset() {
+  const Guard guard(lock_);
+  entries_.clear();
+}
+
+// Here and in getConfigValue the parameter is by value because the interface has it so.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+unsigned int ConfigCache::removeVars(std::string text) {
+  const Guard guard(lock_);
+  unsigned int removed = 0;
+  for (Position entry = entries_.begin(); entry != entries_.end();) {
+    const Position current = entry++;
+    if (current->first.group().find(text) == std::string::npos) continue;
+    entries_.erase(current);
+    ++removed;
+  }
+  return removed;
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+ConfigCache::Position ConfigCache::getConfigValue(ConfigVar var) {
+  const Guard guard(lock_);
+  return entries_.find(var);
+}
+
+bool ConfigCache::copyValue(const ConfigVar& var, std::list<std::string>& out) const {
+  const Guard guard(lock_);
+  const auto entry = entries_.find(var);
+  if (entry == entries_.end() || !entry->second.hasValue()) return false;
+  out = entry->second.getValue();
+  return true;
+}
+
+bool ConfigCache::copyFirstString(const ConfigVar& var, std::string& out) const {
+  const Guard guard(lock_);
+  const auto entry = entries_.find(var);
+  if (entry == entries_.end() || !entry->second.hasValue()) return false;
+  out = entry->second.getSinglestringValue();
+  return true;
+}
+
+bool ConfigCache::copyRecord(const ConfigVar& var, ConfigValue& out) const {
+  const Guard guard(lock_);
+  const auto entry = entries_.find(var);
+  if (entry == entries_.end()) return false;
+  out = entry->second;
+  return true;
+}
+
+ConfigValue ConfigCache::update(ConfigVar var, std::list<std::string> value) {
+  const Guard guard(lock_);
+  ConfigValue& record = entries_.try_emplace(std::move(var)).first->second;
+  record.setValue(std::move(value));
+  return record;
+}
+
+ConfigValue ConfigCache::updateIsDefault(ConfigVar var, bool isDefault) {
+  const Guard guard(lock_);
+  ConfigValue& record = entries_.try_emplace(std::move(var)).first->second;
+  record.isDefault(isDefault);
+  return record;
+}
+
+ConfigValue ConfigCache::updateOptionDefaultIndex(ConfigVar var, unsigned int index) {
+  const Guard guard(lock_);
+  ConfigValue& record = entries_.try_emplace(std::move(var)).first->second;
+  record.defaultIndex(index);
+  return record;
+}
+
+ConfigValue ConfigCache::updateOptions(ConfigVar var, std::vector<std::string> options) {
+  const Guard guard(lock_);
+  ConfigValue& record = entries_.try_emplace(std::move(var)).first->second;
+  record.setOptions(std::move(options));
+  return record;
+}
+
+ConfigValue ConfigCache::updateAccessLevels(ConfigVar var, const ConfigAccessLevels& levels) {
+  const Guard guard(lock_);
+  ConfigValue& record = entries_.try_emplace(std::move(var)).first->second;
+  record.accessLevels(levels);
+  return record;
+}
+
+}  // namespace AppConfig
