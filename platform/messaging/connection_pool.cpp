@@ -1,0 +1,244 @@
+#include "platform/messaging/internal/connection_pool.h"
+
+#include <google/protobuf/message_lite.h>
+
+#include <utility>
+
+#include "platform/schema/message_ids.h"
+
+namespace PbUtility {
+namespace {
+
+CallStatus statusOf(StreamStatus status) {
+  switch (status) {
+    case StreamStatus::Ok:
+      return kCallOk;
+    case StreamStatus::Closed:
+      return kCallServiceDied;
+    case StreamStatus::TimedOut:
+      return kCallTimedOut;
+    case StreamStatus::NoListener:
+      return kCallNoService;
+    case StreamStatus::Broken:
+      return kCallBrokenAnswer;
+  }
+  return kCallBrokenAnswer;
+}
+
+// Writes header and payload of a message behind each other; false when it is too large.
+bool encodeFrame(FrameHeader header, const google::protobuf::MessageLite& message,
+                 std::string& out) {
+  const std::size_t payloadBytes = message.ByteSizeLong();
+  if (payloadBytes > kMaxPayloadBytes) return false;
+  header.payloadBytes = static_cast<std::uint32_t>(payloadBytes);
+  out.resize(kFrameHeaderBytes + payloadBytes);
+  auto* bytes = reinterpret_cast<unsigned char*>(out.data());
+  encodeHeader(header, bytes);
+  message.SerializeWithCachedSizesToArray(bytes + kFrameHeaderBytes);
+  return true;
+}
+
+}  // namespace
+
+// A connection in the hands of one caller; goes back when the lease ends, and is closed unless it
+// was found good.
+class ConnectionPool::Lease {
+ public:
+  Lease(ConnectionPool& pool, Position connection) : pool_(pool), connection_(connection) {}
+  ~Lease() { pool_.giveBack(connection_, usable_); }
+  Lease(const Lease&) = delete;
+  Lease& operator=(const Lease&) = delete;
+
+  Connection& connection() { return *connection_; }
+  void keep() { usable_ = true; }
+
+ private:
+  ConnectionPool& pool_;
+  const Position connection_;
+  bool usable_ = false;
+};
+
+ConnectionPool::ConnectionPool(std::string path, Hello hello, unsigned maxConnections)
+    : path_(std::move(path)),
+      hello_(std::move(hello)),
+      maxConnections_(maxConnections == 0 ? 1 : maxConnections) {}
+
+bool ConnectionPool::findIdle(std::thread::id caller, Position& connection, bool& mustWait) {
+  const std::thread::id nobody;
+  mustWait = false;
+  const bool full = connections_.size() >= maxConnections_;
+  Position found = connections_.end();
+  for (auto position = connections_.begin(); position != connections_.end(); ++position) {
+    if (position->oneWayBy == caller) {
+      mustWait = position->busy;
+      connection = position;
+      return !position->busy;
+    }
+    if (position->busy || found != connections_.end()) continue;
+    if (position->oneWayBy == nobody || full) found = position;
+  }
+  connection = found;
+  return found != connections_.end();
+}
+
+CallStatus ConnectionPool::take(Exchange& exchange, Position& connection) {
+  const std::thread::id caller = std::this_thread::get_id();
+  std::unique_lock<std::mutex> guard(mutex_);
+  for (;;) {
+    bool mustWait = false;
+    if (findIdle(caller, connection, mustWait)) break;
+    if (!mustWait && connections_.size() < maxConnections_) {
+      connection = connections_.emplace(connections_.begin());
+      break;
+    }
+    if (freed_.wait_until(guard, exchange.deadline) == std::cv_status::timeout) {
+      exchange.problem = "all connections to the service were busy";
+      return kCallTimedOut;
+    }
+  }
+  connection->busy = true;
+  return kCallOk;
+}
+
+void ConnectionPool::giveBack(Position connection, bool usable) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    connection->busy = false;
+    // The one used last is the next to be used: its buffers are warm, and the others may go idle.
+    if (usable) {
+      connections_.splice(connections_.begin(), connections_, connection);
+    } else {
+      connections_.erase(connection);
+    }
+  }
+  freed_.notify_all();
+}
+
+void ConnectionPool::closeIdle() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  connections_.remove_if([](const Connection& connection) { return !connection.busy; });
+}
+
+CallStatus ConnectionPool::welcome(Connection& connection, Exchange& exchange) {
+  FrameHeader header;
+  const StreamStatus status = connection.stream.receiveFrame(header, exchange.deadline);
+  if (status != StreamStatus::Ok) return statusOf(status);
+  if (header.kind == FrameKind::Refusal) {
+    Refusal refusal;
+    exchange.problem = decode(connection.stream.payload(), refusal);
+    if (exchange.problem.empty()) exchange.problem = refusal.text;
+    return kCallRefused;
+  }
+  Welcome welcome;
+  if (header.kind != FrameKind::Welcome || !decode(connection.stream.payload(), welcome).empty()) {
+    exchange.problem = "the service did not answer the greeting";
+    return kCallBrokenAnswer;
+  }
+  connection.epoch = welcome.epoch;
+  exchange.opened = true;
+  return kCallOk;
+}
+
+CallStatus ConnectionPool::open(Connection& connection, Exchange& exchange) {
+  StreamStatus status = connection.stream.connect(path_, exchange.deadline);
+  const std::string payload = encode(hello_);
+  FrameHeader header;
+  header.kind = FrameKind::Hello;
+  header.payloadBytes = static_cast<std::uint32_t>(payload.size());
+  std::string frame(kFrameHeaderBytes, '\0');
+  encodeHeader(header, reinterpret_cast<unsigned char*>(frame.data()));
+  frame += payload;
+  bool sentNothing = true;
+  if (status == StreamStatus::Ok) {
+    status = connection.stream.sendAll(frame.data(), frame.size(), exchange.deadline, sentNothing);
+  }
+  if (status == StreamStatus::Ok) return welcome(connection, exchange);
+  exchange.problem = path_ + ": " + connection.stream.problem();
+  return statusOf(status);
+}
+
+CallStatus ConnectionPool::sendRequest(Connection& connection,
+                                       const google::protobuf::MessageLite& request,
+                                       Exchange& exchange, bool& stale) {
+  FrameHeader header;
+  header.kind = exchange.oneWay ? FrameKind::OneWay : FrameKind::Request;
+  header.flags = exchange.insideReceiver ? kFlagInsideReceiver : 0;
+  header.messageId = exchange.messageId;
+  header.sequence = exchange.sequence = ++connection.lastSequence;
+  header.revision = exchange.revision;
+  if (exchange.revision != kRevisionNow && exchange.knownEpoch != connection.epoch) {
+    header.revision = 0;
+  }
+  exchange.epoch = connection.epoch;
+  if (!encodeFrame(header, request, connection.outgoing)) {
+    exchange.problem = "the request is larger than 16 MiB";
+    return kCallBadRequest;
+  }
+  bool sentNothing = true;
+  const StreamStatus status = connection.stream.sendAll(
+      connection.outgoing.data(), connection.outgoing.size(), exchange.deadline, sentNothing);
+  // A peer that has closed takes not one byte, so nothing of the request was acted upon.
+  stale = status == StreamStatus::Closed && sentNothing;
+  if (status != StreamStatus::Ok) exchange.problem = connection.stream.problem();
+  return statusOf(status);
+}
+
+CallStatus ConnectionPool::receiveResponse(Connection& connection,
+                                           google::protobuf::MessageLite& response,
+                                           Exchange& exchange) {
+  FrameHeader header;
+  const StreamStatus status = connection.stream.receiveFrame(header, exchange.deadline);
+  if (status != StreamStatus::Ok) {
+    exchange.problem = connection.stream.problem();
+    return statusOf(status);
+  }
+  const std::string_view payload = connection.stream.payload();
+  exchange.answerRevision = header.revision;
+  if (header.sequence != exchange.sequence) {
+    exchange.problem = "the answer belongs to another request";
+    return kCallBrokenAnswer;
+  }
+  if (header.kind == FrameKind::Refusal) {
+    Refusal refusal;
+    exchange.problem = decode(payload, refusal);
+    if (exchange.problem.empty()) exchange.problem = refusal.text;
+    return kCallRefused;
+  }
+  if (header.kind != FrameKind::Response ||
+      header.messageId != PlatformSchema::messageIdOf(response) ||
+      !response.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
+    exchange.problem = "the answer is not the response that belongs to the request";
+    return kCallBrokenAnswer;
+  }
+  return kCallOk;
+}
+
+CallStatus ConnectionPool::call(const google::protobuf::MessageLite& request,
+                                google::protobuf::MessageLite* response, Exchange& exchange) {
+  for (;;) {
+    Position position;
+    CallStatus status = take(exchange, position);
+    if (status != kCallOk) return status;
+    Lease lease(*this, position);
+    Connection& connection = lease.connection();
+    const bool isNew = !connection.stream.isOpen();
+    if (isNew) status = open(connection, exchange);
+    if (status != kCallOk) return status;
+    bool stale = false;
+    status = sendRequest(connection, request, exchange, stale);
+    if (stale && !isNew) {
+      // The service was restarted since: its other connections are dead as well.
+      closeIdle();
+      continue;
+    }
+    if (status == kCallOk && !exchange.oneWay) {
+      status = receiveResponse(connection, *response, exchange);
+    }
+    if (status != kCallOk && status != kCallRefused) return status;
+    connection.oneWayBy = exchange.oneWay ? std::this_thread::get_id() : std::thread::id();
+    lease.keep();
+    return status;
+  }
+}
+
+}  // namespace PbUtility

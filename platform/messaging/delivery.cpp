@@ -1,0 +1,344 @@
+#include "platform/messaging/internal/delivery.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/messaging/internal/dispatch.h"
+
+namespace PbUtility {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kShortestDelay(2);
+constexpr milliseconds kLongestDelay(250);
+// How long connecting may hold up the other remotes: it waits only while a backlog is full.
+constexpr std::chrono::seconds kConnectDeadline(1);
+constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
+constexpr std::uint32_t kRegisterMessageId = 0x1A0210;
+
+MSG_Sender nextSender() {
+  static std::atomic<MSG_Sender> last{0};
+  return ++last;
+}
+
+void appendFrame(FrameHeader header, std::string_view payload, std::string& out) {
+  header.payloadBytes = static_cast<std::uint32_t>(payload.size());
+  const std::size_t start = out.size();
+  out.resize(start + kFrameHeaderBytes);
+  encodeHeader(header, reinterpret_cast<unsigned char*>(out.data() + start));
+  out.append(payload);
+}
+
+}  // namespace
+
+struct Delivery::Remote {
+  std::string name;
+  std::string path;
+  KeptRegistrations* registrations = nullptr;
+
+  // The delivery thread's own.
+  Stream stream;
+  std::string incoming;
+  std::string outgoing;
+  MSG_Sender sender = 0;
+  bool greeted = false;
+  std::uint64_t epoch = 0;
+  Clock::time_point nextAttempt;
+  milliseconds delay = kShortestDelay;
+  std::uint32_t lastSequence = 0;
+  // Registrations repeated on this connection whose response is awaited, by sequence.
+  std::unordered_map<std::uint32_t, std::string> awaited;
+
+  // Behind Delivery::mutex_.
+  Condition condition = Condition::Away;
+  std::uint64_t attemptsBegun = 0;
+  std::uint64_t attemptsEnded = 0;
+  bool kicked = false;
+};
+
+Delivery::Delivery(Hello hello, std::function<std::vector<MSG_Callback>()> receivers)
+    : hello_([&hello] {
+        hello.use = ConnectionUse::Delivery;
+        return std::move(hello);
+      }()),
+      receivers_(std::move(receivers)),
+      wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      readBuffer_(kReadBytes) {}
+
+Delivery::~Delivery() {
+  stopping_ = true;
+  wake();
+  if (thread_.joinable()) thread_.join();
+}
+
+void Delivery::wake() {
+  const std::uint64_t one = 1;
+  // A full counter wakes as well, so the result does not matter.
+  static_cast<void>(!::write(wakeUp_.get(), &one, sizeof one));
+}
+
+void Delivery::add(const std::string& name, const std::string& path,
+                   KeptRegistrations& registrations) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    std::unique_ptr<Remote>& remote = remotes_[name];
+    if (remote) return;
+    remote = std::make_unique<Remote>();
+    remote->name = name;
+    remote->path = path;
+    remote->registrations = &registrations;
+    if (!thread_.joinable()) startThread();
+  }
+  wake();
+}
+
+// Signals are the application's: its handlers must not find themselves on this thread.
+void Delivery::startThread() {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  thread_ = std::thread([this] { run(); });
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Delivery::kick(const std::string& name) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto found = remotes_.find(name);
+    if (found == remotes_.end() || found->second->condition != Condition::Away) return;
+    if (std::exchange(found->second->kicked, true)) return;
+  }
+  wake();
+}
+
+void Delivery::waitForAttempt(const std::string& name, Clock::time_point deadline) {
+  // The delivery thread itself cannot wait for what it alone brings about.
+  if (std::this_thread::get_id() == thread_.get_id()) return;
+  kick(name);
+  std::unique_lock<std::mutex> guard(mutex_);
+  const auto found = remotes_.find(name);
+  if (found == remotes_.end()) return;
+  const Remote& remote = *found->second;
+  const std::uint64_t begun = remote.attemptsBegun;
+  changed_.wait_until(guard, deadline, [&remote, begun] {
+    const bool connected =
+        remote.condition == Condition::Repeating || remote.condition == Condition::Standing;
+    return connected || remote.attemptsEnded > begun;
+  });
+}
+
+bool Delivery::waitUntilStanding(const std::string& name, Clock::time_point deadline) {
+  kick(name);
+  std::unique_lock<std::mutex> guard(mutex_);
+  const auto found = remotes_.find(name);
+  if (found == remotes_.end()) return false;
+  const Remote& remote = *found->second;
+  return changed_.wait_until(guard, deadline,
+                             [&remote] { return remote.condition == Condition::Standing; });
+}
+
+void Delivery::setCondition(Remote& remote, Condition condition) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    remote.condition = condition;
+  }
+  changed_.notify_all();
+}
+
+std::string Delivery::greeting() const {
+  FrameHeader header;
+  header.kind = FrameKind::Hello;
+  std::string frame;
+  appendFrame(header, encode(hello_), frame);
+  return frame;
+}
+
+void Delivery::endAttempt(Remote& remote) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    remote.attemptsEnded = remote.attemptsBegun;
+  }
+  changed_.notify_all();
+}
+
+void Delivery::tryConnect(Remote& remote) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++remote.attemptsBegun;
+    remote.kicked = false;
+  }
+  remote.greeted = false;
+  const StreamStatus status = remote.stream.connect(remote.path, Clock::now() + kConnectDeadline);
+  if (status != StreamStatus::Ok) return lose(remote);
+  remote.sender = nextSender();
+  setCondition(remote, Condition::Greeting);
+  remote.outgoing = greeting();
+  if (!writePending(remote)) lose(remote);
+}
+
+bool Delivery::takeWelcome(Remote& remote, const FrameHeader& header, std::string_view payload) {
+  Welcome welcome;
+  if (header.kind != FrameKind::Welcome || !decode(payload, welcome).empty()) return false;
+  remote.greeted = true;
+  remote.delay = kShortestDelay;
+  remote.epoch = welcome.epoch;
+  setCondition(remote, Condition::Repeating);
+  endAttempt(remote);
+  repeatRegistrations(remote);
+  return true;
+}
+
+void Delivery::repeatRegistrations(Remote& remote) {
+  FrameHeader header;
+  header.kind = FrameKind::Request;
+  header.messageId = kRegisterMessageId;
+  for (KeptRegistrations::Repeat& repeat : remote.registrations->beginConnection(remote.epoch)) {
+    header.sequence = ++remote.lastSequence;
+    header.revision = repeat.revision;
+    appendFrame(header, repeat.payload, remote.outgoing);
+    remote.awaited.emplace(header.sequence, std::move(repeat.key));
+  }
+  if (remote.awaited.empty()) setCondition(remote, Condition::Standing);
+}
+
+// Writes as much as the socket takes: the rest waits for poll, since a service that is itself
+// waiting for us to read must not be waited for.
+bool Delivery::writePending(Remote& remote) {
+  std::size_t written = 0;
+  bool alive = true;
+  while (written < remote.outgoing.size()) {
+    const ssize_t sent = ::send(remote.stream.fd(), remote.outgoing.data() + written,
+                                remote.outgoing.size() - written, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0) {
+      alive = errno == EAGAIN || errno == EWOULDBLOCK;
+      break;
+    }
+    written += static_cast<std::size_t>(sent);
+  }
+  remote.outgoing.erase(0, written);
+  return alive;
+}
+
+void Delivery::lose(Remote& remote) {
+  remote.stream.close();
+  remote.incoming.clear();
+  remote.outgoing.clear();
+  remote.awaited.clear();
+  // A service that was there a moment ago may be back at once; one that was not is given time.
+  remote.nextAttempt = Clock::now() + (remote.greeted ? milliseconds(0) : remote.delay);
+  if (!remote.greeted) remote.delay = std::min(remote.delay * 2, kLongestDelay);
+  remote.greeted = false;
+  setCondition(remote, Condition::Away);
+  endAttempt(remote);
+}
+
+void Delivery::noteResponse(Remote& remote, const FrameHeader& header) {
+  const auto found = remote.awaited.find(header.sequence);
+  if (found == remote.awaited.end()) return;
+  if (header.kind == FrameKind::Response) {
+    remote.registrations->acknowledge(found->second, remote.epoch, header.revision);
+  }
+  remote.awaited.erase(found);
+  if (remote.awaited.empty()) setCondition(remote, Condition::Standing);
+}
+
+bool Delivery::take(Remote& remote, const FrameHeader& header, std::string_view payload) {
+  if (!remote.greeted) return takeWelcome(remote, header, payload);
+  if (header.kind == FrameKind::Response || header.kind == FrameKind::Refusal) {
+    noteResponse(remote, header);
+    return true;
+  }
+  if (header.kind != FrameKind::Notice && header.kind != FrameKind::Question) return false;
+  remote.outgoing += dispatch({header, payload, &remote.name, remote.sender}, receivers_());
+  if (header.kind == FrameKind::Notice) remote.registrations->delivered(header.revision);
+  return true;
+}
+
+// Takes every whole frame that has come; false when the connection is to be given up.
+bool Delivery::consume(Remote& remote) {
+  std::size_t taken = 0;
+  bool good = true;
+  while (good && remote.incoming.size() - taken >= kFrameHeaderBytes) {
+    FrameHeader header;
+    const char* bytes = remote.incoming.data() + taken;
+    good = decodeHeader(reinterpret_cast<const unsigned char*>(bytes), header).empty();
+    const std::size_t whole = kFrameHeaderBytes + header.payloadBytes;
+    if (!good || remote.incoming.size() - taken < whole) break;
+    good = take(remote, header, {bytes + kFrameHeaderBytes, header.payloadBytes});
+    taken += whole;
+    if (stopping_) break;
+    // An answer is written before the next message is looked at: somebody waits for it.
+    if (good && !remote.outgoing.empty()) good = writePending(remote);
+  }
+  remote.incoming.erase(0, taken);
+  return good;
+}
+
+void Delivery::readFrom(Remote& remote) {
+  const ssize_t got =
+      ::recv(remote.stream.fd(), readBuffer_.data(), readBuffer_.size(), MSG_DONTWAIT);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+  if (got <= 0) return lose(remote);
+  remote.incoming.append(readBuffer_.data(), static_cast<std::size_t>(got));
+  if (!consume(remote)) lose(remote);
+}
+
+std::vector<Delivery::Remote*> Delivery::remotes() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Remote*> all;
+  all.reserve(remotes_.size());
+  for (const auto& [name, remote] : remotes_) {
+    if (remote->kicked) remote->nextAttempt = Clock::time_point();
+    all.push_back(remote.get());
+  }
+  return all;
+}
+
+// Waits for something to do: 0 when only time has passed.
+int Delivery::poll(const std::vector<Remote*>& remotes) {
+  std::vector<pollfd> waiting{{wakeUp_.get(), POLLIN, 0}};
+  auto wait = milliseconds(-1);
+  const Clock::time_point now = Clock::now();
+  for (const Remote* remote : remotes) {
+    if (remote->stream.isOpen()) {
+      const bool pending = !remote->outgoing.empty();
+      waiting.push_back(
+          {remote->stream.fd(), static_cast<short>(pending ? POLLIN | POLLOUT : POLLIN), 0});
+      continue;
+    }
+    const auto left = std::chrono::ceil<milliseconds>(remote->nextAttempt - now);
+    const auto atLeastNone = std::max(left, milliseconds(0));
+    if (wait.count() < 0 || atLeastNone < wait) wait = atLeastNone;
+  }
+  const int ready = ::poll(waiting.data(), waiting.size(), static_cast<int>(wait.count()));
+  if (ready > 0 && waiting[0].revents != 0) {
+    std::uint64_t count = 0;
+    static_cast<void>(!::read(wakeUp_.get(), &count, sizeof count));
+  }
+  return ready;
+}
+
+void Delivery::run() {
+  while (!stopping_) {
+    const std::vector<Remote*> all = remotes();
+    for (Remote* remote : all) {
+      if (!remote->stream.isOpen() && Clock::now() >= remote->nextAttempt) tryConnect(*remote);
+    }
+    poll(all);
+    for (Remote* remote : all) {
+      if (stopping_) return;
+      if (remote->stream.isOpen() && !writePending(*remote)) lose(*remote);
+      if (remote->stream.isOpen()) readFrom(*remote);
+    }
+  }
+}
+
+}  // namespace PbUtility

@@ -1,0 +1,296 @@
+// An endpoint is a pool of connections for requests and one delivery for each process it is used
+// in. State is that process's part: a child after fork has the parent's memory but none of its
+// threads, and must not speak on its connections. So State is remade there, from what the parent
+// knew (names, receivers, registrations), and the parent's is left alone: its locks may be held by
+// threads that the child does not have.
+#include "platform/messaging/endpoint.h"
+
+#include <google/protobuf/message_lite.h>
+#include <pthread.h>
+#include <sys/random.h>
+
+#include <map>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform/messaging/internal/connection_pool.h"
+#include "platform/messaging/internal/delivery.h"
+#include "platform/messaging/internal/dispatch.h"
+#include "platform/messaging/runtime_dir.h"
+#include "platform/schema/message_ids.h"
+#include "platform/schema/registration_key.h"
+
+namespace PbUtility {
+namespace {
+
+// Grows by one in each child: tells a state of another process without a system call.
+std::atomic<unsigned> forkGeneration{0};
+
+void watchForks() {
+  static std::once_flag once;
+  std::call_once(once, [] { pthread_atfork(nullptr, nullptr, [] { ++forkGeneration; }); });
+}
+
+// What this thread was told last: the revision of the answer, and by whom. A registration that
+// follows a read carries it, so that a change between the two is told.
+struct LastAnswer {
+  // Number of the remote; 0: none has answered yet.
+  std::uint64_t remote = 0;
+  std::uint64_t epoch = 0;
+  std::uint64_t revision = 0;
+};
+thread_local LastAnswer lastAnswer;
+thread_local std::string lastProblem;
+
+// Unlike an address, a number is not used again after its remote is gone.
+std::uint64_t nextRemoteNumber() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
+}
+
+EndpointToken randomToken() {
+  EndpointToken token{};
+  std::size_t have = 0;
+  while (have < token.size()) {
+    const ssize_t got = ::getrandom(token.data() + have, token.size() - have, 0);
+    if (got > 0) have += static_cast<std::size_t>(got);
+  }
+  return token;
+}
+
+std::string nameProblem(const std::string& name) {
+  Hello hello;
+  hello.name = name;
+  Hello decoded;
+  return decode(encode(hello), decoded);
+}
+
+}  // namespace
+
+const char* describe(CallStatus status) {
+  switch (status) {
+    case kCallOk:
+      return "success";
+    case kCallNoService:
+      return "the service is not running";
+    case kCallServiceDied:
+      return "the service went away before it answered";
+    case kCallTimedOut:
+      return "the service did not answer in time";
+    case kCallRefused:
+      return "the service refused the request";
+    case kCallBrokenAnswer:
+      return "the service's answer could not be read";
+    case kCallBadRequest:
+      return "the request cannot be sent";
+    case kCallBadEndpoint:
+      return "the endpoint's name cannot be used";
+  }
+  return "unknown status";
+}
+
+class Endpoint::State {
+ public:
+  State(std::string name, EndpointOptions options)
+      : generation_(forkGeneration),
+        options_(std::move(options)),
+        hello_{ConnectionUse::Requests, randomToken(), std::move(name)},
+        nameProblem_(nameProblem(hello_.name)),
+        delivery_(hello_, [this] { return receivers(); }) {
+    if (options_.runtimeDir.empty()) options_.runtimeDir = defaultRuntimeDir();
+  }
+
+  // For a child after fork.
+  State(const State& parent, unsigned generation) : State(parent.hello_.name, parent.options_) {
+    generation_ = generation;
+    tables_ = parent.tables_;
+    for (const auto& [name, remote] : parent.remotes_) {
+      Remote& own = this->remote(name);
+      remote->registrations.copyTo(own.registrations);
+      if (remote->hasDelivery) deliverFrom(own);
+    }
+  }
+
+  bool isOfThisProcess() const { return generation_ == forkGeneration; }
+  const std::string& name() const { return hello_.name; }
+
+  void addHandlers(const MSG_Callback* table) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    for (; table->receiver != nullptr; ++table) tables_.push_back(*table);
+  }
+
+  void addRemote(const std::string& name) { deliverFrom(remote(name)); }
+
+  int call(const google::protobuf::MessageLite& request, google::protobuf::MessageLite* response,
+           const std::string& endpointName, unsigned int* sequence) {
+    lastProblem.clear();
+    Exchange exchange;
+    exchange.messageId = PlatformSchema::messageIdOf(request);
+    exchange.oneWay = response == nullptr;
+    exchange.insideReceiver = isInsideReceiver();
+    exchange.deadline = Clock::now() + options_.deadline;
+    if (exchange.messageId == PlatformSchema::kNoMessageId) {
+      lastProblem = "the request is no message of the protocol";
+      return kCallBadRequest;
+    }
+    Remote& remote = this->remote(endpointName);
+    if (!remote.problem.empty()) {
+      lastProblem = remote.problem;
+      return kCallBadEndpoint;
+    }
+    const CallStatus status = exchangeWith(remote, request, response, exchange);
+    if (status != kCallOk) lastProblem = exchange.problem;
+    if (exchange.opened) delivery_.kick(endpointName);
+    if (sequence != nullptr) *sequence = exchange.sequence;
+    return status;
+  }
+
+  bool waitUntilConnected(const std::string& name, std::chrono::milliseconds atMost) {
+    addRemote(name);
+    return delivery_.waitUntilStanding(name, Clock::now() + atMost);
+  }
+
+ private:
+  struct Remote {
+    Remote(std::string remoteName, std::string socketPath, std::string problemText,
+           const Hello& hello, unsigned maxConnections)
+        : name(std::move(remoteName)),
+          path(std::move(socketPath)),
+          problem(std::move(problemText)),
+          pool(path, hello, maxConnections) {}
+
+    const std::uint64_t number = nextRemoteNumber();
+    const std::string name;
+    const std::string path;
+    const std::string problem;
+    ConnectionPool pool;
+    KeptRegistrations registrations;
+    bool hasDelivery = false;
+  };
+
+  std::vector<MSG_Callback> receivers() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return tables_;
+  }
+
+  Remote& remote(const std::string& name) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto found = remotes_.find(name);
+    if (found != remotes_.end()) return *found->second;
+    std::string path;
+    std::string problem = socketPath(options_.runtimeDir, name, path);
+    if (problem.empty() && !nameProblem_.empty()) problem = "own name: " + nameProblem_;
+    auto made = std::make_unique<Remote>(name, path, problem, hello_, options_.maxConnections);
+    return *remotes_.emplace(name, std::move(made)).first->second;
+  }
+
+  void deliverFrom(Remote& remote) {
+    if (!remote.problem.empty()) return;
+    {
+      const std::lock_guard<std::mutex> guard(mutex_);
+      if (std::exchange(remote.hasDelivery, true)) return;
+    }
+    delivery_.add(remote.name, remote.path, remote.registrations);
+  }
+
+  CallStatus exchangeWith(Remote& remote, const google::protobuf::MessageLite& request,
+                          google::protobuf::MessageLite* response, Exchange& exchange) {
+    if (PlatformSchema::isRepeatedOnReconnect(exchange.messageId)) {
+      return registerAt(remote, request, response, exchange);
+    }
+    forgetWithdrawn(remote, request, exchange.messageId);
+    const CallStatus status = remote.pool.call(request, response, exchange);
+    if (status == kCallOk && response != nullptr) {
+      lastAnswer = {remote.number, exchange.epoch, exchange.answerRevision};
+    }
+    return status;
+  }
+
+  // A registration is for being told, so the connection for being told comes first: a provider that
+  // was registered but could not be asked would make changes fail.
+  CallStatus registerAt(Remote& remote, const google::protobuf::MessageLite& request,
+                        google::protobuf::MessageLite* response, Exchange& exchange) {
+    deliverFrom(remote);
+    if (lastAnswer.remote == remote.number) {
+      exchange.revision = lastAnswer.revision;
+      exchange.knownEpoch = lastAnswer.epoch;
+    }
+    std::string payload = request.SerializeAsString();
+    const std::string key = PlatformSchema::registrationKey(exchange.messageId, payload);
+    remote.registrations.keep(key, std::move(payload), exchange.knownEpoch, exchange.revision);
+    delivery_.waitForAttempt(remote.name, exchange.deadline);
+    const CallStatus status = remote.pool.call(request, response, exchange);
+    if (status == kCallOk && response != nullptr) {
+      remote.registrations.acknowledge(key, exchange.epoch, exchange.answerRevision);
+    }
+    return status;
+  }
+
+  static void forgetWithdrawn(Remote& remote, const google::protobuf::MessageLite& request,
+                              std::uint32_t messageId) {
+    const bool one = PlatformSchema::withdrawsOneRepeated(messageId);
+    if (!one && !PlatformSchema::withdrawsAllRepeated(messageId)) return;
+    const std::string key = PlatformSchema::registrationKey(messageId, request.SerializeAsString());
+    one ? remote.registrations.withdraw(key) : remote.registrations.withdrawAll(key);
+  }
+
+  unsigned generation_;
+  EndpointOptions options_;
+  const Hello hello_;
+  const std::string nameProblem_;
+  // Guards tables_, remotes_ (the map alone) and hasDelivery. Nothing is taken while it is held.
+  std::mutex mutex_;
+  std::vector<MSG_Callback> tables_;
+  std::map<std::string, std::unique_ptr<Remote>> remotes_;
+  Delivery delivery_;
+};
+
+Endpoint::Endpoint(std::string name, EndpointOptions options) : state_(nullptr) {
+  watchForks();
+  state_ = new State(std::move(name), std::move(options));
+}
+
+Endpoint::~Endpoint() {
+  State* state = state_;
+  if (state->isOfThisProcess()) delete state;
+}
+
+Endpoint::State& Endpoint::state() const {
+  State* state = state_.load(std::memory_order_acquire);
+  if (state->isOfThisProcess()) return *state;
+  static std::mutex mutex;
+  const std::lock_guard<std::mutex> guard(mutex);
+  state = state_;
+  if (state->isOfThisProcess()) return *state;
+  state_ = new State(*state, forkGeneration);
+  return *state_;
+}
+
+void Endpoint::addRemoteEndpoint(const std::string& endpointName, int /*instance*/) {
+  state().addRemote(endpointName);
+}
+
+void Endpoint::addHandlers(const MSG_Callback* table) { state().addHandlers(table); }
+
+std::string Endpoint::localEndpoint() const { return state().name(); }
+
+int Endpoint::send(const google::protobuf::MessageLite& request, const std::string& endpointName,
+                   unsigned int* sequence) {
+  return state().call(request, nullptr, endpointName, sequence);
+}
+
+int Endpoint::sendWaitResponse(const google::protobuf::MessageLite& request,
+                               google::protobuf::MessageLite* response,
+                               const std::string& endpointName) {
+  return state().call(request, response, endpointName, nullptr);
+}
+
+std::string Endpoint::lastRefusal() const { return lastProblem; }
+
+bool Endpoint::waitUntilConnected(const std::string& endpointName,
+                                  std::chrono::milliseconds atMost) {
+  return state().waitUntilConnected(endpointName, atMost);
+}
+
+}  // namespace PbUtility

@@ -1,0 +1,90 @@
+// Delivery: incoming messages of one endpoint: its connections to the remotes for notices and
+// questions, and the one thread that reads them and calls the receivers.
+//
+// Each remote's connection goes through these conditions:
+//
+//   Away        no connection; tried again after a delay that doubles up to kLongestDelay, and at
+//               once when a request finds the service (kick)
+//   Greeting    connected; the service has not answered the greeting yet
+//   Repeating   the kept registrations have been sent, not all are acknowledged
+//   Standing    every registration is acknowledged
+//
+// Threads  the delivery thread owns the connections; what others ask for is behind one mutex, which
+//          is never held while a receiver runs or bytes move.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/messaging/internal/kept_registrations.h"
+#include "platform/messaging/internal/stream.h"
+#include "platform/messaging/msg.h"
+
+namespace PbUtility {
+
+class Delivery {
+ public:
+  // The hello's use is set here. `receivers` gives the present table of receivers.
+  Delivery(Hello hello, std::function<std::vector<MSG_Callback>()> receivers);
+  ~Delivery();
+  Delivery(const Delivery&) = delete;
+  Delivery& operator=(const Delivery&) = delete;
+
+  // Starts to look for a remote. The registrations outlive this object.
+  void add(const std::string& name, const std::string& path, KeptRegistrations& registrations);
+
+  // The remote was just seen alive: do not wait out the delay.
+  void kick(const std::string& name);
+
+  // Waits until the connection stands, or an attempt that began after the call has failed.
+  void waitForAttempt(const std::string& name, Clock::time_point deadline);
+  // Waits until the connection stands and every registration is acknowledged.
+  bool waitUntilStanding(const std::string& name, Clock::time_point deadline);
+
+ private:
+  enum class Condition { Away, Greeting, Repeating, Standing };
+  struct Remote;
+
+  void startThread();
+  void run();
+  void wake();
+  void tryConnect(Remote& remote);
+  std::string greeting() const;
+  bool takeWelcome(Remote& remote, const FrameHeader& header, std::string_view payload);
+  void endAttempt(Remote& remote);
+  void repeatRegistrations(Remote& remote);
+  void readFrom(Remote& remote);
+  bool consume(Remote& remote);
+  bool take(Remote& remote, const FrameHeader& header, std::string_view payload);
+  void noteResponse(Remote& remote, const FrameHeader& header);
+  bool writePending(Remote& remote);
+  void lose(Remote& remote);
+  void setCondition(Remote& remote, Condition condition);
+  std::vector<Remote*> remotes();
+  int poll(const std::vector<Remote*>& remotes);
+
+  const Hello hello_;
+  const std::function<std::vector<MSG_Callback>()> receivers_;
+  const UniqueFd wakeUp_;
+  std::atomic<bool> stopping_{false};
+  // Guards remotes_ (the map, not what the delivery thread owns in a Remote) and the conditions,
+  // attempt counts and kicks in it.
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<std::string, std::unique_ptr<Remote>> remotes_;
+  // The delivery thread's own.
+  std::vector<char> readBuffer_;
+  std::thread thread_;
+};
+
+}  // namespace PbUtility

@@ -1,0 +1,50 @@
+// Outbox: what waits to be written to one connection.
+//
+// Answers are written in the order in which they were given. Notices and questions wait in a queue
+// of their own behind them, where a notice takes the place of an older one with the same key: a
+// reader that is slow, or stopped, costs one notice for each variable and no more.
+//
+// Threads  the serving thread alone.
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace PbUtility {
+
+class Outbox {
+ public:
+  // Appends a whole frame that must be sent as it is.
+  void add(std::string_view frame);
+  // Appends a whole frame to the queue of messages; of those with the same non-empty key that have
+  // not begun to be written, only this one remains.
+  void queue(std::string frame, const std::string& key);
+
+  enum class Written { All, Some, Failed };
+  // Writes what the socket takes without waiting.
+  Written writeTo(int fd);
+
+  bool isEmpty() const { return waitingBytes() == 0; }
+  std::size_t waitingBytes() const { return bytes_.size() - written_ + queuedBytes_; }
+  std::size_t queuedMessages() const { return messages_.size(); }
+
+ private:
+  struct Message {
+    std::string frame;
+    std::string key;
+  };
+  // Moves messages into the bytes to be written, a few at a time, so that the rest can still be
+  // replaced by newer ones.
+  void stage();
+
+  std::string bytes_;
+  std::size_t written_ = 0;
+  std::list<Message> messages_;
+  std::size_t queuedBytes_ = 0;
+  std::unordered_map<std::string, std::list<Message>::iterator> newest_;
+};
+
+}  // namespace PbUtility

@@ -1,0 +1,64 @@
+// Stream: a connected Unix stream socket whose every operation ends by a deadline.
+//
+// The deadline costs nothing while things go well: it stands in the socket's own time-outs
+// (SO_RCVTIMEO, SO_SNDTIMEO; socket(7)), which are set again only when part of it is used up, so a
+// small exchange is one send and one recv.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+#include "platform/messaging/frame.h"
+#include "platform/messaging/internal/unique_fd.h"
+
+namespace PbUtility {
+
+using Clock = std::chrono::steady_clock;
+
+enum class StreamStatus {
+  Ok,
+  // The peer has closed, or is dead.
+  Closed,
+  TimedOut,
+  // Nobody listens at the path.
+  NoListener,
+  // What came is no frame, or the system is out of something; problem() tells.
+  Broken,
+};
+
+class Stream {
+ public:
+  // Connects to a listening socket. NoListener is decided at once, whatever the deadline.
+  StreamStatus connect(const std::string& path, Clock::time_point deadline);
+
+  bool isOpen() const { return static_cast<bool>(fd_); }
+  int fd() const { return fd_.get(); }
+  void close() { fd_.reset(); }
+  const std::string& problem() const { return problem_; }
+
+  // Sends all bytes. `sentNothing` tells after a failure that not one byte reached the peer.
+  StreamStatus sendAll(const char* data, std::size_t size, Clock::time_point deadline,
+                       bool& sentNothing);
+
+  // Receives one frame; the payload stands in payload() until the next call.
+  StreamStatus receiveFrame(FrameHeader& header, Clock::time_point deadline);
+  std::string_view payload() const { return {buffer_.data() + kFrameHeaderBytes, payloadBytes_}; }
+
+ private:
+  enum class Direction { Receive, Send };
+  // Makes the socket's own time-out end by the deadline; false when it has passed.
+  bool armTimeout(Direction direction, Clock::time_point deadline);
+  StreamStatus fail(int error);
+  // Reads until `wanted` bytes stand in the buffer, and perhaps more.
+  StreamStatus fill(std::size_t& have, std::size_t wanted, Clock::time_point deadline);
+
+  UniqueFd fd_;
+  std::string problem_;
+  std::string buffer_;
+  std::size_t payloadBytes_ = 0;
+  std::chrono::milliseconds armed_[2] = {std::chrono::milliseconds(-1),
+                                         std::chrono::milliseconds(-1)};
+};
+
+}  // namespace PbUtility

@@ -1,0 +1,61 @@
+// Timers: tasks to be run at a time, for one thread.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <unordered_map>
+#include <utility>
+
+namespace PbUtility {
+
+class Timers {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  std::uint64_t add(Clock::time_point when, std::function<void()> task) {
+    const std::uint64_t number = ++last_;
+    byNumber_.emplace(number, tasks_.emplace(when, Task{number, std::move(task)}));
+    return number;
+  }
+
+  void cancel(std::uint64_t number) {
+    const auto found = byNumber_.find(number);
+    if (found == byNumber_.end()) return;
+    tasks_.erase(found->second);
+    byNumber_.erase(found);
+  }
+
+  // Milliseconds until the next task, rounded up; -1 when there is none.
+  int untilNext() const {
+    if (tasks_.empty()) return -1;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(tasks_.begin()->first - Clock::now());
+    return left.count() <= 0 ? 0 : static_cast<int>(left.count());
+  }
+
+  // Runs what is due. A task may add and cancel timers.
+  void runDue() {
+    const Clock::time_point now = Clock::now();
+    while (!tasks_.empty() && tasks_.begin()->first <= now) {
+      const Task task = std::move(tasks_.begin()->second);
+      byNumber_.erase(task.number);
+      tasks_.erase(tasks_.begin());
+      task.run();
+    }
+  }
+
+  bool isEmpty() const { return tasks_.empty(); }
+
+ private:
+  struct Task {
+    std::uint64_t number;
+    std::function<void()> run;
+  };
+  std::uint64_t last_ = 0;
+  std::multimap<Clock::time_point, Task> tasks_;
+  std::unordered_map<std::uint64_t, std::multimap<Clock::time_point, Task>::iterator> byNumber_;
+};
+
+}  // namespace PbUtility

@@ -1,0 +1,151 @@
+// Server: the serving side of the message layer.
+//
+// One thread, the one in run(), accepts connections, reads frames, calls the ServerHandler and
+// writes answers: a request is answered from the thread that read it. Other threads hand work to
+// that thread with post().
+//
+// Peers    all connections of one endpoint of one process make one peer: they share a token and the
+//          kernel's word (uid, pid) for who is there. Only a peer's own connections answer for it.
+// Errors   a peer that sends what is no frame, half a frame, or more than it may, loses that
+//          connection; one line says why. Nothing a peer does stops the server.
+// Threads  post() and stop() from any thread, stop() also from a signal handler; all else from the
+//          thread in run(), or before it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace google {
+namespace protobuf {
+class MessageLite;
+}
+}  // namespace google
+
+namespace PbUtility {
+
+using PeerId = std::uint64_t;
+
+// What the kernel says of a peer, and the name that it gives itself.
+struct Peer {
+  PeerId id = 0;
+  std::string name;
+  uid_t uid = 0;
+  gid_t gid = 0;
+  pid_t pid = 0;
+};
+
+// Where an answer goes: one request of one connection. A plain value that may be kept; answering
+// after the connection is gone does nothing.
+struct RequestId {
+  std::uint64_t connection = 0;
+  std::uint32_t sequence = 0;
+  // Nobody waits: answers to it are dropped.
+  bool oneWay = false;
+};
+
+struct IncomingRequest {
+  RequestId id;
+  const Peer& peer;
+  std::uint32_t messageId;
+  // The peer's delivery thread waits for this request: see kFlagInsideReceiver.
+  bool insideReceiver;
+  // FrameHeader::revision as the client sent it.
+  std::uint64_t revision;
+  // Valid until the call returns.
+  std::string_view payload;
+};
+
+class ServerHandler {
+ public:
+  virtual ~ServerHandler() = default;
+  // Answer now or later, once, with respond() or refuse().
+  virtual void onRequest(const IncomingRequest& request) = 0;
+  // One of the answers to a question; the payload is valid until the call returns.
+  virtual void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
+                        std::string_view payload) = 0;
+  // The question is over: no further answer comes. Called exactly once for each question that
+  // ask() took; also, with peerGone, when the peer's delivery connection ends first.
+  virtual void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) = 0;
+  // The peer's last connection is gone. Its questions were ended before.
+  virtual void onPeerGone(const Peer& peer) = 0;
+  // The peer can be sent notices and questions from now on; it repeats its registrations next.
+  virtual void onDeliveryReady(const Peer& peer) { static_cast<void>(peer); }
+  // One line about a fault that was dealt with; no line break.
+  virtual void onLog(const std::string& line) = 0;
+};
+
+struct ServerOptions {
+  std::string runtimeDir;
+  // Name of the endpoint; its socket stands at the path of runtime_dir.h.
+  std::string name;
+  // A listening socket that somebody else made (socket activation); -1: make one.
+  int listenFd = -1;
+  // Revisions of this epoch compare; see Welcome.
+  std::uint64_t epoch = 0;
+  // Limits. What goes past one is refused and logged.
+  unsigned maxConnections = 1024;
+  unsigned maxConnectionsPerPeer = 64;
+  // Bytes of answers that may wait for one connection's reader before it is closed.
+  std::size_t maxAnswerBytes = std::size_t{32} * 1024 * 1024;
+  // Notices that may wait for one peer; only the newest for each coalescing key counts.
+  std::size_t maxNotices = 65536;
+};
+
+class Server {
+ public:
+  Server(ServerOptions options, ServerHandler& handler);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Takes the socket. Empty on success; else what is wrong and what to do: another server has the
+  // name, the directory cannot be made, the name is refused. A socket file that a dead server left
+  // is replaced.
+  [[nodiscard]] std::string open();
+  // Serves until stop(). Removes the socket file when it leaves.
+  void run();
+  // Ends run() soon. Safe in a signal handler.
+  void stop() noexcept;
+
+  // Answers a request. The revision goes into the frame's header.
+  void respond(const RequestId& request, const google::protobuf::MessageLite& response,
+               std::uint64_t revision);
+  // Answers that the request cannot be taken at all; the call then fails at the client.
+  void refuse(const RequestId& request, std::uint32_t error, const std::string& text);
+
+  // Queues a notice for a peer. Of several waiting notices with one non-empty coalescing key only
+  // the newest is kept, at the place of the newest. A peer without a delivery connection gets
+  // nothing: it is brought up to date when it repeats its registrations. When the queue is full the
+  // delivery connection is closed, which makes the peer reconnect and do the same.
+  void notify(PeerId peer, const google::protobuf::MessageLite& notice, std::uint64_t revision,
+              const std::string& coalescingKey);
+
+  // Asks a peer. The question's number, or 0 when the peer has no delivery connection.
+  std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question,
+                    std::uint64_t revision);
+
+  // Runs a task on the serving thread, soon. From any thread.
+  void post(std::function<void()> task);
+
+  // Runs a task on the serving thread at a time. The number cancels it.
+  std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);
+  void cancel(std::uint64_t timer);
+
+  // Null when the peer is gone.
+  const Peer* peer(PeerId id) const;
+  std::size_t peerCount() const;
+  // Bytes that wait for the peer's delivery connection, and notices that were coalesced away.
+  std::size_t waitingNotices(PeerId id) const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace PbUtility

@@ -1,0 +1,64 @@
+#include "platform/messaging/runtime_dir.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace PbUtility {
+namespace {
+
+struct NameCase {
+  const char* why;
+  std::string name;
+  std::string path;
+  std::string problem;
+};
+
+TEST(RuntimeDirTest, ANameIsAPathBelowTheDirectoryOrIsRefusedWithItsReason) {
+  const std::string longName(128, 'n');
+  const NameCase cases[] = {
+      {"a bare name", "ConfigSrvc", "/run/a/ConfigSrvc", ""},
+      {"a leading slash adds none", "/engine/ConfigSrvc", "/run/a/engine/ConfigSrvc", ""},
+      {"dots inside a step are ordinary", "a..b", "/run/a/a..b", ""},
+      {"empty", "", "", "names no endpoint"},
+      {"a directory", "engine/", "", "names no endpoint"},
+      {"leaves the directory", "../ConfigSrvc", "", "would leave"},
+      {"leaves it further in", "a/../../b", "", "would leave"},
+      {"a lone dot", "./b", "", "would leave"},
+      {"a NUL byte", std::string("a\0b", 3), "", "NUL"},
+      {"too long a name", longName, "", "longer than 127"},
+  };
+  for (const NameCase& c : cases) {
+    std::string path;
+    const std::string problem = socketPath("/run/a", c.name, path);
+    if (c.problem.empty()) {
+      EXPECT_EQ(problem, "") << c.why;
+      EXPECT_EQ(path, c.path) << c.why;
+    } else {
+      EXPECT_NE(problem.find(c.problem), std::string::npos) << c.why << ": " << problem;
+    }
+  }
+}
+
+TEST(RuntimeDirTest, APathLongerThanASocketAddressIsRefused) {
+  std::string path;
+  const std::string directory = "/" + std::string(100, 'd');
+  EXPECT_NE(socketPath(directory, "ConfigSrvc", path).find("107"), std::string::npos);
+}
+
+TEST(RuntimeDirTest, WithoutADirectoryTheTextSaysWhatToSet) {
+  std::string path;
+  EXPECT_NE(socketPath("", "a", path).find("APPCONFIG_RUNTIME_DIR"), std::string::npos);
+}
+
+TEST(RuntimeDirTest, TheEnvironmentComesBeforeTheSystemsPlaces) {
+  ::setenv("APPCONFIG_RUNTIME_DIR", "/somewhere", 1);
+  EXPECT_EQ(defaultRuntimeDir(), "/somewhere");
+  ::unsetenv("APPCONFIG_RUNTIME_DIR");
+  ::setenv("XDG_RUNTIME_DIR", "/run/user/1", 1);
+  EXPECT_EQ(defaultRuntimeDir(), ::geteuid() == 0 ? "/run/appconfig" : "/run/user/1/appconfig");
+}
+
+}  // namespace
+}  // namespace PbUtility

@@ -1,0 +1,324 @@
+#include "platform/messaging/server.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "platform/messaging/endpoint.h"
+#include "platform/schema/config_if.pb.h"
+#include "tests/platform/messaging/raw_client.h"
+#include "tests/support/eventually.h"
+#include "tests/support/serving.h"
+#include "tests/support/temp_dir.h"
+
+namespace PbUtility {
+namespace {
+
+using TestSupport::eventually;
+using TestSupport::RawClient;
+using TestSupport::Serving;
+
+class ServerTest : public ::testing::Test {
+ protected:
+  std::string socketFile() const { return dir.file("ConfigSrvc"); }
+
+  ServerOptions options() const {
+    ServerOptions made;
+    made.runtimeDir = dir.path();
+    made.name = "ConfigSrvc";
+    return made;
+  }
+
+  // One more client that is served, whatever was done to the service before.
+  void expectServed() {
+    EndpointOptions own;
+    own.runtimeDir = dir.path();
+    Endpoint endpoint("bystander", own);
+    ConfigIF::ReadReq request;
+    request.set_client_name("served");
+    ConfigIF::ReadRsp response;
+    ASSERT_EQ(endpoint.sendWaitResponse(request, &response, "ConfigSrvc"), 0);
+    EXPECT_EQ(response.values(0), "served");
+  }
+
+  static std::size_t linesAbout(const Serving& serving, const std::string& text) {
+    std::size_t count = 0;
+    for (const std::string& line : serving.log()) count += line.find(text) != std::string::npos;
+    return count;
+  }
+
+  TestSupport::TempDir dir;
+};
+
+std::string request(std::uint32_t messageId, const std::string& payload) {
+  FrameHeader header;
+  header.kind = FrameKind::Request;
+  header.messageId = messageId;
+  header.sequence = 1;
+  return RawClient::frame(header, payload);
+}
+
+TEST_F(ServerTest, GarbageCostsOneLogLineAndThatConnectionAlone) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(std::string(100, '\xEE')));
+  EXPECT_TRUE(client.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return serving.log().size() == 1; }));
+  EXPECT_NE(serving.log()[0].find("frame version 238"), std::string::npos) << serving.log()[0];
+  expectServed();
+}
+
+TEST_F(ServerTest, AFrameThatClaimsFourGibibytesEndsItsConnectionBeforeItsBytesAreAwaited) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("liar")));
+  std::string frame = request(0x1A0110, "");
+  frame.replace(12, 4, "\xFF\xFF\xFF\xFF");
+  ASSERT_TRUE(client.send(frame));
+  EXPECT_TRUE(client.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "4294967295") == 1; }));
+  expectServed();
+}
+
+TEST_F(ServerTest, HalfAFrameAndThenNothingIsOneLogLine) {
+  Serving serving(dir.path());
+  {
+    RawClient client(socketFile());
+    ASSERT_TRUE(client.send(RawClient::hello("half") + request(0x1A0110, "payload").substr(0, 27)));
+    client.receive();
+  }
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "in the middle of a frame") == 1; }));
+  EXPECT_TRUE(serving.requests().empty());
+  expectServed();
+}
+
+TEST_F(ServerTest, AFrameThatComesByteByByteIsOneRequest) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  ConfigIF::ReadReq read;
+  read.set_client_name("slow");
+  for (const char byte : RawClient::hello("slow") + request(0x1A0110, read.SerializeAsString())) {
+    ASSERT_TRUE(client.send(std::string(1, byte)));
+  }
+  EXPECT_TRUE(eventually([&] { return serving.requests().size() == 1; }));
+  EXPECT_EQ(serving.requests()[0].payload, read.SerializeAsString());
+}
+
+TEST_F(ServerTest, ManyRequestsInOneSegmentAreAnsweredInOrder) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  std::string bytes = RawClient::hello("burst");
+  for (int i = 0; i < 1000; ++i) {
+    ConfigIF::ReadReq read;
+    read.set_client_name(std::to_string(i));
+    bytes += request(0x1A0110, read.SerializeAsString());
+  }
+  ASSERT_TRUE(client.send(bytes));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 1000; }));
+  ConfigIF::ReadReq last;
+  ASSERT_TRUE(last.ParseFromString(serving.requests()[999].payload));
+  EXPECT_EQ(last.client_name(), "999");
+}
+
+TEST_F(ServerTest, WhoDoesNotGreetFirstIsClosed) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(request(0x1A0110, "")));
+  EXPECT_TRUE(client.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "did not greet first") == 1; }));
+}
+
+TEST_F(ServerTest, AnAnswerToAQuestionThatWasNotAskedEndsTheConnection) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  FrameHeader header;
+  header.kind = FrameKind::Answer;
+  header.sequence = 1;
+  ASSERT_TRUE(client.send(RawClient::hello("forger", 1, ConnectionUse::Delivery) +
+                          RawClient::frame(header, "")));
+  EXPECT_TRUE(client.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "not asked") == 1; }));
+  EXPECT_TRUE(serving.questions().empty());
+}
+
+TEST_F(ServerTest, AQuestionOfOnePeerCannotBeAnsweredByAnother) {
+  Serving serving(dir.path());
+  RawClient owner(socketFile());
+  ASSERT_TRUE(owner.send(RawClient::hello("owner", 1, ConnectionUse::Delivery)));
+  ASSERT_TRUE(eventually([&] { return serving.readyPeer() != 0; }));
+  const std::uint32_t number = serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq());
+  ASSERT_NE(number, 0U);
+  RawClient other(socketFile());
+  FrameHeader header;
+  header.kind = FrameKind::Done;
+  header.sequence = number;
+  ASSERT_TRUE(other.send(RawClient::hello("other", 2, ConnectionUse::Delivery) +
+                         RawClient::frame(header, "")));
+  EXPECT_TRUE(other.isClosedByService());
+  EXPECT_TRUE(serving.questions().empty());
+}
+
+TEST_F(ServerTest, TheEndOfADeliveryConnectionEndsItsOpenQuestions) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("mortal", 1, ConnectionUse::Delivery)));
+  ASSERT_TRUE(eventually([&] { return serving.readyPeer() != 0; }));
+  ASSERT_NE(serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq()), 0U);
+  client.close();
+  ASSERT_TRUE(eventually([&] { return serving.gone().size() == 1; }));
+  ASSERT_EQ(serving.questions().size(), 1U);
+  EXPECT_TRUE(serving.questions()[0].peerGone);
+}
+
+TEST_F(ServerTest, APeerWithoutADeliveryConnectionCannotBeAsked) {
+  Serving serving(dir.path());
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("mute") + request(0x1A0110, "")));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 1; }));
+  EXPECT_EQ(serving.ask(serving.requests()[0].peer.id, ConfigIF::DynamicValidateReq()), 0U);
+}
+
+TEST_F(ServerTest, TheKernelTellsWhoThePeerIs) {
+  Serving serving(dir.path());
+  expectServed();
+  const Peer peer = serving.requests()[0].peer;
+  EXPECT_EQ(peer.name, "bystander");
+  EXPECT_EQ(peer.pid, ::getpid());
+  EXPECT_EQ(peer.uid, ::getuid());
+}
+
+TEST_F(ServerTest, ATokenUnderAnotherNameIsRefused) {
+  Serving serving(dir.path());
+  RawClient first(socketFile());
+  ASSERT_TRUE(first.send(RawClient::hello("first", 9)));
+  ASSERT_FALSE(first.receive().empty());
+  RawClient second(socketFile());
+  ASSERT_TRUE(second.send(RawClient::hello("second", 9)));
+  EXPECT_TRUE(second.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "of another process") == 1; }));
+}
+
+TEST_F(ServerTest, ConnectionsBeyondTheLimitAreRefusedAndLoggedOnce) {
+  ServerOptions limited = options();
+  limited.maxConnections = 2;
+  Serving serving(limited);
+  RawClient first(socketFile());
+  RawClient second(socketFile());
+  ASSERT_TRUE(second.send(RawClient::hello("second")));
+  ASSERT_FALSE(second.receive().empty());
+  EXPECT_TRUE(RawClient(socketFile()).isClosedByService());
+  EXPECT_TRUE(RawClient(socketFile()).isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "refusing connections") == 1; }));
+  first.close();
+  EXPECT_TRUE(eventually([&] {
+    RawClient again(socketFile());
+    return again.send(RawClient::hello("again", 3)) && !again.receive().empty();
+  }));
+}
+
+TEST_F(ServerTest, ConnectionsOfOnePeerBeyondTheLimitAreRefused) {
+  ServerOptions limited = options();
+  limited.maxConnectionsPerPeer = 1;
+  Serving serving(limited);
+  RawClient first(socketFile());
+  ASSERT_TRUE(first.send(RawClient::hello("greedy")));
+  ASSERT_FALSE(first.receive().empty());
+  RawClient second(socketFile());
+  ASSERT_TRUE(second.send(RawClient::hello("greedy")));
+  EXPECT_TRUE(second.isClosedByService());
+  EXPECT_EQ(linesAbout(serving, "which is the limit"), 1U);
+}
+
+TEST_F(ServerTest, WhoNeverReadsItsAnswersIsClosedAtTheLimit) {
+  ServerOptions limited = options();
+  limited.maxAnswerBytes = 1 << 20;
+  Serving serving(limited);
+  serving.onRequestDo = [](Server& server, const Serving::Request& read) {
+    ConfigIF::ReadRsp response;
+    response.add_values(std::string(300000, 'x'));
+    server.respond(read.id, response, 1);
+  };
+  RawClient client(socketFile());
+  std::string bytes = RawClient::hello("deaf");
+  for (int i = 0; i < 20; ++i) bytes += request(0x1A0110, "");
+  ASSERT_TRUE(client.send(bytes));
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "does not read its answers") == 1; }));
+}
+
+TEST_F(ServerTest, WhoNeverReadsItsNoticesIsClosedAtTheLimit) {
+  ServerOptions limited = options();
+  limited.maxNotices = 100;
+  Serving serving(limited);
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("deaf", 1, ConnectionUse::Delivery)));
+  ASSERT_TRUE(eventually([&] { return serving.readyPeer() != 0; }));
+  ConfigIF::ConfigChangedNtfy notice;
+  notice.mutable_value()->add_values(std::string(10000, 'x'));
+  serving.onServer([&](Server& server) {
+    for (int i = 0; i < 1000; ++i) {
+      server.notify(serving.readyPeer(), notice, 1, std::to_string(i));
+    }
+  });
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "does not read its notices") == 1; }));
+}
+
+TEST_F(ServerTest, ASecondServerOfTheNameIsRefusedAndTheFirstServesOn) {
+  Serving serving(dir.path());
+  Server second(options(), serving);
+  EXPECT_NE(second.open().find("another service already serves"), std::string::npos);
+  expectServed();
+}
+
+TEST_F(ServerTest, ASocketFileThatADeadServerLeftIsReplaced) {
+  {
+    // What a killed server leaves: a socket file that nobody listens at.
+    UniqueFd dead(::socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socketFile().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(dead.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  Serving serving(dir.path());
+  expectServed();
+}
+
+TEST_F(ServerTest, AFileInTheSocketsPlaceIsReportedAndLeftAlone) {
+  std::ofstream(socketFile()) << "precious";
+  Serving elsewhere(dir.file("x"));
+  Server server(options(), elsewhere);
+  EXPECT_NE(server.open().find("is in the way and is no socket"), std::string::npos);
+  std::string content;
+  std::ifstream(socketFile()) >> content;
+  EXPECT_EQ(content, "precious");
+}
+
+TEST_F(ServerTest, TheSocketGoesWithTheServer) {
+  struct stat status {};
+  {
+    Serving serving(dir.path());
+    ASSERT_EQ(::stat(socketFile().c_str(), &status), 0);
+    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  }
+  EXPECT_NE(::stat(socketFile().c_str(), &status), 0);
+}
+
+TEST_F(ServerTest, TimersRunInTheirOrderAndNotWhenCancelled) {
+  Serving serving(dir.path());
+  std::vector<int> order;
+  std::atomic<bool> ended{false};
+  serving.onServer([&](Server& server) {
+    server.after(std::chrono::milliseconds(20), [&] {
+      order.push_back(2);
+      ended = true;
+    });
+    const auto cancelled = server.after(std::chrono::milliseconds(5), [&] { order.push_back(9); });
+    server.after(std::chrono::milliseconds(1), [&] { order.push_back(1); });
+    server.cancel(cancelled);
+  });
+  EXPECT_TRUE(eventually([&] { return ended.load(); }));
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+}  // namespace
+}  // namespace PbUtility
