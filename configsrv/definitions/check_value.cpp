@@ -1,0 +1,179 @@
+#include <algorithm>
+
+#include "configsrv/definitions/definitions.h"
+#include "configsrv/definitions/internal/int_value.h"
+#include "configsrv/definitions/pattern.h"
+
+// Every reason begins with the value, or with what stands for it, so that each check adds only what
+// the value is not. Values are quoted in printable form and cut: they come from outside and end up
+// in logs.
+
+namespace ConfigSrv {
+namespace {
+
+// As much of a value, and as many options, as a reason repeats.
+constexpr std::size_t kMaxQuotedBytes = 80;
+constexpr std::size_t kMaxQuotedOptions = 20;
+
+std::string quoted(std::string_view value) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string out = "\"";
+  for (const char c : value.substr(0, kMaxQuotedBytes)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte < 0x7f && c != '\\') {
+      out += c;
+    } else {
+      out += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 0xf]};
+    }
+  }
+  return out + (value.size() > kMaxQuotedBytes ? "...\"" : "\"");
+}
+
+std::string bytes(std::size_t count) {
+  return std::to_string(count) + (count == 1 ? " byte" : " bytes");
+}
+
+std::string elements(std::size_t count) {
+  return std::to_string(count) + (count == 1 ? " element" : " elements");
+}
+
+std::string named(const VariableShape& shape, std::string_view element) {
+  return shape.secret ? "the value" : quoted(element);
+}
+
+std::string allowedOptions(const std::vector<std::string>& options) {
+  std::string out;
+  for (std::size_t i = 0; i < std::min(options.size(), kMaxQuotedOptions); ++i) {
+    out += (i == 0 ? "" : ", ") + quoted(options[i]);
+  }
+  const std::size_t more = options.size() - std::min(options.size(), kMaxQuotedOptions);
+  return more == 0 ? out : out + " and " + std::to_string(more) + " more";
+}
+
+std::string checkSize(const VariableShape& shape, const std::list<std::string>& value) {
+  const std::size_t count = value.size();
+  if (shape.type != ValueType::kList && count != 1) {
+    return "a value of type " + std::string(valueTypeName(shape.type)) +
+           " has exactly one element, not " + std::to_string(count);
+  }
+  const std::size_t most = shape.maxElements.value_or(kMaxElements);
+  if (count > most)
+    return "the list has " + elements(count) + ", and " + elements(most) + " at most are allowed";
+  std::size_t sum = 0;
+  for (const std::string& element : value) sum += element.size();
+  if (sum <= kMaxValueBytes) return std::string();
+  return "the value has " + bytes(sum) + ", and " + bytes(kMaxValueBytes) + " at most are allowed";
+}
+
+std::string checkInt(const VariableShape& shape, const std::string& element) {
+  std::int64_t number = 0;
+  switch (readInt(element, number)) {
+    case IntReading::kNumber:
+      break;
+    case IntReading::kNotANumber:
+      return named(shape, element) +
+             " is no whole number: digits with an optional sign, or 0x and hexadecimal digits, or "
+             "0 "
+             "and octal digits";
+    case IntReading::kTooLong:
+      return named(shape, element) + " is outside 64 bits";
+  }
+  const std::int64_t least = lowestAllowed(shape);
+  const std::int64_t most = highestAllowed(shape);
+  if (number < least) {
+    return named(shape, element) + " is less than " + std::to_string(least) +
+           ", the smallest value allowed";
+  }
+  if (number > most) {
+    return named(shape, element) + " is more than " + std::to_string(most) +
+           ", the largest value allowed";
+  }
+  return std::string();
+}
+
+bool equalsIgnoringCase(std::string_view value, std::string_view lowerCase) {
+  return value.size() == lowerCase.size() &&
+         std::equal(value.begin(), value.end(), lowerCase.begin(),
+                    [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; });
+}
+
+std::string checkBool(const VariableShape& shape, const std::string& element) {
+  if (equalsIgnoringCase(element, "true") || equalsIgnoringCase(element, "false")) {
+    return std::string();
+  }
+  return named(shape, element) + " is neither true nor false";
+}
+
+std::string checkLength(const VariableShape& shape, const std::string& element) {
+  if (!shape.maxLength || element.size() <= *shape.maxLength) return std::string();
+  return named(shape, element) + " has " + bytes(element.size()) + ", and " +
+         bytes(*shape.maxLength) + " at most are allowed";
+}
+
+std::string checkPattern(const VariableShape& shape, const std::string& element,
+                         PatternMatcher& matcher) {
+  if (matcher.matches(element)) return std::string();
+  if (element.size() > kMaxMatchedBytes) {
+    return named(shape, element) + " has " + bytes(element.size()) + ", and with a pattern " +
+           bytes(kMaxMatchedBytes) + " at most are allowed";
+  }
+  return named(shape, element) + " does not match the pattern " + quoted(shape.pattern->text());
+}
+
+std::string checkText(const VariableShape& shape, const std::list<std::string>& value) {
+  std::string reason;
+  std::optional<PatternMatcher> matcher;
+  if (shape.pattern) matcher.emplace(*shape.pattern);
+  for (const std::string& element : value) {
+    reason = checkLength(shape, element);
+    if (reason.empty() && matcher) reason = checkPattern(shape, element, *matcher);
+    if (!reason.empty()) break;
+  }
+  return reason;
+}
+
+std::string checkType(const VariableShape& shape, const std::list<std::string>& value) {
+  switch (shape.type) {
+    case ValueType::kInt:
+      return checkInt(shape, value.front());
+    case ValueType::kBool:
+      return checkBool(shape, value.front());
+    case ValueType::kString:
+    case ValueType::kList:
+      return checkText(shape, value);
+    case ValueType::kEnumeration:
+      break;
+  }
+  return std::string();
+}
+
+std::string checkOptions(const VariableShape& shape, const std::vector<std::string>& options,
+                         const std::list<std::string>& value) {
+  if (options.empty()) {
+    return shape.type == ValueType::kEnumeration ? "the variable has no options at present"
+                                                 : std::string();
+  }
+  for (const std::string& element : value) {
+    if (std::find(options.begin(), options.end(), element) != options.end()) continue;
+    return named(shape, element) + " is none of the options: " + allowedOptions(options);
+  }
+  return std::string();
+}
+
+}  // namespace
+
+std::string checkValue(const VariableShape& shape, const std::vector<std::string>& options,
+                       const std::list<std::string>& value) {
+  std::string reason = checkSize(shape, value);
+  if (reason.empty()) reason = checkType(shape, value);
+  if (reason.empty()) reason = checkOptions(shape, options, value);
+  return reason;
+}
+
+std::string checkValue(const VariableDefinition& definition,
+                       const std::vector<std::string>& options,
+                       const std::list<std::string>& value) {
+  return checkValue(*definition.shape, options, value);
+}
+
+}  // namespace ConfigSrv

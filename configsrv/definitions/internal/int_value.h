@@ -1,0 +1,20 @@
+// The numbers of int variables: how a text is read, and the limits in force.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "configsrv/definitions/definitions.h"
+
+namespace ConfigSrv {
+
+enum class IntReading { kNumber, kNotANumber, kTooLong };
+
+// Reads what strtol reads with base 0, if it is all of the text: leading blanks are refused too.
+IntReading readInt(std::string_view text, std::int64_t& number);
+
+// What 32 signed bits hold, unless the definition says otherwise.
+std::int64_t lowestAllowed(const VariableShape& shape);
+std::int64_t highestAllowed(const VariableShape& shape);
+
+}  // namespace ConfigSrv

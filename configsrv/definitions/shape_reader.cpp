@@ -1,0 +1,405 @@
+#include "configsrv/definitions/internal/shape_reader.h"
+
+#include <algorithm>
+#include <initializer_list>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "appconfig/core/role_names.h"
+#include "configsrv/definitions/internal/int_value.h"
+#include "configsrv/definitions/pattern.h"
+
+// A field may come from another file, or from the definition of a single instance, and contradict
+// one that was right until then. What several fields have done together is therefore reported at
+// the one that came last.
+
+namespace ConfigSrv {
+namespace {
+
+constexpr std::string_view kTypeNames = "string, int, bool, list, enumeration";
+
+struct FieldOfTypes {
+  std::string_view field;
+  std::initializer_list<ValueType> types;
+};
+
+const FieldOfTypes kFieldsOfTypes[] = {
+    {"min", {ValueType::kInt}},
+    {"max", {ValueType::kInt}},
+    {"max-length", {ValueType::kString, ValueType::kList}},
+    {"max-elements", {ValueType::kList}},
+    {"pattern", {ValueType::kString, ValueType::kList}},
+    {"options", {ValueType::kString, ValueType::kInt, ValueType::kList, ValueType::kEnumeration}},
+    {"default-index",
+     {ValueType::kString, ValueType::kInt, ValueType::kList, ValueType::kEnumeration}},
+};
+
+std::optional<ValueType> parseType(std::string_view name) {
+  for (const ValueType type : {ValueType::kString, ValueType::kInt, ValueType::kBool,
+                               ValueType::kList, ValueType::kEnumeration}) {
+    if (valueTypeName(type) == name) return type;
+  }
+  return std::nullopt;
+}
+
+std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+
+std::string listOfTypes(const std::initializer_list<ValueType>& types) {
+  std::string out;
+  for (const ValueType type : types) {
+    out += (out.empty() ? "" : ", ") + std::string(valueTypeName(type));
+  }
+  return out;
+}
+
+class ShapeReader {
+ public:
+  ShapeReader(const Chain& chain, std::vector<Mistake>& mistakes)
+      : chain_(chain), mistakes_(mistakes) {}
+
+  std::shared_ptr<const VariableShape> read();
+
+ private:
+  // False when one of the definitions is broken.
+  bool layChain();
+  const WrittenDefinition& origin() const;
+  const TomlValue* value(std::string_view field) const;
+  std::string string(std::string_view field) const;
+  bool boolean(std::string_view field) const;
+  std::optional<std::int64_t> integer(std::string_view field) const;
+  void report(std::initializer_list<std::string_view> fields, const std::string& text);
+
+  bool readType();
+  void checkFieldsOfType();
+  void readRange();
+  std::optional<std::uint32_t> readSize(std::string_view field, std::size_t most);
+  void readPattern();
+  void readOptions();
+  void readDefaultIndex();
+  void readDefault();
+  bool convertDefault(const TomlValue& written);
+  void supplyDefault();
+  void checkDefault();
+  void agreeOnDefaultIndex();
+  void readRoles();
+  AppConfig::SecurityRole readRole(std::string_view field, AppConfig::SecurityRole otherwise);
+  void readDescription();
+
+  const Chain& chain_;
+  std::vector<Mistake>& mistakes_;
+  Fields fields_;
+  VariableShape shape_;
+};
+
+const TomlValue* ShapeReader::value(std::string_view field) const {
+  const auto found = fields_.find(field);
+  return found == fields_.end() ? nullptr : &found->second.entry->value;
+}
+
+std::string ShapeReader::string(std::string_view field) const {
+  const TomlValue* const written = value(field);
+  return written == nullptr ? std::string() : written->string;
+}
+
+bool ShapeReader::boolean(std::string_view field) const {
+  const TomlValue* const written = value(field);
+  return written != nullptr && written->boolean;
+}
+
+std::optional<std::int64_t> ShapeReader::integer(std::string_view field) const {
+  const TomlValue* const written = value(field);
+  if (written == nullptr) return std::nullopt;
+  return written->integer;
+}
+
+// Where the variable was defined first.
+const WrittenDefinition& ShapeReader::origin() const {
+  return **std::find_if(chain_.begin(), chain_.end(),
+                        [](const WrittenDefinition* definition) { return definition != nullptr; });
+}
+
+bool ShapeReader::layChain() {
+  bool whole = true;
+  for (const WrittenDefinition* const definition : chain_) {
+    if (definition == nullptr) continue;
+    layFields(fields_, definition->fields);
+    whole &= !definition->broken;
+  }
+  return whole;
+}
+
+bool laterThan(const Field& a, const Field& b) {
+  return std::tie(a.specificity, a.layer) > std::tie(b.specificity, b.layer);
+}
+
+// At the last of the fields, of several the first that is named; at the origin when none is there.
+void ShapeReader::report(std::initializer_list<std::string_view> fields, const std::string& text) {
+  const Field* last = nullptr;
+  for (const std::string_view name : fields) {
+    const auto found = fields_.find(name);
+    if (found == fields_.end()) continue;
+    if (last == nullptr || laterThan(found->second, *last)) last = &found->second;
+  }
+  const WrittenDefinition& definition = last == nullptr ? origin() : *chain_[last->specificity];
+  Mistake mistake{*definition.file, definition.line, definition.column,
+                  aboutVariable(definition, text)};
+  if (last != nullptr) {
+    mistake.file = *last->file;
+    mistake.line = last->entry->line;
+    mistake.column = last->entry->column;
+  }
+  mistakes_.push_back(std::move(mistake));
+}
+
+bool ShapeReader::readType() {
+  if (value("type") == nullptr) {
+    report({}, "\"type\" is missing: one of " + std::string(kTypeNames));
+    return false;
+  }
+  const std::optional<ValueType> type = parseType(string("type"));
+  if (!type) {
+    report({"type"}, "\"type\" is " + quoted(string("type")) + ", which is none of " +
+                         std::string(kTypeNames));
+    return false;
+  }
+  shape_.type = *type;
+  return true;
+}
+
+void ShapeReader::checkFieldsOfType() {
+  for (const FieldOfTypes& rule : kFieldsOfTypes) {
+    if (value(rule.field) == nullptr) continue;
+    if (std::find(rule.types.begin(), rule.types.end(), shape_.type) != rule.types.end()) continue;
+    report({rule.field, "type"}, quoted(rule.field) + " does not go with type " +
+                                     std::string(valueTypeName(shape_.type)) + ", only with " +
+                                     listOfTypes(rule.types));
+  }
+}
+
+void ShapeReader::readRange() {
+  shape_.min = integer("min");
+  shape_.max = integer("max");
+  const std::int64_t least = lowestAllowed(shape_);
+  const std::int64_t most = highestAllowed(shape_);
+  if (least <= most) return;
+  const std::string both = " (" + std::to_string(least) + " > " + std::to_string(most) + ")";
+  if (shape_.min && shape_.max) {
+    report({"min", "max"}, "\"min\" is larger than \"max\"" + both + ": swap them");
+  } else if (shape_.min) {
+    report({"min"}, "\"min\" is larger than what 32 bits hold" + both + ": give \"max\" as well");
+  } else {
+    report({"max"}, "\"max\" is smaller than what 32 bits hold" + both + ": give \"min\" as well");
+  }
+}
+
+std::optional<std::uint32_t> ShapeReader::readSize(std::string_view field, std::size_t most) {
+  const std::optional<std::int64_t> number = integer(field);
+  if (!number) return std::nullopt;
+  if (*number < 1 || *number > static_cast<std::int64_t>(most)) {
+    report({field}, quoted(field) + " is " + std::to_string(*number) + ", and from 1 to " +
+                        std::to_string(most) + " is allowed");
+    return std::nullopt;
+  }
+  return static_cast<std::uint32_t>(*number);
+}
+
+void ShapeReader::readPattern() {
+  if (value("pattern") == nullptr) return;
+  std::string reason;
+  shape_.pattern = Pattern::compile(string("pattern"), reason);
+  if (!shape_.pattern) report({"pattern"}, "\"pattern\" cannot be used: " + reason);
+}
+
+void ShapeReader::readOptions() {
+  const TomlValue* const written = value("options");
+  if (written == nullptr || written->array.empty()) {
+    if (shape_.type != ValueType::kEnumeration) return;
+    return report({"options", "type"}, "an enumeration needs \"options\", one at least");
+  }
+  if (written->array.size() > kMaxOptions) {
+    return report({"options"}, "\"options\" has " + std::to_string(written->array.size()) +
+                                   " entries, and " + std::to_string(kMaxOptions) +
+                                   " at most are allowed");
+  }
+  std::set<std::string_view> seen;
+  for (const TomlValue& option : written->array) {
+    if (!seen.insert(option.string).second) {
+      report({"options"}, "\"options\" holds " + quoted(option.string) + " twice");
+    }
+    shape_.options.push_back(option.string);
+  }
+}
+
+void ShapeReader::readDefaultIndex() {
+  const std::optional<std::int64_t> index = integer("default-index");
+  if (!index) return;
+  const auto count = static_cast<std::int64_t>(shape_.options.size());
+  if (count == 0) return report({"default-index"}, "\"default-index\" needs \"options\"");
+  if (*index < 0 || *index >= count) {
+    return report({"default-index", "options"}, "\"default-index\" is " + std::to_string(*index) +
+                                                    ", and the options are counted from 0 to " +
+                                                    std::to_string(count - 1));
+  }
+  shape_.defaultIndex = static_cast<std::uint32_t>(*index);
+}
+
+bool allStrings(const TomlValue& value) {
+  return std::all_of(value.array.begin(), value.array.end(),
+                     [](const TomlValue& element) { return element.kind == TomlKind::kString; });
+}
+
+std::string_view defaultKind(ValueType type) {
+  switch (type) {
+    case ValueType::kInt:
+      return "an integer";
+    case ValueType::kBool:
+      return "true or false";
+    case ValueType::kList:
+      return "an array of strings";
+    default:
+      return "a string";
+  }
+}
+
+bool ShapeReader::convertDefault(const TomlValue& written) {
+  switch (shape_.type) {
+    case ValueType::kString:
+    case ValueType::kEnumeration:
+      shape_.defaultValue = {written.string};
+      return written.kind == TomlKind::kString;
+    case ValueType::kInt:
+      shape_.defaultValue = {std::to_string(written.integer)};
+      return written.kind == TomlKind::kInteger;
+    case ValueType::kBool:
+      shape_.defaultValue = {written.boolean ? "true" : "false"};
+      return written.kind == TomlKind::kBoolean;
+    case ValueType::kList:
+      for (const TomlValue& element : written.array) shape_.defaultValue.push_back(element.string);
+      return written.kind == TomlKind::kArray && allStrings(written);
+  }
+  return false;
+}
+
+void ShapeReader::supplyDefault() {
+  switch (shape_.type) {
+    case ValueType::kList:
+      return;
+    case ValueType::kBool:
+      shape_.defaultValue = {"false"};
+      return;
+    default:
+      break;
+  }
+  if (!shape_.options.empty()) {
+    shape_.defaultValue = {shape_.options[shape_.defaultIndex]};
+  } else {
+    shape_.defaultValue = {shape_.type == ValueType::kInt ? "0" : ""};
+  }
+}
+
+void ShapeReader::readDefault() {
+  const TomlValue* const written = value("default");
+  if (written == nullptr) {
+    supplyDefault();
+  } else if (!convertDefault(*written)) {
+    const bool array = written->kind == TomlKind::kArray;
+    return report({"default", "type"},
+                  "\"default\" takes " + std::string(defaultKind(shape_.type)) + " with type " +
+                      std::string(valueTypeName(shape_.type)) + ", not " +
+                      (array ? "an array of other things" : std::string(kindName(written->kind))));
+  }
+  checkDefault();
+}
+
+// The options are held against the limits as well: one that no write could choose is a mistake.
+void ShapeReader::checkDefault() {
+  if (shape_.type != ValueType::kList) {
+    for (const std::string& option : shape_.options) {
+      const std::string reason = checkValue(shape_, {option}, {option});
+      if (!reason.empty())
+        report({"options", "min", "max", "max-length", "pattern"}, "\"options\": " + reason);
+    }
+  }
+  const std::string reason = checkValue(shape_, shape_.options, shape_.defaultValue);
+  if (reason.empty()) return agreeOnDefaultIndex();
+  const bool written = value("default") != nullptr;
+  report(
+      {"default", "default-index", "options", "min", "max", "max-length", "max-elements",
+       "pattern"},
+      (written ? "\"default\": " : "\"default\" is missing, and what stands in for it is wrong: ") +
+          reason);
+}
+
+void ShapeReader::agreeOnDefaultIndex() {
+  if (shape_.options.empty() || shape_.type == ValueType::kList) return;
+  const auto found =
+      std::find(shape_.options.begin(), shape_.options.end(), shape_.defaultValue.front());
+  const auto position = static_cast<std::uint32_t>(found - shape_.options.begin());
+  if (value("default-index") != nullptr && position != shape_.defaultIndex) {
+    report({"default-index", "default"}, "\"default\" is " + quoted(shape_.defaultValue.front()) +
+                                             ", and \"default-index\" says " +
+                                             quoted(shape_.options[shape_.defaultIndex]) +
+                                             ": leave one of them out");
+  }
+  shape_.defaultIndex = position;
+}
+
+AppConfig::SecurityRole ShapeReader::readRole(std::string_view field,
+                                              AppConfig::SecurityRole otherwise) {
+  if (value(field) == nullptr) return otherwise;
+  const std::optional<AppConfig::SecurityRole> role = AppConfig::parseRole(string(field));
+  if (role) return *role;
+  report({field}, quoted(field) + " is " + quoted(string(field)) + ", which is none of " +
+                      std::string(AppConfig::kRoleNames));
+  return otherwise;
+}
+
+// What is worth hiding from logs is not for everybody to read, unless the definition says so.
+void ShapeReader::readRoles() {
+  shape_.readOnly = boolean("read-only");
+  shape_.secret = boolean("secret");
+  shape_.writeRole = readRole("write-role", AppConfig::eRoleUser);
+  shape_.readRole =
+      readRole("read-role", shape_.secret ? shape_.writeRole : AppConfig::eRolePublic);
+}
+
+void ShapeReader::readDescription() {
+  shape_.description = string("description");
+  if (shape_.description.find('\n') != std::string::npos) {
+    report({"description"}, "\"description\" is one line");
+  }
+  if (shape_.description.size() > kMaxDescriptionBytes) {
+    report({"description"},
+           "\"description\" is longer than " + std::to_string(kMaxDescriptionBytes) + " bytes");
+  }
+}
+
+std::shared_ptr<const VariableShape> ShapeReader::read() {
+  const std::size_t mistakesBefore = mistakes_.size();
+  if (!layChain() || !readType()) return nullptr;
+  shape_.file = *origin().file;
+  shape_.line = origin().line;
+  checkFieldsOfType();
+  readRange();
+  shape_.maxLength = readSize("max-length", kMaxValueBytes);
+  shape_.maxElements = readSize("max-elements", kMaxElements);
+  readPattern();
+  readOptions();
+  readDefaultIndex();
+  readRoles();
+  readDescription();
+  // A default cannot be judged by limits that are mistakes themselves.
+  if (mistakes_.size() == mistakesBefore) readDefault();
+  if (mistakes_.size() != mistakesBefore) return nullptr;
+  return std::make_shared<const VariableShape>(std::move(shape_));
+}
+
+}  // namespace
+
+std::shared_ptr<const VariableShape> readShape(const Chain& chain, std::vector<Mistake>& mistakes) {
+  return ShapeReader(chain, mistakes).read();
+}
+
+}  // namespace ConfigSrv

@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include "configsrv/definitions/definitions.h"
+#include "configsrv/definitions/pattern.h"
+
+namespace ConfigSrv {
+namespace {
+
+using Value = std::list<std::string>;
+
+VariableShape shapeOf(ValueType type) {
+  VariableShape shape;
+  shape.type = type;
+  return shape;
+}
+
+VariableShape intBetween(std::optional<std::int64_t> min, std::optional<std::int64_t> max) {
+  VariableShape shape = shapeOf(ValueType::kInt);
+  shape.min = min;
+  shape.max = max;
+  return shape;
+}
+
+VariableShape matching(ValueType type, const std::string& pattern) {
+  VariableShape shape = shapeOf(type);
+  std::string reason;
+  shape.pattern = Pattern::compile(pattern, reason);
+  EXPECT_EQ(reason, "");
+  return shape;
+}
+
+std::string check(const VariableShape& shape, const Value& value) {
+  return checkValue(shape, shape.options, value);
+}
+
+TEST(CheckValueTest, AllButAListHaveExactlyOneElement) {
+  for (const ValueType type :
+       {ValueType::kString, ValueType::kInt, ValueType::kBool, ValueType::kEnumeration}) {
+    const std::string start = "a value of type " + std::string(valueTypeName(type));
+    EXPECT_EQ(check(shapeOf(type), {}), start + " has exactly one element, not 0");
+    EXPECT_EQ(check(shapeOf(type), {"1", "2"}), start + " has exactly one element, not 2");
+  }
+  EXPECT_EQ(check(shapeOf(ValueType::kList), {}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::kList), {"", "b"}), "");
+}
+
+TEST(CheckValueTest, AnIntIsWhatStrtolReadsToItsEnd) {
+  const VariableShape shape = shapeOf(ValueType::kInt);
+  for (const char* good : {"0", "-0", "+5", "-5", "2147483647", "-2147483648", "0x7fffffff", "0X1F",
+                           "-0x80000000", "017", "-017", "00", "000000000000000000001"}) {
+    EXPECT_EQ(check(shape, {good}), "") << good;
+  }
+  for (const char* bad : {"", "+", "-", "--5", "+-5", " 5", "5 ", "5\n", "five", "0x", "0xg", "08",
+                          "5.0", "1e3", "0b1", "5,000"}) {
+    EXPECT_NE(check(shape, {bad}).find(" is no whole number: "), std::string::npos) << bad;
+  }
+  EXPECT_NE(check(shape, {std::string("5\0", 2)}), "");
+}
+
+TEST(CheckValueTest, AnIntHas32BitsUnlessItsLimitsSayOtherwise) {
+  EXPECT_EQ(check(intBetween({}, {}), {"2147483648"}),
+            "\"2147483648\" is more than 2147483647, the largest value allowed");
+  EXPECT_EQ(check(intBetween({}, {}), {"0xffffffff"}),
+            "\"0xffffffff\" is more than 2147483647, the largest value allowed");
+  EXPECT_EQ(check(intBetween(0, 5000000000), {"5000000000"}), "");
+  EXPECT_EQ(check(intBetween(INT64_MIN, INT64_MAX), {"-9223372036854775808"}), "");
+  EXPECT_EQ(check(intBetween(INT64_MIN, INT64_MAX), {"9223372036854775807"}), "");
+  EXPECT_EQ(check(intBetween(INT64_MIN, INT64_MAX), {"9223372036854775808"}),
+            "\"9223372036854775808\" is outside 64 bits");
+  EXPECT_EQ(check(intBetween(INT64_MIN, INT64_MAX), {"-9223372036854775809"}),
+            "\"-9223372036854775809\" is outside 64 bits");
+  EXPECT_NE(check(intBetween({}, {}), {std::string(1000, '9')}).find(" is outside 64 bits"),
+            std::string::npos);
+}
+
+TEST(CheckValueTest, LimitsAreIncludedInTheRangeAndNamedInTheReason) {
+  const VariableShape mtu = intBetween(576, 9000);
+  EXPECT_EQ(check(mtu, {"576"}), "");
+  EXPECT_EQ(check(mtu, {"9000"}), "");
+  EXPECT_EQ(check(mtu, {"70000"}), "\"70000\" is more than 9000, the largest value allowed");
+  EXPECT_EQ(check(mtu, {"0x10"}), "\"0x10\" is less than 576, the smallest value allowed");
+}
+
+TEST(CheckValueTest, ABoolIsTrueOrFalseInAnyCase) {
+  const VariableShape shape = shapeOf(ValueType::kBool);
+  for (const char* good : {"true", "false", "TRUE", "False", "tRuE"}) {
+    EXPECT_EQ(check(shape, {good}), "") << good;
+  }
+  for (const char* bad : {"", "1", "0", "yes", "true ", "t"}) {
+    EXPECT_EQ(check(shape, {bad}), '"' + std::string(bad) + "\" is neither true nor false");
+  }
+}
+
+TEST(CheckValueTest, AStringMayHoldAnyBytes) {
+  EXPECT_EQ(check(shapeOf(ValueType::kString), {std::string("a\0\xff\n", 4)}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::kString), {""}), "");
+}
+
+TEST(CheckValueTest, LengthIsCountedInBytes) {
+  VariableShape shape = shapeOf(ValueType::kString);
+  shape.maxLength = 3;
+  EXPECT_EQ(check(shape, {"abc"}), "");
+  EXPECT_EQ(check(shape, {"abcd"}), "\"abcd\" has 4 bytes, and 3 bytes at most are allowed");
+  EXPECT_EQ(check(shape, {"\xc3\xa9\xc3\xa9"}),
+            "\"\\xc3\\xa9\\xc3\\xa9\" has 4 bytes, and 3 bytes at most are allowed");
+}
+
+TEST(CheckValueTest, AStringMatchesItsPatternAsAWhole) {
+  const VariableShape shape = matching(ValueType::kString, "[a-z]+");
+  EXPECT_EQ(check(shape, {"abc"}), "");
+  EXPECT_EQ(check(shape, {"abc!"}), "\"abc!\" does not match the pattern \"[a-z]+\"");
+  EXPECT_EQ(check(shape, {std::string("abc\0", 4)}),
+            "\"abc\\x00\" does not match the pattern \"[a-z]+\"");
+}
+
+TEST(CheckValueTest, AStringThatIsTooLongForAnyPatternIsToldSo) {
+  const std::string reason =
+      check(matching(ValueType::kString, "a*"), {std::string(kMaxMatchedBytes + 1, 'a')});
+  EXPECT_NE(reason.find("has 1025 bytes, and with a pattern 1024 bytes at most are allowed"),
+            std::string::npos);
+}
+
+TEST(CheckValueTest, EachElementOfAListIsHeldAgainstTheLimits) {
+  VariableShape shape = matching(ValueType::kList, "[a-z]*");
+  shape.maxLength = 3;
+  shape.maxElements = 2;
+  EXPECT_EQ(check(shape, {"abc", ""}), "");
+  EXPECT_EQ(check(shape, {"abc", "abcd"}), "\"abcd\" has 4 bytes, and 3 bytes at most are allowed");
+  EXPECT_EQ(check(shape, {"abc", "1"}), "\"1\" does not match the pattern \"[a-z]*\"");
+  EXPECT_EQ(check(shape, {"a", "b", "c"}),
+            "the list has 3 elements, and 2 elements at most are allowed");
+}
+
+TEST(CheckValueTest, OptionsAreThePresentOnesAndMetExactly) {
+  VariableShape shape = shapeOf(ValueType::kEnumeration);
+  shape.options = {"dhcp"};
+  EXPECT_EQ(checkValue(shape, {"static", "off"}, {"static"}), "");
+  EXPECT_EQ(checkValue(shape, {"static", "off"}, {"dhcp"}),
+            "\"dhcp\" is none of the options: \"static\", \"off\"");
+  EXPECT_EQ(checkValue(shape, {"static", "off"}, {"Static"}),
+            "\"Static\" is none of the options: \"static\", \"off\"");
+  EXPECT_EQ(checkValue(shape, {}, {"dhcp"}), "the variable has no options at present");
+}
+
+TEST(CheckValueTest, OptionsOfOtherTypesHoldForEveryElement) {
+  EXPECT_EQ(checkValue(shapeOf(ValueType::kInt), {"1", "2"}, {"3"}),
+            "\"3\" is none of the options: \"1\", \"2\"");
+  EXPECT_EQ(checkValue(shapeOf(ValueType::kList), {"a", "b"}, {"b", "a", "b"}), "");
+  EXPECT_EQ(checkValue(shapeOf(ValueType::kList), {"a", "b"}, {"a", "c"}),
+            "\"c\" is none of the options: \"a\", \"b\"");
+  EXPECT_EQ(checkValue(shapeOf(ValueType::kString), {}, {"anything"}), "");
+}
+
+TEST(CheckValueTest, EveryValueHasALargestSizeWhateverItsDefinition) {
+  EXPECT_EQ(check(shapeOf(ValueType::kString), {std::string(kMaxValueBytes, 'x')}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::kString), {std::string(kMaxValueBytes + 1, 'x')}),
+            "the value has 1048577 bytes, and 1048576 bytes at most are allowed");
+  EXPECT_EQ(check(shapeOf(ValueType::kList), Value(kMaxElements, "x")), "");
+  EXPECT_EQ(check(shapeOf(ValueType::kList), Value(kMaxElements + 1, "x")),
+            "the list has 4097 elements, and 4096 elements at most are allowed");
+}
+
+TEST(CheckValueTest, AReasonIsOnePrintableLineOfModestLength) {
+  const std::string value = std::string("\0\n\x1b\xff\\", 5) + std::string(100000, 'x');
+  const std::string reason = check(shapeOf(ValueType::kInt), {value});
+  EXPECT_EQ(reason.substr(0, 22), "\"\\x00\\x0a\\x1b\\xff\\x5cx");
+  EXPECT_LT(reason.size(), 300U);
+  const std::vector<std::string> many(1000, std::string(1000, 'o'));
+  EXPECT_LT(checkValue(shapeOf(ValueType::kEnumeration), many, {"x"}).size(), 2500U);
+}
+
+TEST(CheckValueTest, TheReasonOfASecretDoesNotRepeatTheValue) {
+  for (VariableShape shape : {intBetween(0, 5), matching(ValueType::kString, "[a-z]+"),
+                              shapeOf(ValueType::kBool), shapeOf(ValueType::kEnumeration)}) {
+    shape.secret = true;
+    const std::string reason = checkValue(
+        shape,
+        shape.type == ValueType::kEnumeration ? std::vector<std::string>{"a"} : shape.options,
+        {"12345678"});
+    EXPECT_EQ(reason.substr(0, 10), "the value ") << reason;
+    EXPECT_EQ(reason.find("12345678"), std::string::npos) << reason;
+  }
+}
+
+}  // namespace
+}  // namespace ConfigSrv
