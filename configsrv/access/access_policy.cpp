@@ -1,0 +1,213 @@
+#include "configsrv/access/access_policy.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <limits>
+#include <mutex>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "appconfig/core/role_names.h"
+#include "configsrv/toml/document.h"
+#include "configsrv/toml/nearest_name.h"
+
+namespace ConfigSrv {
+
+// The groups of the users who asked lately. The kernel says uid, gid and pid of a caller, and its
+// other groups only of processes that may be gone by then, so that they are looked up by name.
+class AccessPolicy::Groups {
+ public:
+  explicit Groups(const UserDatabase& users) : users_(users) {}
+
+  std::vector<gid_t> of(uid_t uid, gid_t gid);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Remembered {
+    std::vector<gid_t> groups;
+    Clock::time_point until;
+  };
+  // More users than a device has; past it everything is looked up anew.
+  static constexpr std::size_t kMaxRemembered = 1024;
+
+  void remember(uid_t uid, gid_t gid, const std::vector<gid_t>& groups, Clock::time_point now);
+
+  const UserDatabase& users_;
+  // Guards remembered_. Not held during a look-up, which may take long.
+  std::mutex mutex_;
+  std::map<std::pair<uid_t, gid_t>, Remembered> remembered_;
+};
+
+std::vector<gid_t> AccessPolicy::Groups::of(uid_t uid, gid_t gid) {
+  const Clock::time_point now = Clock::now();
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto found = remembered_.find({uid, gid});
+    if (found != remembered_.end() && now < found->second.until) return found->second.groups;
+  }
+  const std::vector<gid_t> groups = users_.groupsOf(uid, gid);
+  remember(uid, gid, groups, now);
+  return groups;
+}
+
+void AccessPolicy::Groups::remember(uid_t uid, gid_t gid, const std::vector<gid_t>& groups,
+                                    Clock::time_point now) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (remembered_.size() >= kMaxRemembered) remembered_.clear();
+  remembered_[{uid, gid}] = {groups, now + kGroupsRemembered};
+}
+
+namespace {
+
+std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
+
+bool allDigits(std::string_view text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// uid_t and gid_t are both 32 bits; the highest number means "none" in every system call.
+std::optional<std::uint32_t> parseId(std::string_view text) {
+  std::uint32_t number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  if (number == std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
+  return number;
+}
+
+bool doesNotExist(const std::string& path) {
+  struct stat status = {};
+  return ::stat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+}  // namespace
+
+// Reads the file into a policy that starts as the one without a file.
+class AccessReader {
+ public:
+  AccessReader(std::string file, const UserDatabase& users, AccessLoadResult& result)
+      : file_(std::move(file)), users_(users), result_(result) {}
+
+  void read(const TomlValue& root);
+
+ private:
+  using Role = AppConfig::SecurityRole;
+
+  void report(const TomlEntry& at, std::string text);
+  std::optional<Role> readRole(const TomlEntry& entry);
+  template <typename Look>
+  void readTable(const TomlEntry& entry, const char* what, Look look,
+                 std::map<std::uint32_t, Role>& roles);
+
+  std::string file_;
+  const UserDatabase& users_;
+  AccessLoadResult& result_;
+};
+
+void AccessReader::report(const TomlEntry& at, std::string text) {
+  result_.mistakes.push_back({file_, at.line, at.column, std::move(text)});
+}
+
+std::optional<AppConfig::SecurityRole> AccessReader::readRole(const TomlEntry& entry) {
+  std::optional<Role> role;
+  if (entry.value.kind == TomlKind::kString) {
+    role = AppConfig::parseRole(entry.value.string);
+    if (!role) {
+      report(entry, quoted(entry.name) + " is given the role " + quoted(entry.value.string) +
+                        ", which is none of " + std::string(AppConfig::kRoleNames));
+    }
+    return role;
+  }
+  report(entry, quoted(entry.name) + " takes a role, one of " + std::string(AppConfig::kRoleNames) +
+                    ", not " + std::string(kindName(entry.value.kind)));
+  return role;
+}
+
+template <typename Look>
+void AccessReader::readTable(const TomlEntry& entry, const char* what, Look look,
+                             std::map<std::uint32_t, Role>& roles) {
+  if (entry.value.kind != TomlKind::kTable) {
+    return report(entry, quoted(entry.name) + " takes a table, as in [" + entry.name + "], not " +
+                             std::string(kindName(entry.value.kind)));
+  }
+  for (const TomlEntry& line : entry.value.table) {
+    const std::optional<Role> role = readRole(line);
+    const auto id = allDigits(line.name) ? parseId(line.name) : look(line.name);
+    if (!id) {
+      report(line, std::string("this device has no ") + what + ' ' + quoted(line.name) +
+                       ": correct the name, or give its number");
+    } else if (role && !roles.emplace(*id, *role).second) {
+      report(line, quoted(line.name) + " is " + what + ' ' + std::to_string(*id) +
+                       ", which has a role already");
+    }
+  }
+}
+
+void AccessReader::read(const TomlValue& root) {
+  const auto user = [this](const std::string& name) { return users_.userId(name); };
+  const auto group = [this](const std::string& name) { return users_.groupId(name); };
+  for (const TomlEntry& entry : root.table) {
+    if (entry.name == "default") {
+      result_.policy.default_ = readRole(entry).value_or(AppConfig::eRoleUser);
+    } else if (entry.name == "users") {
+      readTable(entry, "user", user, result_.policy.users_);
+    } else if (entry.name == "groups") {
+      readTable(entry, "group", group, result_.policy.groups_);
+    } else {
+      const std::string_view nearest = nearestName(entry.name, {"default", "users", "groups"});
+      report(entry, quoted(entry.name) + " is not known here" +
+                        (nearest.empty() ? ": a file holds default, [users] and [groups]"
+                                         : ", did you mean " + quoted(nearest) + "?"));
+    }
+  }
+}
+
+AccessPolicy::AccessPolicy(uid_t ownUid)
+    : ownUid_(ownUid), groupsOfUsers_(std::make_unique<Groups>(systemUserDatabase())) {}
+
+AccessPolicy::AccessPolicy(AccessPolicy&&) noexcept = default;
+AccessPolicy& AccessPolicy::operator=(AccessPolicy&&) noexcept = default;
+AccessPolicy::~AccessPolicy() = default;
+
+AccessLoadResult AccessPolicy::load(const std::string& path, uid_t ownUid,
+                                    const UserDatabase& users) {
+  AccessLoadResult result{AccessPolicy(ownUid), {}};
+  result.policy.groupsOfUsers_ = std::make_unique<Groups>(users);
+  if (doesNotExist(path)) return result;
+  TomlDocument document = readToml(path);
+  if (document.mistake) result.mistakes.push_back(std::move(*document.mistake));
+  if (document.root) AccessReader(path, users, result).read(*document.root);
+  if (!result.mistakes.empty()) result.policy = AccessPolicy(ownUid);
+  return result;
+}
+
+AppConfig::SecurityRole AccessPolicy::highestRole(uid_t uid, gid_t gid) const {
+  const auto user = users_.find(uid);
+  if (user != users_.end()) return user->second;
+  if (uid == 0 || uid == ownUid_) return AppConfig::eRoleFactory;
+  if (groups_.empty()) return default_;
+  std::optional<AppConfig::SecurityRole> highest;
+  for (const gid_t group : groupsOfUsers_->of(uid, gid)) {
+    const auto found = groups_.find(group);
+    if (found == groups_.end()) continue;
+    highest = std::max(highest.value_or(AppConfig::eRolePublic), found->second);
+  }
+  return highest.value_or(default_);
+}
+
+bool AccessPolicy::mayClaim(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const {
+  if (role < AppConfig::eRolePublic || role > AppConfig::eRoleFactory) return false;
+  return role <= highestRole(uid, gid);
+}
+
+std::string AccessPolicy::denial(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const {
+  return "user " + std::to_string(uid) + " may act as " +
+         std::string(AppConfig::roleName(highestRole(uid, gid))) + " at most, not as " +
+         std::string(AppConfig::roleName(role));
+}
+
+}  // namespace ConfigSrv

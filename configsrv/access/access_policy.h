@@ -1,0 +1,91 @@
+// AccessPolicy: the highest role that a user of this device may claim.
+//
+// What a client says of itself proves nothing: the kernel tells the service uid and gid of the
+// caller, and this policy says how far that user may go. Written in a file:
+//
+//   default = "user"              # everyone whom nothing below names; "user" when left out
+//   [users]                       # names or numbers
+//   thermostat = "installer"
+//   [groups]                      # the primary group and all others of a user
+//   netdev = "service"
+//
+// Rules    1. A user named in [users] has that role, be it higher or lower than what follows.
+//          2. Otherwise root and the service's own user may claim any role.
+//          3. Otherwise the highest role of those of the user's groups that [groups] names.
+//          4. Otherwise the default. Without a file that is "user".
+// Errors   all mistakes of the file are found in one run; a name that this device does not know is
+//          one. A file that does not exist is none.
+// Threads  any number of threads may ask at once.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "appconfig/core/security_role.h"
+#include "configsrv/toml/mistake.h"
+
+namespace ConfigSrv {
+
+// What the policy asks of the system. All functions may be called from several threads.
+class UserDatabase {
+ public:
+  virtual ~UserDatabase() = default;
+  virtual std::optional<uid_t> userId(const std::string& name) const = 0;
+  virtual std::optional<gid_t> groupId(const std::string& name) const = 0;
+  // The primary group and, when the user is known by name, all others.
+  virtual std::vector<gid_t> groupsOf(uid_t uid, gid_t primary) const = 0;
+};
+
+// The one of the operating system, through the name service switch.
+const UserDatabase& systemUserDatabase();
+
+// How long the groups of a user are remembered. Asking for them can take long (a directory server),
+// and a user who was added to a group should not have to wait for a restart of the service.
+inline constexpr std::chrono::seconds kGroupsRemembered{60};
+
+struct AccessLoadResult;
+
+class AccessPolicy {
+ public:
+  // The rules without a file.
+  explicit AccessPolicy(uid_t ownUid);
+  AccessPolicy(AccessPolicy&&) noexcept;
+  AccessPolicy& operator=(AccessPolicy&&) noexcept;
+  ~AccessPolicy();
+
+  // ownUid is the service's own user. users has to outlive the policy.
+  static AccessLoadResult load(const std::string& path, uid_t ownUid,
+                               const UserDatabase& users = systemUserDatabase());
+
+  AppConfig::SecurityRole highestRole(uid_t uid, gid_t gid) const;
+
+  // False for a role that is none of the five.
+  bool mayClaim(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const;
+
+  // Why mayClaim says no: "user 1000 may act as user at most, not as installer".
+  std::string denial(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const;
+
+ private:
+  class Groups;
+  friend class AccessReader;
+
+  uid_t ownUid_;
+  AppConfig::SecurityRole default_ = AppConfig::eRoleUser;
+  std::map<uid_t, AppConfig::SecurityRole> users_;
+  std::map<gid_t, AppConfig::SecurityRole> groups_;
+  std::unique_ptr<Groups> groupsOfUsers_;
+};
+
+// With mistakes the policy is the one without a file, and not meant to be used.
+struct AccessLoadResult {
+  AccessPolicy policy;
+  std::vector<Mistake> mistakes;
+};
+
+}  // namespace ConfigSrv
