@@ -1,0 +1,35 @@
+// row_codec: how a list of byte strings becomes one BLOB, and what guards a row against rot.
+//
+// A list is each element in turn: its length (32 bits, little-endian), then its bytes. An empty
+// list is an empty BLOB; an absent one is NULL, which is the table's matter.
+//
+// The checksum (CRC-32C) covers the whole row, key included. SQLite guards the shape of its file
+// but not the bytes of a value: without this, a flipped bit would become the device's setting.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "configsrv/store/stored_variable.h"
+
+namespace ConfigSrv {
+
+// Strings is a std::list or std::vector of std::string.
+template <typename Strings>
+std::string encodeStrings(const Strings& strings);
+
+// Nothing when the bytes are not what encodeStrings makes of some list.
+template <typename Strings>
+std::optional<Strings> decodeStrings(std::string_view bytes);
+
+std::uint32_t crc32c(std::string_view bytes);
+
+// The value and the options are given encoded, as they stand in the row.
+std::uint32_t rowChecksum(const StoredVariable& variable, const std::optional<std::string>& value,
+                          const std::optional<std::string>& options);
+
+std::uint32_t metaChecksum(std::int64_t format, std::uint64_t storeId);
+
+}  // namespace ConfigSrv

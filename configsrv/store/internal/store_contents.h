@@ -1,0 +1,72 @@
+// store_contents: the tables of a store's file, and the reading and writing of their rows.
+//
+// Two tables. `variable` has one row for each variable that differs, or once differed, from its
+// definition; it is WITHOUT ROWID, so that a row is found and written in one tree. `meta` has one
+// row: the format and the store's id. The newest revision is stored nowhere: each transaction
+// leaves its revision in a row, rows are never deleted, so it is the largest in the table, and a
+// commit writes one page less.
+//
+// Every future format keeps a table `meta` with a column `format`, which must agree with
+// user_version: so a flipped bit in the latter is told from a newer version's file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "configsrv/store/internal/database.h"
+#include "configsrv/store/stored_variable.h"
+
+namespace ConfigSrv {
+
+constexpr std::int64_t kStoreFormat = 1;
+
+struct StoreContents {
+  enum class Condition { kGood, kDamaged, kNewerFormat, kFailed };
+
+  Condition condition = Condition::kGood;
+  std::string damage;  // What is wrong with it, when it is damaged.
+  StoreStatus status;  // Why it could not be read, when that failed; or why it is refused.
+  std::uint64_t storeId = 0;
+  std::uint64_t revision = 0;
+  std::vector<StoredVariable> variables;
+};
+
+// Fills an empty database, in one transaction.
+[[nodiscard]] bool createContents(Database& database, std::uint64_t storeId);
+
+// Only the format: what must be known before anything else may touch the file.
+StoreContents checkFormat(Database& database);
+
+StoreContents damagedContents(const std::string& damage);
+
+// What the database's last failure makes of it: damaged, or not readable for another reason.
+StoreContents contentsAfterFailure(const Database& database);
+
+// Checks and reads everything.
+StoreContents readContents(Database& database);
+
+[[nodiscard]] bool replaceStoreId(Database& database, std::uint64_t storeId);
+
+[[nodiscard]] bool readNewestRevision(Database& database, std::uint64_t* revision);
+
+// The rows of `variable`, one at a time. After a kFailed, Database::lastFailure() says why.
+class VariableTable {
+ public:
+  enum class Found { kRow, kNothing, kDamaged, kFailed };
+
+  explicit VariableTable(const Database& database);
+
+  bool isReady() const { return select_.isReady() && write_.isReady(); }
+
+  // Fills in the row of variable->key; kNothing leaves the variable as it is.
+  Found read(StoredVariable* variable);
+  // Adds the row or replaces it.
+  [[nodiscard]] bool write(const StoredVariable& variable);
+
+ private:
+  Statement select_;
+  Statement write_;
+};
+
+}  // namespace ConfigSrv

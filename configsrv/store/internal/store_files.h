@@ -1,0 +1,75 @@
+// store_files: the store's files as files: who holds them, what they are called, and the moves
+// that survive a loss of power half-way.
+//
+// Errors   StoreStatus, with the path, the system's reason and what to do.
+// Threads  one at a time; the lock keeps every other process and every other Store away.
+#pragma once
+
+#include <string>
+
+#include "configsrv/store/store_status.h"
+
+namespace ConfigSrv {
+
+// Holds an advisory lock until destruction. The lock file itself stays: removing it would let two
+// processes lock two files of the same name.
+class FileLock {
+ public:
+  FileLock() = default;
+  FileLock(FileLock&& other) noexcept;
+  FileLock& operator=(FileLock&& other) noexcept;
+  ~FileLock();
+
+  StoreStatus take(const std::string& lockFile, const std::string& store);
+
+ private:
+  int fd_ = -1;
+};
+
+class StoreFiles {
+ public:
+  enum class Presence {
+    kNothing,   // A new store: no file, or an empty one with nothing beside it.
+    kMainGone,  // No file, or an empty one, but a log or a snapshot that belonged to one.
+    kThere,     // A regular file that can be read and written.
+  };
+
+  explicit StoreFiles(std::string file) : file_(std::move(file)) {}
+
+  const std::string& file() const { return file_; }
+  std::string lockFile() const { return file_ + ".lock"; }
+  std::string snapshotFile() const { return file_ + ".snapshot"; }
+  // Half-made files; what is found under these names is left from an interrupted attempt.
+  std::string newSnapshotFile() const { return file_ + ".snapshot.new"; }
+  std::string newFile() const { return file_ + ".new"; }
+
+  StoreStatus makeDirectory() const;
+  StoreStatus inspect(Presence* presence) const;
+  bool hasSnapshot() const;
+
+  // An empty file of mode 0600 in place of whatever has that name.
+  StoreStatus create(const std::string& path) const;
+
+  // Renames the file and its companions (or just the snapshot) to `name`, which says when, and
+  // forgets the oldest of those set aside before.
+  StoreStatus setAside(std::string* name) const;
+  StoreStatus setSnapshotAside(std::string* name) const;
+
+  StoreStatus copySnapshotTo(const std::string& path) const;
+
+  // Makes the finished file `from` durable under the name `to`, replacing what is there.
+  StoreStatus install(const std::string& from, const std::string& to) const;
+
+  void discard(const std::string& path) const;
+
+ private:
+  std::string directory() const;
+  StoreStatus syncDirectory() const;
+  StoreStatus renameAside(const std::string& path, const std::string& name) const;
+  std::string unusedAsideName(const std::string& path) const;
+  void forgetOldest(const std::string& path, const std::string& newest) const;
+
+  std::string file_;
+};
+
+}  // namespace ConfigSrv

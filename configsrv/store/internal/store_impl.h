@@ -1,0 +1,50 @@
+// Store::Impl: an open store: its lock, its connection and the statements that a commit reuses.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "configsrv/store/internal/database.h"
+#include "configsrv/store/internal/store_contents.h"
+#include "configsrv/store/internal/store_files.h"
+#include "configsrv/store/store.h"
+
+namespace ConfigSrv {
+
+class Store::Impl {
+ public:
+  Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
+       std::uint64_t revision, std::uint64_t snapshotRevision);
+
+  bool isReady() const;
+  const Database& database() const { return database_; }
+
+  std::uint64_t storeId() const { return storeId_; }
+  std::uint64_t revision() const { return revision_; }
+  std::uint64_t commitsSinceSnapshot() const;
+
+  CommitResult commit(const std::vector<StoreTransaction>& transactions);
+  StoreStatus snapshot();
+
+ private:
+  StoreStatus writeAll(const std::vector<StoreTransaction>& transactions,
+                       std::vector<std::uint64_t>* revisions);
+  StoreStatus writeChange(const StoreChange& change, std::uint64_t revision);
+  StoreStatus writeFailure() const;
+  void rollBack();
+  StoreStatus copyInto(const std::string& file);
+
+  const StoreFiles files_;
+  const FileLock lock_;  // Outlives the connection: nobody may come in before the file is closed.
+  Database database_;
+  VariableTable table_;
+  Statement begin_;
+  Statement commit_;
+  Statement rollBack_;
+  const std::uint64_t storeId_;
+  std::uint64_t revision_;
+  std::uint64_t snapshotRevision_;
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,171 @@
+// A commit is one SQLite transaction: for each change the row is read, changed by applyChange and
+// written whole, with its checksum. Reading first costs some microseconds of a page in memory,
+// beside the hundreds that the disk takes, and makes a row a thing that can be checked.
+//
+// Settings, with their reasons and figures: docs/decisions/sqlite-store.md.
+#include "configsrv/store/store.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "configsrv/store/internal/store_impl.h"
+#include "configsrv/store/internal/store_opening.h"
+
+namespace ConfigSrv {
+namespace {
+
+bool changeNothing(const std::vector<StoreTransaction>& transactions) {
+  return std::all_of(transactions.begin(), transactions.end(),
+                     [](const StoreTransaction& transaction) { return transaction.empty(); });
+}
+
+}  // namespace
+
+const char* storeCodeName(StoreCode code) {
+  switch (code) {
+    case StoreCode::kOk:
+      return "ok";
+    case StoreCode::kDiskFull:
+      return "disk full";
+    case StoreCode::kIo:
+      return "disk failure";
+    case StoreCode::kInUse:
+      return "in use";
+    case StoreCode::kNewerFormat:
+      return "newer format";
+    case StoreCode::kUnusable:
+      return "unusable path";
+  }
+  return "unknown";
+}
+
+Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
+                  std::uint64_t revision, std::uint64_t snapshotRevision)
+    : files_(std::move(files)),
+      lock_(std::move(lock)),
+      database_(std::move(database)),
+      table_(database_),
+      begin_(database_, "BEGIN IMMEDIATE"),
+      commit_(database_, "COMMIT"),
+      rollBack_(database_, "ROLLBACK"),
+      storeId_(storeId),
+      revision_(revision),
+      snapshotRevision_(snapshotRevision) {}
+
+bool Store::Impl::isReady() const {
+  return table_.isReady() && begin_.isReady() && commit_.isReady() && rollBack_.isReady();
+}
+
+// A snapshot newer than the store is a stranger's, or from before a restore: worth replacing.
+std::uint64_t Store::Impl::commitsSinceSnapshot() const {
+  return snapshotRevision_ <= revision_ ? revision_ - snapshotRevision_ : revision_;
+}
+
+CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactions) {
+  CommitResult result;
+  if (changeNothing(transactions)) {
+    result.revisions.assign(transactions.size(), revision_);
+    return result;
+  }
+  result.status = writeAll(transactions, &result.revisions);
+  if (result.status.ok()) {
+    revision_ = result.revisions.back();
+  } else {
+    rollBack();
+    result.revisions.clear();
+  }
+  return result;
+}
+
+StoreStatus Store::Impl::writeAll(const std::vector<StoreTransaction>& transactions,
+                                  std::vector<std::uint64_t>* revisions) {
+  if (!begin_.finish()) return writeFailure();
+  std::uint64_t revision = revision_;
+  for (const StoreTransaction& transaction : transactions) {
+    if (!transaction.empty()) ++revision;
+    for (const StoreChange& change : transaction) {
+      StoreStatus status = writeChange(change, revision);
+      if (!status.ok()) return status;
+    }
+    revisions->push_back(revision);
+  }
+  return commit_.finish() ? StoreStatus() : writeFailure();
+}
+
+StoreStatus Store::Impl::writeChange(const StoreChange& change, std::uint64_t revision) {
+  StoredVariable variable(change.key);
+  const VariableTable::Found found = table_.read(&variable);
+  if (found == VariableTable::Found::kFailed) return writeFailure();
+  if (found == VariableTable::Found::kDamaged) {
+    return {StoreCode::kIo, "cannot write to the store " + files_.file() + ": its row of " +
+                                change.key.dottedName() +
+                                " is damaged; restart the service, which sets the file aside"};
+  }
+  applyChange(change, revision, &variable);
+  return table_.write(variable) ? StoreStatus() : writeFailure();
+}
+
+StoreStatus Store::Impl::writeFailure() const {
+  StoreStatus status = database_.lastFailure("write to");
+  // Nobody else can have it: what is busy or gone here is the disk's doing.
+  if (status.code != StoreCode::kDiskFull) status.code = StoreCode::kIo;
+  return status;
+}
+
+// SQLite has rolled back by itself after some failures; then there is nothing to roll back, and
+// saying so fails, harmlessly.
+void Store::Impl::rollBack() {
+  const bool rolledBack = rollBack_.finish();
+  static_cast<void>(rolledBack);
+}
+
+StoreStatus Store::Impl::snapshot() {
+  const std::string file = files_.newSnapshotFile();
+  StoreStatus status = files_.create(file);
+  if (status.ok()) status = copyInto(file);
+  if (status.ok()) status = files_.install(file, files_.snapshotFile());
+  if (status.ok()) {
+    snapshotRevision_ = revision_;
+  } else {
+    files_.discard(file);
+  }
+  return status;
+}
+
+StoreStatus Store::Impl::copyInto(const std::string& file) {
+  Statement copy(database_, "VACUUM INTO ?1");
+  if (copy.isReady()) copy.bindText(1, file);
+  return copy.isReady() && copy.finish() ? StoreStatus() : writeFailure();
+}
+
+Store::Store(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Store::~Store() = default;
+
+OpenedStore Store::open(const StoreOptions& options) {
+  StoreOpening opening(options);
+  OpenedStore opened;
+  opened.status = opening.run();
+  opened.notice = opening.notice();
+  if (!opened.status.ok()) return opened;
+  StoreContents& contents = opening.contents();
+  auto impl =
+      std::make_unique<Impl>(opening.files(), opening.takeLock(), opening.takeDatabase(),
+                             contents.storeId, contents.revision, opening.snapshotRevision());
+  if (!impl->isReady()) {
+    opened.status = impl->database().lastFailure("prepare");
+    return opened;
+  }
+  opened.variables = std::move(contents.variables);
+  opened.store.reset(new Store(std::move(impl)));
+  return opened;
+}
+
+std::uint64_t Store::storeId() const { return impl_->storeId(); }
+std::uint64_t Store::revision() const { return impl_->revision(); }
+CommitResult Store::commit(const std::vector<StoreTransaction>& transactions) {
+  return impl_->commit(transactions);
+}
+StoreStatus Store::snapshot() { return impl_->snapshot(); }
+std::uint64_t Store::commitsSinceSnapshot() const { return impl_->commitsSinceSnapshot(); }
+
+}  // namespace ConfigSrv

@@ -1,0 +1,106 @@
+// Store: the durable memory of the configuration service. It holds only what differs from the
+// definitions, with a revision that grows by one with each committed transaction.
+//
+// Shape    one file, with companions beside it while in use: FILE-wal (the log), FILE.lock, and
+//          FILE.snapshot (the last snapshot). Files get mode 0600; a missing directory is made,
+//          with mode 0700, its missing parents too.
+// Durable  what commit() acknowledged survives the loss of power.
+// Faults   a damaged file never keeps open() from succeeding: it is set aside as
+//          FILE.damaged-<UTC time> with its companions (the newest kMaxSetAside are kept), the
+//          snapshot takes its place, or else an empty store, and OpenedStore::notice says so. The
+//          same goes for a file that is missing beside a snapshot.
+//          A file written by a newer version is refused and not touched.
+// Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
+//          has it, it is the queue's.
+// Owns     its files, from open() to destruction; a second open() of the same file is refused, in
+//          this process or any other.
+//
+//   OpenedStore opened = Store::open({"/var/lib/appconfig/store.db"});
+//   if (!opened.status.ok()) return fail(opened.status.text);
+//   if (!opened.notice.empty()) log(opened.notice);
+//   model.take(std::move(opened.variables));
+//   CommitResult result = opened.store->commit({{change}, {otherChange, thirdChange}});
+//   if (result.status.ok()) answer(result.revisions);  // For instance 8, 9.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "configsrv/store/store_status.h"
+#include "configsrv/store/stored_variable.h"
+
+namespace ConfigSrv {
+
+struct OpenedStore;
+
+struct StoreOptions {
+  std::string file;
+  // The SQLite VFS that reads and writes the store's database files; empty for the default. The
+  // lock file, and the renaming and copying of whole files, do not go through it.
+  std::string vfs{};
+  // The size that the file may grow to; beyond it commits fail with kDiskFull.
+  std::uint64_t maxBytes = std::uint64_t{64} << 20;
+};
+
+struct [[nodiscard]] CommitResult {
+  StoreStatus status;
+  // One for each transaction, in order; empty after a failure. An empty transaction gets the
+  // revision before it and none of its own.
+  std::vector<std::uint64_t> revisions;
+};
+
+class Store {
+ public:
+  // The damaged files that are kept, so that a failing disk does not fill itself with them.
+  static constexpr int kMaxSetAside = 3;
+  // The log is copied into the file once it has this many pages, and never kept larger than that.
+  static constexpr int kLogPages = 1000;
+
+  // Reads and checks the whole file. Fails with kInUse, kNewerFormat, kUnusable, kIo, or kDiskFull
+  // (when a new file has to be begun and cannot be). A failure leaves the file as it was, except
+  // that a damaged one may have been set aside already.
+  static OpenedStore open(const StoreOptions& options);
+
+  // Closes the file; commits are durable already, so nothing can fail here that matters.
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  // Made at random when the file is begun, and anew when a snapshot takes its place. Revisions
+  // compare only under the same id: with another one they may have gone back. Never 0.
+  std::uint64_t storeId() const;
+
+  // The newest committed revision; 0 in an empty store.
+  std::uint64_t revision() const;
+
+  // Makes the transactions durable, all of them or none, by one write to the disk. Fails with
+  // kDiskFull or kIo: nothing of it is visible then, revision() is as before, and the store is
+  // usable again as soon as the disk is. After a kIo, a loss of power before the next successful
+  // commit may bring the failed transactions back, whole: the disk may have them despite its
+  // answer.
+  CommitResult commit(const std::vector<StoreTransaction>& transactions);
+
+  // Replaces FILE.snapshot by a copy of the store as it is now. A failure (kDiskFull, kIo) leaves
+  // the previous snapshot in place. Takes time in proportion to the store's size.
+  StoreStatus snapshot();
+
+  // The revisions made since the snapshot; all of them when there is none.
+  std::uint64_t commitsSinceSnapshot() const;
+
+ private:
+  class Impl;
+  explicit Store(std::unique_ptr<Impl> impl);
+
+  std::unique_ptr<Impl> impl_;
+};
+
+struct [[nodiscard]] OpenedStore {
+  StoreStatus status;
+  std::unique_ptr<Store> store;           // Null unless status is ok.
+  std::vector<StoredVariable> variables;  // In the order of std::less<ConfigVar>.
+  std::string notice;  // One line for the log when something had to be set aside, else empty.
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,291 @@
+#include "configsrv/store/internal/store_contents.h"
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <utility>
+
+#include "configsrv/store/internal/row_codec.h"
+
+namespace ConfigSrv {
+namespace {
+
+using Condition = StoreContents::Condition;
+
+// Written into the file's header, where file(1) and sqlite3 show it: "ACFG".
+constexpr std::int64_t kApplicationId = 0x41434647;
+
+const char kMetaTable[] =
+    "CREATE TABLE meta (format INTEGER NOT NULL, store_id INTEGER NOT NULL, "
+    "checksum INTEGER NOT NULL)";
+
+// Names are BLOBs because they are byte strings; BLOBs also order as std::less<ConfigVar> does.
+const char kVariableTable[] =
+    "CREATE TABLE variable (namespace INTEGER NOT NULL, group_name BLOB NOT NULL, "
+    "group_instance INTEGER NOT NULL, name BLOB NOT NULL, name_instance INTEGER NOT NULL, "
+    "value BLOB, options BLOB, default_index INTEGER, read_role INTEGER, write_role INTEGER, "
+    "value_at INTEGER NOT NULL, options_at INTEGER NOT NULL, access_at INTEGER NOT NULL, "
+    "checksum INTEGER NOT NULL, "
+    "PRIMARY KEY (namespace, group_name, group_instance, name, name_instance)) WITHOUT ROWID";
+
+#define APPCONFIG_VARIABLE_COLUMNS                                                              \
+  "namespace, group_name, group_instance, name, name_instance, value, options, default_index, " \
+  "read_role, write_role, value_at, options_at, access_at, checksum"
+#define APPCONFIG_VARIABLE_KEY "namespace, group_name, group_instance, name, name_instance"
+
+const char kSelectAll[] =
+    "SELECT " APPCONFIG_VARIABLE_COLUMNS " FROM variable ORDER BY " APPCONFIG_VARIABLE_KEY;
+const char kSelectOne[] = "SELECT " APPCONFIG_VARIABLE_COLUMNS
+                          " FROM variable WHERE namespace=?1 AND group_name=?2 AND "
+                          "group_instance=?3 AND name=?4 AND name_instance=?5";
+const char kWriteOne[] =
+    "INSERT INTO variable (" APPCONFIG_VARIABLE_COLUMNS
+    ") VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14) "
+    "ON CONFLICT DO UPDATE SET value=?6, options=?7, default_index=?8, read_role=?9, "
+    "write_role=?10, value_at=?11, options_at=?12, access_at=?13, checksum=?14";
+
+StoreContents newerFormat(const Database& database, std::int64_t format) {
+  StoreContents contents;
+  contents.condition = Condition::kNewerFormat;
+  contents.status = {StoreCode::kNewerFormat,
+                     "the store " + database.file() + " has format " + std::to_string(format) +
+                         ", and this version knows formats up to " + std::to_string(kStoreFormat) +
+                         "; it was not touched: install the newer version again, or move the file "
+                         "away to begin an empty store"};
+  return contents;
+}
+
+// A signed 64-bit column as the narrower number it was written from.
+template <typename Number>
+bool narrow(const std::optional<std::int64_t>& wide, Number* number) {
+  if (!wide || *wide < std::int64_t{std::numeric_limits<Number>::min()} ||
+      *wide > std::int64_t{std::numeric_limits<Number>::max()}) {
+    return false;
+  }
+  *number = static_cast<Number>(*wide);
+  return true;
+}
+
+template <typename Number>
+bool readOptional(const Statement& row, int column, std::optional<Number>* number) {
+  number->reset();
+  return row.isNull(column) || narrow(row.number(column), &number->emplace());
+}
+
+bool readOptional(const Statement& row, int column, std::optional<std::string>* bytes) {
+  bytes->reset();
+  if (row.isNull(column)) return true;
+  *bytes = row.bytes(column);
+  return bytes->has_value();
+}
+
+bool readRevision(const Statement& row, int column, std::uint64_t* revision) {
+  const std::optional<std::int64_t> number = row.number(column);
+  if (!number || *number < 0) return false;
+  *revision = static_cast<std::uint64_t>(*number);
+  return true;
+}
+
+template <typename Strings>
+bool decodeOptional(const std::optional<std::string>& bytes, std::optional<Strings>* strings) {
+  strings->reset();
+  if (!bytes) return true;
+  *strings = decodeStrings<Strings>(*bytes);
+  return strings->has_value();
+}
+
+std::optional<ConfigVar> readKey(const Statement& row) {
+  std::int32_t nameSpace = 0;
+  std::int32_t groupInstance = 0;
+  std::int32_t nameInstance = 0;
+  const std::optional<std::string> group = row.bytes(1);
+  const std::optional<std::string> name = row.bytes(3);
+  if (!narrow(row.number(0), &nameSpace) || !group || !narrow(row.number(2), &groupInstance) ||
+      !name || !narrow(row.number(4), &nameInstance)) {
+    return std::nullopt;
+  }
+  return ConfigVar(nameSpace, *group, groupInstance, *name, nameInstance);
+}
+
+// False when the row is not one that writeRow made.
+bool readRow(const Statement& row, StoredVariable* variable) {
+  const std::optional<ConfigVar> key = readKey(row);
+  std::optional<std::string> value;
+  std::optional<std::string> options;
+  std::uint32_t checksum = 0;
+  if (!key || !readOptional(row, 5, &value) || !readOptional(row, 6, &options) ||
+      !readOptional(row, 7, &variable->defaultIndex) ||
+      !readOptional(row, 8, &variable->readRole) || !readOptional(row, 9, &variable->writeRole) ||
+      !readRevision(row, 10, &variable->valueChangedAt) ||
+      !readRevision(row, 11, &variable->optionsChangedAt) ||
+      !readRevision(row, 12, &variable->accessChangedAt) || !narrow(row.number(13), &checksum)) {
+    return false;
+  }
+  variable->key = *key;
+  return checksum == rowChecksum(*variable, value, options) &&
+         decodeOptional(value, &variable->value) && decodeOptional(options, &variable->options);
+}
+
+void bindKey(const ConfigVar& key, Statement* statement) {
+  statement->bind(1, std::int64_t{key.nameSpace()});
+  statement->bind(2, std::string_view(key.group()));
+  statement->bind(3, std::int64_t{key.groupInstance()});
+  statement->bind(4, std::string_view(key.name()));
+  statement->bind(5, std::int64_t{key.nameInstance()});
+}
+
+template <typename Number>
+std::optional<std::int64_t> widen(const std::optional<Number>& number) {
+  if (!number) return std::nullopt;
+  return std::int64_t{*number};
+}
+
+template <typename Strings>
+std::optional<std::string> encodeOptional(const std::optional<Strings>& strings) {
+  if (!strings) return std::nullopt;
+  return encodeStrings(*strings);
+}
+
+bool hasSchema(Database& database, const char* table, const char* schema) {
+  std::string found;
+  return database.readText(std::string("SELECT sql FROM sqlite_schema WHERE name='") + table + "'",
+                           &found) &&
+         found == schema;
+}
+
+std::uint64_t newestRevision(const StoredVariable& variable) {
+  return std::max({variable.valueChangedAt, variable.optionsChangedAt, variable.accessChangedAt});
+}
+
+bool readMeta(Database& database, StoreContents* contents) {
+  Statement row(database, "SELECT format, store_id, checksum FROM meta");
+  if (!row.isReady() || row.step() != Statement::Step::kRow) return false;
+  const std::int64_t format = row.number(0).value_or(0);
+  contents->storeId = static_cast<std::uint64_t>(row.number(1).value_or(0));
+  return format == kStoreFormat && contents->storeId != 0 &&
+         row.number(2) == std::int64_t{metaChecksum(format, contents->storeId)};
+}
+
+StoreContents readVariables(const Database& database, StoreContents contents) {
+  Statement rows(database, kSelectAll);
+  if (!rows.isReady()) return contentsAfterFailure(database);
+  const std::less<ConfigVar> less;
+  std::vector<StoredVariable>& variables = contents.variables;
+  Statement::Step step = rows.step();
+  for (; step == Statement::Step::kRow; step = rows.step()) {
+    StoredVariable variable{ConfigVar("", 0, "", 0)};
+    if (!readRow(rows, &variable)) return damagedContents("a row does not match its checksum");
+    if (!variables.empty() && !less(variables.back().key, variable.key)) {
+      return damagedContents("its rows are out of order");
+    }
+    contents.revision = std::max(contents.revision, newestRevision(variable));
+    variables.push_back(std::move(variable));
+  }
+  return step == Statement::Step::kDone ? std::move(contents) : contentsAfterFailure(database);
+}
+
+bool insertMeta(Database& database, std::uint64_t storeId) {
+  return database.run("INSERT INTO meta VALUES (" + std::to_string(kStoreFormat) + "," +
+                      std::to_string(static_cast<std::int64_t>(storeId)) + "," +
+                      std::to_string(metaChecksum(kStoreFormat, storeId)) + ")");
+}
+
+}  // namespace
+
+StoreContents damagedContents(const std::string& damage) {
+  StoreContents contents;
+  contents.condition = Condition::kDamaged;
+  contents.damage = damage;
+  return contents;
+}
+
+StoreContents contentsAfterFailure(const Database& database) {
+  if (database.lastFailureIsDamage()) return damagedContents(database.lastMessage());
+  StoreContents contents;
+  contents.condition = Condition::kFailed;
+  contents.status = database.lastFailure("read");
+  return contents;
+}
+
+bool createContents(Database& database, std::uint64_t storeId) {
+  return database.run("BEGIN IMMEDIATE") &&
+         database.run("PRAGMA application_id=" + std::to_string(kApplicationId)) &&
+         database.run("PRAGMA user_version=" + std::to_string(kStoreFormat)) &&
+         database.run(kMetaTable) && database.run(kVariableTable) &&
+         insertMeta(database, storeId) && database.run("COMMIT");
+}
+
+StoreContents checkFormat(Database& database) {
+  std::int64_t version = 0;
+  std::int64_t application = 0;
+  if (!database.readNumber("PRAGMA user_version", &version) ||
+      !database.readNumber("PRAGMA application_id", &application)) {
+    return contentsAfterFailure(database);
+  }
+  if (application != kApplicationId) return damagedContents("it is not a configuration store");
+  if (version == kStoreFormat) return {};
+  std::int64_t format = 0;
+  const bool known = database.readNumber("SELECT format FROM meta", &format);
+  if (known && format == version && version > kStoreFormat) return newerFormat(database, version);
+  return damagedContents("its header names format " + std::to_string(version));
+}
+
+StoreContents readContents(Database& database) {
+  StoreContents contents = checkFormat(database);
+  if (contents.condition != Condition::kGood) return contents;
+  std::string check;
+  if (!database.readText("PRAGMA quick_check(1)", &check)) return contentsAfterFailure(database);
+  if (check != "ok") return damagedContents(check);
+  if (!hasSchema(database, "meta", kMetaTable) ||
+      !hasSchema(database, "variable", kVariableTable)) {
+    return damagedContents("its tables are not those of a configuration store");
+  }
+  if (!readMeta(database, &contents))
+    return damagedContents("its meta row does not match its checksum");
+  return readVariables(database, std::move(contents));
+}
+
+bool replaceStoreId(Database& database, std::uint64_t storeId) {
+  return database.run("BEGIN IMMEDIATE") && database.run("DELETE FROM meta") &&
+         insertMeta(database, storeId) && database.run("COMMIT");
+}
+
+bool readNewestRevision(Database& database, std::uint64_t* revision) {
+  std::int64_t number = 0;
+  const bool read = database.readNumber(
+      "SELECT max(max(value_at, options_at, access_at)) FROM variable", &number);
+  *revision = static_cast<std::uint64_t>(number);
+  return read;
+}
+
+VariableTable::VariableTable(const Database& database)
+    : select_(database, kSelectOne), write_(database, kWriteOne) {}
+
+VariableTable::Found VariableTable::read(StoredVariable* variable) {
+  const ConfigVar key = variable->key;  // What is bound must outlive the reading of the row.
+  bindKey(key, &select_);
+  const Statement::Step step = select_.step();
+  const bool good = step != Statement::Step::kRow || readRow(select_, variable);
+  select_.reset();
+  if (step == Statement::Step::kFailed) return Found::kFailed;
+  if (step == Statement::Step::kDone) return Found::kNothing;
+  return good ? Found::kRow : Found::kDamaged;
+}
+
+bool VariableTable::write(const StoredVariable& variable) {
+  const std::optional<std::string> value = encodeOptional(variable.value);
+  const std::optional<std::string> options = encodeOptional(variable.options);
+  bindKey(variable.key, &write_);
+  write_.bind(6, value);
+  write_.bind(7, options);
+  write_.bind(8, widen(variable.defaultIndex));
+  write_.bind(9, widen(variable.readRole));
+  write_.bind(10, widen(variable.writeRole));
+  write_.bind(11, static_cast<std::int64_t>(variable.valueChangedAt));
+  write_.bind(12, static_cast<std::int64_t>(variable.optionsChangedAt));
+  write_.bind(13, static_cast<std::int64_t>(variable.accessChangedAt));
+  write_.bind(14, std::int64_t{rowChecksum(variable, value, options)});
+  return write_.finish();
+}
+
+}  // namespace ConfigSrv

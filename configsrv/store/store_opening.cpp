@@ -1,0 +1,195 @@
+// The order matters. Nothing is touched before the lock is held, so that nobody is in the middle of
+// using what is about to be renamed. Nothing is written before the format is known, so that a newer
+// version finds its file as it left it. Whatever replaces the file is finished under another name
+// and then renamed, so that a loss of power leaves the old state or the new one.
+#include "configsrv/store/internal/store_opening.h"
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+namespace ConfigSrv {
+namespace {
+
+using Condition = StoreContents::Condition;
+
+constexpr int kPageBytes = 4096;
+
+// Needs to be different, not secret: a device that has gathered no entropy yet must not wait.
+std::uint64_t makeStoreId() {
+  std::uint64_t id = 0;
+  if (::getrandom(&id, sizeof id, GRND_NONBLOCK) != sizeof id) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch().count();
+    id = static_cast<std::uint64_t>(now) * 0x9E3779B97F4A7C15U ^
+         static_cast<std::uint64_t>(::getpid()) << 48;
+  }
+  return id != 0 ? id : 1;
+}
+
+std::string onOneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
+// Nothing was read yet, so whatever is wrong is not the file's contents.
+StoreContents notOpened(const Database& database) {
+  StoreContents contents;
+  contents.condition = Condition::kFailed;
+  contents.status = database.lastFailure("open");
+  return contents;
+}
+
+}  // namespace
+
+StoreStatus StoreOpening::run() {
+  StoreStatus status = files_.makeDirectory();
+  if (status.ok()) status = lock_.take(files_.lockFile(), files_.file());
+  if (status.ok()) status = open();
+  return status;
+}
+
+StoreStatus StoreOpening::open() {
+  StoreFiles::Presence presence = StoreFiles::Presence::kNothing;
+  StoreStatus status = files_.inspect(&presence);
+  if (!status.ok()) return status;
+  switch (presence) {
+    case StoreFiles::Presence::kNothing:
+      return beginEmpty();
+    case StoreFiles::Presence::kMainGone:
+      return recover("it is missing or empty");
+    case StoreFiles::Presence::kThere:
+      return load();
+  }
+  return status;
+}
+
+StoreStatus StoreOpening::beginEmpty() {
+  StoreStatus status = files_.create(files_.newFile());
+  if (status.ok()) status = makeEmpty();
+  if (status.ok()) status = files_.install(files_.newFile(), files_.file());
+  if (status.ok()) return load();
+  files_.discard(files_.newFile());
+  return status;
+}
+
+StoreStatus StoreOpening::makeEmpty() {
+  Database database(files_.newFile(), options_.vfs, Database::Access::kReadWrite);
+  // No journal on the disk: a half-made file is thrown away, not repaired.
+  const bool made = database.isOpen() && database.run("PRAGMA journal_mode=MEMORY") &&
+                    database.run("PRAGMA page_size=" + std::to_string(kPageBytes)) &&
+                    createContents(database, makeStoreId());
+  return made ? StoreStatus() : database.lastFailure("begin");
+}
+
+StoreStatus StoreOpening::load() {
+  contents_ = openAndRead();
+  switch (contents_.condition) {
+    case Condition::kGood:
+      database_->keepLogOnClose(false);
+      return {};
+    case Condition::kDamaged:
+      return recover("it is damaged (" + contents_.damage + ")");
+    case Condition::kNewerFormat:
+    case Condition::kFailed:
+      break;
+  }
+  return contents_.status;
+}
+
+StoreContents StoreOpening::openAndRead() {
+  database_.emplace(files_.file(), options_.vfs, Database::Access::kReadWrite);
+  if (!database_->isOpen()) return notOpened(*database_);
+  // What is refused keeps its log as it is, and so does what will be set aside.
+  database_->keepLogOnClose(true);
+  // Before the first read: so the log's index is in memory and no file is shared with anybody.
+  if (!database_->run("PRAGMA locking_mode=EXCLUSIVE")) return contentsAfterFailure(*database_);
+  StoreContents contents = checkFormat(*database_);
+  if (contents.condition != Condition::kGood) return contents;
+  // The file could be opened for writing, or this would not have been reached.
+  if (database_->isReadOnly()) return damagedContents("its header says that it is read-only");
+  if (!useLog()) return contentsAfterFailure(*database_);
+  return readContents(*database_);
+}
+
+bool StoreOpening::useLog() {
+  std::string mode;
+  std::int64_t pageBytes = 0;
+  if (!database_->readText("PRAGMA journal_mode=WAL", &mode) || mode != "wal" ||
+      !database_->readNumber("PRAGMA page_size", &pageBytes) || pageBytes <= 0) {
+    return false;
+  }
+  const std::uint64_t maxPages = options_.maxBytes / static_cast<std::uint64_t>(pageBytes);
+  const std::int64_t logBytes = pageBytes * Store::kLogPages;
+  return database_->run("PRAGMA synchronous=FULL") && database_->run("PRAGMA temp_store=MEMORY") &&
+         database_->run("PRAGMA cell_size_check=ON") &&
+         database_->run("PRAGMA wal_autocheckpoint=" + std::to_string(Store::kLogPages)) &&
+         database_->run("PRAGMA journal_size_limit=" + std::to_string(logBytes)) &&
+         database_->run("PRAGMA max_page_count=" + std::to_string(maxPages));
+}
+
+StoreStatus StoreOpening::recover(const std::string& whatIsWrong) {
+  // Closes the file, if it was opened, before it is renamed.
+  database_.reset();
+  if (recovering_) {
+    return {StoreCode::kIo, "the store " + files_.file() + " was begun anew, and still " +
+                                onOneLine(whatIsWrong) + "; check the disk"};
+  }
+  recovering_ = true;
+  notice_ = "the store " + files_.file() + " cannot be used: " + onOneLine(whatIsWrong);
+  return replaceDamaged();
+}
+
+StoreStatus StoreOpening::replaceDamaged() {
+  std::string aside;
+  StoreStatus status = files_.setAside(&aside);
+  if (!status.ok()) return status;
+  notice_ += "; what was there is now " + aside;
+  bool restored = false;
+  status = restoreSnapshot(&restored);
+  if (!status.ok()) return status;
+  if (restored) return load();
+  notice_ += "; an empty store was begun, so every variable has its default";
+  return beginEmpty();
+}
+
+StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
+  if (!files_.hasSnapshot()) return {};
+  StoreStatus copied = files_.copySnapshotTo(files_.newFile());
+  if (!copied.ok()) return copied;
+  const StoreContents contents = makeRestored();
+  if (contents.condition == Condition::kFailed) return contents.status;
+  if (contents.condition == Condition::kGood) {
+    *restored = true;
+    notice_ +=
+        "; the snapshot of revision " + std::to_string(contents.revision) + " took its place";
+    return files_.install(files_.newFile(), files_.file());
+  }
+  std::string aside;
+  StoreStatus status = files_.setSnapshotAside(&aside);
+  notice_ += "; the snapshot cannot be used either and is now " + aside;
+  return status;
+}
+
+// The new id comes before the new name: under the old id, older revisions would be taken for news.
+StoreContents StoreOpening::makeRestored() {
+  Database database(files_.newFile(), options_.vfs, Database::Access::kReadWrite);
+  if (!database.isOpen()) return notOpened(database);
+  StoreContents contents = readContents(database);
+  if (contents.condition != Condition::kGood) return contents;
+  if (!replaceStoreId(database, makeStoreId())) return contentsAfterFailure(database);
+  return contents;
+}
+
+std::uint64_t StoreOpening::snapshotRevision() const {
+  if (!files_.hasSnapshot()) return 0;
+  Database database(files_.snapshotFile(), options_.vfs, Database::Access::kReadOnly);
+  std::uint64_t revision = 0;
+  // One that cannot be read counts as none: the next snapshot replaces it.
+  if (!database.isOpen() || !readNewestRevision(database, &revision)) return 0;
+  return revision;
+}
+
+}  // namespace ConfigSrv

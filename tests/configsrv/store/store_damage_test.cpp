@@ -1,0 +1,247 @@
+#include <random>
+
+#include "tests/configsrv/store/store_fixture.h"
+
+namespace ConfigSrv {
+namespace {
+
+std::string fastDirectory() {
+  return ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : testing::TempDir();
+}
+
+// Hundreds of files are opened here, and each one that is begun anew is synced.
+class StoreDamageTest : public StoreFixture {
+ protected:
+  static constexpr int kRevisions = 40;
+
+  StoreDamageTest() : StoreFixture(fastDirectory()) {}
+
+  // Revision n sets v<n> to n: which of them are there shows which commits survived.
+  void fill() {
+    open();
+    for (int i = 1; i <= kRevisions; ++i) {
+      set("v" + std::to_string(i), std::string(100, 'x') + std::to_string(i));
+    }
+  }
+
+  // What a loss of power leaves: everything still in the log.
+  void fillAndLosePower() {
+    fill();
+    const std::string main = readFile(file_);
+    log_ = readFile(file_ + "-wal");
+    close();
+    main_ = main;
+  }
+  void fillAndClose() {
+    fill();
+    close();
+    main_ = readFile(file_);
+  }
+
+  void reopenWith(const std::string& main, const std::string& log) {
+    close();
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      std::filesystem::remove(entry.path());
+    }
+    writeFile(file_, main);
+    if (!log.empty()) writeFile(file_ + "-wal", log);
+    open();
+  }
+
+  // Either what is served is what was committed, up to some revision, or the file was set aside
+  // and nothing is served.
+  void expectNothingWrong(const std::string& what) {
+    SCOPED_TRACE(what + ": " + notice());
+    if (!notice().empty()) {
+      EXPECT_FALSE(filesNamed("store.db.damaged-").empty());
+      EXPECT_TRUE(variables().empty());
+      EXPECT_EQ(store().revision(), 0U);
+    } else {
+      EXPECT_EQ(variables().size(), store().revision());
+      for (const StoredVariable& variable : variables()) {
+        const std::string number = std::to_string(variable.valueChangedAt);
+        EXPECT_EQ(variable.key.name(), "v" + number);
+        EXPECT_EQ(variable.value, std::list<std::string>{std::string(100, 'x') + number});
+      }
+    }
+    EXPECT_TRUE(store().commit({{setting("after", "x")}}).status.ok());
+  }
+
+  std::string main_;
+  std::string log_;
+};
+
+TEST_F(StoreDamageTest, WhatIsNoDatabaseIsSetAsideAndAnEmptyStoreBegun) {
+  fillAndClose();
+  const std::uint64_t id = open().storeId();
+  reopenWith(std::string(10000, 'x'), "");
+  EXPECT_NE(notice().find(file_), std::string::npos);
+  EXPECT_NE(notice().find("not a database"), std::string::npos) << notice();
+  EXPECT_EQ(notice().find('\n'), std::string::npos);
+  EXPECT_TRUE(variables().empty());
+  EXPECT_NE(store().storeId(), id);
+  const std::vector<std::string> aside = filesNamed("store.db.damaged-");
+  ASSERT_FALSE(aside.empty());
+  EXPECT_TRUE(readFile(directory_.path() + "/" + aside.front()) == std::string(10000, 'x'));
+  EXPECT_NE(notice().find(directory_.path() + "/" + aside.front().substr(0, 33)),
+            std::string::npos);
+  EXPECT_EQ(open().revision(), 0U);
+  EXPECT_EQ(notice(), "");
+}
+
+TEST_F(StoreDamageTest, AnotherDatabaseIsSetAside) {
+  runSql(file_, "CREATE TABLE meta(format); CREATE TABLE other(x); INSERT INTO other VALUES (1)");
+  open();
+  EXPECT_NE(notice().find("not a configuration store"), std::string::npos) << notice();
+}
+
+TEST_F(StoreDamageTest, ARowThatDoesNotMatchItsChecksumIsDamage) {
+  const char* const kEdits[] = {
+      "UPDATE variable SET value=X'0100000041' WHERE name=X'7637'",
+      "UPDATE variable SET value=NULL WHERE name=X'7637'",
+      "UPDATE variable SET value='text' WHERE name=X'7637'",
+      "UPDATE variable SET read_role=4 WHERE name=X'7637'",
+      "UPDATE variable SET default_index=-1 WHERE name=X'7637'",
+      "UPDATE variable SET value_at=-1 WHERE name=X'7637'",
+      "UPDATE variable SET value_at=4611686018427387904 WHERE name=X'7637'",
+      "UPDATE variable SET namespace=99999999999 WHERE name=X'7637'",
+      "UPDATE variable SET name=X'5637' WHERE name=X'7637'",
+      "UPDATE variable SET group_name='test' WHERE name=X'7637'",
+      "UPDATE variable SET checksum=0 WHERE name=X'7637'",
+      "UPDATE meta SET store_id=5",
+      "DELETE FROM meta",
+      "DROP TABLE meta",
+      "DROP TABLE variable",
+      "ALTER TABLE variable ADD COLUMN extra",
+  };
+  fillAndClose();
+  for (const char* edit : kEdits) {
+    close();
+    writeFile(file_, main_);
+    runSql(file_, edit);
+    open();
+    EXPECT_NE(notice(), "") << edit;
+    EXPECT_TRUE(variables().empty()) << edit;
+  }
+}
+
+TEST_F(StoreDamageTest, AFileCutAnywhereIsSetAside) {
+  fillAndClose();
+  for (std::size_t length = 1; length < main_.size(); length += 509) {
+    reopenWith(main_.substr(0, length), "");
+    EXPECT_NE(notice(), "") << length;
+    expectNothingWrong("cut at " + std::to_string(length));
+  }
+}
+
+TEST_F(StoreDamageTest, AFlippedByteInTheFileNeverBecomesAValue) {
+  fillAndClose();
+  std::mt19937 random(2);
+  std::vector<std::size_t> places;
+  for (std::size_t i = 0; i < 100; ++i) places.push_back(i);  // All of the header.
+  for (int i = 0; i < 300; ++i) places.push_back(random() % main_.size());
+  for (const std::size_t place : places) {
+    std::string bytes = main_;
+    bytes[place] = static_cast<char>(bytes[place] ^ (1 << (random() % 8)));
+    reopenWith(bytes, "");
+    expectNothingWrong("byte " + std::to_string(place));
+    if (notice().empty()) {
+      EXPECT_EQ(variables().size(), std::size_t{kRevisions}) << place;
+    }
+  }
+}
+
+TEST_F(StoreDamageTest, APageOfNoiseInTheFileNeverBecomesAValue) {
+  fillAndClose();
+  std::mt19937 random(3);
+  for (std::size_t page = 0; page < main_.size(); page += 4096) {
+    for (int round = 0; round < 8; ++round) {
+      std::string bytes = main_;
+      const std::size_t length = std::min<std::size_t>(4096, bytes.size() - page);
+      for (std::size_t i = 0; i < length; ++i) {
+        bytes[page + i] = round == 0 ? '\0' : static_cast<char>(random());
+      }
+      reopenWith(bytes, "");
+      expectNothingWrong("page at " + std::to_string(page));
+    }
+  }
+}
+
+TEST_F(StoreDamageTest, ACutLogGivesTheCommitsBeforeTheCut) {
+  fillAndLosePower();
+  reopenWith(main_, log_);
+  EXPECT_EQ(store().revision(), std::uint64_t{kRevisions});
+  EXPECT_EQ(notice(), "");
+  std::uint64_t last = 0;
+  for (std::size_t length = 0; length < log_.size(); length += 1013) {
+    reopenWith(main_, log_.substr(0, length));
+    EXPECT_EQ(notice(), "") << length;
+    EXPECT_GE(store().revision(), last);
+    last = store().revision();
+    expectNothingWrong("log cut at " + std::to_string(length));
+  }
+  EXPECT_GT(last, 30U);
+}
+
+TEST_F(StoreDamageTest, AFlippedByteInTheLogGivesTheCommitsBeforeIt) {
+  fillAndLosePower();
+  std::mt19937 random(4);
+  for (int i = 0; i < 200; ++i) {
+    std::string bytes = log_;
+    const std::size_t place = i < 32 ? static_cast<std::size_t>(i) : random() % bytes.size();
+    bytes[place] = static_cast<char>(bytes[place] ^ (1 << (random() % 8)));
+    reopenWith(main_, bytes);
+    expectNothingWrong("log byte " + std::to_string(place));
+  }
+}
+
+TEST_F(StoreDamageTest, NoiseOfAnyLengthIsSetAside) {
+  std::mt19937 random(5);
+  for (int i = 0; i < 100; ++i) {
+    std::string bytes(1 + random() % 20000, '\0');
+    for (char& c : bytes) c = static_cast<char>(random());
+    reopenWith(bytes, i % 2 == 0 ? "" : bytes);
+    EXPECT_NE(notice(), "");
+    expectNothingWrong("noise of " + std::to_string(bytes.size()));
+  }
+}
+
+TEST_F(StoreDamageTest, ALogWithoutItsFileIsNotReplayedIntoANewOne) {
+  fillAndLosePower();
+  close();
+  std::filesystem::remove(file_);
+  writeFile(file_ + "-wal", log_);
+  open();
+  EXPECT_NE(notice().find("missing"), std::string::npos) << notice();
+  EXPECT_TRUE(variables().empty());
+  EXPECT_EQ(filesNamed("-wal").size(), 2U);  // The one set aside and the new one.
+}
+
+TEST_F(StoreDamageTest, AnEmptyFileWithNothingBesideItIsANewStore) {
+  writeFile(file_, "");
+  open();
+  EXPECT_EQ(notice(), "");
+  EXPECT_EQ(set("a", "1"), 1U);
+}
+
+TEST_F(StoreDamageTest, OnlyTheNewestDamagedFilesAreKept) {
+  for (int i = 0; i < Store::kMaxSetAside + 3; ++i) {
+    close();
+    writeFile(file_, "damaged " + std::to_string(i) + std::string(600, 'x'));
+    open();
+    EXPECT_NE(notice(), "");
+  }
+  std::vector<std::string> mains;
+  for (const std::string& name : filesNamed("damaged-")) {
+    if (name.find("-wal") == std::string::npos) mains.push_back(name);
+  }
+  EXPECT_EQ(mains.size(), std::size_t{Store::kMaxSetAside});
+  bool newestKept = false;
+  for (const std::string& name : mains) {
+    newestKept |= readFile(directory_.path() + "/" + name).compare(0, 9, "damaged 5") == 0;
+  }
+  EXPECT_TRUE(newestKept);
+}
+
+}  // namespace
+}  // namespace ConfigSrv

@@ -1,0 +1,212 @@
+#include "configsrv/store/store.h"
+
+#include "tests/configsrv/store/store_fixture.h"
+
+namespace ConfigSrv {
+namespace {
+
+class StoreTest : public StoreFixture {};
+
+TEST_F(StoreTest, ANewStoreIsEmptyAtRevisionZero) {
+  open();
+  EXPECT_EQ(store().revision(), 0U);
+  EXPECT_NE(store().storeId(), 0U);
+  EXPECT_TRUE(variables().empty());
+  EXPECT_EQ(notice(), "");
+}
+
+TEST_F(StoreTest, TheStoreIdSurvivesAReopening) {
+  const std::uint64_t id = open().storeId();
+  EXPECT_EQ(open().storeId(), id);
+}
+
+TEST_F(StoreTest, TwoStoresHaveTwoIds) {
+  const std::uint64_t id = open().storeId();
+  close();
+  std::filesystem::remove(file_);
+  EXPECT_NE(open().storeId(), id);
+}
+
+TEST_F(StoreTest, ACommittedValueIsThereAfterAReopening) {
+  open();
+  EXPECT_EQ(set("a", "1"), 1U);
+  EXPECT_EQ(set("a", "2"), 2U);
+  open();
+  EXPECT_EQ(value("a"), "2");
+  EXPECT_EQ(store().revision(), 2U);
+  EXPECT_EQ(variables().at(0).valueChangedAt, 2U);
+  EXPECT_EQ(set("b", "3"), 3U);
+}
+
+TEST_F(StoreTest, EveryKindOfChangeComesBackAsApplyChangeMakesIt) {
+  open();
+  const StoreTransaction transactions[] = {
+      {{keyOf("a"), StoreChange::SetValue{{"x", std::string("\0\xff", 2), ""}}}},
+      {{keyOf("a"), StoreChange::SetOptions{{{"x", "y"}}, 1}}},
+      {{keyOf("a"), StoreChange::SetAccess{2, -1}}},
+      {{keyOf("b"), StoreChange::SetOptions{{std::vector<std::string>{}}, {}}}},
+      {{keyOf("b"), StoreChange::SetValue{{}}}},
+      {{keyOf("a"), StoreChange::ResetValue{}}},
+      {{keyOf("a"), StoreChange::ResetAttributes{}}},
+  };
+  std::vector<StoredVariable> expected = {StoredVariable(keyOf("a")), StoredVariable(keyOf("b"))};
+  std::uint64_t revision = 0;
+  for (const StoreTransaction& transaction : transactions) {
+    const std::size_t which = transaction.front().key.name() == "a" ? 0 : 1;
+    applyChange(transaction.front(), ++revision, &expected[which]);
+    EXPECT_EQ(commit(transaction), revision);
+    open();
+    ASSERT_FALSE(variables().empty());
+    EXPECT_EQ(variables().front(), expected.front());
+    if (variables().size() > 1) {
+      EXPECT_EQ(variables().back(), expected.back());
+    }
+  }
+  EXPECT_EQ(variables().size(), 2U);
+}
+
+TEST_F(StoreTest, AVariableBackAtItsDefaultKeepsTheRevisionOfItsReset) {
+  open();
+  set("a", "1");
+  commit({{keyOf("a"), StoreChange::ResetValue{}}});
+  open();
+  ASSERT_EQ(variables().size(), 1U);
+  EXPECT_FALSE(variables()[0].value.has_value());
+  EXPECT_EQ(variables()[0].valueChangedAt, 2U);
+  EXPECT_EQ(store().revision(), 2U);
+}
+
+TEST_F(StoreTest, KeysDifferInEachOfTheirFiveFields) {
+  const std::vector<ConfigVar> keys = {
+      ConfigVar(-1, "g", 0, "n", 0),
+      ConfigVar(0, "", 0, "", 0),
+      ConfigVar(0, "g", -1, "n", 0),
+      ConfigVar(0, "g", 0, "", 0),
+      ConfigVar(0, "g", 0, "n", -1),
+      ConfigVar(0, "g", 0, "n", 0),
+      ConfigVar(0, "g", 0, "n.m", 0),
+      ConfigVar(0, std::string("g\0x", 3), 0, "n", 0),
+      ConfigVar(0, "g.n", 0, "m", 0),
+      ConfigVar(0, "g\xc3\xa4", 0, "n", 0),
+      ConfigVar(2147483647, "g", -2147483647 - 1, "n", 2147483647),
+  };
+  open();
+  StoreTransaction transaction;
+  // Backwards, so that the order found is the store's own.
+  for (auto key = keys.rbegin(); key != keys.rend(); ++key) {
+    transaction.push_back({*key, StoreChange::SetValue{{key->dottedName()}}});
+  }
+  commit(transaction);
+  open();
+  ASSERT_EQ(variables().size(), keys.size());
+  const std::less<ConfigVar> less;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const ConfigVar& found = variables()[i].key;
+    EXPECT_FALSE(less(found, keys[i]) || less(keys[i], found)) << i;
+    EXPECT_EQ(variables()[i].value->front(), keys[i].dottedName());
+  }
+}
+
+TEST_F(StoreTest, TransactionsOfOneCommitGetRevisionsInOrder) {
+  open();
+  const CommitResult result = store().commit(
+      {{setting("a", "1"), setting("b", "1")}, {setting("a", "2")}, {setting("c", "3")}});
+  ASSERT_TRUE(result.status.ok()) << result.status.text;
+  EXPECT_EQ(result.revisions, (std::vector<std::uint64_t>{1, 2, 3}));
+  open();
+  EXPECT_EQ(store().revision(), 3U);
+  EXPECT_EQ(variables().at(0).valueChangedAt, 2U);
+  EXPECT_EQ(variables().at(1).valueChangedAt, 1U);
+  EXPECT_EQ(variables().at(2).valueChangedAt, 3U);
+}
+
+TEST_F(StoreTest, AnEmptyTransactionGetsNoRevisionOfItsOwn) {
+  open();
+  EXPECT_EQ(store().commit({}).revisions, std::vector<std::uint64_t>{});
+  EXPECT_EQ(store().commit({{}}).revisions, std::vector<std::uint64_t>{0});
+  EXPECT_EQ(store().commit({{}, {setting("a", "1")}, {}}).revisions,
+            (std::vector<std::uint64_t>{0, 1, 1}));
+  EXPECT_EQ(open().revision(), 1U);
+}
+
+TEST_F(StoreTest, ANodeOfThousandsOfVariablesIsOneTransaction) {
+  open();
+  StoreTransaction transaction;
+  for (int i = 0; i < 5000; ++i) transaction.push_back(setting(std::to_string(i), "x"));
+  EXPECT_EQ(commit(transaction), 1U);
+  EXPECT_EQ(open().revision(), 1U);
+  EXPECT_EQ(variables().size(), 5000U);
+}
+
+TEST_F(StoreTest, AValueOfMegabytesComesBack) {
+  open();
+  const std::string large(std::size_t{9} << 20, 'z');
+  set("a", large);
+  open();
+  EXPECT_TRUE(value("a") == large);
+}
+
+TEST_F(StoreTest, TheFilesAreTheOwnersAlone) {
+  const mode_t old = ::umask(0);
+  file_ = directory_.path() + "/made/on/the/way/store.db";
+  open();
+  set("a", "1");
+  EXPECT_TRUE(store().snapshot().ok());
+  ::umask(old);
+  EXPECT_EQ(modeOf(directory_.path() + "/made"), 0700U);
+  EXPECT_EQ(modeOf(directory_.path() + "/made/on/the/way"), 0700U);
+  for (const char* end : {"", "-wal", ".lock", ".snapshot"}) {
+    EXPECT_EQ(modeOf(file_ + end), 0600U) << end;
+  }
+}
+
+TEST_F(StoreTest, NoSharedMemoryFileIsNeeded) {
+  open();
+  set("a", "1");
+  EXPECT_FALSE(std::filesystem::exists(file_ + "-shm"));
+}
+
+TEST_F(StoreTest, APathWithoutADirectoryIsInTheWorkingDirectory) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(directory_.path());
+  file_ = "plain.db";
+  open();
+  set("a", "1");
+  EXPECT_TRUE(store().snapshot().ok());
+  close();
+  EXPECT_TRUE(std::filesystem::exists(directory_.path() + "/plain.db.snapshot"));
+  std::filesystem::current_path(before);
+}
+
+TEST_F(StoreTest, TheLogDoesNotGrowBeyondItsLimit) {
+  const auto limit = static_cast<std::uintmax_t>(Store::kLogPages) * (4096 + 24) + 32;
+  open();
+  // One transaction larger than the log's limit; what it took is given back once it is copied.
+  set("large", std::string(2 * limit, 'x'));
+  EXPECT_GT(std::filesystem::file_size(file_ + "-wal"), limit);
+  for (int i = 0; i < 3; ++i) set("a", std::to_string(i));
+  EXPECT_LE(std::filesystem::file_size(file_ + "-wal"), limit);
+}
+
+TEST_F(StoreTest, ThousandsOfCommitsFitIntoTheLog) {
+  const auto limit = static_cast<std::uintmax_t>(Store::kLogPages) * (4096 + 24) + 32;
+  TempDirectory fast(std::filesystem::exists("/dev/shm") ? "/dev/shm" : testing::TempDir());
+  file_ = fast.path() + "/store.db";
+  open();
+  for (int i = 0; i < 3 * Store::kLogPages; ++i) set("a", std::to_string(i));
+  EXPECT_LE(std::filesystem::file_size(file_ + "-wal"), limit + std::uintmax_t{16} * 4120);
+  EXPECT_EQ(open().revision(), 3U * Store::kLogPages);
+  close();
+}
+
+TEST_F(StoreTest, EveryCodeHasAName) {
+  EXPECT_STREQ(storeCodeName(StoreCode::kOk), "ok");
+  EXPECT_STREQ(storeCodeName(StoreCode::kDiskFull), "disk full");
+  EXPECT_STREQ(storeCodeName(StoreCode::kIo), "disk failure");
+  EXPECT_STREQ(storeCodeName(StoreCode::kInUse), "in use");
+  EXPECT_STREQ(storeCodeName(StoreCode::kNewerFormat), "newer format");
+  EXPECT_STREQ(storeCodeName(StoreCode::kUnusable), "unusable path");
+}
+
+}  // namespace
+}  // namespace ConfigSrv
