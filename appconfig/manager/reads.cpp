@@ -1,0 +1,134 @@
+// Reads of values: from the cache when it holds one, else from the service.
+//
+// A hit is what matters here: a variable without a namespace is its own local key, so it is looked
+// up without building another one, and what is handed out is copied under the cache's lock.
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+
+#include "appconfig/manager/app_cfg_manager.h"
+#include "appconfig/manager/internal/in_flight.h"
+#include "appconfig/manager/internal/local_key.h"
+#include "appconfig/service/platform_cfg_service.h"
+
+namespace AppConfig {
+
+namespace {
+
+// What strtol gives where long has 32 bits: the devices' programs rely on it, wherever they run.
+int toInt(const std::string& text) {
+  const long long number = std::strtoll(text.c_str(), nullptr, 0);
+  using Limits = std::numeric_limits<std::int32_t>;
+  return static_cast<int>(std::clamp<long long>(number, Limits::min(), Limits::max()));
+}
+
+}  // namespace
+
+bool AppCfgManager::isCacheable(const ConfigVar& var) const {
+  return var.nameSpace() == 0 || var.nameSpace() == service_->getNamespace();
+}
+
+bool AppCfgManager::copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const {
+  if (var.nameSpace() == 0) return cache_.copyValue(var, out);
+  return isCacheable(var) && cache_.copyValue(localKey(var), out);
+}
+
+bool AppCfgManager::copyCachedFirstString(const ConfigVar& var, std::string& out) const {
+  if (var.nameSpace() == 0) return cache_.copyFirstString(var, out);
+  return isCacheable(var) && cache_.copyFirstString(localKey(var), out);
+}
+
+ConfigCache::Position AppCfgManager::retrieveConfigVar(const ConfigVar& var) {
+  return isCacheable(var) ? cache_.getConfigValue(localKey(var)) : cache_.end();
+}
+
+// An empty answer is not cached, so that a variable that comes to be is found by the next read.
+std::list<std::string> AppCfgManager::readFromService(const ConfigVar& var) {
+  bool isDefault = false;
+  std::list<std::string> value;
+  if (isCacheable(var)) {
+    Flight flight(cache_, localKey(var));
+    value = service_->getConfigVar(var, isDefault);
+    if (!value.empty()) flight.storeRead(value, isDefault);
+  } else {
+    value = service_->getConfigVar(var, isDefault);
+  }
+  if (value.empty()) value.emplace_back();
+  return value;
+}
+
+std::list<std::string> AppCfgManager::getConfigVar(const ConfigVar& var,
+                                                   std::list<std::string>& out) {
+  if (!copyCachedValue(var, out)) out = readFromService(var);
+  return out;
+}
+
+std::list<std::string> AppCfgManager::getConfigVar(const std::string& group, int groupInstance,
+                                                   const std::string& name, int nameInstance,
+                                                   std::list<std::string>& out) {
+  return getConfigVar(ConfigVar(group, groupInstance, name, nameInstance), out);
+}
+
+// "" rather than absent for a variable that cannot be read, for that is what its one-element list
+// holds; so an unreadable number is 0, never -1.
+std::string AppCfgManager::firstString(const ConfigVar& var) {
+  std::string first;
+  if (!copyCachedFirstString(var, first)) first = readFromService(var).front();
+  return first;
+}
+
+std::string AppCfgManager::getConfigVar(const ConfigVar& var) { return firstString(var); }
+
+std::string AppCfgManager::getConfigVar(const std::string& group, int groupInstance,
+                                        const std::string& name, int nameInstance) {
+  return getConfigVar(ConfigVar(group, groupInstance, name, nameInstance));
+}
+
+int AppCfgManager::getConfigVarInt(const ConfigVar& var) { return toInt(firstString(var)); }
+
+int AppCfgManager::getConfigVarInt(const std::string& group, int groupInstance,
+                                   const std::string& name, int nameInstance) {
+  return getConfigVarInt(ConfigVar(group, groupInstance, name, nameInstance));
+}
+
+bool AppCfgManager::getConfigVarBool(const ConfigVar& var) {
+  return strcasecmp(firstString(var).c_str(), "true") == 0;
+}
+
+bool AppCfgManager::getConfigVarBool(const std::string& group, int groupInstance,
+                                     const std::string& name, int nameInstance) {
+  return getConfigVarBool(ConfigVar(group, groupInstance, name, nameInstance));
+}
+
+bool AppCfgManager::copyRecordAfterRead(const ConfigVar& key, ConfigValue& out) {
+  if (cache_.copyRecord(key, out)) return true;
+  std::list<std::string> unused;
+  getConfigVar(key, unused);
+  return cache_.copyRecord(key, out);
+}
+
+// An entry answers with its flag even when something else than a read made it. A variable that
+// cannot be read counts as unchanged.
+bool AppCfgManager::isDefault(const std::string& group, int groupInstance, const std::string& name,
+                              int nameInstance) {
+  ConfigValue record;
+  const ConfigVar key(group, groupInstance, name, nameInstance);
+  return copyRecordAfterRead(key, record) ? record.isDefault() : true;
+}
+
+ConfigValue AppCfgManager::getConfigValue(const std::string& group, int groupInstance,
+                                          const std::string& name, int nameInstance) {
+  const ConfigVar key(group, groupInstance, name, nameInstance);
+  ConfigValue record;
+  if (!copyRecordAfterRead(key, record)) return ConfigValue();
+  if (!record.hasAccessLevels()) getAccessLevels(key, nullptr, nullptr);
+  std::vector<std::string> unused;
+  if (!record.hasOptions()) getConfigOptions(key, unused);
+  return cache_.copyRecord(key, record) ? record : ConfigValue();
+}
+
+}  // namespace AppConfig

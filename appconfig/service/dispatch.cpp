@@ -1,0 +1,250 @@
+// The one file of this folder that includes manager: a notice has to reach the cache, and the cache
+// belongs to the facade over the link. Everything else here is below manager, so the target of this
+// file is one of its own.
+//
+// Each receiver parses its payload, calls the handler of that message and sends what the handler
+// returns. A notice for somebody else is dropped without a word; a provider's question is always
+// answered, for the service waits.
+
+#include <cstdio>
+
+#include "appconfig/manager/app_cfg_manager.h"
+#include "appconfig/registry/consumer_config_handler.h"
+#include "appconfig/registry/provider_config_handler.h"
+#include "appconfig/service/platform_cfg_service.h"
+#include "appconfig/wire/protobuf_message_helper.h"
+#include "platform/messaging/msg.h"
+#include "platform/schema/config_if.pb.h"
+
+namespace AppConfig {
+
+namespace {
+
+constexpr int kOwnerNameBytes = 128;
+
+// A variable as an incoming message names it. A message's namespace only decides whom it is for.
+struct Name {
+  std::string group;
+  int groupInstance = 0;
+  std::string name;
+  int nameInstance = 0;
+
+  [[nodiscard]] bool readFrom(const ConfigIF::Inst& inst) {
+    return ProtobufMessageHelper::getConfigVarName(group, groupInstance, name, nameInstance,
+                                                   inst) == 0;
+  }
+  ConfigVar key() const { return ConfigVar(group, groupInstance, name, nameInstance); }
+};
+
+void sendReply(const MSG_Message* incoming, MSG_Message* reply) {
+  char owner[kOwnerNameBytes];
+  MSG_GetOwnerName(incoming, owner, kOwnerNameBytes);
+  MSG_SendMsg(owner, MSG_GetSender(incoming), reply);
+}
+
+template <typename Payload, MSG_Message* (*handler)(const Payload&, const MSG_Message*, void*)>
+void receive(void* userData, const MSG_Message* message) {
+  Payload payload;
+  if (!payload.ParseFromArray(MSG_GetPayload(message), MSG_GetPayloadBytes(message))) {
+    std::printf("Parse Error\n");
+    return;
+  }
+  if (MSG_Message* const reply = handler(payload, message, userData)) sendReply(message, reply);
+}
+
+template <typename Question>
+ConfigResult resultFor(const Question& question) {
+  ConfigResult result;
+  result.setServerContext(question.server_context());
+  result.setClientName(question.client_name());
+  return result;
+}
+
+// Variable and value of a provider's question; false, and the reason in the result, when the
+// message does not hold them.
+template <typename Question>
+bool readQuestion(const Question& question, Name& name, std::list<std::string>& value,
+                  ConfigResult& result) {
+  if (!name.readFrom(question.value().inst())) {
+    result.addResultMessage("unable to parse variable name");
+    return false;
+  }
+  if (ProtobufMessageHelper::getConfigVarValue(value, question.value()) != 0) {
+    result.addResultMessage("unable to parse value");
+    return false;
+  }
+  return true;
+}
+
+ConfigAccessLevels levelsIn(const ConfigIF::AccessLevelChangedNtfy& notice) {
+  ConfigAccessLevels levels;
+  levels.readRoleSet = notice.has_read_role();
+  levels.writeRoleSet = notice.has_write_role();
+  if (levels.readRoleSet) levels.readRole = PlatformCfgService::enumTranslate(notice.read_role());
+  if (levels.writeRoleSet)
+    levels.writeRole = PlatformCfgService::enumTranslate(notice.write_role());
+  return levels;
+}
+
+void validateWithProviders(PlatformCfgService& link, const ConfigIF::DynamicValidateReq& request,
+                           ConfigResult& result) {
+  Name var;
+  std::list<std::string> value;
+  if (!readQuestion(request, var, value, result)) return;
+  const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
+  for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
+    if (!provider->dynamicValidate(var.group, var.groupInstance, var.name, var.nameInstance, value,
+                                   role, &result))
+      return;
+  }
+}
+
+// The cache first, so that a provider which reads the variable sees what it is told about.
+void changeAtProviders(PlatformCfgService& link, AppCfgManager& manager,
+                       const ConfigIF::OnChangeReq& request, ConfigResult& result) {
+  Name var;
+  std::list<std::string> value;
+  if (!readQuestion(request, var, value, result)) return;
+  manager.updateConfigVar(var.key(), value);
+  const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
+  for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
+    provider->onChange(var.group, var.groupInstance, var.name, var.nameInstance, value, role,
+                       &result);
+  }
+}
+
+}  // namespace
+
+using Link = PlatformCfgService;
+
+const MSG_Callback PlatformCfgService::msgCallbacks[kReceiverRecords] = {
+    {receive<ConfigIF::DynamicValidateReq, &Link::dynamicValidateHandler>, nullptr, 0x1A0150,
+     0x1A0150, 0},
+    {receive<ConfigIF::OnChangeReq, &Link::onChangeHandler>, nullptr, 0x1A0100, 0x1A0100, 0},
+    {receive<ConfigIF::ConfigChangedNtfy, &Link::configChangedHandler>, nullptr, 0x1A0143, 0x1A0143,
+     0},
+    {receive<ConfigIF::AttributeChangedNtfy, &Link::attributeChangedHandler>, nullptr, 0x1A01A3,
+     0x1A01A3, 0},
+    {receive<ConfigIF::OptionsChangedNtfy, &Link::optionsChangedHandler>, nullptr, 0x1A0253,
+     0x1A0253, 0},
+    {receive<ConfigIF::SubmitNtfy, &Link::submitHandler>, nullptr, 0x1A0273, 0x1A0273, 0},
+    {receive<ConfigIF::AccessLevelChangedNtfy, &Link::accessLevelsChangedHandler>, nullptr,
+     0x1A0333, 0x1A0333, 0},
+    {nullptr, nullptr, 0, 0, 0},
+};
+
+AppCfgManager* PlatformCfgService::findMatchingCfgManager(void* userData) {
+  if (userData == getInstance()) return AppCfgManager::getInstance();
+  if (userData == getLocalCfgService()) return AppCfgManager::getLocalCfgManager();
+  return nullptr;
+}
+
+MSG_Message* PlatformCfgService::dynamicValidateHandler(const ConfigIF::DynamicValidateReq& request,
+                                                        const MSG_Message* message,
+                                                        void* userData) {
+  ConfigResult result = resultFor(request);
+  if (Link* const link = findMatchingCfgService(userData, request.value().inst()))
+    validateWithProviders(*link, request, result);
+  else
+    result.addResultMessage("Not intersted");  // sic: services compare this text
+  return msgUtil_buildMsgWithHeader(ProtobufMessageHelper::getDynamicValidateResponse(result),
+                                    message, nullptr);
+}
+
+MSG_Message* PlatformCfgService::onChangeHandler(const ConfigIF::OnChangeReq& request,
+                                                 const MSG_Message* message, void* userData) {
+  ConfigResult result = resultFor(request);
+  Link* const link = findMatchingCfgService(userData, request.value().inst());
+  AppCfgManager* const manager = findMatchingCfgManager(userData);
+  if (link && manager)
+    changeAtProviders(*link, *manager, request, result);
+  else
+    result.addResultMessage("Not interested");  // spelled otherwise than above: both are known
+  return msgUtil_buildMsgWithHeader(ProtobufMessageHelper::getOnChangeResponse(result), message,
+                                    nullptr);
+}
+
+MSG_Message* PlatformCfgService::configChangedHandler(const ConfigIF::ConfigChangedNtfy& notice,
+                                                      const MSG_Message* /*message*/,
+                                                      void* userData) {
+  Link* const link = findMatchingCfgService(userData, notice.value().inst());
+  AppCfgManager* const manager = findMatchingCfgManager(userData);
+  if (!link || !manager) return nullptr;
+  Name var;
+  std::list<std::string> value;
+  if (!var.readFrom(notice.value().inst())) return nullptr;
+  if (ProtobufMessageHelper::getConfigVarValue(value, notice.value()) != 0) return nullptr;
+  if (notice.callback_identity() != link->linkName_) return nullptr;
+  manager->updateConfigVar(var.key(), value);
+  // A service that does not say leaves the flag as it was.
+  if (notice.has_is_default()) manager->updateIsDefault(var.key(), notice.is_default());
+  for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eValueChanged)) {
+    consumer->configChanged(var.group, var.groupInstance, var.name, var.nameInstance, value,
+                            notice.callback_identity());
+  }
+  return nullptr;
+}
+
+// Received so that it is consumed; nothing is cached of attributes and consumers are not told.
+MSG_Message* PlatformCfgService::attributeChangedHandler(
+    const ConfigIF::AttributeChangedNtfy& /*notice*/, const MSG_Message* /*message*/,
+    void* /*userData*/) {
+  return nullptr;
+}
+
+MSG_Message* PlatformCfgService::optionsChangedHandler(const ConfigIF::OptionsChangedNtfy& notice,
+                                                       const MSG_Message* /*message*/,
+                                                       void* userData) {
+  Link* const link = findMatchingCfgService(userData, notice.inst());
+  AppCfgManager* const manager = findMatchingCfgManager(userData);
+  if (!link || !manager || notice.callback_identity() != link->linkName_) return nullptr;
+  Name var;
+  if (!var.readFrom(notice.inst())) return nullptr;
+  const auto consumers = link->getHandlers(var.group, var.name, eOptionsChanged);
+  std::list<std::string> options;
+  ProtobufMessageHelper::getStringList(options, notice.options());
+  manager->updateConfigVarOptions(var.group, var.groupInstance, var.name, var.nameInstance,
+                                  options);
+  // As with the default flag: a service that does not say leaves the index as it was.
+  if (notice.has_default_index())
+    manager->updateOptionDefaultIndex(var.key(), notice.default_index());
+  for (ConsumerConfigHandler* consumer : consumers) {
+    consumer->optionsChanged(var.group, var.groupInstance, var.name, var.nameInstance, options,
+                             notice.callback_identity());
+  }
+  return nullptr;
+}
+
+MSG_Message* PlatformCfgService::submitHandler(const ConfigIF::SubmitNtfy& notice,
+                                               const MSG_Message* /*message*/, void* userData) {
+  Link* const link = findMatchingCfgService(userData, notice.inst());
+  if (!link || notice.callback_identity() != link->linkName_) return nullptr;
+  Name var;
+  if (!var.readFrom(notice.inst())) return nullptr;
+  for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eSubmit)) {
+    consumer->submit(var.group, var.groupInstance, var.name, var.nameInstance,
+                     enumTranslate(notice.type()), notice.callback_identity());
+  }
+  return nullptr;
+}
+
+MSG_Message* PlatformCfgService::accessLevelsChangedHandler(
+    const ConfigIF::AccessLevelChangedNtfy& notice, const MSG_Message* /*message*/,
+    void* userData) {
+  Link* const link = findMatchingCfgService(userData, notice.inst());
+  AppCfgManager* const manager = findMatchingCfgManager(userData);
+  if (!link || !manager || notice.callback_identity() != link->linkName_) return nullptr;
+  Name var;
+  if (!var.readFrom(notice.inst())) return nullptr;
+  const auto consumers = link->getHandlers(var.group, var.name, eAccessLevelsChanged);
+  const ConfigAccessLevels levels = levelsIn(notice);
+  manager->updateConfigVarAccessLevels(var.group, var.groupInstance, var.name, var.nameInstance,
+                                       levels);
+  for (ConsumerConfigHandler* consumer : consumers) {
+    consumer->accessLevelsChanged(var.group, var.groupInstance, var.name, var.nameInstance,
+                                  levels.readRole, levels.writeRole, notice.callback_identity());
+  }
+  return nullptr;
+}
+
+}  // namespace AppConfig

@@ -1,0 +1,87 @@
+// Reads, writes, validates and resets one variable's value at the service.
+//
+// The writes differ in when they register for changes. The one-way write does it before it sends,
+// for nobody will tell whether the write arrived; the others once the service has said yes.
+
+#include "appconfig/service/platform_cfg_service.h"
+#include "appconfig/wire/protobuf_message_helper.h"
+#include "platform/schema/config_if.pb.h"
+
+namespace AppConfig {
+
+namespace {
+
+// Hands the outcome to the caller, who may have passed null, and tells whether it is success.
+bool report(const ConfigIF::ReturnMessage& message, ConfigResult* result) {
+  ConfigResult outcome;
+  ProtobufMessageHelper::fillReturnMessage(outcome, message);
+  if (result) *result = outcome;
+  return outcome.error() == eErrNone;
+}
+
+}  // namespace
+
+std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, bool& isDefault) {
+  if (!pb_) return {};
+  const ConfigVar key = keyForRequest(var);
+  ConfigIF::ReadRsp response;
+  if (!ask(ProtobufMessageHelper::getReadRequest(getSelfFQName(), securityRole_, key), &response))
+    return {};
+  if (response.result().error() != CommonIF::ERROR_NONE) return {};
+  std::list<std::string> value(response.values().begin(), response.values().end());
+  isDefault = response.is_default();
+  registerHandlerProactively(key, eValueChanged);
+  return value;
+}
+
+// The writes own the value they send, so that a caller may change its list while one waits.
+// NOLINTBEGIN(performance-unnecessary-value-param)
+bool PlatformCfgService::setConfigVar(const ConfigVar& var, std::list<std::string> value) {
+  if (!pb_) return false;
+  const ConfigVar key = keyForRequest(var);
+  registerHandlerProactively(key, eValueChanged);
+  return tell(ProtobufMessageHelper::getWriteRequest(getSelfFQName(), securityRole_, key, value));
+}
+
+bool PlatformCfgService::setConfigVar(const ConfigVar& var, std::list<std::string> value,
+                                      ConfigResult* result) {
+  if (!pb_) return false;
+  const ConfigVar key = keyForRequest(var);
+  ConfigIF::WriteRsp response;
+  if (!ask(ProtobufMessageHelper::getWriteRequest(getSelfFQName(), securityRole_, key, value),
+           &response))
+    return false;
+  const bool accepted = report(response.result(), result);
+  if (accepted) registerHandlerProactively(key, eValueChanged);
+  return accepted;
+}
+// NOLINTEND(performance-unnecessary-value-param)
+
+bool PlatformCfgService::isValid(const ConfigVar& var, const std::list<std::string>& value,
+                                 ConfigResult* result) {
+  if (!pb_) return false;
+  ConfigIF::ValidateRsp response;
+  if (!ask(ProtobufMessageHelper::getValidateRequest(getSelfFQName(), securityRole_,
+                                                     keyForRequest(var), value),
+           &response))
+    return false;
+  return report(response.result(), result);
+}
+
+bool PlatformCfgService::isValid(const std::string& group, int groupInstance,
+                                 const std::string& name, int nameInstance,
+                                 const std::list<std::string>& value, ConfigResult* result) {
+  return isValid(ConfigVar(group, groupInstance, name, nameInstance), value, result);
+}
+
+// The key keeps its own namespace, also on a link that has one: services take a reset for the
+// namespace that it names.
+bool PlatformCfgService::resetValue(const ConfigVar& var) {
+  if (!pb_) return false;
+  ConfigIF::ResetValueRsp response;
+  return ask(ProtobufMessageHelper::getResetValueRequest(getSelfFQName(), securityRole_, var),
+             &response) &&
+         response.result().error() == CommonIF::ERROR_NONE;
+}
+
+}  // namespace AppConfig

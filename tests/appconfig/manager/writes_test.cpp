@@ -1,0 +1,206 @@
+#include <climits>
+
+#include "tests/appconfig/manager/manager_fixture.h"
+
+namespace {
+
+using TestSupport::answerReadsWith;
+using TestSupport::SentRequest;
+using TestSupport::Value;
+
+class WritesTest : public TestSupport::ManagerTest {
+ protected:
+  // What the last write carried, which has to be about mtu.
+  Value written() {
+    const SentRequest last = pb.takeSent().back();
+    const auto request = last.as<ConfigIF::WriteReq>();
+    Value value;
+    Helper::getConfigVarValue(value, request.value());
+    expectRequest(last, Helper::getWriteRequest(self, role, mtu, value));
+    return value;
+  }
+};
+
+TEST_F(WritesTest, APlainWriteIsOneWayAndLeavesTheCache) {
+  answerReadsWith(pb, {"1500"});
+  manager->getConfigVar(mtu);
+  pb.takeSent();
+  EXPECT_TRUE(manager->setConfigVar(mtu, Value{"1400"}));
+  EXPECT_TRUE(pb.sent().back().isOneWay);
+  EXPECT_EQ(written(), Value{"1400"});
+  EXPECT_EQ(manager->getConfigVar(mtu), "1500");
+  EXPECT_EQ(reads(), 0U);
+}
+
+TEST_F(WritesTest, APlainWriteThatCannotBeSentReturnsFalse) {
+  pb.failAll();
+  EXPECT_FALSE(manager->setConfigVar(mtu, Value{"1400"}));
+}
+
+TEST_F(WritesTest, AnAcceptedReportingWriteIsReadBackWithoutAskingTheService) {
+  ConfigResult result;
+  EXPECT_TRUE(manager->setConfigVar(mtu, Value{"a", "b"}, &result));
+  EXPECT_EQ(result.error(), eErrNone);
+  Value out;
+  EXPECT_EQ(manager->getConfigVar(mtu, out), (Value{"a", "b"}));
+  EXPECT_EQ(reads(), 0U);
+}
+
+TEST_F(WritesTest, AReportingWriteLeavesTheDefaultFlag) {
+  answerReadsWith(pb, {"1500"}, true);
+  manager->getConfigVar(mtu);
+  manager->setConfigVar(mtu, "1400", nullptr);
+  EXPECT_TRUE(manager->isDefault("net", 0, "mtu", 1));
+}
+
+TEST_F(WritesTest, ARejectedReportingWriteChangesNothingInTheCache) {
+  manager->updateConfigVar(mtu, {"1500"});
+  refuseAll<ConfigIF::WriteReq, ConfigIF::WriteRsp>();
+  ConfigResult result;
+  EXPECT_FALSE(manager->setConfigVar(mtu, Value{"1400"}, &result));
+  EXPECT_EQ(result.error(), eErrDenied);
+  EXPECT_EQ(result.resultMessages(), Value{"no"});
+  EXPECT_EQ(manager->getConfigVar(mtu), "1500");
+  pb.failAll();
+  EXPECT_FALSE(manager->setConfigVar(name, Value{"eth"}, nullptr));
+  EXPECT_FALSE(isCached(name));
+}
+
+TEST_F(WritesTest, AReportingWriteOfAForeignNamespaceSucceedsAndStoresNothing) {
+  EXPECT_TRUE(manager->setConfigVar(ConfigVar(7, "net", 0, "mtu", 1), Value{"1400"}, nullptr));
+  EXPECT_EQ(manager->removeVars(""), 0U);
+}
+
+TEST_F(WritesTest, AReportingWriteOfTheLinksOwnNamespaceIsStoredUnderNone) {
+  useNamespace(3);
+  EXPECT_TRUE(manager->setConfigVar(ConfigVar(3, "net", 0, "mtu", 1), Value{"1400"}, nullptr));
+  EXPECT_EQ(cachedValue(mtu), Value{"1400"});
+}
+
+TEST_F(WritesTest, AnEmptyListIsWrittenAndMakesTheValueUnknown) {
+  manager->updateConfigVar(mtu, {"1500"});
+  EXPECT_TRUE(manager->setConfigVar(mtu, Value{}, nullptr));
+  EXPECT_EQ(pb.sent().front().as<ConfigIF::WriteReq>().value().values_size(), 0);
+  EXPECT_TRUE(isCached(mtu));
+  EXPECT_EQ(cachedValue(mtu), Value{});
+}
+
+TEST_F(WritesTest, PlainWritesSpellBoolsInLowerCase) {
+  manager->setConfigVar(mtu, true);
+  EXPECT_EQ(written(), Value{"true"});
+  manager->setConfigVar(mtu, false);
+  EXPECT_EQ(written(), Value{"false"});
+  manager->setConfigVar("net", 0, "mtu", 1, true);
+  EXPECT_EQ(written(), Value{"true"});
+}
+
+TEST_F(WritesTest, ReportingWritesSpellBoolsWithACapital) {
+  ConfigResult result;
+  manager->setConfigVar(mtu, true, &result);
+  EXPECT_EQ(pb.takeSent().front().as<ConfigIF::WriteReq>().value().values(0), "True");
+  EXPECT_TRUE(manager->getConfigVarBool(mtu));
+  manager->setConfigVar(mtu, false, &result);
+  EXPECT_EQ(written(), Value{"False"});
+  manager->setConfigVar("net", 0, "mtu", 1, false, &result);
+  EXPECT_EQ(written(), Value{"False"});
+}
+
+TEST_F(WritesTest, IntsAreWrittenInPlainDecimals) {
+  const struct {
+    int number;
+    const char* text;
+  } cases[] = {{-42, "-42"},
+               {0, "0"},
+               {1234567, "1234567"},
+               {INT_MIN, "-2147483648"},
+               {INT_MAX, "2147483647"}};
+  for (const auto& c : cases) {
+    manager->setConfigVar(mtu, c.number);
+    EXPECT_EQ(written(), Value{c.text});
+    manager->setConfigVar(mtu, c.number, nullptr);
+    EXPECT_EQ(written(), Value{c.text});
+    EXPECT_EQ(manager->getConfigVarInt(mtu), c.number);
+  }
+}
+
+TEST_F(WritesTest, TextsAreWrittenUnchanged) {
+  manager->setConfigVar(mtu, "TrUe ");
+  EXPECT_EQ(written(), Value{"TrUe "});
+  manager->setConfigVar(mtu, "text", nullptr);
+  EXPECT_EQ(written(), Value{"text"});
+  manager->setConfigVar(mtu, std::string("a\0b", 3));
+  EXPECT_EQ(written(), Value{std::string("a\0b", 3)});
+  manager->setConfigVar(mtu, std::string(), nullptr);
+  EXPECT_EQ(written(), Value{""});
+}
+
+TEST_F(WritesTest, EverySetterExistsByParts) {
+  ConfigResult result;
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, Value{"a", "b"}));
+  EXPECT_EQ(written(), (Value{"a", "b"}));
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, 7));
+  EXPECT_EQ(written(), Value{"7"});
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, "c"));
+  EXPECT_EQ(written(), Value{"c"});
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, std::string("d")));
+  EXPECT_EQ(written(), Value{"d"});
+  EXPECT_FALSE(isCached(mtu));
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, Value{"e"}, &result));
+  EXPECT_EQ(written(), Value{"e"});
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, 8, &result));
+  EXPECT_EQ(written(), Value{"8"});
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, "f", &result));
+  EXPECT_EQ(written(), Value{"f"});
+  EXPECT_TRUE(manager->setConfigVar("NET", 0, "MTU", 1, std::string("g"), &result));
+  EXPECT_EQ(written(), Value{"g"});
+  EXPECT_EQ(manager->getConfigVar(mtu), "g");
+}
+
+TEST_F(WritesTest, ValidationAsksTheServiceAndLeavesTheCache) {
+  manager->updateConfigVar(mtu, {"1500"});
+  ConfigResult result;
+  EXPECT_TRUE(manager->isValid(mtu, Value{"1400"}, &result));
+  expectRequest(pb.takeSent().back(), Helper::getValidateRequest(self, role, mtu, Value{"1400"}));
+  refuseAll<ConfigIF::ValidateReq, ConfigIF::ValidateRsp>();
+  EXPECT_FALSE(manager->isValid("NET", 0, "mtu", 1, Value{"1400"}, &result));
+  EXPECT_EQ(result.error(), eErrDenied);
+  EXPECT_EQ(manager->getConfigVar(mtu), "1500");
+}
+
+TEST_F(WritesTest, AResetLeavesTheCachedValueAndFlag) {
+  answerReadsWith(pb, {"1400"}, false);
+  manager->getConfigVar(mtu);
+  pb.takeSent();
+  EXPECT_TRUE(manager->resetValue("NET", 0, "mtu", 1));
+  expectRequest(pb.takeSent().front(), Helper::getResetValueRequest(self, role, mtu));
+  EXPECT_EQ(manager->getConfigVar(mtu), "1400");
+  EXPECT_FALSE(manager->isDefault("net", 0, "mtu", 1));
+  EXPECT_EQ(reads(), 0U);
+  refuseAll<ConfigIF::ResetValueReq, ConfigIF::ResetValueRsp>();
+  EXPECT_FALSE(manager->resetValue("net", 0, "mtu", 1));
+}
+
+TEST_F(WritesTest, StoresOfAForeignNamespaceDoNothing) {
+  const ConfigVar foreign(7, "net", 0, "mtu", 1);
+  manager->updateConfigVar(foreign, {"1400"});
+  manager->updateIsDefault(foreign, true);
+  EXPECT_EQ(manager->removeVars(""), 0U);
+}
+
+TEST_F(WritesTest, StoresOfTheLinksOwnNamespaceAndOfNoneFillOneEntry) {
+  useNamespace(3);
+  manager->updateConfigVar(ConfigVar(3, "net", 0, "mtu", 1), {"1400"});
+  manager->updateIsDefault(mtu, true);
+  EXPECT_EQ(manager->removeVars(""), 1U);
+}
+
+TEST_F(WritesTest, StoringAValueLeavesTheFlagAndStoringTheFlagTheValue) {
+  manager->updateIsDefault(mtu, true);
+  manager->updateConfigVar(mtu, {"1400"});
+  EXPECT_TRUE(manager->isDefault("net", 0, "mtu", 1));
+  manager->updateIsDefault(mtu, false);
+  EXPECT_EQ(manager->getConfigVar(mtu), "1400");
+  EXPECT_TRUE(pb.sent().empty());
+}
+
+}  // namespace
