@@ -20,7 +20,6 @@ constexpr milliseconds kLongestDelay(250);
 // How long connecting may hold up the other remotes: it waits only while a backlog is full.
 constexpr std::chrono::seconds kConnectDeadline(1);
 constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
-constexpr std::uint32_t kRegisterMessageId = 0x1A0210;
 
 MSG_Sender nextSender() {
   static std::atomic<MSG_Sender> last{0};
@@ -198,8 +197,8 @@ bool Delivery::takeWelcome(Remote& remote, const FrameHeader& header, std::strin
 void Delivery::repeatRegistrations(Remote& remote) {
   FrameHeader header;
   header.kind = FrameKind::Request;
-  header.messageId = kRegisterMessageId;
   for (KeptRegistrations::Repeat& repeat : remote.registrations->beginConnection(remote.epoch)) {
+    header.messageId = repeat.messageId;
     header.sequence = ++remote.lastSequence;
     header.revision = repeat.revision;
     appendFrame(header, repeat.payload, remote.outgoing);

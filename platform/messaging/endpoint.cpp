@@ -218,7 +218,8 @@ class Endpoint::State {
     }
     std::string payload = request.SerializeAsString();
     const std::string key = PlatformSchema::registrationKey(exchange.messageId, payload);
-    remote.registrations.keep(key, std::move(payload), exchange.knownEpoch, exchange.revision);
+    remote.registrations.keep(key, exchange.messageId, std::move(payload), exchange.knownEpoch,
+                              exchange.revision);
     delivery_.waitForAttempt(remote.name, exchange.deadline);
     const CallStatus status = remote.pool.call(request, response, exchange);
     if (status == kCallOk && response != nullptr) {

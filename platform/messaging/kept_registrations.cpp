@@ -2,12 +2,13 @@
 
 namespace PbUtility {
 
-void KeptRegistrations::keep(const std::string& key, std::string payload, std::uint64_t epoch,
-                             std::uint64_t revision) {
+void KeptRegistrations::keep(const std::string& key, std::uint32_t messageId, std::string payload,
+                             std::uint64_t epoch, std::uint64_t revision) {
   const std::lock_guard<std::mutex> guard(mutex_);
   // Another epoch's revision means nothing here: the service is asked for everything.
   if (epoch_ != 0 && epoch != epoch_ && revision != kRevisionNow) revision = 0;
   const auto [position, isNew] = registrations_.try_emplace(key);
+  position->second.messageId = messageId;
   position->second.payload = std::move(payload);
   // What an earlier one is still owed must not be forgotten when it is made again.
   if (isNew) position->second.since = revision;
@@ -60,7 +61,7 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::beginConnection(std::u
   for (auto& [key, registration] : registrations_) {
     registration.since = sameEpoch ? knownBy(registration) : 0;
     registration.acknowledged = false;
-    repeats.push_back({key, registration.payload, registration.since});
+    repeats.push_back({key, registration.messageId, registration.payload, registration.since});
   }
   if (!sameEpoch) {
     anyDelivered_ = false;
@@ -78,7 +79,8 @@ std::size_t KeptRegistrations::size() const {
 void KeptRegistrations::copyTo(KeptRegistrations& other) const {
   const std::lock_guard<std::mutex> guard(mutex_);
   for (const auto& [key, registration] : registrations_) {
-    other.registrations_[key] = {registration.payload, knownBy(registration), 0, false};
+    other.registrations_[key] = {registration.messageId, registration.payload,
+                                 knownBy(registration), 0, false};
   }
   other.epoch_ = epoch_;
 }

@@ -72,6 +72,11 @@ const Entry kMessages[] = {
     MESSAGE(0x1A0401, ListRsp),
     MESSAGE(0x1A0410, StatusReq),
     MESSAGE(0x1A0411, StatusRsp),
+    MESSAGE(0x1A0420, ClientsReq),
+    MESSAGE(0x1A0421, ClientsRsp),
+    MESSAGE(0x1A0430, MonitorReq),
+    MESSAGE(0x1A0431, MonitorRsp),
+    MESSAGE(0x1A0433, MonitorNtfy),
 };
 
 #undef MESSAGE
@@ -108,7 +113,9 @@ std::vector<std::uint32_t> messageIds() {
   return ids;
 }
 
-bool isRepeatedOnReconnect(std::uint32_t messageId) { return messageId == 0x1A0210; }
+bool isRepeatedOnReconnect(std::uint32_t messageId) {
+  return messageId == 0x1A0210 || messageId == 0x1A0430;
+}
 bool withdrawsOneRepeated(std::uint32_t messageId) { return messageId == 0x1A0220; }
 bool withdrawsAllRepeated(std::uint32_t messageId) { return messageId == 0x1A0230; }
 

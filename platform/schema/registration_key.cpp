@@ -8,6 +8,8 @@ namespace {
 
 using google::protobuf::MessageLite;
 
+constexpr std::uint32_t kMonitor = 0x1A0430;
+
 bool parse(MessageLite& message, std::string_view payload) {
   return message.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
 }
@@ -30,9 +32,16 @@ std::string keyOf(std::string_view payload) {
   return clientPart(request.client_name()) + rest.SerializeAsString();
 }
 
+// One endpoint monitors once: a newer request, one to stop included, takes the place of the former.
+std::string keyOfMonitor(std::string_view payload) {
+  ConfigIF::MonitorReq request;
+  return parse(request, payload) ? clientPart(request.client_name()) + "monitor" : std::string();
+}
+
 }  // namespace
 
 std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
+  if (messageId == kMonitor) return keyOfMonitor(payload);
   if (isRepeatedOnReconnect(messageId)) return keyOf<ConfigIF::RegisterClientCallbackReq>(payload);
   if (withdrawsOneRepeated(messageId)) return keyOf<ConfigIF::UnregisterClientCallbackReq>(payload);
   if (!withdrawsAllRepeated(messageId)) return {};

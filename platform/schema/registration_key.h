@@ -10,7 +10,7 @@
 
 namespace PlatformSchema {
 
-// The key of a RegisterClientCallbackReq or UnregisterClientCallbackReq; for an
+// The key of a RegisterClientCallbackReq, UnregisterClientCallbackReq or MonitorReq; for an
 // UnregisterAllClientCallbacksReq, what the keys of all that it withdraws start with. Empty when
 // the payload cannot be parsed or is another message.
 std::string registrationKey(std::uint32_t messageId, std::string_view payload);

@@ -27,14 +27,15 @@ class KeptRegistrations {
  public:
   struct Repeat {
     std::string key;
+    std::uint32_t messageId;
     std::string payload;
     std::uint64_t revision;
   };
 
   // A registration is about to be sent for the first time, or again. Keys are those of
   // platform/schema/registration_key.h.
-  void keep(const std::string& key, std::string payload, std::uint64_t epoch,
-            std::uint64_t revision);
+  void keep(const std::string& key, std::uint32_t messageId, std::string payload,
+            std::uint64_t epoch, std::uint64_t revision);
   // The service has it since this revision.
   void acknowledge(const std::string& key, std::uint64_t epoch, std::uint64_t revision);
   void withdraw(const std::string& key);
@@ -53,6 +54,7 @@ class KeptRegistrations {
 
  private:
   struct Registration {
+    std::uint32_t messageId = 0;
     std::string payload;
     std::uint64_t since = kRevisionNow;
     std::uint64_t acknowledgedAt = 0;

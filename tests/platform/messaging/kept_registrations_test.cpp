@@ -15,16 +15,17 @@ std::uint64_t repeatedWith(KeptRegistrations& kept, std::uint64_t epoch = kEpoch
 
 TEST(KeptRegistrationsTest, ARegistrationMadeAfterAReadIsRepeatedWithTheReadsRevision) {
   KeptRegistrations kept;
-  kept.keep("k", "payload", kEpoch, 3);
+  kept.keep("k", 0x1A0210, "payload", kEpoch, 3);
   const auto repeats = kept.beginConnection(kEpoch);
   ASSERT_EQ(repeats.size(), 1U);
+  EXPECT_EQ(repeats[0].messageId, 0x1A0210U);
   EXPECT_EQ(repeats[0].payload, "payload");
   EXPECT_EQ(repeats[0].revision, 3U);
 }
 
 TEST(KeptRegistrationsTest, ARegistrationMadeWithoutKnowledgeAsksForChangesFromItsAnswerOn) {
   KeptRegistrations kept;
-  kept.keep("k", "p", 0, kRevisionNow);
+  kept.keep("k", 0x1A0210, "p", 0, kRevisionNow);
   EXPECT_EQ(repeatedWith(kept), kRevisionNow);
   kept.acknowledge("k", kEpoch, 9);
   EXPECT_EQ(repeatedWith(kept), 9U);
@@ -32,7 +33,7 @@ TEST(KeptRegistrationsTest, ARegistrationMadeWithoutKnowledgeAsksForChangesFromI
 
 TEST(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllOwedWasDelivered) {
   KeptRegistrations kept;
-  kept.keep("k", "p", kEpoch, 3);
+  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
   kept.beginConnection(kEpoch);
   kept.acknowledge("k", kEpoch, 9);
   kept.delivered(10);
@@ -41,7 +42,7 @@ TEST(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllOwedWasDeliv
 
 TEST(KeptRegistrationsTest, ANoticeOfTheAnswersOwnRevisionProvesNothing) {
   KeptRegistrations kept;
-  kept.keep("k", "p", kEpoch, 3);
+  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
   kept.beginConnection(kEpoch);
   kept.acknowledge("k", kEpoch, 9);
   kept.delivered(9);
@@ -50,7 +51,7 @@ TEST(KeptRegistrationsTest, ANoticeOfTheAnswersOwnRevisionProvesNothing) {
 
 TEST(KeptRegistrationsTest, NoticesForOthersDoNotHideWhatAnUnansweredRepeatIsOwed) {
   KeptRegistrations kept;
-  kept.keep("k", "p", kEpoch, 3);
+  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
   kept.beginConnection(kEpoch);
   kept.delivered(11);
   EXPECT_EQ(repeatedWith(kept), 3U);
@@ -58,7 +59,7 @@ TEST(KeptRegistrationsTest, NoticesForOthersDoNotHideWhatAnUnansweredRepeatIsOwe
 
 TEST(KeptRegistrationsTest, AnotherEpochMakesEveryRegistrationAskForEverything) {
   KeptRegistrations kept;
-  kept.keep("k", "p", kEpoch, 3);
+  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
   kept.beginConnection(kEpoch);
   kept.acknowledge("k", kEpoch, 9);
   kept.delivered(10);
@@ -67,15 +68,15 @@ TEST(KeptRegistrationsTest, AnotherEpochMakesEveryRegistrationAskForEverything) 
 
 TEST(KeptRegistrationsTest, MakingARegistrationAgainForgetsNothingOwed) {
   KeptRegistrations kept;
-  kept.keep("k", "p", kEpoch, 3);
+  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
   kept.beginConnection(kEpoch);
-  kept.keep("k", "p", kEpoch, 8);
+  kept.keep("k", 0x1A0210, "p", kEpoch, 8);
   EXPECT_EQ(repeatedWith(kept), 3U);
 }
 
 TEST(KeptRegistrationsTest, WithdrawnRegistrationsAreNotRepeated) {
   KeptRegistrations kept;
-  for (const char* key : {"a1", "a2", "b1"}) kept.keep(key, key, kEpoch, 1);
+  for (const char* key : {"a1", "a2", "b1"}) kept.keep(key, 0x1A0210, key, kEpoch, 1);
   kept.withdraw("b1");
   EXPECT_EQ(kept.size(), 2U);
   kept.withdrawAll("a");

@@ -75,6 +75,11 @@ IdByName idsToldByType() {
   TELL(ListRsp);
   TELL(StatusReq);
   TELL(StatusRsp);
+  TELL(ClientsReq);
+  TELL(ClientsRsp);
+  TELL(MonitorReq);
+  TELL(MonitorRsp);
+  TELL(MonitorNtfy);
 #undef TELL
   return ids;
 }
@@ -163,10 +168,12 @@ TEST(MessageIdsTest, AnUnknownIdIsNamedByItsNumber) {
   EXPECT_EQ(messageName(0xFFFFFFFF), "0xFFFFFFFF");
 }
 
-TEST(MessageIdsTest, RegistrationsAloneAreRepeatedAndTheirWithdrawalsAreKnown) {
+TEST(MessageIdsTest, RegistrationsAndMonitorsAloneAreRepeatedAndTheirWithdrawalsAreKnown) {
   for (const std::uint32_t id : messageIds()) {
     const std::string name = messageName(id);
-    EXPECT_EQ(isRepeatedOnReconnect(id), name == "RegisterClientCallbackReq") << name;
+    EXPECT_EQ(isRepeatedOnReconnect(id),
+              name == "RegisterClientCallbackReq" || name == "MonitorReq")
+        << name;
     EXPECT_EQ(withdrawsOneRepeated(id), name == "UnregisterClientCallbackReq") << name;
     EXPECT_EQ(withdrawsAllRepeated(id), name == "UnregisterAllClientCallbacksReq") << name;
   }

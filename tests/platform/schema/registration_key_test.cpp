@@ -70,6 +70,17 @@ TEST(RegistrationKeyTest, WithdrawingAllHasTheStartOfEveryKeyOfItsClientAndOfNoO
   EXPECT_NE(keyOf(registration()).rfind(keyOf(all), 0), 0U);
 }
 
+TEST(RegistrationKeyTest, AMonitorTakesThePlaceOfTheSameClientsFormerOneAndOfNoRegistration) {
+  ConfigIF::MonitorReq monitor;
+  monitor.set_client_name("ui");
+  ConfigIF::MonitorReq stop = monitor;
+  stop.set_stop(true);
+  EXPECT_EQ(keyOf(stop), keyOf(monitor));
+  EXPECT_NE(keyOf(monitor), keyOf(registration()));
+  stop.set_client_name("other");
+  EXPECT_NE(keyOf(stop), keyOf(monitor));
+}
+
 TEST(RegistrationKeyTest, OtherMessagesAndRubbishHaveNone) {
   EXPECT_EQ(keyOf(ConfigIF::ReadReq()), "");
   EXPECT_EQ(registrationKey(0x1A0210, "\xFF\xFF\xFF"), "");
