@@ -1,0 +1,179 @@
+#include "configsrv/changes/announcer.h"
+
+#include <algorithm>
+#include <set>
+
+#include "configsrv/changes/wire_forms.h"
+#include "platform/messaging/frame.h"
+#include "platform/schema/config_if.pb.h"
+
+namespace ConfigSrv {
+namespace {
+
+using AppConfig::SecurityRole;
+using PbUtility::PeerId;
+
+bool mayRead(const Subscriber& subscriber, const Variable& variable) {
+  return subscriber.role >= variable.readRole();
+}
+
+// A variable that became readable is as good as changed for those who could not read it before.
+std::uint64_t shownAt(std::uint64_t changedAt, const Variable& variable) {
+  return std::max(changedAt, variable.accessChangedAt());
+}
+
+std::string lowerCase(std::string text) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  std::transform(text.begin(), text.end(), text.begin(), lower);
+  return text;
+}
+
+}  // namespace
+
+void Announcer::valueChanged(const Variable& variable) {
+  const std::string name = variable.key().dottedName();
+  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED)) {
+    if (mayRead(to, variable)) tellValue(to.peer, to.identity, variable);
+  }
+}
+
+void Announcer::optionsChanged(const Variable& variable) {
+  const std::string name = variable.key().dottedName();
+  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_OPTIONS_CHANGED)) {
+    if (mayRead(to, variable)) tellOptions(to.peer, to.identity, variable);
+  }
+}
+
+void Announcer::accessLevelsChanged(const Variable& variable, Roles before) {
+  const std::string name = variable.key().dottedName();
+  const bool read = before.read != variable.readRole();
+  const bool write = before.write != variable.writeRole();
+  for (const Subscriber& to :
+       subscriptions_.covering(name, ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED))
+    tellAccessLevels(to.peer, to.identity, variable, read, write);
+  if (variable.readRole() < before.read) tellNewReaders(variable, before.read);
+}
+
+void Announcer::tellNewReaders(const Variable& variable, SecurityRole before) {
+  const std::string name = variable.key().dottedName();
+  const auto isNew = [&](const Subscriber& to) {
+    return mayRead(to, variable) && to.role < before;
+  };
+  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED)) {
+    if (isNew(to)) tellValue(to.peer, to.identity, variable);
+  }
+  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_OPTIONS_CHANGED)) {
+    if (isNew(to)) tellOptions(to.peer, to.identity, variable);
+  }
+}
+
+void Announcer::attributesReset(const Variable& variable) {
+  const std::string name = variable.key().dottedName();
+  ConfigIF::AttributeChangedNtfy notice;
+  fillInst(notice.mutable_inst(), variable.key());
+  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_ATTRIBUTE_CHANGED)) {
+    notice.set_callback_identity(std::string(to.identity));
+    notify(to.peer, notice, 't', to.identity, variable);
+  }
+}
+
+// Each submit counts: they are not coalesced.
+void Announcer::submitted(const Variable& variable, ConfigIF::SubmitType type) {
+  const std::string name = variable.key().dottedName();
+  ConfigIF::SubmitNtfy notice;
+  fillInst(notice.mutable_inst(), variable.key());
+  notice.set_type(type);
+  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_SUBMIT)) {
+    notice.set_callback_identity(std::string(to.identity));
+    ++notices_;
+    host_.notify(to.peer, notice, {});
+  }
+}
+
+void Announcer::repeatValue(const Variable& variable, PeerId peer) {
+  const std::string name = variable.key().dottedName();
+  std::set<std::string_view> identities;
+  for (const Type type : {ConfigIF::CALLBACK_ON_CHANGE, ConfigIF::CALLBACK_DYNAMIC_VALIDATE,
+                          ConfigIF::CALLBACK_VALUE_CHANGED}) {
+    for (const Subscriber& to : subscriptions_.covering(name, type)) {
+      if (to.peer == peer && mayRead(to, variable)) identities.insert(to.identity);
+    }
+  }
+  for (const std::string_view identity : identities) tellValue(peer, identity, variable);
+}
+
+void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
+                              std::uint64_t knownRevision) {
+  if (knownRevision == PbUtility::kRevisionNow) return;
+  for (const Variable* variable : model_.covered(lowerCase(registration.name)))
+    bringUpToDate(peer, registration, *variable, knownRevision);
+}
+
+void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
+                              const Variable& variable, std::uint64_t knownRevision) {
+  const bool readable = registration.role >= variable.readRole();
+  const auto missed = [&](std::uint64_t at) { return knownRevision == 0 || at > knownRevision; };
+  switch (registration.type) {
+    case ConfigIF::CALLBACK_ON_CHANGE:
+    case ConfigIF::CALLBACK_DYNAMIC_VALIDATE:
+    case ConfigIF::CALLBACK_VALUE_CHANGED:
+      if (readable && missed(shownAt(variable.valueChangedAt(), variable)))
+        tellValue(peer, registration.identity, variable);
+      return;
+    case ConfigIF::CALLBACK_OPTIONS_CHANGED:
+      if (readable && missed(shownAt(variable.optionsChangedAt(), variable)))
+        tellOptions(peer, registration.identity, variable);
+      return;
+    case ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED:
+      if (missed(variable.accessChangedAt()))
+        tellAccessLevels(peer, registration.identity, variable, true, true);
+      return;
+    // Events, not states: what is past is past.
+    case ConfigIF::CALLBACK_ATTRIBUTE_CHANGED:
+    case ConfigIF::CALLBACK_SUBMIT:
+      return;
+  }
+}
+
+void Announcer::tellValue(PeerId peer, std::string_view identity, const Variable& variable) {
+  ConfigIF::ConfigChangedNtfy notice;
+  notice.set_callback_identity(std::string(identity));
+  fillInst(notice.mutable_value()->mutable_inst(), variable.key());
+  for (const std::string& element : variable.value()) notice.mutable_value()->add_values(element);
+  notice.set_is_default(variable.isDefault());
+  notify(peer, notice, 'v', identity, variable);
+}
+
+void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variable& variable) {
+  ConfigIF::OptionsChangedNtfy notice;
+  notice.set_callback_identity(std::string(identity));
+  fillInst(notice.mutable_inst(), variable.key());
+  for (const std::string& option : variable.options()) notice.add_options(option);
+  notice.set_default_index(variable.defaultIndex());
+  notify(peer, notice, 'o', identity, variable);
+}
+
+// The kind tells which roles a notice carries: one that carries only the write role must not take
+// the place of a waiting one that carries only the read role.
+void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable,
+                                 bool read, bool write) {
+  ConfigIF::AccessLevelChangedNtfy notice;
+  notice.set_callback_identity(std::string(identity));
+  fillInst(notice.mutable_inst(), variable.key());
+  if (read) notice.set_read_role(toWire(variable.readRole()));
+  if (write) notice.set_write_role(toWire(variable.writeRole()));
+  const char kind = read && write ? 'a' : read ? 'r' : 'w';
+  notify(peer, notice, kind, identity, variable);
+}
+
+void Announcer::notify(PeerId peer, const google::protobuf::MessageLite& notice, char kind,
+                       std::string_view identity, const Variable& variable) {
+  ++notices_;
+  std::string key(1, kind);
+  key += std::to_string(model_.indexOf(variable));
+  key += ' ';
+  key += identity;
+  host_.notify(peer, notice, key);
+}
+
+}  // namespace ConfigSrv

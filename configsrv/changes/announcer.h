@@ -1,0 +1,75 @@
+// Announcer: tells subscribers what changed.
+//
+// A subscriber is told of a value or of options only while its role may read the variable; access
+// levels are told to every subscriber. Each peer and identity is told once of each event, however
+// many of its registrations cover the variable. A peer that is slow is told only the newest state
+// of each variable.
+//
+// Threads  one. Owns nothing: model, subscriptions and host outlive it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "appconfig/core/security_role.h"
+#include "configsrv/changes/host.h"
+#include "configsrv/model/model.h"
+#include "configsrv/subscriptions/subscriptions.h"
+
+namespace ConfigIF {
+enum SubmitType : int;
+}
+
+namespace ConfigSrv {
+
+class Announcer {
+ public:
+  // The roles that guarded a variable before a change.
+  struct Roles {
+    AppConfig::SecurityRole read = AppConfig::eRolePublic;
+    AppConfig::SecurityRole write = AppConfig::eRolePublic;
+  };
+
+  Announcer(const Model& model, const Subscriptions& subscriptions, Host& host)
+      : model_(model), subscriptions_(subscriptions), host_(host) {}
+
+  // What was applied to the model, to everybody concerned.
+  void valueChanged(const Variable& variable);
+  void optionsChanged(const Variable& variable);
+  // Also tells value and options to those who may read them only now: they may have missed changes.
+  void accessLevelsChanged(const Variable& variable, Roles before);
+  void attributesReset(const Variable& variable);
+  void submitted(const Variable& variable, ConfigIF::SubmitType type);
+
+  // The value again, to everything that this peer may have cached it for: a provider that was told
+  // a value on change has cached it, and learns here that it did not come to be.
+  void repeatValue(const Variable& variable, PbUtility::PeerId peer);
+
+  // Everything that the registration covers and that changed after a revision; 0: everything that
+  // it covers; kRevisionNow: nothing. A provider's registration is told values, for it caches them.
+  void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
+                     std::uint64_t knownRevision);
+
+  // Notices queued so far.
+  std::uint64_t notices() const { return notices_; }
+
+ private:
+  using Type = ConfigIF::CallbackType;
+
+  void tellValue(PbUtility::PeerId peer, std::string_view identity, const Variable& variable);
+  void tellOptions(PbUtility::PeerId peer, std::string_view identity, const Variable& variable);
+  void tellAccessLevels(PbUtility::PeerId peer, std::string_view identity, const Variable& variable,
+                        bool read, bool write);
+  void tellNewReaders(const Variable& variable, AppConfig::SecurityRole before);
+  void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
+                     const Variable& variable, std::uint64_t knownRevision);
+  void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice, char kind,
+              std::string_view identity, const Variable& variable);
+
+  const Model& model_;
+  const Subscriptions& subscriptions_;
+  Host& host_;
+  std::uint64_t notices_ = 0;
+};
+
+}  // namespace ConfigSrv

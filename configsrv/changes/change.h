@@ -1,0 +1,45 @@
+// What somebody wants changed, and how it ended.
+//
+// Threads  plain values.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "appconfig/core/error.h"
+#include "appconfig/core/security_role.h"
+#include "configsrv/store/stored_variable.h"
+#include "platform/messaging/server.h"
+
+namespace ConfigSrv {
+
+// Who wants it. The role is one that this peer may claim: whoever makes a request has checked.
+struct Requester {
+  PbUtility::PeerId peer = 0;
+  std::string clientName;
+  AppConfig::SecurityRole role = AppConfig::eRolePublic;
+  // The peer's delivery thread waits for the outcome, so it answers no question until then.
+  bool insideReceiver = false;
+};
+
+struct ChangeRequest {
+  Requester by;
+  StoreChange what;
+};
+
+struct ChangeOutcome {
+  eErrorT error = eErrNone;
+  // The variable was so already; nothing was committed.
+  bool unchanged = false;
+  // For people: why it failed, or a provider's reasons.
+  std::vector<std::string> messages;
+  // Revision of the commit; 0 when there was none.
+  std::uint64_t revision = 0;
+};
+
+// Called once for each change, on the serving thread, perhaps before submit() returns.
+using ChangeDone = std::function<void(const ChangeOutcome& outcome)>;
+
+}  // namespace ConfigSrv

@@ -1,0 +1,229 @@
+#include "configsrv/changes/internal/change_check.h"
+
+#include <algorithm>
+
+#include "appconfig/core/key_notation.h"
+#include "appconfig/core/role_names.h"
+
+namespace ConfigSrv {
+namespace {
+
+using AppConfig::roleName;
+using AppConfig::SecurityRole;
+
+// One function for each kind of change.
+template <typename... Functions>
+struct Overloaded : Functions... {
+  using Functions::operator()...;
+};
+template <typename... Functions>
+Overloaded(Functions...) -> Overloaded<Functions...>;
+
+template <typename Strings>
+std::size_t bytesOfAll(const Strings& strings) {
+  std::size_t bytes = 0;
+  for (const std::string& string : strings) bytes += string.size();
+  return bytes;
+}
+
+std::string moreThan(std::size_t count, const char* what, std::size_t limit) {
+  return std::to_string(count) + " " + what + " are more than the limit of " +
+         std::to_string(limit);
+}
+
+// Checks one change of one variable; each step returns success or the reason.
+class Check {
+ public:
+  Check(const Variable& variable, const ChangeRequest& request)
+      : variable_(variable), request_(request) {}
+
+  ChangeOutcome run() const {
+    return std::visit([this](const auto& what) { return check(what); }, request_.what.what);
+  }
+
+ private:
+  ChangeOutcome check(const StoreChange::SetValue& change) const {
+    return firstFailure([&] { return mayWrite(); }, [&] { return canBeWritten(); },
+                        [&] { return sizeFits(change.value); },
+                        [&] { return valueFits(change.value); });
+  }
+
+  ChangeOutcome check(const StoreChange::ResetValue&) const {
+    return firstFailure([&] { return mayWrite(); }, [&] { return canBeWritten(); },
+                        [&] { return valueFits(shape().defaultValue); });
+  }
+
+  ChangeOutcome check(const StoreChange::SetOptions& change) const {
+    const std::vector<std::string>& options =
+        change.options ? *change.options : variable_.options();
+    const std::uint32_t index = change.defaultIndex.value_or(variable_.defaultIndex());
+    return firstFailure([&] { return mayWrite(); }, [&] { return canBeWritten(); },
+                        [&] { return sizeFits(options); }, [&] { return optionsFit(options); },
+                        [&] { return indexFits(index, options); },
+                        [&] { return valueIsAmong(options); });
+  }
+
+  ChangeOutcome check(const StoreChange::SetAccess& change) const {
+    const auto mayDemandIfGiven = [&](const std::optional<int>& role) {
+      return role ? mayDemand(static_cast<SecurityRole>(*role)) : ChangeOutcome{};
+    };
+    return firstFailure([&] { return mayChangeAccess(); },
+                        [&] { return mayDemandIfGiven(change.readRole); },
+                        [&] { return mayDemandIfGiven(change.writeRole); });
+  }
+
+  ChangeOutcome check(const StoreChange::ResetAttributes&) const {
+    return firstFailure([&] { return mayChangeAccess(); },
+                        [&] { return valueIsAmong(shape().options); });
+  }
+
+  ChangeOutcome mayWrite() const {
+    if (role() >= variable_.writeRole()) return {};
+    return fail(eErrDenied,
+                "writing needs the role " + text(variable_.writeRole()) + ", not " + text(role()));
+  }
+
+  // Who may only write must not give themselves the right to read.
+  ChangeOutcome mayChangeAccess() const {
+    const SecurityRole needed = std::max(variable_.readRole(), variable_.writeRole());
+    if (role() >= needed) return {};
+    return fail(eErrDenied,
+                "changing who may use it needs the role " + text(needed) + ", not " + text(role()));
+  }
+
+  // Nobody locks themselves out.
+  ChangeOutcome mayDemand(SecurityRole wanted) const {
+    if (wanted <= role()) return {};
+    return fail(eErrDenied, "the role " + text(role()) + " cannot demand the role " + text(wanted));
+  }
+
+  ChangeOutcome canBeWritten() const {
+    return shape().readOnly ? fail(eErrReadOnly, "the variable is read-only") : ChangeOutcome{};
+  }
+
+  ChangeOutcome sizeFits(const std::list<std::string>& value) const {
+    if (value.size() > kMaxElements)
+      return fail(eErrLimit, moreThan(value.size(), "elements", kMaxElements));
+    if (bytesOfAll(value) > kMaxValueBytes)
+      return fail(eErrLimit, moreThan(bytesOfAll(value), "bytes", kMaxValueBytes));
+    return {};
+  }
+
+  ChangeOutcome sizeFits(const std::vector<std::string>& options) const {
+    if (options.size() > kMaxOptions)
+      return fail(eErrLimit, moreThan(options.size(), "options", kMaxOptions));
+    if (bytesOfAll(options) > kMaxValueBytes)
+      return fail(eErrLimit, moreThan(bytesOfAll(options), "bytes", kMaxValueBytes));
+    return {};
+  }
+
+  ChangeOutcome valueFits(const std::list<std::string>& value) const {
+    const std::string why = checkValue(shape(), variable_.options(), value);
+    return why.empty() ? ChangeOutcome{} : fail(eErrInvalidValue, why);
+  }
+
+  ChangeOutcome optionsFit(const std::vector<std::string>& options) const {
+    if (options.empty() && shape().type == ValueType::kEnumeration)
+      return fail(eErrInvalidValue, "an enumeration needs options");
+    for (const std::string& option : options) {
+      const std::string why = checkValue(shape(), {option}, {option});
+      if (!why.empty()) return fail(eErrInvalidValue, why);
+    }
+    return {};
+  }
+
+  ChangeOutcome indexFits(std::uint32_t index, const std::vector<std::string>& options) const {
+    if (index < std::max<std::size_t>(1, options.size())) return {};
+    return fail(eErrInvalidValue, "the default index " + std::to_string(index) + " is past the " +
+                                      std::to_string(options.size()) + " options");
+  }
+
+  // Does not quote the value: the requester need not be allowed to read it.
+  ChangeOutcome valueIsAmong(const std::vector<std::string>& options) const {
+    if (checkValue(shape(), options, variable_.value()).empty()) return {};
+    return fail(eErrInvalidValue, "the present value is not among the options");
+  }
+
+  // Later steps may rely on earlier ones, so none runs after a failure.
+  template <typename... Steps>
+  static ChangeOutcome firstFailure(const Steps&... steps) {
+    ChangeOutcome outcome;
+    static_cast<void>(((outcome = steps(), outcome.error == eErrNone) && ...));
+    return outcome;
+  }
+
+  ChangeOutcome fail(eErrorT error, const std::string& reason) const {
+    return failure(variable_.key(), error, reason);
+  }
+  static std::string text(SecurityRole role) { return std::string(roleName(role)); }
+  SecurityRole role() const { return request_.by.role; }
+  const VariableShape& shape() const { return variable_.shape(); }
+
+  const Variable& variable_;
+  const ChangeRequest& request_;
+};
+
+bool sameRole(const std::optional<int>& wanted, SecurityRole present) {
+  return !wanted || *wanted == present;
+}
+
+}  // namespace
+
+ChangeOutcome checkChange(const Variable& variable, const ChangeRequest& request) {
+  return Check(variable, request).run();
+}
+
+bool changesNothing(const Variable& variable, const StoreChange& change) {
+  const VariableShape& shape = variable.shape();
+  return std::visit(
+      Overloaded{
+          [&](const StoreChange::SetValue& set) { return set.value == variable.value(); },
+          [&](const StoreChange::ResetValue&) { return variable.isDefault(); },
+          [&](const StoreChange::SetOptions& set) {
+            return (!set.options || *set.options == variable.options()) &&
+                   (!set.defaultIndex || *set.defaultIndex == variable.defaultIndex());
+          },
+          [&](const StoreChange::SetAccess& set) {
+            return sameRole(set.readRole, variable.readRole()) &&
+                   sameRole(set.writeRole, variable.writeRole());
+          },
+          [&](const StoreChange::ResetAttributes&) {
+            return variable.options() == shape.options &&
+                   variable.defaultIndex() == shape.defaultIndex &&
+                   variable.readRole() == shape.readRole && variable.writeRole() == shape.writeRole;
+          },
+      },
+      change.what);
+}
+
+bool changesValue(const StoreChange& change) {
+  return std::holds_alternative<StoreChange::SetValue>(change.what) ||
+         std::holds_alternative<StoreChange::ResetValue>(change.what);
+}
+
+std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change) {
+  if (const auto* set = std::get_if<StoreChange::SetValue>(&change.what)) return set->value;
+  if (std::holds_alternative<StoreChange::ResetValue>(change.what))
+    return variable.shape().defaultValue;
+  return variable.value();
+}
+
+StoreChange asStored(const Variable& variable, StoreChange change) {
+  const auto* set = std::get_if<StoreChange::SetValue>(&change.what);
+  if (set != nullptr && set->value == variable.shape().defaultValue)
+    change.what = StoreChange::ResetValue{};
+  return change;
+}
+
+std::size_t bytesOf(const StoreChange& change) {
+  if (const auto* set = std::get_if<StoreChange::SetValue>(&change.what))
+    return bytesOfAll(set->value);
+  const auto* set = std::get_if<StoreChange::SetOptions>(&change.what);
+  return set != nullptr && set->options ? bytesOfAll(*set->options) : 0;
+}
+
+ChangeOutcome failure(const ConfigVar& key, eErrorT error, const std::string& text) {
+  return {error, false, {AppConfig::formatKey(key) + ": " + text}, 0};
+}
+
+}  // namespace ConfigSrv

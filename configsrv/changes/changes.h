@@ -1,0 +1,85 @@
+// Changes: takes each change from the request to the notices.
+//
+//   checked (role, read-only, limits) -> in its turn, checked again -> nothing to do? answered ->
+//   each provider's dynamic validation -> each provider's on-change -> durable commit -> model ->
+//   answer to the requester -> notices to everybody concerned
+//
+// Order    changes of one variable run one after another, in the order of their requests; those of
+//          different variables never wait for each other.
+// Providers are those peers that registered for the variable and whose role may read it. Each is
+//          asked once per phase, one at a time. A refusal fails the change with eErrVetoed and
+//          their messages. A provider that answers nothing, or that the variable is none of its
+//          business, has no objection.
+// Faults   a provider that dies fails the change at once with eErrUnavailable, one that does not
+//          answer by the deadline with eErrTimedOut, a store that cannot keep it with eErrStorage.
+//          Whoever was told the new value on change is then told the one that still holds.
+// Deadlock a change that would have to wait for a peer which itself waits for this very change
+// fails
+//          at once with eErrConflict: a provider writes the variable that it is being asked about,
+//          or writes, from inside its handler, what it would be asked about.
+// Limits   ChangesOptions; what goes past one fails with eErrLimit.
+// Threads  one, the serving thread; completions and timers of the host come on it too.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "configsrv/changes/announcer.h"
+#include "configsrv/changes/change.h"
+#include "configsrv/changes/host.h"
+#include "configsrv/log/log.h"
+
+namespace ConfigSrv {
+
+struct ChangesOptions {
+  // How long a provider may take to answer one question.
+  std::chrono::milliseconds providerDeadline{3000};
+  // Changes that may wait for their turn at one variable.
+  std::size_t waitingPerVariable = 1024;
+  // Changes and validations under way in all, and the bytes of their values.
+  std::size_t underWay = 16384;
+  std::size_t bytesUnderWay = std::size_t{64} * 1024 * 1024;
+};
+
+// Since the start.
+struct ChangeCounters {
+  std::uint64_t commits = 0;
+  std::uint64_t unchanged = 0;
+  std::uint64_t refused = 0;
+};
+
+class Changes {
+ public:
+  Changes(Model& model, const Subscriptions& subscriptions, Announcer& announcer, Host& host,
+          const Log& log, ChangesOptions options = {});
+  ~Changes();
+  Changes(const Changes&) = delete;
+  Changes& operator=(const Changes&) = delete;
+
+  void submit(ChangeRequest request, ChangeDone done);
+
+  // Whether a change would be accepted: checks it and asks the providers' dynamic validation, right
+  // now and without waiting for changes on their way. Changes nothing.
+  void validate(ChangeRequest request, ChangeDone done);
+
+  // What the serving side hears; see PbUtility::ServerHandler.
+  void onAnswer(PbUtility::PeerId peer, std::uint32_t question, std::uint32_t messageId,
+                std::string_view payload);
+  void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone);
+
+  // From now on every change fails, those that wait or ask at once. What is being committed ends
+  // well; it is over when underWay() is 0.
+  void stop();
+  std::size_t underWay() const;
+
+  const ChangeCounters& counters() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,38 @@
+// Host: what changes need of the world: peers to ask and to tell, a clock, a store.
+//
+// The service implements it with the message layer's serving side and the commit queue; a test
+// with a script.
+//
+// Threads  one, the serving thread. Functions that are handed over are called on it.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "configsrv/store/commit_queue.h"
+#include "platform/messaging/server.h"
+
+namespace ConfigSrv {
+
+class Host {
+ public:
+  virtual ~Host() = default;
+
+  // Asks a peer. The question's number, or 0 when the peer cannot be reached.
+  virtual std::uint32_t ask(PbUtility::PeerId peer,
+                            const google::protobuf::MessageLite& question) = 0;
+  // Queues a notice for a peer; of waiting ones with the same key only the newest counts.
+  virtual void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice,
+                      const std::string& coalescingKey) = 0;
+
+  // Runs a task later. The number, never 0, cancels it.
+  virtual std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) = 0;
+  virtual void cancel(std::uint64_t timer) = 0;
+
+  // Makes changes durable, all or none; `done` tells when. False: the store takes nothing any more.
+  [[nodiscard]] virtual bool commit(StoreTransaction transaction, CommitDone done) = 0;
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,37 @@
+// What can be said of a change without asking anybody: may the requester make it, does it fit the
+// variable, what would it come to.
+//
+// Threads  plain functions.
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <string>
+
+#include "configsrv/changes/change.h"
+#include "configsrv/model/model.h"
+
+namespace ConfigSrv {
+
+// Success, or why the variable as it stands cannot be changed so.
+ChangeOutcome checkChange(const Variable& variable, const ChangeRequest& request);
+
+// Whether the variable is like that already.
+bool changesNothing(const Variable& variable, const StoreChange& change);
+
+// Whether it is the value that changes: only then have providers a say.
+bool changesValue(const StoreChange& change);
+
+// The value that the variable would have.
+std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change);
+
+// As the store should remember it: a value that is the default is no difference to remember.
+StoreChange asStored(const Variable& variable, StoreChange change);
+
+// Bytes of what the change carries.
+std::size_t bytesOf(const StoreChange& change);
+
+// A failure with a text that begins with the variable.
+ChangeOutcome failure(const ConfigVar& key, eErrorT error, const std::string& text);
+
+}  // namespace ConfigSrv

@@ -1,0 +1,66 @@
+#include "configsrv/changes/internal/questions.h"
+
+#include "configsrv/changes/wire_forms.h"
+#include "platform/schema/config_if.pb.h"
+#include "platform/schema/message_ids.h"
+
+namespace ConfigSrv {
+namespace {
+
+using google::protobuf::MessageLite;
+
+template <typename Request>
+std::unique_ptr<MessageLite> filled(const Question& question) {
+  auto request = std::make_unique<Request>();
+  request->set_server_context(question.serverContext);
+  request->set_client_name(question.by.clientName);
+  request->set_role(toWire(question.by.role));
+  fillInst(request->mutable_value()->mutable_inst(), question.key);
+  for (const std::string& element : question.value) request->mutable_value()->add_values(element);
+  return request;
+}
+
+// An error code that this service's schema does not know reads as absent, which is success; but the
+// provider that sent it refused, so its trace among the unknown fields counts. A trace begins with
+// the field's tag: number 1, variable-length integer.
+bool hasUnknownError(const ConfigIF::ReturnMessage& result) {
+  return !result.has_error() && result.unknown_fields().find('\x08') == 0;
+}
+
+// The two texts with which a link says that a question is not for it.
+bool isAbstention(const ConfigIF::ReturnMessage& result) {
+  return result.messages_size() > 0 &&
+         (result.messages(0) == "Not intersted" || result.messages(0) == "Not interested");
+}
+
+Answer verdictOf(const ConfigIF::ReturnMessage& result) {
+  Answer answer;
+  answer.refused = result.error() != CommonIF::ERROR_NONE || hasUnknownError(result);
+  answer.abstained = !answer.refused && isAbstention(result);
+  answer.messages.assign(result.messages().begin(), result.messages().end());
+  return answer;
+}
+
+template <typename Response>
+Answer parsed(std::uint32_t messageId, std::string_view payload) {
+  Response response;
+  Answer broken;
+  broken.broken = true;
+  if (messageId != PlatformSchema::messageIdOf(response)) return broken;
+  if (!response.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return broken;
+  return verdictOf(response.result());
+}
+
+}  // namespace
+
+std::unique_ptr<MessageLite> messageOf(const Question& question) {
+  return question.phase == Phase::Validate ? filled<ConfigIF::DynamicValidateReq>(question)
+                                           : filled<ConfigIF::OnChangeReq>(question);
+}
+
+Answer readAnswer(Phase phase, std::uint32_t messageId, std::string_view payload) {
+  return phase == Phase::Validate ? parsed<ConfigIF::DynamicValidateRsp>(messageId, payload)
+                                  : parsed<ConfigIF::OnChangeRsp>(messageId, payload);
+}
+
+}  // namespace ConfigSrv

@@ -1,0 +1,94 @@
+#include "configsrv/configsrvd/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <map>
+
+#include "configsrv/configsrvd/exit_code.h"
+#include "platform/messaging/runtime_dir.h"
+
+namespace {
+
+using ConfigSrv::LogLevel;
+
+const char* const kFooter =
+    "Exit codes: 0 stopped by SIGTERM or SIGINT, or nothing wrong with --check; 1 other failure;\n"
+    "2 usage; 3 mistakes in the definitions or the table of roles; 4 the store cannot be used;\n"
+    "5 the socket cannot be made.";
+
+void addServiceOptions(CLI::App& app, CommandLine& line) {
+  app.add_option("--definitions", line.service.definitionsDir,
+                 "Directory of the definitions (*.toml)")
+      ->type_name("DIR");
+  app.add_option("--store", line.service.storeFile, "File that keeps what was changed")
+      ->type_name("FILE");
+  app.add_option("--runtime-dir", line.service.runtimeDir,
+                 "Directory of the socket; else $APPCONFIG_RUNTIME_DIR, /run/appconfig for root, "
+                 "$XDG_RUNTIME_DIR/appconfig")
+      ->type_name("DIR");
+  app.add_option("--roles", line.service.rolesFile, "Which user may claim which role (TOML)")
+      ->type_name("FILE");
+  app.add_option("--prefix", line.service.endpointPrefix,
+                 "Prefix of the endpoint: serves PREFIX/ConfigSrvc instead of ConfigSrvc")
+      ->type_name("PREFIX");
+}
+
+// Positive, and small enough to be added to a time.
+void addDeadline(CLI::App& app, long long& deadline) {
+  app.add_option("--provider-deadline", deadline,
+                 "How long a provider may take to answer a question, in ms (3000)")
+      ->type_name("MS")
+      ->check(CLI::Range(1LL, 3'600'000LL));
+}
+
+void addLogLevel(CLI::App& app, LogLevel& level) {
+  static const std::map<std::string, LogLevel> kLevels = {{"error", LogLevel::Error},
+                                                          {"warning", LogLevel::Warning},
+                                                          {"info", LogLevel::Info},
+                                                          {"debug", LogLevel::Debug}};
+  const auto take = [&level](const std::string& name) { level = kLevels.at(name); };
+  app.add_option_function<std::string>("--log-level", take,
+                                       "Least important lines to log: error, warning, info (as "
+                                       "without this option) or debug")
+      ->type_name("LEVEL")
+      ->check(CLI::IsMember({"error", "warning", "info", "debug"}));
+}
+
+// What the options alone cannot say. Empty when all is well.
+std::string missing(const CommandLine& line, bool socketIsGiven) {
+  if (!line.checkDir.empty()) return {};
+  if (line.service.definitionsDir.empty()) return "--definitions is required";
+  if (line.service.storeFile.empty()) return "--store is required";
+  const bool needsDir = line.service.runtimeDir.empty() && !socketIsGiven;
+  if (needsDir && PbUtility::defaultRuntimeDir().empty())
+    return "no directory for the socket: give --runtime-dir or set APPCONFIG_RUNTIME_DIR";
+  return {};
+}
+
+ParsedCommandLine ended(int exitCode) { return {std::nullopt, exitCode}; }
+
+}  // namespace
+
+ParsedCommandLine parseCommandLine(int argc, char** argv) {
+  CLI::App app("Configuration service: serves the variables that the definitions name.");
+  CommandLine line;
+  long long deadline = line.service.providerDeadline.count();
+  addServiceOptions(app, line);
+  addDeadline(app, deadline);
+  addLogLevel(app, line.logLevel);
+  app.add_option("--check", line.checkDir, "Check the definitions of a directory and end")
+      ->type_name("DIR");
+  app.set_version_flag("--version", "configsrvd " APPCONFIG_VERSION);
+  app.footer(kFooter);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const bool wasAnswer = error.get_exit_code() == 0;
+    app.exit(error);
+    return ended(wasAnswer ? kExitOk : kExitUsage);
+  }
+  line.service.providerDeadline = std::chrono::milliseconds(deadline);
+  const std::string problem = missing(line, std::getenv("LISTEN_FDS") != nullptr);
+  if (problem.empty()) return {line, kExitOk};
+  std::cerr << problem << "\nRun with --help for more information.\n";
+  return ended(kExitUsage);
+}

@@ -1,0 +1,120 @@
+// configsrvd: the configuration service. Runs in the foreground until SIGTERM or SIGINT.
+//
+//   configsrvd --definitions /etc/appconfig/definitions.d --store /var/lib/appconfig/store.db
+//
+// Standard output gets one line, "ready: ...", once clients can connect; everything else is a log
+// line on standard error. A service manager is told READY=1 and STOPPING=1 (sd_notify(3)) and may
+// hand over the listening socket (sd_listen_fds(3)).
+//
+// Exit codes: exit_code.h.
+#include <malloc.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "configsrv/configsrvd/command_line.h"
+#include "configsrv/configsrvd/exit_code.h"
+#include "configsrv/configsrvd/notify_manager.h"
+#include "configsrv/configsrvd/stop_signals.h"
+#include "configsrv/log/log.h"
+#include "configsrv/service/service.h"
+
+namespace {
+
+using ConfigSrv::Log;
+using ConfigSrv::Service;
+using ConfigSrv::StartedService;
+using ConfigSrv::StartStatus;
+
+void say(std::FILE* where, const std::string& line) {
+  std::fprintf(where, "%s\n", line.c_str());
+  std::fflush(where);
+}
+
+int check(const std::string& directory) {
+  std::size_t variables = 0;
+  const std::vector<std::string> mistakes = ConfigSrv::checkDefinitions(directory, variables);
+  for (const std::string& mistake : mistakes) say(stderr, mistake);
+  if (!mistakes.empty()) return kExitBadDefinitions;
+  say(stdout, std::to_string(variables) + " variables, no mistakes");
+  return kExitOk;
+}
+
+void tellManager(const Log& log, const std::string& state) {
+  const std::string problem = notifyManager(state);
+  if (!problem.empty()) log.warning(problem);
+}
+
+int exitCodeOf(StartStatus status) {
+  switch (status) {
+    case StartStatus::Ok:
+      return kExitOk;
+    case StartStatus::BadDefinitions:
+      return kExitBadDefinitions;
+    case StartStatus::BadStore:
+      return kExitBadStore;
+    case StartStatus::BadSocket:
+      return kExitBadSocket;
+  }
+  return kExitFailed;
+}
+
+// Mistakes in files are said as they are, "file:line: text", for editors to follow.
+int reportFailedStart(const StartedService& started, const Log& log) {
+  for (const std::string& line : started.lines) {
+    if (started.status == StartStatus::BadDefinitions)
+      say(stderr, line);
+    else
+      log.error(line);
+  }
+  return exitCodeOf(started.status);
+}
+
+// Reading the definitions takes several times the memory that they need afterwards; what the
+// allocator keeps of that for later, the device has better use for.
+void returnFreeMemory() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+}
+
+void serve(Service& service, StopSignals& signals, const Log& log) {
+  signals.waitInBackground([&] {
+    tellManager(log, "STOPPING=1");
+    service.stop();
+  });
+  log.info("serving " + service.describe());
+  say(stdout, "ready: " + service.describe());
+  tellManager(log, "READY=1");
+  service.run();
+  signals.stopWaiting();
+  log.info("stopped");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ParsedCommandLine parsed = parseCommandLine(argc, argv);
+  if (!parsed.commandLine) return parsed.exitCode;
+  CommandLine& line = *parsed.commandLine;
+  if (!line.checkDir.empty()) return check(line.checkDir);
+
+  // A reader of our output that went away must not end the service; and whoever may connect is
+  // decided by roles, so directories are made for everybody to enter.
+  signal(SIGPIPE, SIG_IGN);
+  umask(S_IWGRP | S_IWOTH);
+  StopSignals signals;
+  const Log log(line.logLevel, Log::toStandardError());
+  std::string problem;
+  line.service.listenFd = takeListeningSocket(problem);
+  if (!problem.empty()) {
+    log.error(problem);
+    return kExitBadSocket;
+  }
+  const StartedService started = Service::start(line.service, log);
+  if (started.status != StartStatus::Ok) return reportFailedStart(started, log);
+  returnFreeMemory();
+  serve(*started.service, signals, log);
+  return kExitOk;
+}

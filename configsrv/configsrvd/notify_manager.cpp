@@ -1,0 +1,60 @@
+#include "configsrv/configsrvd/notify_manager.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr int kFirstPassedSocket = 3;
+
+std::string failed(const char* what) {
+  return std::string("cannot ") + what + " the service manager: " + std::strerror(errno);
+}
+
+// A name that begins with "@" is one of the abstract namespace: its first byte is zero.
+socklen_t fillAddress(const std::string& name, sockaddr_un& address) {
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, name.data(), name.size());
+  if (name[0] == '@') address.sun_path[0] = '\0';
+  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+}
+
+bool isMine(const char* pid) { return pid != nullptr && pid == std::to_string(getpid()); }
+
+}  // namespace
+
+std::string notifyManager(const std::string& state) {
+  const char* variable = std::getenv("NOTIFY_SOCKET");
+  const std::string name = variable == nullptr ? "" : variable;
+  if (name.empty()) return {};
+  sockaddr_un address{};
+  if ((name[0] != '/' && name[0] != '@') || name.size() >= sizeof address.sun_path)
+    return "NOTIFY_SOCKET is no usable address";
+  const socklen_t size = fillAddress(name, address);
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return failed("reach");
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  const ssize_t sent = sendto(fd, state.data(), state.size(), MSG_NOSIGNAL, generic, size);
+  std::string problem = sent < 0 ? failed("notify") : std::string();
+  close(fd);
+  return problem;
+}
+
+int takeListeningSocket(std::string& problem) {
+  const char* count = std::getenv("LISTEN_FDS");
+  const bool isForUs = count != nullptr && isMine(std::getenv("LISTEN_PID"));
+  const std::string sockets = isForUs ? count : "0";
+  for (const char* name : {"LISTEN_FDS", "LISTEN_PID", "LISTEN_FDNAMES"}) unsetenv(name);
+  if (sockets == "0") return -1;
+  if (sockets != "1") problem = "the service manager passed " + sockets + " sockets instead of one";
+  if (sockets == "1" && fcntl(kFirstPassedSocket, F_SETFD, FD_CLOEXEC) != 0)
+    problem = failed("take the socket of");
+  return problem.empty() ? kFirstPassedSocket : -1;
+}

@@ -1,0 +1,50 @@
+// Log: the service's lines for whoever looks after the device.
+//
+// Shape    one line each. Bytes that would break a line or a terminal (anything but printable
+//          ASCII and bytes above 127) are written \xNN, for peers choose parts of the text.
+// Levels   error: something is broken and stays so; warning: a fault that was dealt with, a peer
+//          that was refused; info: what starts and stops; debug: each step of each change.
+// Threads  any.
+//
+//   Log log(LogLevel::Info, Log::toStandardError());
+//   log.warning("connection refused: ...");
+//   if (log.isOn(LogLevel::Debug)) log.debug(textThatCostsSomething());
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ConfigSrv {
+
+enum class LogLevel { Error, Warning, Info, Debug };
+
+// "error", "warning", "info", "debug".
+std::string_view levelName(LogLevel level);
+std::optional<LogLevel> parseLevel(std::string_view name);
+
+class Log {
+ public:
+  using Sink = std::function<void(LogLevel level, const std::string& line)>;
+
+  Log(LogLevel mostDetailed, Sink sink) : mostDetailed_(mostDetailed), sink_(std::move(sink)) {}
+
+  // Writes lines to standard error, each in one piece. When standard error leads to the system's
+  // journal, each begins with the journal's mark of its level.
+  static Sink toStandardError();
+
+  bool isOn(LogLevel level) const { return level <= mostDetailed_; }
+  void write(LogLevel level, std::string_view line) const;
+
+  void error(std::string_view line) const { write(LogLevel::Error, line); }
+  void warning(std::string_view line) const { write(LogLevel::Warning, line); }
+  void info(std::string_view line) const { write(LogLevel::Info, line); }
+  void debug(std::string_view line) const { write(LogLevel::Debug, line); }
+
+ private:
+  LogLevel mostDetailed_;
+  Sink sink_;
+};
+
+}  // namespace ConfigSrv

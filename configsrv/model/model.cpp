@@ -1,0 +1,185 @@
+// The model keeps a StoredVariable only for what was ever changed, in the very form in which the
+// store keeps it, and changes it with the store's own applyChange: memory and disk cannot disagree
+// about what a change does.
+#include "configsrv/model/model.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "appconfig/core/key_notation.h"
+#include "configsrv/model/internal/key_index.h"
+#include "configsrv/model/internal/name_index.h"
+
+namespace ConfigSrv {
+namespace {
+
+using AppConfig::formatKey;
+using AppConfig::SecurityRole;
+
+SecurityRole chosen(const std::optional<int>& role, SecurityRole otherwise) {
+  return role ? static_cast<SecurityRole>(*role) : otherwise;
+}
+
+bool isRole(int role) { return role >= AppConfig::eRolePublic && role <= AppConfig::eRoleFactory; }
+
+std::string left(const ConfigVar& key, const std::string& what, const std::string& why) {
+  return formatKey(key) + ": the stored " + what + " is not used: " + why;
+}
+
+const std::vector<std::string>& optionsOf(const StoredVariable& stored,
+                                          const VariableShape& shape) {
+  return stored.options ? *stored.options : shape.options;
+}
+
+// Why the stored value cannot be used under the present definition; empty when it can.
+std::string refusalOfValue(const StoredVariable& stored, const VariableShape& shape) {
+  if (shape.readOnly) return "the variable is read-only";
+  return checkValue(shape, optionsOf(stored, shape), *stored.value);
+}
+
+// Why the stored options cannot.
+std::string refusalOfOptions(const StoredVariable& stored, const VariableShape& shape) {
+  if (shape.readOnly) return "the variable is read-only";
+  if (shape.type == ValueType::kEnumeration && optionsOf(stored, shape).empty())
+    return "an enumeration needs options";
+  for (const std::string& option : optionsOf(stored, shape)) {
+    std::string why = checkValue(shape, {option}, {option});
+    if (!why.empty()) return why;
+  }
+  const std::size_t count = std::max<std::size_t>(1, optionsOf(stored, shape).size());
+  return stored.defaultIndex.value_or(0) < count ? "" : "the default index is past the options";
+}
+
+void keepUsableOptions(StoredVariable& stored, const VariableShape& shape,
+                       std::vector<std::string>& lines) {
+  if (!stored.options && !stored.defaultIndex) return;
+  const std::string why = refusalOfOptions(stored, shape);
+  if (why.empty()) return;
+  lines.push_back(left(stored.key, "option list", why));
+  stored.options.reset();
+  stored.defaultIndex.reset();
+}
+
+void keepUsableRole(const ConfigVar& key, const char* what, std::optional<int>& role,
+                    std::vector<std::string>& lines) {
+  if (!role || isRole(*role)) return;
+  lines.push_back(left(key, what, std::to_string(*role) + " is no role"));
+  role.reset();
+}
+
+void keepUsableValue(StoredVariable& stored, const VariableShape& shape,
+                     std::vector<std::string>& lines) {
+  if (!stored.value) return;
+  const std::string why = refusalOfValue(stored, shape);
+  if (why.empty()) return;
+  lines.push_back(left(stored.key, "value", why));
+  stored.value.reset();
+}
+
+[[noreturn]] void stopForUnknown(const ConfigVar& key) {
+  std::fprintf(stderr, "a change of %s was applied, which is no variable of this model\n",
+               formatKey(key).c_str());
+  std::abort();
+}
+
+}  // namespace
+
+const std::list<std::string>& Variable::value() const {
+  return stored_ && stored_->value ? *stored_->value : shape().defaultValue;
+}
+
+bool Variable::isDefault() const {
+  return !stored_ || !stored_->value || *stored_->value == shape().defaultValue;
+}
+
+const std::vector<std::string>& Variable::options() const {
+  return stored_ && stored_->options ? *stored_->options : shape().options;
+}
+
+std::uint32_t Variable::defaultIndex() const {
+  return stored_ && stored_->defaultIndex ? *stored_->defaultIndex : shape().defaultIndex;
+}
+
+SecurityRole Variable::readRole() const {
+  return stored_ ? chosen(stored_->readRole, shape().readRole) : shape().readRole;
+}
+
+SecurityRole Variable::writeRole() const {
+  return stored_ ? chosen(stored_->writeRole, shape().writeRole) : shape().writeRole;
+}
+
+std::uint64_t Variable::changedAt() const {
+  return std::max({valueChangedAt(), optionsChangedAt(), accessChangedAt()});
+}
+
+Model::Model(Definitions definitions) : definitions_(std::move(definitions)) {
+  variables_.reserve(definitions_.size());
+  for (const VariableDefinition& definition : definitions_) variables_.emplace_back(definition);
+  byKey_ = std::make_unique<KeyIndex>(variables_);
+  byName_ = std::make_unique<NameIndex>(variables_);
+}
+
+Model::~Model() = default;
+
+std::vector<std::string> Model::restore(std::vector<StoredVariable> stored,
+                                        std::uint64_t revision) {
+  revision_ = revision;
+  std::vector<std::string> lines;
+  std::size_t undefined = 0;
+  for (StoredVariable& record : stored) {
+    Variable* variable = findMutable(record.key);
+    if (variable == nullptr)
+      ++undefined;
+    else
+      restoreOne(*variable, std::move(record), lines);
+  }
+  if (undefined > 0)
+    lines.push_back(std::to_string(undefined) +
+                    " stored variables have no definition; their records are kept");
+  return lines;
+}
+
+// Options before the value, which has to be one of them.
+void Model::restoreOne(Variable& variable, StoredVariable stored, std::vector<std::string>& lines) {
+  keepUsableOptions(stored, variable.shape(), lines);
+  keepUsableRole(stored.key, "read role", stored.readRole, lines);
+  keepUsableRole(stored.key, "write role", stored.writeRole, lines);
+  keepUsableValue(stored, variable.shape(), lines);
+  variable.stored_ = std::make_unique<StoredVariable>(std::move(stored));
+  if (!variable.isDefault()) ++changedVariables_;
+}
+
+const Variable* Model::find(const ConfigVar& key) const {
+  const std::uint32_t position = byKey_->find(key);
+  return position == KeyIndex::kNotFound ? nullptr : &variables_[position];
+}
+
+Variable* Model::findMutable(const ConfigVar& key) {
+  const std::uint32_t position = byKey_->find(key);
+  return position == KeyIndex::kNotFound ? nullptr : &variables_[position];
+}
+
+std::vector<const Variable*> Model::covered(std::string_view dottedName) const {
+  std::vector<const Variable*> result;
+  for (const std::uint32_t position : byName_->covered(dottedName))
+    result.push_back(&variables_[position]);
+  return result;
+}
+
+void Model::apply(const StoreChange& change, std::uint64_t revision) {
+  Variable* variable = findMutable(change.key);
+  if (variable == nullptr) stopForUnknown(change.key);
+  const bool wasChanged = !variable->isDefault();
+  if (!variable->stored_) variable->stored_ = std::make_unique<StoredVariable>(change.key);
+  applyChange(change, revision, variable->stored_.get());
+  revision_ = revision;
+  if (wasChanged && variable->isDefault()) --changedVariables_;
+  if (!wasChanged && !variable->isDefault()) ++changedVariables_;
+}
+
+std::uint32_t Model::indexOf(const Variable& variable) const {
+  return static_cast<std::uint32_t>(&variable - variables_.data());
+}
+
+}  // namespace ConfigSrv

@@ -1,0 +1,115 @@
+// Model: the present state of every variable, in memory.
+//
+// What a variable is comes from its definition; what differs from that comes from the store. The
+// model changes only by apply(), with changes that are durable already, so a reader never sees what
+// a loss of power could take back.
+//
+// Cost     16 bytes for a variable that is as defined, beside its definition; finding one costs a
+//          hash and a comparison, walking a group costs by what lies below it.
+// Errors   what the store remembers and the definitions no longer allow is left out, with a text
+//          for the log; the record stays in the store, for the definitions may come back.
+// Threads  one.
+// Owns     the definitions and the state. Variables do not move while the model lives.
+//
+//   Model model(std::move(loaded.definitions));
+//   for (const std::string& line : model.restore(std::move(opened.variables), store.revision()))
+//     log(line);
+//   const Variable* mtu = model.find(ConfigVar("network", 0, "mtu", 0));
+//   if (mtu != nullptr && !mtu->isDefault()) show(mtu->value());
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "appconfig/core/config_var.h"
+#include "configsrv/definitions/definitions.h"
+#include "configsrv/store/stored_variable.h"
+
+namespace ConfigSrv {
+
+class KeyIndex;
+class NameIndex;
+
+// One variable as it stands.
+class Variable {
+ public:
+  explicit Variable(const VariableDefinition& definition) : definition_(&definition) {}
+
+  const ConfigVar& key() const { return definition_->key; }
+  const VariableDefinition& definition() const { return *definition_; }
+  const VariableShape& shape() const { return *definition_->shape; }
+
+  const std::list<std::string>& value() const;
+  // Whether the value equals the definition's, however it came about.
+  bool isDefault() const;
+  const std::vector<std::string>& options() const;
+  std::uint32_t defaultIndex() const;
+  AppConfig::SecurityRole readRole() const;
+  AppConfig::SecurityRole writeRole() const;
+
+  // Revisions of the last changes; 0: never changed. Options stand for the default index too.
+  std::uint64_t valueChangedAt() const { return stored_ ? stored_->valueChangedAt : 0; }
+  std::uint64_t optionsChangedAt() const { return stored_ ? stored_->optionsChangedAt : 0; }
+  std::uint64_t accessChangedAt() const { return stored_ ? stored_->accessChangedAt : 0; }
+  // The newest of the three.
+  std::uint64_t changedAt() const;
+
+ private:
+  friend class Model;
+
+  const VariableDefinition* definition_;
+  // Null as long as nothing was ever changed.
+  std::unique_ptr<StoredVariable> stored_;
+};
+
+class Model {
+ public:
+  explicit Model(Definitions definitions);
+  ~Model();
+  Model(const Model&) = delete;
+  Model& operator=(const Model&) = delete;
+
+  // Takes over what the store remembers, once, before anything else. Returns one line for each
+  // part that the definitions no longer allow (it counts as not set), and one for all variables
+  // together that nobody defines any more.
+  std::vector<std::string> restore(std::vector<StoredVariable> stored, std::uint64_t revision);
+
+  // Null when nobody defined it. Namespace and both instances count.
+  const Variable* find(const ConfigVar& key) const;
+
+  // The variables that a dotted name covers: those of that full name and those below it at dot
+  // boundaries, whatever their namespaces and instances, in the order of their keys. An empty name
+  // covers all. The name is in lower case.
+  std::vector<const Variable*> covered(std::string_view dottedName) const;
+
+  // Takes over what was committed under a revision; the variable has to be one of this model.
+  void apply(const StoreChange& change, std::uint64_t revision);
+
+  // The newest revision taken over.
+  std::uint64_t revision() const { return revision_; }
+  // Position of a variable in the order of the keys: its number for as long as the model lives.
+  std::uint32_t indexOf(const Variable& variable) const;
+  std::size_t size() const { return variables_.size(); }
+  // How many variables have another value than their default.
+  std::size_t changedVariables() const { return changedVariables_; }
+  const Definitions& definitions() const { return definitions_; }
+
+ private:
+  Variable* findMutable(const ConfigVar& key);
+  void restoreOne(Variable& variable, StoredVariable stored, std::vector<std::string>& lines);
+
+  Definitions definitions_;
+  // In the order of the definitions, which is that of the keys.
+  std::vector<Variable> variables_;
+  std::unique_ptr<KeyIndex> byKey_;
+  std::unique_ptr<NameIndex> byName_;
+  std::uint64_t revision_ = 0;
+  std::size_t changedVariables_ = 0;
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,170 @@
+// Requests that change variables, or ask whether they could. Each is answered when it has ended.
+#include <algorithm>
+
+#include "appconfig/core/key_notation.h"
+#include "configsrv/changes/wire_forms.h"
+#include "configsrv/service/internal/requests.h"
+
+namespace ConfigSrv {
+namespace {
+
+using AppConfig::formatKey;
+
+std::list<std::string> listOf(const google::protobuf::RepeatedPtrField<std::string>& strings) {
+  return {strings.begin(), strings.end()};
+}
+
+ChangeOutcome noVariable() {
+  return {eErrInvalidRequest, false, {"the path names no variable"}, 0};
+}
+
+ChangeOutcome outcomeOf(const ChangeBatch::Result& result) {
+  const bool unchanged = result.error == eErrNone && result.changed == 0;
+  return {result.error, unchanged, result.messages, result.revision};
+}
+
+std::optional<int> roleIf(bool present, CommonIF::eSecurityRole role) {
+  return present ? std::optional<int>(fromWire(role)) : std::nullopt;
+}
+
+// The variables of a request, those that name none left out but remembered.
+struct NamedVariables {
+  std::vector<ConfigIF::Inst> insts;
+  std::vector<bool> hasKey;
+  std::vector<ConfigVar> keys;
+};
+
+NamedVariables namedBy(const google::protobuf::RepeatedPtrField<ConfigIF::Inst>& insts) {
+  NamedVariables named;
+  for (const ConfigIF::Inst& inst : insts) {
+    const std::optional<ConfigVar> key = readInst(inst);
+    named.insts.push_back(inst);
+    named.hasKey.push_back(key.has_value());
+    if (key) named.keys.push_back(*key);
+  }
+  return named;
+}
+
+ConfigIF::SetAccessLevelsRsp accessAnswer(const NamedVariables& named,
+                                          const ChangeBatch::Result& result) {
+  ConfigIF::SetAccessLevelsRsp response;
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < named.insts.size(); ++i) {
+    ConfigIF::AccessLevelsRecord& record = *response.add_records();
+    *record.mutable_inst() = named.insts[i];
+    const eErrorT error = named.hasKey[i] ? result.errors[next++] : eErrInvalidRequest;
+    if (error != eErrNone) record.set_error(static_cast<CommonIF::eErrorType>(error));
+  }
+  const bool allNamed = !named.keys.empty() && named.keys.size() == named.insts.size();
+  const bool onlyBadlyNamed = result.error == eErrNone && !allNamed;
+  setOutcome(*response.mutable_result(), onlyBadlyNamed ? noVariable() : outcomeOf(result));
+  return response;
+}
+
+}  // namespace
+
+// How the outcome of a change becomes the answer to its request.
+template <typename Response>
+ChangeDone Requests::answering(const Call& call) {
+  return [this, id = call.id](const ChangeOutcome& outcome) {
+    Response response;
+    setOutcome(*response.mutable_result(), outcome);
+    respond(id, response);
+  };
+}
+
+template <typename Response>
+ChangeBatch::Done Requests::answeringAll(const Call& call) {
+  return [this, id = call.id](const ChangeBatch::Result& result) {
+    Response response;
+    setOutcome(*response.mutable_result(), outcomeOf(result));
+    response.set_changed(result.changed);
+    respond(id, response);
+  };
+}
+
+// Nobody else hears of a failed write that its writer does not wait for.
+ChangeDone Requests::logging(const Call& call, const ConfigVar& key, ChangeDone answer) {
+  if (!call.id.oneWay) return answer;
+  return [this, line = formatKey(key) + ": a one-way write by " + call.by.clientName,
+          answer = std::move(answer)](const ChangeOutcome& outcome) {
+    if (outcome.error != eErrNone)
+      with_.log.info(line + " failed with error " + std::to_string(outcome.error));
+    answer(outcome);
+  };
+}
+
+void Requests::submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what,
+                         const ChangeDone& answer) {
+  const std::optional<ConfigVar> key = readInst(inst);
+  if (!key) return answer(noVariable());
+  with_.changes.submit({call.by, {*key, std::move(what)}}, logging(call, *key, answer));
+}
+
+// What was never changed and is not this caller's to change needs no error.
+void Requests::submitBelow(const Call& call, const std::string& name, const Wanted& what,
+                           const ChangeBatch::Done& answer) {
+  const std::vector<const Variable*> covered = with_.model.covered(lowerCase(name));
+  std::vector<StoreChange> changes;
+  for (const Variable* variable : covered) {
+    const bool isTheirs = call.by.role >= variable->writeRole() && !variable->shape().readOnly;
+    if (variable->changedAt() != 0 || isTheirs) changes.push_back({variable->key(), what});
+  }
+  if (!covered.empty() || name.empty())
+    return ChangeBatch::run(with_.changes, call.by, std::move(changes), answer);
+  ChangeBatch::Result nothing;
+  nothing.error = eErrNotFound;
+  nothing.messages = {name + ": no variable is named so, and none lies below it"};
+  answer(nothing);
+}
+
+void Requests::write(const Call& call, const ConfigIF::WriteReq& request) {
+  submitOne(call, request.value().inst(), StoreChange::SetValue{listOf(request.value().values())},
+            answering<ConfigIF::WriteRsp>(call));
+}
+
+void Requests::validate(const Call& call, const ConfigIF::ValidateReq& request) {
+  const ChangeDone answer = answering<ConfigIF::ValidateRsp>(call);
+  const std::optional<ConfigVar> key = readInst(request.value().inst());
+  if (!key) return answer(noVariable());
+  with_.changes.validate({call.by, {*key, StoreChange::SetValue{listOf(request.value().values())}}},
+                         answer);
+}
+
+void Requests::resetValue(const Call& call, const ConfigIF::ResetValueReq& request) {
+  submitOne(call, request.inst(), StoreChange::ResetValue{},
+            answering<ConfigIF::ResetValueRsp>(call));
+}
+
+void Requests::resetNodeValue(const Call& call, const ConfigIF::ResetNodeValueReq& request) {
+  submitBelow(call, request.name(), StoreChange::ResetValue{},
+              answeringAll<ConfigIF::ResetNodeValueRsp>(call));
+}
+
+void Requests::setOptions(const Call& call, const ConfigIF::SetAttributeOptionsReq& request) {
+  StoreChange::SetOptions options;
+  options.options.emplace(request.options().begin(), request.options().end());
+  if (request.has_default_index()) options.defaultIndex = request.default_index();
+  submitOne(call, request.inst(), std::move(options),
+            answering<ConfigIF::SetAttributeOptionsRsp>(call));
+}
+
+void Requests::resetAttribute(const Call& call, const ConfigIF::ResetAttributeReq& request) {
+  submitBelow(call, request.name(), StoreChange::ResetAttributes{},
+              answeringAll<ConfigIF::ResetAttributeRsp>(call));
+}
+
+void Requests::setAccessLevels(const Call& call, const ConfigIF::SetAccessLevelsReq& request) {
+  const StoreChange::SetAccess access{roleIf(request.has_read_role(), request.read_role()),
+                                      roleIf(request.has_write_role(), request.write_role())};
+  NamedVariables named = namedBy(request.inst());
+  std::vector<StoreChange> changes;
+  for (const ConfigVar& key : named.keys) changes.push_back({key, access});
+  ChangeBatch::run(
+      with_.changes, call.by, std::move(changes),
+      [this, id = call.id, named = std::move(named)](const ChangeBatch::Result& result) {
+        respond(id, accessAnswer(named, result));
+      });
+}
+
+}  // namespace ConfigSrv

@@ -1,0 +1,144 @@
+// Requests: what the service answers to each request of the protocol.
+//
+// One table leads from a message id to one member function. Answers that need nobody else are given
+// at once; changes and validations answer when they have ended.
+//
+// Errors   a payload that is no message of its kind, and a request that is none, are refused as a
+//          whole, with a line in the log. Everything else is an error code in the answer.
+// Access   before a request is looked at, its role is held against what the kernel says of the
+// peer. Threads  one, the serving thread. Owns nothing.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "configsrv/access/access_policy.h"
+#include "configsrv/changes/announcer.h"
+#include "configsrv/changes/changes.h"
+#include "configsrv/log/log.h"
+#include "configsrv/model/model.h"
+#include "configsrv/service/internal/change_batch.h"
+#include "configsrv/service/service.h"
+#include "configsrv/subscriptions/subscriptions.h"
+#include "platform/messaging/server.h"
+#include "platform/schema/config_if.pb.h"
+
+namespace ConfigSrv {
+
+// What answering needs; everything outlives the Requests.
+struct RequestContext {
+  const ServiceOptions& options;
+  const Log& log;
+  const AccessPolicy& access;
+  Model& model;
+  Subscriptions& subscriptions;
+  Announcer& announcer;
+  Changes& changes;
+  PbUtility::Server& server;
+};
+
+class Requests {
+ public:
+  explicit Requests(RequestContext context);
+
+  void handle(const PbUtility::IncomingRequest& request);
+
+ private:
+  using Incoming = PbUtility::IncomingRequest;
+  using Handler = void (Requests::*)(const Incoming&);
+
+  // A request whose role has been checked.
+  struct Call {
+    PbUtility::RequestId id;
+    Requester by;
+    // FrameHeader::revision.
+    std::uint64_t knownRevision;
+  };
+
+  static Handler handlerOf(std::uint32_t messageId);
+
+  // --- The frame around every request: parse, check the role, answer. ---
+  template <typename Request, typename Response,
+            void (Requests::*answer)(const Call&, const Request&, Response&)>
+  void answerNow(const Incoming& incoming);
+  template <typename Request, typename Response,
+            void (Requests::*answer)(const Call&, const Request&)>
+  void answerLater(const Incoming& incoming);
+  bool parse(const Incoming& incoming, google::protobuf::MessageLite& message);
+  bool admit(const Incoming& incoming, const std::string& clientName,
+             CommonIF::eSecurityRole wireRole, Call& call, ConfigIF::ReturnMessage& result);
+  void respond(const PbUtility::RequestId& id, const google::protobuf::MessageLite& response);
+
+  // --- Finding variables ---
+  // Null, and the error in the result, when there is none or the caller may not read it.
+  const Variable* find(const ConfigIF::Inst& inst, ConfigIF::ReturnMessage& result) const;
+  const Variable* findReadable(const Call& call, const ConfigIF::Inst& inst,
+                               ConfigIF::ReturnMessage& result) const;
+  const Variable* findByDottedName(const std::string& name) const;
+  bool mayRead(const Call& call, const Variable& variable, ConfigIF::ReturnMessage& result) const;
+
+  // --- Reading (read_requests.cpp) ---
+  void read(const Call&, const ConfigIF::ReadReq&, ConfigIF::ReadRsp&);
+  void batchRead(const Call&, const ConfigIF::BatchReadReq&, ConfigIF::BatchReadRsp&);
+  void getOptions(const Call&, const ConfigIF::GetAttributeOptionsReq&,
+                  ConfigIF::GetAttributeOptionsRsp&);
+  void getDefaultOptions(const Call&, const ConfigIF::GetDefaultOptionsReq&,
+                         ConfigIF::GetDefaultOptionsRsp&);
+  void getAccessLevels(const Call&, const ConfigIF::GetAccessLevelsReq&,
+                       ConfigIF::GetAccessLevelsRsp&);
+  void readAttributes(const Call&, const ConfigIF::ReadAttributesReq&,
+                      ConfigIF::ReadAttributesRsp&);
+  void getRecord(const Call&, const ConfigIF::GetValueOptionsAccessReq&,
+                 ConfigIF::GetValueOptionsAccessRsp&);
+  void getRecords(const Call&, const ConfigIF::BatchGetValueOptionsAccessReq&,
+                  ConfigIF::BatchGetValueOptionsAccessRsp&);
+  bool fillRecord(const Call& call, const ConfigIF::Inst& inst, ConfigIF::FullRecord& record,
+                  ConfigIF::ReturnMessage& result) const;
+
+  // --- Changing (change_requests.cpp) ---
+  using Wanted = decltype(StoreChange::what);
+  void write(const Call&, const ConfigIF::WriteReq&);
+  void validate(const Call&, const ConfigIF::ValidateReq&);
+  void resetValue(const Call&, const ConfigIF::ResetValueReq&);
+  void resetNodeValue(const Call&, const ConfigIF::ResetNodeValueReq&);
+  void setOptions(const Call&, const ConfigIF::SetAttributeOptionsReq&);
+  void setAccessLevels(const Call&, const ConfigIF::SetAccessLevelsReq&);
+  void resetAttribute(const Call&, const ConfigIF::ResetAttributeReq&);
+  template <typename Response>
+  ChangeDone answering(const Call& call);
+  template <typename Response>
+  ChangeBatch::Done answeringAll(const Call& call);
+  ChangeDone logging(const Call& call, const ConfigVar& key, ChangeDone answer);
+  // One change of the variable that a path names.
+  void submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what,
+                 const ChangeDone& answer);
+  // The same change of everything that a dotted name covers.
+  void submitBelow(const Call& call, const std::string& name, const Wanted& what,
+                   const ChangeBatch::Done& answer);
+
+  // --- Callbacks (callback_requests.cpp) ---
+  void registerCallback(const Call&, const ConfigIF::RegisterClientCallbackReq&);
+  void unregisterCallback(const Call&, const ConfigIF::UnregisterClientCallbackReq&,
+                          ConfigIF::UnregisterClientCallbackRsp&);
+  void unregisterAll(const Incoming& incoming);
+  void submit(const Call&, const ConfigIF::SubmitReq&, ConfigIF::SubmitRsp&);
+
+  // --- For tools (tool_requests.cpp) ---
+  void list(const Call&, const ConfigIF::ListReq&, ConfigIF::ListRsp&);
+  void status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp&);
+
+  RequestContext with_;
+  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+  std::uint64_t reads_ = 0;
+};
+
+// Writes an error and its text into a result.
+void setError(ConfigIF::ReturnMessage& result, eErrorT error, const std::string& text);
+// Writes how a change ended into a result.
+void setOutcome(ConfigIF::ReturnMessage& result, const ChangeOutcome& outcome);
+// Lower case, as the names of all variables are.
+std::string lowerCase(const std::string& name);
+
+}  // namespace ConfigSrv

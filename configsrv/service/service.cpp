@@ -1,0 +1,233 @@
+#include "configsrv/service/service.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "configsrv/access/access_policy.h"
+#include "configsrv/changes/announcer.h"
+#include "configsrv/changes/changes.h"
+#include "configsrv/definitions/definitions.h"
+#include "configsrv/model/model.h"
+#include "configsrv/service/internal/requests.h"
+#include "configsrv/store/commit_queue.h"
+#include "configsrv/store/store.h"
+#include "configsrv/subscriptions/subscriptions.h"
+#include "platform/messaging/runtime_dir.h"
+#include "platform/messaging/server.h"
+
+namespace ConfigSrv {
+namespace {
+
+using PbUtility::PeerId;
+using PbUtility::Server;
+using PbUtility::ServerOptions;
+
+std::string endpointName(const std::string& prefix) {
+  return prefix.empty() ? "ConfigSrvc" : prefix + "/ConfigSrvc";
+}
+
+// Clients bring themselves up to date from nothing when either the store or the definitions are not
+// those of before.
+std::uint64_t epochOf(std::uint64_t storeId, std::uint64_t definitionsDigest) {
+  const std::uint64_t mixed = (storeId ^ (definitionsDigest >> 29) ^ (definitionsDigest << 35)) *
+                              std::uint64_t{0x9E3779B97F4A7C15};
+  const std::uint64_t epoch = mixed ^ (mixed >> 32);
+  return epoch == 0 ? 1 : epoch;
+}
+
+ServerOptions serverOptions(const ServiceOptions& options, std::uint64_t epoch,
+                            std::size_t variables) {
+  ServerOptions result;
+  result.runtimeDir =
+      options.runtimeDir.empty() ? PbUtility::defaultRuntimeDir() : options.runtimeDir;
+  result.name = endpointName(options.endpointPrefix);
+  result.listenFd = options.listenFd;
+  result.epoch = epoch;
+  // A client that registers for everything is owed a notice for each variable at once.
+  result.maxNotices = std::max(result.maxNotices, 2 * variables);
+  return result;
+}
+
+std::vector<std::string> linesOf(const std::vector<Mistake>& mistakes) {
+  std::vector<std::string> lines;
+  lines.reserve(mistakes.size());
+  for (const Mistake& mistake : mistakes) lines.push_back(formatMistake(mistake));
+  return lines;
+}
+
+StartedService failed(StartStatus status, std::vector<std::string> lines) {
+  StartedService result;
+  result.status = status;
+  result.lines = std::move(lines);
+  return result;
+}
+
+}  // namespace
+
+class Service::Impl final : public PbUtility::ServerHandler, public Host {
+ public:
+  Impl(ServiceOptions options, const Log& log, AccessPolicy access, Definitions definitions,
+       OpenedStore opened)
+      : options_(std::move(options)),
+        log_(log),
+        access_(std::move(access)),
+        store_(std::move(opened.store)),
+        model_(std::move(definitions)),
+        announcer_(model_, subscriptions_, *this),
+        changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_)),
+        server_(serverOptions(options_, epochOf(store_->storeId(), model_.definitions().digest()),
+                              model_.size()),
+                *this),
+        requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, server_}) {
+    if (!opened.notice.empty()) log_.warning(opened.notice);
+    for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
+      log_.warning(line);
+  }
+
+  // Empty on success.
+  std::string open();
+  void run();
+  void stop() {
+    server_.post([this] { beginToStop(); });
+  }
+  std::string describe() const;
+
+ private:
+  static ChangesOptions changesOptions(const ServiceOptions& options) {
+    ChangesOptions result;
+    result.providerDeadline = options.providerDeadline;
+    return result;
+  }
+
+  void keepSnapshot();
+  void complete(const std::vector<Completion>& batch);
+  void beginToStop();
+  void leaveWhenIdle();
+
+  // PbUtility::ServerHandler
+  void onRequest(const PbUtility::IncomingRequest& request) override { requests_.handle(request); }
+  void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
+                std::string_view payload) override {
+    changes_.onAnswer(peer, question, messageId, payload);
+  }
+  void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) override {
+    changes_.onQuestionDone(peer, question, peerGone);
+  }
+  void onPeerGone(const PbUtility::Peer& peer) override { subscriptions_.forget(peer.id); }
+  void onLog(const std::string& line) override { log_.warning(line); }
+
+  // Host
+  std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question) override {
+    return server_.ask(peer, question, model_.revision());
+  }
+  void notify(PeerId peer, const google::protobuf::MessageLite& notice,
+              const std::string& coalescingKey) override {
+    server_.notify(peer, notice, model_.revision(), coalescingKey);
+  }
+  std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) override {
+    return server_.after(delay, std::move(task));
+  }
+  void cancel(std::uint64_t timer) override { server_.cancel(timer); }
+  bool commit(StoreTransaction transaction, CommitDone done) override {
+    return commits_ && commits_->submit(std::move(transaction), std::move(done));
+  }
+
+  const ServiceOptions options_;
+  const Log& log_;
+  const AccessPolicy access_;
+  const std::unique_ptr<Store> store_;
+  Model model_;
+  Subscriptions subscriptions_;
+  Announcer announcer_;
+  Changes changes_;
+  Server server_;
+  Requests requests_;
+  // Last, so that its thread ends before anything that it posts to.
+  std::unique_ptr<CommitQueue> commits_;
+  bool stopping_ = false;
+};
+
+std::string Service::Impl::open() { return server_.open(); }
+
+// What was read at the start has been checked whole, and what is there at the end is the newest:
+// both are worth keeping for the day when the file is damaged.
+void Service::Impl::keepSnapshot() {
+  if (store_->commitsSinceSnapshot() == 0) return;
+  const StoreStatus status = store_->snapshot();
+  if (!status.ok()) log_.warning("no snapshot of the store was kept: " + status.text);
+}
+
+void Service::Impl::run() {
+  keepSnapshot();
+  commits_ = std::make_unique<CommitQueue>(*store_, [this](std::vector<Completion> batch) {
+    server_.post([this, batch = std::move(batch)] { complete(batch); });
+  });
+  server_.run();
+  commits_->stop();
+  keepSnapshot();
+}
+
+void Service::Impl::complete(const std::vector<Completion>& batch) {
+  for (const Completion& completion : batch)
+    completion.done(completion.status, completion.revision);
+  leaveWhenIdle();
+}
+
+void Service::Impl::beginToStop() {
+  stopping_ = true;
+  changes_.stop();
+  leaveWhenIdle();
+}
+
+void Service::Impl::leaveWhenIdle() {
+  if (stopping_ && changes_.underWay() == 0) server_.stop();
+}
+
+std::string Service::Impl::describe() const {
+  const std::string where =
+      options_.listenFd >= 0
+          ? "the socket that was handed over"
+          : serverOptions(options_, 0, 0).runtimeDir + "/" + endpointName(options_.endpointPrefix);
+  return std::to_string(model_.size()) + " variables at " + where;
+}
+
+StartedService Service::start(const ServiceOptions& options, const Log& log) {
+  LoadResult loaded = loadDefinitions(options.definitionsDir);
+  std::vector<std::string> mistakes = linesOf(loaded.mistakes);
+  AccessPolicy access(geteuid());
+  if (!options.rolesFile.empty()) {
+    AccessLoadResult roles = AccessPolicy::load(options.rolesFile, geteuid());
+    for (const std::string& line : linesOf(roles.mistakes)) mistakes.push_back(line);
+    access = std::move(roles.policy);
+  }
+  if (!mistakes.empty()) return failed(StartStatus::BadDefinitions, std::move(mistakes));
+
+  StoreOptions storeOptions;
+  storeOptions.file = options.storeFile;
+  OpenedStore opened = Store::open(storeOptions);
+  if (!opened.status.ok()) return failed(StartStatus::BadStore, {opened.status.text});
+
+  auto impl = std::make_unique<Impl>(options, log, std::move(access), std::move(loaded.definitions),
+                                     std::move(opened));
+  const std::string problem = impl->open();
+  if (!problem.empty()) return failed(StartStatus::BadSocket, {problem});
+  StartedService result;
+  result.service.reset(new Service(std::move(impl)));
+  return result;
+}
+
+Service::Service(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Service::~Service() = default;
+void Service::run() { impl_->run(); }
+void Service::stop() { impl_->stop(); }
+std::string Service::describe() const { return impl_->describe(); }
+
+std::vector<std::string> checkDefinitions(const std::string& directory, std::size_t& variables) {
+  const LoadResult loaded = loadDefinitions(directory);
+  variables = loaded.definitions.size();
+  return linesOf(loaded.mistakes);
+}
+
+}  // namespace ConfigSrv

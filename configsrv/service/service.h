@@ -1,0 +1,84 @@
+// Service: the configuration service as an object. configsrvd is this and a command line.
+//
+//   Log log(LogLevel::Info, Log::toStandardError());
+//   StartedService started = Service::start({"/etc/appconfig/definitions.d", "store.db"}, log);
+//   if (started.status != StartStatus::Ok) { for (auto& line : started.lines) show(line); ... }
+//   started.service->run();  // until stop()
+//
+// Errors   everything that can keep the service from running is found by start(), which then leaves
+//          nothing behind. Once it runs, a fault is one request's or one peer's.
+// Threads  run() serves on the thread that calls it; one more makes changes durable. stop() may be
+//          called from any thread, but not from a signal handler.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "configsrv/log/log.h"
+
+namespace ConfigSrv {
+
+struct ServiceOptions {
+  std::string definitionsDir;
+  std::string storeFile;
+  // Where the socket stands. Empty: the default of platform/messaging/runtime_dir.h.
+  std::string runtimeDir;
+  // The endpoint is <prefix>/ConfigSrvc, or ConfigSrvc without a prefix.
+  std::string endpointPrefix;
+  // Which user may claim which role; empty: the rules without a file.
+  std::string rolesFile;
+  // A listening socket that somebody else made; -1: make one.
+  int listenFd = -1;
+  // How long a provider may take to answer one question.
+  std::chrono::milliseconds providerDeadline{3000};
+};
+
+enum class StartStatus {
+  Ok,
+  // Definitions or the table of roles: correct the files.
+  BadDefinitions,
+  BadStore,
+  // The socket's name, directory, or another service that has it.
+  BadSocket,
+};
+
+class Service;
+
+struct StartedService {
+  StartStatus status = StartStatus::Ok;
+  // Null unless status is Ok.
+  std::unique_ptr<Service> service;
+  // What is wrong, all of it, one line each; "file:line: text" for mistakes in files.
+  std::vector<std::string> lines;
+};
+
+class Service {
+ public:
+  // The log has to outlive the service.
+  [[nodiscard]] static StartedService start(const ServiceOptions& options, const Log& log);
+  ~Service();
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  // Serves until stop(), then keeps a snapshot of the store.
+  void run();
+  // Ends run() soon: changes that wait or ask fail, changes that are being committed are committed
+  // and answered.
+  void stop();
+
+  // "318 variables at /run/appconfig/ConfigSrvc".
+  std::string describe() const;
+
+ private:
+  class Impl;
+  explicit Service(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+// All mistakes in a directory of definitions, one line each; none when it could be served. Sets the
+// number of variables that it defines.
+std::vector<std::string> checkDefinitions(const std::string& directory, std::size_t& variables);
+
+}  // namespace ConfigSrv

@@ -1,0 +1,99 @@
+// Subscriptions: who has asked to be told, or asked, about which variables.
+//
+// A registration belongs to one peer and says: tell me, under this callback identity, of this type
+// of event, for everything that this dotted name covers. A name covers the variable of that full
+// name (group, ".", name) and all below it at dot boundaries; an empty name covers everything:
+//
+//   "net" covers net, net.mtu and net.eth0.mtu, but not network.mtu.
+//
+// Namespaces and instances play no part: a registration holds for all of them.
+//
+// Cost     finding the subscribers of a variable costs by the depth of its name and by how many
+//          there are, not by how many registrations exist.
+// Errors   what would pass a limit is refused; nothing else can fail.
+// Threads  one.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "appconfig/core/security_role.h"
+#include "platform/messaging/server.h"
+
+namespace ConfigIF {
+enum CallbackType : int;
+}
+
+namespace ConfigSrv {
+
+// Limits on what peers can make the service remember.
+struct SubscriptionLimits {
+  std::size_t nameBytes = 1024;
+  std::size_t identityBytes = 256;
+  std::size_t clientNameBytes = 256;
+  std::size_t registrationsPerPeer = 200'000;
+  // Pairs of callback identity and client name that one peer uses at once. A process has one for
+  // each of its links, and at most two links.
+  std::size_t callersPerPeer = 64;
+  std::size_t registrations = 1'000'000;
+};
+
+struct Registration {
+  // Dotted name, in any case.
+  std::string name;
+  ConfigIF::CallbackType type;
+  // Repeated in every notice.
+  std::string identity;
+  // Withdrawn together by removeAll, and named in messages.
+  std::string clientName;
+  AppConfig::SecurityRole role = AppConfig::eRolePublic;
+};
+
+// One party to be told. The texts are valid until the next change of the subscriptions.
+struct Subscriber {
+  PbUtility::PeerId peer = 0;
+  std::string_view identity;
+  std::string_view clientName;
+  AppConfig::SecurityRole role = AppConfig::eRolePublic;
+};
+
+class Subscriptions {
+ public:
+  explicit Subscriptions(SubscriptionLimits limits = {});
+  ~Subscriptions();
+  Subscriptions(const Subscriptions&) = delete;
+  Subscriptions& operator=(const Subscriptions&) = delete;
+
+  // Empty on success, else which limit the registration would pass. A registration made before is
+  // accepted again and changes nothing.
+  [[nodiscard]] std::string add(PbUtility::PeerId peer, const Registration& registration);
+
+  // Withdraws the peer's registrations of this name, type and identity, whatever their roles and
+  // client names. False when there are none.
+  bool remove(PbUtility::PeerId peer, std::string_view name, ConfigIF::CallbackType type,
+              std::string_view identity);
+  // Withdraws all that the peer registered under this client name. How many those were.
+  std::size_t removeAll(PbUtility::PeerId peer, std::string_view clientName);
+  // The peer is gone, and with it everything that it registered.
+  void forget(PbUtility::PeerId peer);
+
+  // Everybody who is to be told of this type of event at a variable of this full name, which has to
+  // be in lower case. Each peer and identity stands in the list once, with the highest of its
+  // roles, however many of its registrations cover the variable. In order of peer.
+  std::vector<Subscriber> covering(std::string_view fullName, ConfigIF::CallbackType type) const;
+  // Whether anybody is.
+  bool anyCovering(std::string_view fullName, ConfigIF::CallbackType type) const;
+
+  std::size_t count() const;
+  std::size_t count(PbUtility::PeerId peer) const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ConfigSrv

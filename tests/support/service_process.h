@@ -1,0 +1,90 @@
+// ServiceProcess: the real configsrvd in a temporary directory of its own.
+//
+//   ServiceProcess service("[network.mtu]\ntype = \"int\"\ndefault = 1500\n");
+//   service.start();
+//   ... service.kill(); service.start(); ...
+//
+// The process is killed, and the directory removed, with the object; the process also dies with
+// the test. Faults of the fixture itself fail the test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace TestSupport {
+
+// Longer than any healthy step takes, on a busy machine too.
+constexpr std::chrono::seconds kPatience{20};
+
+// A directory that goes with the object.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& text);
+std::string readFile(const std::string& path);
+
+class ServiceProcess {
+ public:
+  // The definitions are the text of a TOML file; arguments come behind the fixture's own.
+  explicit ServiceProcess(const std::string& definitions, std::vector<std::string> arguments = {});
+  ~ServiceProcess();
+  ServiceProcess(const ServiceProcess&) = delete;
+  ServiceProcess& operator=(const ServiceProcess&) = delete;
+
+  // Waits until clients can connect.
+  void start();
+  // Starts it and waits for its end: for a start that has to fail.
+  int startAndWait();
+  // SIGKILL, and waits for the end.
+  void kill();
+  // SIGTERM, and waits for the end: the exit code, or minus the signal that killed it.
+  int terminate();
+
+  // For a change between two starts.
+  void redefine(const std::string& definitions);
+  void useStore(const std::string& file) { storeFile_ = file; }
+  // Hands over a listening socket as a service manager does. The socket stays the caller's.
+  void handOver(int listeningSocket) { listeningSocket_ = listeningSocket; }
+
+  pid_t pid() const { return pid_; }
+  std::string runtimeDir() const { return directory_.file("run"); }
+  std::string socket() const { return runtimeDir() + "/ConfigSrvc"; }
+  const std::string& storeFile() const { return storeFile_; }
+  const TemporaryDirectory& directory() const { return directory_; }
+
+  // Standard error of all starts so far.
+  std::string log() const { return readFile(directory_.file("log")); }
+  // How often a text stands in it.
+  int linesWith(const std::string& text) const;
+  // Waits until it does, at most kPatience.
+  bool waitForLog(const std::string& text) const;
+
+ private:
+  std::vector<std::string> commandLine() const;
+  void spawn();
+  bool waitForReadyLine() const;
+  int waitForEnd();
+
+  TemporaryDirectory directory_;
+  std::string storeFile_ = directory_.file("store.db");
+  std::vector<std::string> arguments_;
+  int listeningSocket_ = -1;
+  pid_t pid_ = -1;
+  int output_ = -1;
+};
+
+}  // namespace TestSupport
