@@ -46,11 +46,9 @@ void Announcer::optionsChanged(const Variable& variable) {
 
 void Announcer::accessLevelsChanged(const Variable& variable, Roles before) {
   const std::string name = variable.key().dottedName();
-  const bool read = before.read != variable.readRole();
-  const bool write = before.write != variable.writeRole();
   for (const Subscriber& to :
        subscriptions_.covering(name, ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED))
-    tellAccessLevels(to.peer, to.identity, variable, read, write);
+    tellAccessLevels(to.peer, to.identity, variable);
   if (variable.readRole() < before.read) tellNewReaders(variable, before.read);
 }
 
@@ -126,7 +124,7 @@ void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
       return;
     case ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED:
       if (missed(variable.accessChangedAt()))
-        tellAccessLevels(peer, registration.identity, variable, true, true);
+        tellAccessLevels(peer, registration.identity, variable);
       return;
     // Events, not states: what is past is past.
     case ConfigIF::CALLBACK_ATTRIBUTE_CHANGED:
@@ -155,15 +153,15 @@ void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variab
 
 // The kind tells which roles a notice carries: one that carries only the write role must not take
 // the place of a waiting one that carries only the read role.
-void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable,
-                                 bool read, bool write) {
+// Both roles, also when one is as it was: handlers are called with both, and a newer notice may
+// take the place of one that still waits.
+void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable) {
   ConfigIF::AccessLevelChangedNtfy notice;
   notice.set_callback_identity(std::string(identity));
   fillInst(notice.mutable_inst(), variable.key());
-  if (read) notice.set_read_role(toWire(variable.readRole()));
-  if (write) notice.set_write_role(toWire(variable.writeRole()));
-  const char kind = read && write ? 'a' : read ? 'r' : 'w';
-  notify(peer, notice, kind, identity, variable);
+  notice.set_read_role(toWire(variable.readRole()));
+  notice.set_write_role(toWire(variable.writeRole()));
+  notify(peer, notice, 'a', identity, variable);
 }
 
 void Announcer::notify(PeerId peer, const google::protobuf::MessageLite& notice, char kind,

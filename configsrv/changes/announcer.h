@@ -58,8 +58,8 @@ class Announcer {
 
   void tellValue(PbUtility::PeerId peer, std::string_view identity, const Variable& variable);
   void tellOptions(PbUtility::PeerId peer, std::string_view identity, const Variable& variable);
-  void tellAccessLevels(PbUtility::PeerId peer, std::string_view identity, const Variable& variable,
-                        bool read, bool write);
+  void tellAccessLevels(PbUtility::PeerId peer, std::string_view identity,
+                        const Variable& variable);
   void tellNewReaders(const Variable& variable, AppConfig::SecurityRole before);
   void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
                      const Variable& variable, std::uint64_t knownRevision);

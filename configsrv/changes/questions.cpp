@@ -15,7 +15,11 @@ std::unique_ptr<MessageLite> filled(const Question& question) {
   request->set_server_context(question.serverContext);
   request->set_client_name(question.by.clientName);
   request->set_role(toWire(question.by.role));
-  fillInst(request->mutable_value()->mutable_inst(), question.key);
+  ConfigIF::Inst* inst = request->mutable_value()->mutable_inst();
+  fillInst(inst, question.key);
+  // For the links of its namespace alone, also when it has none: a process may have a second link,
+  // to another service, behind the same endpoint, and that link's cache must not take this value.
+  inst->set_scope(ConfigIF::SCOPE_NAMESPACE);
   for (const std::string& element : question.value) request->mutable_value()->add_values(element);
   return request;
 }

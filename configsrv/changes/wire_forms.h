@@ -18,7 +18,7 @@ enum eSecurityRole : int;
 
 namespace ConfigSrv {
 
-// A variable as notices, questions and records name it. One with a namespace is meant for the links
+// A variable as notices and records name it. One with a namespace is meant for the links
 // of that namespace alone; one without is meant for everybody, and the scope stays absent.
 void fillInst(ConfigIF::Inst* inst, const ConfigVar& key);
 

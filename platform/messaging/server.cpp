@@ -9,6 +9,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -116,6 +117,7 @@ class Server::Impl {
     return found == peersById_.end() ? nullptr : found->second;
   }
   std::size_t peerCount() const { return peersById_.size(); }
+  std::vector<ConnectedPeer> peers() const;
 
   Timers timers;
 
@@ -361,6 +363,7 @@ PeerState* Server::Impl::peerFor(Connection& connection, const Hello& hello, std
     PeerState* peer = state.get();
     peersById_.emplace(peer->peer.id, peer);
     peers_.emplace(hello.token, std::move(state));
+    handler_.onPeerCame(peer->peer);
     return peer;
   }
   PeerState* peer = found->second.get();
@@ -459,6 +462,17 @@ void Server::Impl::leave(PeerState& peer) {
   peers_.erase(found);
   peersById_.erase(state->peer.id);
   handler_.onPeerGone(state->peer);
+}
+
+std::vector<ConnectedPeer> Server::Impl::peers() const {
+  std::vector<ConnectedPeer> connected;
+  connected.reserve(peersById_.size());
+  for (const auto& [id, state] : peersById_) {
+    connected.push_back({state->peer, state->delivery != nullptr});
+  }
+  std::sort(connected.begin(), connected.end(),
+            [](const ConnectedPeer& a, const ConnectedPeer& b) { return a.peer.id < b.peer.id; });
+  return connected;
 }
 
 void Server::Impl::respond(const RequestId& request, const MessageLite& response,
@@ -566,6 +580,8 @@ const Peer* Server::peer(PeerId id) const {
 }
 
 std::size_t Server::peerCount() const { return impl_->peerCount(); }
+
+std::vector<ConnectedPeer> Server::peers() const { return impl_->peers(); }
 
 std::size_t Server::waitingNotices(PeerId id) const {
   const PeerState* state = impl_->findPeer(id);

@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace google {
 namespace protobuf {
@@ -38,6 +39,13 @@ struct Peer {
   uid_t uid = 0;
   gid_t gid = 0;
   pid_t pid = 0;
+};
+
+// A peer that is connected now.
+struct ConnectedPeer {
+  Peer peer;
+  // Whether it can be notified and asked.
+  bool delivery = false;
 };
 
 // Where an answer goes: one request of one connection. A plain value that may be kept; answering
@@ -72,6 +80,8 @@ class ServerHandler {
   // The question is over: no further answer comes. Called exactly once for each question that
   // ask() took; also, with peerGone, when the peer's delivery connection ends first.
   virtual void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) = 0;
+  // The peer's first connection has greeted. Nothing of it was handled before.
+  virtual void onPeerCame(const Peer& peer) { static_cast<void>(peer); }
   // The peer's last connection is gone. Its questions were ended before.
   virtual void onPeerGone(const Peer& peer) = 0;
   // The peer can be sent notices and questions from now on; it repeats its registrations next.
@@ -140,6 +150,8 @@ class Server {
   // Null when the peer is gone.
   const Peer* peer(PeerId id) const;
   std::size_t peerCount() const;
+  // In the order in which they came.
+  std::vector<ConnectedPeer> peers() const;
   // Bytes that wait for the peer's delivery connection, and notices that were coalesced away.
   std::size_t waitingNotices(PeerId id) const;
 

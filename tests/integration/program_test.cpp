@@ -61,7 +61,7 @@ TEST(ProgramTest, ACheckSaysMistakesWithoutStarting) {
 }
 
 TEST(ProgramTest, MistakesInTheTableOfRolesEndTheStart) {
-  TemporaryDirectory directory;
+  TempDir directory;
   writeFile(directory.file("roles.toml"), "[users]\nroot = \"king\"\n");
   ServiceProcess service(kDefinitions, {"--roles", directory.file("roles.toml")});
   EXPECT_EQ(service.startAndWait(), 3);
@@ -69,7 +69,7 @@ TEST(ProgramTest, MistakesInTheTableOfRolesEndTheStart) {
 }
 
 TEST(ProgramTest, TheTableOfRolesDecidesWhatAUserMayClaim) {
-  TemporaryDirectory directory;
+  TempDir directory;
   writeFile(directory.file("roles.toml"), "[users]\n" + std::to_string(getuid()) + " = \"user\"\n");
   ServiceProcess service(kDefinitions, {"--roles", directory.file("roles.toml")});
   service.start();

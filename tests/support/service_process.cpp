@@ -43,17 +43,6 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
 
 }  // namespace
 
-TemporaryDirectory::TemporaryDirectory() {
-  char path[] = "/tmp/appconfig-test-XXXXXX";
-  if (mkdtemp(path) == nullptr) ADD_FAILURE() << "no temporary directory";
-  path_ = path;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream file(path, std::ios::binary);
   file << text;
@@ -78,6 +67,11 @@ ServiceProcess::~ServiceProcess() { kill(); }
 
 void ServiceProcess::redefine(const std::string& definitions) {
   writeFile(directory_.file("definitions.d/test.toml"), definitions);
+}
+
+void ServiceProcess::serveBeside(const ServiceProcess& other, const std::string& prefix) {
+  runtimeDir_ = other.runtimeDir();
+  arguments_.insert(arguments_.end(), {"--prefix", prefix});
 }
 
 std::vector<std::string> ServiceProcess::commandLine() const {

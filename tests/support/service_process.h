@@ -14,25 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/eventually.h"
+#include "tests/support/temp_dir.h"
+
 namespace TestSupport {
-
-// Longer than any healthy step takes, on a busy machine too.
-constexpr std::chrono::seconds kPatience{20};
-
-// A directory that goes with the object.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  ~TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 void writeFile(const std::string& path, const std::string& text);
 std::string readFile(const std::string& path);
@@ -61,10 +46,13 @@ class ServiceProcess {
   void handOver(int listeningSocket) { listeningSocket_ = listeningSocket; }
 
   pid_t pid() const { return pid_; }
-  std::string runtimeDir() const { return directory_.file("run"); }
+  // Serves beside another service: in its runtime directory, under an endpoint prefix.
+  void serveBeside(const ServiceProcess& other, const std::string& prefix);
+
+  std::string runtimeDir() const { return runtimeDir_; }
   std::string socket() const { return runtimeDir() + "/ConfigSrvc"; }
   const std::string& storeFile() const { return storeFile_; }
-  const TemporaryDirectory& directory() const { return directory_; }
+  const TempDir& directory() const { return directory_; }
 
   // Standard error of all starts so far.
   std::string log() const { return readFile(directory_.file("log")); }
@@ -79,7 +67,8 @@ class ServiceProcess {
   bool waitForReadyLine() const;
   int waitForEnd();
 
-  TemporaryDirectory directory_;
+  TempDir directory_;
+  std::string runtimeDir_ = directory_.file("run");
   std::string storeFile_ = directory_.file("store.db");
   std::vector<std::string> arguments_;
   int listeningSocket_ = -1;

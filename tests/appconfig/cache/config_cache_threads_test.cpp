@@ -10,29 +10,15 @@
 #include <vector>
 
 #include "appconfig/cache/config_cache.h"
+#include "tests/support/threads.h"
 
 namespace AppConfig {
 namespace {
 
+using TestSupport::Threads;
+
 constexpr int kRounds = 2000;
 const ConfigVar kShared("net", 0, "shared", 0);
-
-class Threads {
- public:
-  ~Threads() { join(); }
-  template <typename Work>
-  void run(Work work) {
-    threads_.emplace_back(work);
-  }
-  void join() {
-    for (std::thread& thread : threads_) {
-      if (thread.joinable()) thread.join();
-    }
-  }
-
- private:
-  std::vector<std::thread> threads_;
-};
 
 bool allEqual(const std::list<std::string>& value) {
   return std::all_of(value.begin(), value.end(),

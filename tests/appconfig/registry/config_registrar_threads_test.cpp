@@ -11,32 +11,18 @@
 
 #include "appconfig/registry/config_registrar.h"
 #include "tests/appconfig/registry/recording_handlers.h"
+#include "tests/support/threads.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
+using TestSupport::Threads;
+
 constexpr int kRounds = 2000;
 constexpr auto kValue = ConfigRegistrar::eValueChanged;
 constexpr auto kOptions = ConfigRegistrar::eOptionsChanged;
-
-class Threads {
- public:
-  ~Threads() { join(); }
-  template <typename Work>
-  void run(Work work) {
-    threads_.emplace_back(work);
-  }
-  void join() {
-    for (std::thread& thread : threads_) {
-      if (thread.joinable()) thread.join();
-    }
-  }
-
- private:
-  std::vector<std::thread> threads_;
-};
 
 TEST(ConfigRegistrarThreadsTest, LookupsFindWhatStaysWhileOthersComeAndGo) {
   const ConfigVar mtu("net", 0, "mtu", 0);

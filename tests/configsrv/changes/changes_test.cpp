@@ -174,6 +174,7 @@ TEST_F(ChangesTest, AQuestionCarriesWriterRoleVariableAndValue) {
   ConfigIF::Node* name = expected.mutable_value()->mutable_inst()->add_path();
   name->set_name("mtu");
   name->set_instance(0);
+  expected.mutable_value()->mutable_inst()->set_scope(ConfigIF::SCOPE_NAMESPACE);
   expected.mutable_value()->add_values("1400");
   EXPECT_EQ(question().message.SerializeAsString(), expected.SerializeAsString());
 }
@@ -602,11 +603,11 @@ TEST_F(ChangesTest, ARefusalOfOptionsDoesNotRevealTheValue) {
   EXPECT_THAT(attempt->text(), Not(HasSubstr("hunter2")));
 }
 
-TEST_F(ChangesTest, AChangedRoleIsToldAndTheOtherIsAbsent) {
+TEST_F(ChangesTest, AChangedRoleIsToldTogetherWithTheOtherAsItStands) {
   registerFor(kWriter, ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED, "net.mtu", eRolePublic);
   submit(writer(eRoleInstaller), {keyOf("net.mtu"), StoreChange::SetAccess{{}, eRoleInstaller}});
   host_.finishCommit();
-  EXPECT_THAT(host_.notices, ElementsAre("access 1/link net.mtu write 40"));
+  EXPECT_THAT(host_.notices, ElementsAre("access 1/link net.mtu read 10 write 40"));
 }
 
 TEST_F(ChangesTest, WhoMayReadOnlyNowIsToldTheValue) {
