@@ -110,7 +110,8 @@ void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
 void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
                               const Variable& variable, std::uint64_t knownRevision) {
   const bool readable = registration.role >= variable.readRole();
-  const auto missed = [&](std::uint64_t at) { return knownRevision == 0 || at > knownRevision; };
+  const bool nothingKnown = knownRevision == PbUtility::kRevisionNone;
+  const auto missed = [&](std::uint64_t at) { return nothingKnown || at > knownRevision; };
   switch (registration.type) {
     case ConfigIF::CALLBACK_ON_CHANGE:
     case ConfigIF::CALLBACK_DYNAMIC_VALIDATE:

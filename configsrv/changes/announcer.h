@@ -45,8 +45,9 @@ class Announcer {
   // a value on change has cached it, and learns here that it did not come to be.
   void repeatValue(const Variable& variable, PbUtility::PeerId peer);
 
-  // Everything that the registration covers and that changed after a revision; 0: everything that
-  // it covers; kRevisionNow: nothing. A provider's registration is told values, for it caches them.
+  // Everything that the registration covers and that changed after a revision; kRevisionNone:
+  // everything that it covers; kRevisionNow: nothing. A provider's registration is told values, for
+  // it caches them.
   void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
                      std::uint64_t knownRevision);
 

@@ -48,8 +48,7 @@ bool Requests::parse(const Incoming& incoming, google::protobuf::MessageLite& me
   const std::string_view payload = incoming.payload;
   if (message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return true;
   const std::string text = "the payload is no " + PlatformSchema::messageName(incoming.messageId);
-  with_.log.warning("client \"" + incoming.peer.name + "\": " + text);
-  with_.server.refuse(incoming.id, code(eErrInvalidRequest), text);
+  refuse(incoming, eErrInvalidRequest, text);
   return false;
 }
 
@@ -71,7 +70,14 @@ bool Requests::admit(const Incoming& incoming, const std::string& clientName,
 
 void Requests::respond(const PbUtility::RequestId& id,
                        const google::protobuf::MessageLite& response) {
+  if (with_.monitor.isActive()) with_.monitor.responseLeaves(id, response);
   with_.server.respond(id, response, with_.model.revision());
+}
+
+void Requests::refuse(const Incoming& incoming, eErrorT error, const std::string& text) {
+  with_.log.warning("client \"" + incoming.peer.name + "\": " + text);
+  if (with_.monitor.isActive()) with_.monitor.requestRefused(incoming.id, code(error), text);
+  with_.server.refuse(incoming.id, code(error), text);
 }
 
 template <typename Request, typename Response,
@@ -109,7 +115,7 @@ Requests::Handler Requests::handlerOf(std::uint32_t messageId) {
 #define LATER(id, name, member) \
   { id, &Requests::answerLater<ConfigIF::name##Req, ConfigIF::name##Rsp, &Requests::member> }
   // Ascending.
-  static constexpr std::array<Entry, 21> kEntries = {{
+  static constexpr std::array<Entry, 23> kEntries = {{
       NOW(0x1A0110, Read, read),
       NOW(0x1A0120, BatchRead, batchRead),
       LATER(0x1A0140, Write, write),
@@ -131,6 +137,8 @@ Requests::Handler Requests::handlerOf(std::uint32_t messageId) {
       NOW(0x1A0350, BatchGetValueOptionsAccess, getRecords),
       NOW(0x1A0400, List, list),
       NOW(0x1A0410, Status, status),
+      NOW(0x1A0420, Clients, clients),
+      NOW(0x1A0430, Monitor, monitor),
   }};
 #undef NOW
 #undef LATER
@@ -141,12 +149,12 @@ Requests::Handler Requests::handlerOf(std::uint32_t messageId) {
 }
 
 void Requests::handle(const Incoming& incoming) {
+  if (with_.monitor.isActive()) with_.monitor.requestCame(incoming);
   const Handler handler = handlerOf(incoming.messageId);
   if (handler != nullptr) return (this->*handler)(incoming);
   const std::string text =
       PlatformSchema::messageName(incoming.messageId) + " is no request that this service answers";
-  with_.log.warning("client \"" + incoming.peer.name + "\": " + text);
-  with_.server.refuse(incoming.id, code(eErrNotSupported), text);
+  refuse(incoming, eErrNotSupported, text);
 }
 
 // --- Finding variables ---

@@ -10,6 +10,7 @@
 #include "configsrv/changes/changes.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/model/model.h"
+#include "configsrv/monitor/monitor.h"
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
@@ -80,7 +81,12 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         server_(serverOptions(options_, epochOf(store_->storeId(), model_.definitions().digest()),
                               model_.size()),
                 *this),
-        requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, server_}) {
+        monitor_(model_,
+                 [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
+                   server_.notify(to, notice, model_.revision(), {});
+                 }),
+        requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
+                   server_}) {
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
@@ -101,6 +107,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return result;
   }
 
+  void reportNotice(PeerId peer, const google::protobuf::MessageLite& notice) {
+    const PbUtility::Peer* to = server_.peer(peer);
+    if (to != nullptr) monitor_.noticeLeaves(*to, notice);
+  }
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
   void beginToStop();
@@ -110,20 +120,34 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   void onRequest(const PbUtility::IncomingRequest& request) override { requests_.handle(request); }
   void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload) override {
+    if (monitor_.isActive()) monitor_.answerCame(peer, question, messageId, payload);
     changes_.onAnswer(peer, question, messageId, payload);
   }
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) override {
+    if (monitor_.isActive()) monitor_.questionDone(peer, question, peerGone);
     changes_.onQuestionDone(peer, question, peerGone);
   }
-  void onPeerGone(const PbUtility::Peer& peer) override { subscriptions_.forget(peer.id); }
+  void onPeerCame(const PbUtility::Peer& peer) override {
+    if (monitor_.isActive()) monitor_.peerCame(peer);
+  }
+  void onPeerGone(const PbUtility::Peer& peer) override {
+    subscriptions_.forget(peer.id);
+    monitor_.remove(peer.id);
+    if (monitor_.isActive()) monitor_.peerWent(peer);
+  }
   void onLog(const std::string& line) override { log_.warning(line); }
 
   // Host
   std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question) override {
-    return server_.ask(peer, question, model_.revision());
+    const std::uint32_t number = server_.ask(peer, question, model_.revision());
+    if (number != 0 && monitor_.isActive()) {
+      monitor_.questionLeaves(*server_.peer(peer), number, question);
+    }
+    return number;
   }
   void notify(PeerId peer, const google::protobuf::MessageLite& notice,
               const std::string& coalescingKey) override {
+    if (monitor_.isActive()) reportNotice(peer, notice);
     server_.notify(peer, notice, model_.revision(), coalescingKey);
   }
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) override {
@@ -143,6 +167,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Announcer announcer_;
   Changes changes_;
   Server server_;
+  Monitor monitor_;
   Requests requests_;
   // Last, so that its thread ends before anything that it posts to.
   std::unique_ptr<CommitQueue> commits_;

@@ -96,6 +96,7 @@ class Subscriptions::Impl {
   const Caller& callerOf(const Entry& entry) const {
     return peers_.at(entry.peer).callers[entry.caller];
   }
+  std::vector<std::string> names(PeerId peer, ConfigIF::CallbackType type) const;
   std::size_t count() const { return count_; }
   std::size_t count(PeerId peer) const {
     const auto found = peers_.find(peer);
@@ -301,6 +302,22 @@ void Subscriptions::Impl::visitCovering(std::string_view fullName, ConfigIF::Cal
   }
 }
 
+std::vector<std::string> Subscriptions::Impl::names(PeerId peer,
+                                                    ConfigIF::CallbackType type) const {
+  std::vector<std::string> names;
+  const auto found = peers_.find(peer);
+  if (found == peers_.end()) return names;
+  const auto wanted = [&](const Entry& entry) {
+    return entry.peer == peer && entry.type == small(type);
+  };
+  for (const Index::value_type* node : found->second.names) {
+    const Entries& entries = node->second;
+    if (std::any_of(entries.begin(), entries.end(), wanted)) names.push_back(node->first);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 Subscriptions::Subscriptions(SubscriptionLimits limits) : impl_(std::make_unique<Impl>(limits)) {}
 Subscriptions::~Subscriptions() = default;
 
@@ -340,6 +357,10 @@ bool Subscriptions::anyCovering(std::string_view fullName, ConfigIF::CallbackTyp
     return false;
   });
   return any;
+}
+
+std::vector<std::string> Subscriptions::names(PeerId peer, ConfigIF::CallbackType type) const {
+  return impl_->names(peer, type);
 }
 
 std::size_t Subscriptions::count() const { return impl_->count(); }

@@ -90,6 +90,8 @@ class Subscriptions {
 
   std::size_t count() const;
   std::size_t count(PbUtility::PeerId peer) const;
+  // The names that the peer registered for this type, in lower case and in their order, each once.
+  std::vector<std::string> names(PbUtility::PeerId peer, ConfigIF::CallbackType type) const;
 
  private:
   class Impl;

@@ -167,7 +167,7 @@ CallStatus ConnectionPool::sendRequest(Connection& connection,
   header.sequence = exchange.sequence = ++connection.lastSequence;
   header.revision = exchange.revision;
   if (exchange.revision != kRevisionNow && exchange.knownEpoch != connection.epoch) {
-    header.revision = 0;
+    header.revision = kRevisionNone;
   }
   exchange.epoch = connection.epoch;
   if (!encodeFrame(header, request, connection.outgoing)) {

@@ -66,11 +66,13 @@ struct FrameHeader {
   std::uint32_t payloadBytes = 0;
   // Service to client: the service's revision that everything said so far on this connection adds
   // up to. Client to service, in a callback registration: what the client knows already; changes
-  // after it are told at once. kRevisionNow: only changes from now on. 0: the client knows nothing.
+  // after it are told at once. kRevisionNow: only changes from now on. kRevisionNone: the client knows nothing.
   std::uint64_t revision = 0;
 };
 
 constexpr std::uint64_t kRevisionNow = ~std::uint64_t{0};
+// Not 0, which is the revision of a store that nothing was committed to yet.
+constexpr std::uint64_t kRevisionNone = kRevisionNow - 1;
 
 using FrameHeaderBytes = std::array<unsigned char, kFrameHeaderBytes>;
 

@@ -6,7 +6,7 @@ void KeptRegistrations::keep(const std::string& key, std::uint32_t messageId, st
                              std::uint64_t epoch, std::uint64_t revision) {
   const std::lock_guard<std::mutex> guard(mutex_);
   // Another epoch's revision means nothing here: the service is asked for everything.
-  if (epoch_ != 0 && epoch != epoch_ && revision != kRevisionNow) revision = 0;
+  if (epoch_ != 0 && epoch != epoch_ && revision != kRevisionNow) revision = kRevisionNone;
   const auto [position, isNew] = registrations_.try_emplace(key);
   position->second.messageId = messageId;
   position->second.payload = std::move(payload);
@@ -59,7 +59,7 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::beginConnection(std::u
   std::vector<Repeat> repeats;
   repeats.reserve(registrations_.size());
   for (auto& [key, registration] : registrations_) {
-    registration.since = sameEpoch ? knownBy(registration) : 0;
+    registration.since = sameEpoch ? knownBy(registration) : kRevisionNone;
     registration.acknowledged = false;
     repeats.push_back({key, registration.messageId, registration.payload, registration.since});
   }

@@ -19,6 +19,7 @@
 #include "configsrv/changes/changes.h"
 #include "configsrv/log/log.h"
 #include "configsrv/model/model.h"
+#include "configsrv/monitor/monitor.h"
 #include "configsrv/service/internal/change_batch.h"
 #include "configsrv/service/service.h"
 #include "configsrv/subscriptions/subscriptions.h"
@@ -36,6 +37,7 @@ struct RequestContext {
   Subscriptions& subscriptions;
   Announcer& announcer;
   Changes& changes;
+  Monitor& monitor;
   PbUtility::Server& server;
 };
 
@@ -70,6 +72,8 @@ class Requests {
   bool admit(const Incoming& incoming, const std::string& clientName,
              CommonIF::eSecurityRole wireRole, Call& call, ConfigIF::ReturnMessage& result);
   void respond(const PbUtility::RequestId& id, const google::protobuf::MessageLite& response);
+  // Logs it as well.
+  void refuse(const Incoming& incoming, eErrorT error, const std::string& text);
 
   // --- Finding variables ---
   // Null, and the error in the result, when there is none or the caller may not read it.
@@ -128,6 +132,8 @@ class Requests {
   // --- For tools (tool_requests.cpp) ---
   void list(const Call&, const ConfigIF::ListReq&, ConfigIF::ListRsp&);
   void status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp&);
+  void clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::ClientsRsp&);
+  void monitor(const Call&, const ConfigIF::MonitorReq&, ConfigIF::MonitorRsp&);
 
   RequestContext with_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();

@@ -28,7 +28,7 @@ struct Exchange {
   bool oneWay = false;
   bool insideReceiver = false;
   Clock::time_point deadline;
-  // Revision for the header when the connection's epoch is `knownEpoch`; 0 is sent when not.
+  // Revision for the header when the connection's epoch is `knownEpoch`; kRevisionNone is sent when not.
   std::uint64_t revision = kRevisionNow;
   std::uint64_t knownEpoch = 0;
 

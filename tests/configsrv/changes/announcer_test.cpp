@@ -34,9 +34,15 @@ TEST_F(AnnouncerTest, ARegistrationIsToldWhatChangedAfterTheRevisionItKnows) {
   EXPECT_THAT(host_.notices, ElementsAre("value 1/link net.name = x"));
 }
 
+TEST_F(AnnouncerTest, ARegistrationThatKnowsTheVeryFirstRevisionIsToldWhatChangedSinceAlone) {
+  written("net.mtu", "1400");
+  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "net", 0);
+  EXPECT_THAT(host_.notices, ElementsAre("value 1/link net.mtu = 1400"));
+}
+
 TEST_F(AnnouncerTest, ARegistrationThatKnowsNothingIsToldEverythingItMayRead) {
   written("net.mtu", "1400");
-  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "Net", 0);
+  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "Net", PbUtility::kRevisionNone);
   EXPECT_THAT(
       host_.notices,
       ElementsAre("value 1/link net.admin = x (default)", "value 1/link net.mode = auto (default)",
@@ -60,8 +66,8 @@ TEST_F(AnnouncerTest, OptionsAndAccessLevelsAreToldToTheirOwnRegistrations) {
   host_.finishCommit();
   bringUpToDate(ConfigIF::CALLBACK_OPTIONS_CHANGED, "net.mode", 100);
   bringUpToDate(ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED, "net.mtu", 100);
-  bringUpToDate(ConfigIF::CALLBACK_SUBMIT, "net", 0);
-  bringUpToDate(ConfigIF::CALLBACK_ATTRIBUTE_CHANGED, "net", 0);
+  bringUpToDate(ConfigIF::CALLBACK_SUBMIT, "net", PbUtility::kRevisionNone);
+  bringUpToDate(ConfigIF::CALLBACK_ATTRIBUTE_CHANGED, "net", PbUtility::kRevisionNone);
   EXPECT_THAT(host_.notices, ElementsAre("options 1/link net.mode = auto [0]",
                                          "access 1/link net.mtu read 20 write 20"));
 }
@@ -75,7 +81,7 @@ TEST_F(AnnouncerTest, AVariableThatBecameReadableCountsAsChanged) {
 
 TEST_F(AnnouncerTest, ARoleThatMayNotReadIsToldNothing) {
   written("net.secret", "x");
-  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "net.secret", 0);
+  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "net.secret", PbUtility::kRevisionNone);
   EXPECT_THAT(host_.notices, IsEmpty());
 }
 
@@ -90,7 +96,8 @@ TEST_F(AnnouncerTest, AValueNoticeCarriesIdentityValueAndDefaultFlagAndNoScopeWi
   } keeper;
   Announcer announcer(model_, subscriptions_, keeper);
   announcer.bringUpToDate(
-      kWriter, {"net.mtu", ConfigIF::CALLBACK_VALUE_CHANGED, "link", "client", eRoleUser}, 0);
+      kWriter, {"net.mtu", ConfigIF::CALLBACK_VALUE_CHANGED, "link", "client", eRoleUser},
+      PbUtility::kRevisionNone);
   ConfigIF::ConfigChangedNtfy expected;
   expected.set_callback_identity("link");
   for (const char* step : {"net", "mtu"}) {

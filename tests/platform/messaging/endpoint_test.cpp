@@ -405,7 +405,7 @@ TEST_F(EndpointTest, AServiceOfAnotherEpochIsAskedForEverything) {
   }
   Serving second(dir.path(), 2);
   ASSERT_TRUE(eventually([&] { return registrations(second).size() == 1; }));
-  EXPECT_EQ(registrations(second)[0].revision, 0U);
+  EXPECT_EQ(registrations(second)[0].revision, kRevisionNone);
 }
 
 TEST_F(EndpointTest, WithdrawnRegistrationsAreNotRepeated) {

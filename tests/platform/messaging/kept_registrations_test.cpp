@@ -31,6 +31,14 @@ TEST(KeptRegistrationsTest, ARegistrationMadeWithoutKnowledgeAsksForChangesFromI
   EXPECT_EQ(repeatedWith(kept), 9U);
 }
 
+TEST(KeptRegistrationsTest, TheRevisionOfAStoreThatNothingWasCommittedToIsOneLikeAnyOther) {
+  KeptRegistrations kept;
+  kept.keep("k", 0x1A0210, "p", 0, kRevisionNow);
+  kept.beginConnection(kEpoch);
+  kept.acknowledge("k", kEpoch, 0);
+  EXPECT_EQ(repeatedWith(kept), 0U);
+}
+
 TEST(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllOwedWasDelivered) {
   KeptRegistrations kept;
   kept.keep("k", 0x1A0210, "p", kEpoch, 3);
@@ -63,7 +71,7 @@ TEST(KeptRegistrationsTest, AnotherEpochMakesEveryRegistrationAskForEverything) 
   kept.beginConnection(kEpoch);
   kept.acknowledge("k", kEpoch, 9);
   kept.delivered(10);
-  EXPECT_EQ(repeatedWith(kept, kEpoch + 1), 0U);
+  EXPECT_EQ(repeatedWith(kept, kEpoch + 1), kRevisionNone);
 }
 
 TEST(KeptRegistrationsTest, MakingARegistrationAgainForgetsNothingOwed) {

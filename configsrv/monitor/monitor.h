@@ -1,0 +1,104 @@
+// Monitor: tells those who watch the service what passes through it: who asks what and how it ends,
+// who is told what, who is asked what and answers what, who comes and goes.
+//
+// The service calls the operations below at each of these points, but only while isActive(): as
+// long as nobody watches, a message costs one branch.
+//
+// Masking  a watcher sees names and outcomes of everything; values, options and texts only of
+//          variables that its role may read at that moment and that are not secret. Values that
+//          somebody sends for a variable that does not exist are masked for everybody: they may
+//          have been meant for a secret one.
+// No loop  what watchers are told, and their asking for it, is never reported to any watcher.
+// Limits   kMaxWatchers; what is open (requests to be answered, questions to be answered) is
+// bounded
+//          by those who bound that.
+// Threads  one. Owns nothing: the model outlives it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "appconfig/core/security_role.h"
+#include "configsrv/model/model.h"
+#include "platform/messaging/server.h"
+
+namespace ConfigIF {
+class MonitorNtfy;
+enum MonitorEvent : int;
+}  // namespace ConfigIF
+
+namespace ConfigSrv {
+
+struct Facts;
+
+class Monitor {
+ public:
+  static constexpr std::size_t kMaxWatchers = 16;
+
+  // How a notice leaves.
+  using Send = std::function<void(PbUtility::PeerId to, const ConfigIF::MonitorNtfy& notice)>;
+
+  Monitor(const Model& model, Send send);
+  ~Monitor();
+  Monitor(const Monitor&) = delete;
+  Monitor& operator=(const Monitor&) = delete;
+
+  bool isActive() const { return !watchers_.empty(); }
+
+  // The peer watches all that concerns this dotted name, in any case; empty: everything. What it
+  // watched before, it no longer does. Empty on success, else which limit it would pass.
+  [[nodiscard]] std::string add(PbUtility::PeerId peer, AppConfig::SecurityRole role,
+                                const std::string& prefix);
+  // It watches no longer; that it did not is fine.
+  void remove(PbUtility::PeerId peer);
+
+  void requestCame(const PbUtility::IncomingRequest& request);
+  // The one answer to a request.
+  void responseLeaves(const PbUtility::RequestId& request,
+                      const google::protobuf::MessageLite& response);
+  void requestRefused(const PbUtility::RequestId& request, std::uint32_t error,
+                      const std::string& text);
+  void noticeLeaves(const PbUtility::Peer& to, const google::protobuf::MessageLite& notice);
+  void questionLeaves(const PbUtility::Peer& to, std::uint32_t question,
+                      const google::protobuf::MessageLite& message);
+  void answerCame(PbUtility::PeerId from, std::uint32_t question, std::uint32_t messageId,
+                  std::string_view payload);
+  // No further answer comes. When the peer is gone without one, that is reported as its answer.
+  void questionDone(PbUtility::PeerId from, std::uint32_t question, bool peerGone);
+  void peerCame(const PbUtility::Peer& peer);
+  void peerWent(const PbUtility::Peer& peer);
+
+ private:
+  struct Watcher {
+    AppConfig::SecurityRole role;
+    std::string prefix;
+  };
+  // What an answer needs of what it answers.
+  struct Open;
+  struct Happened;
+  using Key = std::pair<std::uint64_t, std::uint32_t>;
+  using OpenByKey = std::map<Key, Open>;
+
+  static bool concerns(const Facts& facts, const std::string& prefix);
+  bool isVisible(const Variable& variable, AppConfig::SecurityRole role) const;
+  // Of all that the facts are about.
+  bool isVisible(const Facts& facts, AppConfig::SecurityRole role) const;
+  bool isKnown(const Facts& facts) const;
+  void tell(const Happened& happened);
+  void fillFacts(ConfigIF::MonitorNtfy& notice, const Happened& happened,
+                 AppConfig::SecurityRole role) const;
+
+  const Model& model_;
+  const Send send_;
+  std::map<PbUtility::PeerId, Watcher> watchers_;
+  // By connection and sequence.
+  OpenByKey requests_;
+  // By peer and number.
+  OpenByKey questions_;
+};
+
+}  // namespace ConfigSrv
