@@ -1,0 +1,172 @@
+#include "tools/appcfg/session.h"
+
+#include <chrono>
+#include <utility>
+
+#include "appconfig/core/key_notation.h"
+#include "appconfig/core/role_names.h"
+#include "appconfig/service/platform_cfg_service.h"
+#include "appconfig/wire/protobuf_message_helper.h"
+#include "platform/messaging/runtime_dir.h"
+
+namespace AppCfgTool {
+namespace {
+
+using AppConfig::ProtobufMessageHelper;
+
+struct ErrorText {
+  CommonIF::eErrorType error;
+  const char* what;
+  // %K stands for the subject, %R for the role.
+  const char* advice;
+};
+
+constexpr ErrorText kErrorTexts[] = {
+    {CommonIF::ERROR_FAILED, "the service reports a failure", ""},
+    {CommonIF::ERROR_NOT_FOUND, "there is no such variable or name",
+     "'appcfg list' shows those that exist"},
+    {CommonIF::ERROR_DENIED, "the role %R may not do this, or you may not claim it",
+     "'appcfg access get %K' shows the roles it needs; choose one with --role"},
+    {CommonIF::ERROR_INVALID_VALUE, "the value is not allowed",
+     "'appcfg describe %K' shows what is"},
+    {CommonIF::ERROR_VETOED, "a provider refuses the value", "choose another value"},
+    {CommonIF::ERROR_READ_ONLY, "the variable cannot be written while the device runs", ""},
+    {CommonIF::ERROR_UNAVAILABLE, "a provider that has to agree is not there",
+     "try again once its application runs"},
+    {CommonIF::ERROR_TIMED_OUT, "a provider that has to agree did not answer in time",
+     "try again, or look at its application"},
+    {CommonIF::ERROR_CONFLICT, "another change of it is on its way", "try again"},
+    {CommonIF::ERROR_INVALID_REQUEST, "the service does not understand the request",
+     "check the key, the role and the values"},
+    {CommonIF::ERROR_LIMIT, "a limit of the service is reached", "make the value smaller"},
+    {CommonIF::ERROR_STORAGE, "the store could not keep the change; nothing was changed",
+     "look for a full or failing disk"},
+    {CommonIF::ERROR_NOT_SUPPORTED, "the service is too old for this request",
+     "'appcfg status' shows its version"},
+};
+
+void replaceAll(std::string& text, const std::string& what, const std::string& by) {
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at)) {
+    text.replace(at, what.size(), by);
+    at += by.size();
+  }
+}
+
+const ErrorText& textOf(CommonIF::eErrorType error) {
+  for (const ErrorText& text : kErrorTexts) {
+    if (text.error == error) return text;
+  }
+  return kErrorTexts[0];
+}
+
+std::string cannot(const Purpose& purpose) {
+  const std::string what = purpose.subject.empty() ? "" : ' ' + purpose.subject;
+  return "cannot " + purpose.action + what + ": ";
+}
+
+std::string serviceNameFor(const std::string& prefix) {
+  if (prefix.empty()) return "ConfigSrvc";
+  return prefix + (prefix.back() == '/' ? "" : "/") + "ConfigSrvc";
+}
+
+PbUtility::EndpointOptions endpointOptions(const Settings& settings) {
+  PbUtility::EndpointOptions options;
+  options.runtimeDir = settings.runtimeDir;
+  if (settings.timeout) options.deadline = *settings.timeout;
+  return options;
+}
+
+}  // namespace
+
+Session::Session(const Settings& settings)
+    : runtimeDir_(settings.runtimeDir.empty() ? PbUtility::defaultRuntimeDir()
+                                              : settings.runtimeDir),
+      serviceName_(serviceNameFor(settings.servicePrefix)),
+      roleName_(AppConfig::roleName(settings.role)),
+      role_(AppConfig::PlatformCfgService::enumTranslate(settings.role)),
+      endpoint_(client_, endpointOptions(settings)) {}
+
+Outcome Session::checkName(const Purpose& purpose) const {
+  std::string path;
+  const std::string mistake = PbUtility::socketPath(runtimeDir_, serviceName_, path);
+  if (mistake.empty()) return {};
+  return usageMistake(cannot(purpose) + mistake,
+                      "name the service with --service, its directory with --runtime-dir or "
+                      "APPCONFIG_RUNTIME_DIR");
+}
+
+Outcome Session::exchange(const Purpose& purpose, const google::protobuf::MessageLite& request,
+                          google::protobuf::MessageLite& response) {
+  Outcome named = checkName(purpose);
+  if (!named.ok()) return named;
+  const int status = endpoint_.sendWaitResponse(request, &response, serviceName_);
+  if (status == PbUtility::kCallOk) return {};
+  return callFailure(purpose, static_cast<PbUtility::CallStatus>(status));
+}
+
+Outcome Session::callFailure(const Purpose& purpose, PbUtility::CallStatus status) const {
+  Outcome outcome = failure(exitCodeOf(status), cannot(purpose) + reasonOf(status));
+  outcome.subject = purpose.subject;
+  if (status == PbUtility::kCallNoService) {
+    outcome.advice =
+        "start configsrvd, or name the directory of its socket with --runtime-dir or "
+        "APPCONFIG_RUNTIME_DIR";
+  } else if (status == PbUtility::kCallServiceDied || status == PbUtility::kCallTimedOut) {
+    outcome.advice =
+        "whether the service acted on the request is not known: look before trying again";
+  }
+  return outcome;
+}
+
+std::string Session::reasonOf(PbUtility::CallStatus status) const {
+  std::string reason = PbUtility::describe(status);
+  const std::string details = endpoint_.lastRefusal();
+  if (!details.empty()) return reason + ": " + details;
+  std::string path;
+  const bool named = PbUtility::socketPath(runtimeDir_, serviceName_, path).empty();
+  return named ? reason + " (" + path + ')' : reason;
+}
+
+Outcome Session::verdict(const Purpose& purpose, const ConfigIF::ReturnMessage& result) const {
+  if (result.error() == CommonIF::ERROR_NONE) return {};
+  const ErrorText& text = textOf(result.error());
+  Outcome outcome = failure(exitCodeOf(result.error()), cannot(purpose) + text.what, text.advice);
+  replaceAll(outcome.message, "%R", roleName_);
+  // Advice about a variable needs one: a listing or a reset may be about a group.
+  ConfigVar var("", 0, "", 0);
+  const bool isKey = AppConfig::parseKey(purpose.subject, var).empty();
+  if (!isKey && outcome.advice.find("%K") != std::string::npos) outcome.advice.clear();
+  replaceAll(outcome.advice, "%K", purpose.subject);
+  outcome.reasons = stringsOf(result.messages());
+  outcome.subject = purpose.subject;
+  return outcome;
+}
+
+Outcome readKey(const Settings& settings, const std::string& text, ConfigVar& var) {
+  const std::string mistake = AppConfig::parseKey(text, var);
+  if (!mistake.empty()) return usageMistake(mistake);
+  if (settings.nameSpace && text.find(':') == std::string::npos) {
+    var = ConfigVar(*settings.nameSpace, var.group(), var.groupInstance(), var.name(),
+                    var.nameInstance());
+  }
+  return {};
+}
+
+ConfigVar keyOf(const ConfigIF::Inst& inst) {
+  std::string group;
+  std::string name;
+  int groupInstance = 0;
+  int nameInstance = 0;
+  if (ProtobufMessageHelper::getConfigVarName(group, groupInstance, name, nameInstance, inst) !=
+      0) {
+    return ConfigVar("", 0, "", 0);
+  }
+  return ConfigVar(ProtobufMessageHelper::getConfigVarNamespace(inst), group, groupInstance, name,
+                   nameInstance);
+}
+
+std::vector<std::string> stringsOf(const google::protobuf::RepeatedPtrField<std::string>& strings) {
+  return {strings.begin(), strings.end()};
+}
+
+}  // namespace AppCfgTool

@@ -1,0 +1,69 @@
+// status: how the service is.
+#include "tools/appcfg/output.h"
+#include "tools/appcfg/session.h"
+#include "tools/appcfg/text.h"
+#include "tools/appcfg/verbs.h"
+
+namespace AppCfgTool {
+namespace {
+
+Record recordOf(const Session& session, const ConfigIF::StatusRsp& s) {
+  Record record;
+  record.text("service", session.serviceName()).text("version", s.version());
+  record.count("pid", s.pid()).count("uptime_seconds", s.uptime_seconds());
+  record.count("revision", s.revision()).count("variables", s.variables());
+  record.count("changed_variables", s.changed_variables()).count("clients", s.clients());
+  record.count("registrations", s.registrations()).count("reads", s.reads());
+  record.count("commits", s.commits()).count("unchanged_writes", s.unchanged_writes());
+  record.count("refused_writes", s.refused_writes()).count("notices", s.notices());
+  record.text("definitions_dir", s.definitions_dir()).text("store_file", s.store_file());
+  return record;
+}
+
+std::string table(const Session& session, const ConfigIF::StatusRsp& s) {
+  return alignColumns({
+      {"service", session.serviceName() + ", version " + escapeLine(s.version())},
+      {"process", std::to_string(s.pid()) + ", up " + std::to_string(s.uptime_seconds()) + " s"},
+      {"variables", std::to_string(s.variables()) + ", " + std::to_string(s.changed_variables()) +
+                        " not default"},
+      {"revision", std::to_string(s.revision())},
+      {"clients", std::to_string(s.clients())},
+      {"registrations", std::to_string(s.registrations())},
+      {"reads", std::to_string(s.reads())},
+      {"commits", std::to_string(s.commits())},
+      {"unchanged writes", std::to_string(s.unchanged_writes())},
+      {"refused writes", std::to_string(s.refused_writes())},
+      {"notices", std::to_string(s.notices())},
+      {"definitions", escapeLine(s.definitions_dir())},
+      {"store", escapeLine(s.store_file())},
+  });
+}
+
+Outcome runStatus(Context& context, const Arguments&) {
+  Session& session = context.session;
+  ConfigIF::StatusReq request;
+  request.set_client_name(session.client());
+  request.set_role(session.role());
+  ConfigIF::StatusRsp response;
+  Outcome asked = session.ask({"read the status of", session.serviceName()}, request, response);
+  if (!asked.ok()) return asked;
+  if (context.output.json()) {
+    context.output.record(recordOf(session, response));
+  } else {
+    context.output.bytes(table(session, response));
+  }
+  return {};
+}
+
+}  // namespace
+
+Verb statusVerb() {
+  Verb verb;
+  verb.name = "status";
+  verb.summary = "how the service is; exits with 7 when it does not run";
+  verb.example = "appcfg status";
+  verb.run = runStatus;
+  return verb;
+}
+
+}  // namespace AppCfgTool

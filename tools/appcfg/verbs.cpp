@@ -1,0 +1,16 @@
+#include "tools/appcfg/verbs.h"
+
+namespace AppCfgTool {
+
+const std::vector<Verb>& verbs() {
+  static const std::vector<Verb> all = {
+      getVerb(),       setVerb(),      resetVerb(),      validateVerb(),   isDefaultVerb(),
+      listVerb(),      describeVerb(), optionsGetVerb(), optionsSetVerb(), accessGetVerb(),
+      accessSetVerb(), watchVerb(),    waitVerb(),       exportVerb(),     importVerb(),
+      submitVerb(),    statusVerb(),   clientsVerb(),    monitorVerb(),    completionVerb(),
+      completeVerb(),
+  };
+  return all;
+}
+
+}  // namespace AppCfgTool

@@ -1,0 +1,32 @@
+#include "tools/appcfg/when_there.h"
+
+#include "tools/appcfg/output.h"
+#include "tools/appcfg/session.h"
+
+namespace AppCfgTool {
+namespace {
+
+using std::chrono::steady_clock;
+
+// How often a wait for the service looks up for the end.
+constexpr std::chrono::milliseconds kSlice(100);
+
+}  // namespace
+
+Outcome askWhenThere(Context& context, const Waited& waited, const std::function<Outcome()>& ask) {
+  bool told = false;
+  for (;;) {
+    Outcome asked = ask();
+    if (asked.code != kExitUnreachable) return asked;
+    if (!told) context.output.note(asked.message + "; waiting for it");
+    told = true;
+    while (!context.session.endpoint().waitUntilConnected(context.session.serviceName(), kSlice)) {
+      Waited now = waited;
+      now.deadline = steady_clock::now();
+      if (waited.deadline && *waited.deadline <= *now.deadline) return asked;
+      if (waitForEvent(now) != Event::Deadline) return answerNo();
+    }
+  }
+}
+
+}  // namespace AppCfgTool
