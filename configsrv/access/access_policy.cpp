@@ -49,7 +49,7 @@ std::vector<gid_t> AccessPolicy::Groups::of(uid_t uid, gid_t gid) {
     const auto found = remembered_.find({uid, gid});
     if (found != remembered_.end() && now < found->second.until) return found->second.groups;
   }
-  const std::vector<gid_t> groups = users_.groupsOf(uid, gid);
+  std::vector<gid_t> groups = users_.groupsOf(uid, gid);
   remember(uid, gid, groups, now);
   return groups;
 }

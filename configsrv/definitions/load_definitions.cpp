@@ -62,7 +62,8 @@ std::vector<Layer> readFiles(const std::string& directory, std::vector<Mistake>&
   std::vector<Layer> layers;
   for (const std::string& name : listFiles(directory, mistakes)) {
     const bool slash = !directory.empty() && directory.back() == '/';
-    std::string path = directory + (slash ? "" : "/") + name;
+    std::string path = directory;
+    path.append(slash ? "" : "/").append(name);
     TomlDocument document = readToml(path);
     if (document.mistake) mistakes.push_back(std::move(*document.mistake));
     if (document.root) layers.push_back({std::move(path), std::move(*document.root)});

@@ -238,7 +238,7 @@ TEST_F(AccessRequestsTest, EveryRecordBecomesACodeAndAcceptedOnesAreRegistered) 
 TEST_F(AccessRequestsTest, KeysOfAnswersCarryNoNamespaceAndSuccessIsTheResultsCode) {
   useLink(2);
   pb.answer<ConfigIF::SetAccessLevelsReq, ConfigIF::SetAccessLevelsRsp>(
-      [this](const auto&, auto& response) {
+      [](const auto&, auto& response) {
         addRecord(response, ConfigVar(2, "net", 0, "mtu", 1), CommonIF::ERROR_NONE);
       });
   Errors errors;

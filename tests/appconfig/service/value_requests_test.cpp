@@ -4,7 +4,6 @@
 namespace {
 
 using TestSupport::refuse;
-using TestSupport::ScriptedPbUtils;
 using TestSupport::SentRequest;
 using TestSupport::Value;
 

@@ -7,7 +7,7 @@
 namespace AppCfgTool {
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 TEST(RecordTest, FieldsStandInTheOrderInWhichTheyWereAdded) {
   Record record;

@@ -5,7 +5,7 @@
 namespace AppCfgTool {
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 TEST(TextTest, Utf8IsToldFromOtherBytes) {
   const struct {
