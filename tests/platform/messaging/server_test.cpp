@@ -188,6 +188,27 @@ TEST_F(ServerTest, TheKernelTellsWhoThePeerIs) {
   EXPECT_EQ(peer.uid, ::getuid());
 }
 
+TEST_F(ServerTest, PeersStandInTheOrderInWhichTheyCameAndSayWhetherTheyCanBeTold) {
+  Serving serving(dir.path());
+  RawClient mute(socketFile());
+  ASSERT_TRUE(mute.send(RawClient::hello("mute", 1)));
+  ASSERT_FALSE(mute.receive().empty());
+  RawClient listener(socketFile());
+  ASSERT_TRUE(listener.send(RawClient::hello("listener", 2, ConnectionUse::Delivery)));
+  ASSERT_FALSE(listener.receive().empty());
+  std::vector<ConnectedPeer> peers;
+  serving.onServer([&](Server& server) { peers = server.peers(); });
+  ASSERT_EQ(peers.size(), 2U);
+  EXPECT_EQ(peers[0].peer.name, "mute");
+  EXPECT_FALSE(peers[0].delivery);
+  EXPECT_EQ(peers[1].peer.name, "listener");
+  EXPECT_TRUE(peers[1].delivery);
+  mute.close();
+  ASSERT_TRUE(eventually([&] { return serving.gone().size() == 1; }));
+  serving.onServer([&](Server& server) { peers = server.peers(); });
+  ASSERT_EQ(peers.size(), 1U);
+}
+
 TEST_F(ServerTest, ATokenUnderAnotherNameIsRefused) {
   Serving serving(dir.path());
   RawClient first(socketFile());
