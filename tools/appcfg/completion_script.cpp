@@ -4,9 +4,10 @@ namespace AppCfgTool {
 namespace {
 
 // bash breaks words at colons, which stand behind a namespace in a key: they are put together again
-// for appcfg (at an equals sign, too: --role=user are three words), and what stands before the last colon is taken off the answers, because bash keeps
-// it. What the user typed as quotes and backslashes is not part of the key. Answers are quoted, for
-// brackets are patterns, unless the user opened a quote: bash closes that one itself.
+// for appcfg (at an equals sign, too: --role=user are three words), and what stands before the last
+// colon is taken off the answers, because bash keeps it. What the user typed as quotes and
+// backslashes is not part of the key. Answers are quoted, for brackets are patterns, unless the
+// user opened a quote: bash closes that one itself.
 const char* const kBash = R"sh(# bash completion for appcfg: source <(appcfg completion bash)
 _appcfg() {
   local -a words=()

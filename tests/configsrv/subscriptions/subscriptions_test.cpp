@@ -192,6 +192,18 @@ TEST(SubscriptionsTest, AnIdentityPastTheLimitIsRefused) {
   EXPECT_THAT(subscriptions.add(kPeer, named("a", std::string(257, 'i'))), HasSubstr("identity"));
 }
 
+TEST(SubscriptionsTest, TheNamesOfAPeersRegistrationsAreThoseOfTheTypeEachOnce) {
+  Subscriptions subscriptions;
+  ASSERT_EQ(subscriptions.add(kPeer, named("B.c", "one")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, named("b.c", "two")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, named("a")), "");
+  ASSERT_EQ(subscriptions.add(kOther, named("d")), "");
+  EXPECT_THAT(subscriptions.names(kPeer, CALLBACK_VALUE_CHANGED), ElementsAre("a", "b.c"));
+  EXPECT_THAT(subscriptions.names(kPeer, ConfigIF::CALLBACK_ON_CHANGE), ElementsAre());
+  subscriptions.forget(kPeer);
+  EXPECT_THAT(subscriptions.names(kPeer, CALLBACK_VALUE_CHANGED), ElementsAre());
+}
+
 TEST(SubscriptionsTest, ManyIdentitiesOfOneProcessAreRefusedAndWithdrawnOnesMakeRoom) {
   SubscriptionLimits limits;
   limits.callersPerPeer = 2;

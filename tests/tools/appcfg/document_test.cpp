@@ -77,7 +77,8 @@ TEST(DocumentTest, ANumberOrBooleanThatWouldReadBackAsOtherBytesIsText) {
 }
 
 TEST(DocumentTest, TomlTablesNameGroupsAndEntriesKeepTheOrderOfTheFile) {
-  const Document document = read("z.y = 1\n[net]\nhost = \"x\"\n[net.eth]\nmtu = 2\n[a]\nb = [true]\n");
+  const Document document =
+      read("z.y = 1\n[net]\nhost = \"x\"\n[net.eth]\nmtu = 2\n[a]\nb = [true]\n");
   ASSERT_EQ(document.size(), 4U);
   EXPECT_EQ(document[0].key, "z.y");
   EXPECT_EQ(document[1].key, "net.host");
@@ -136,8 +137,8 @@ TEST(DocumentTest, NestingThatWouldExhaustTheStackIsRefused) {
   EXPECT_THAT(complaint("x = \"\"\"\n\"\"\"\ny = [\"\"\"\"\"\", {" + dotted + "a = 1}]\n"),
               HasSubstr("dots"));
   complaint("a = " + std::string(100000, '['));
-  const Document document = read("{\"a.b\": " + std::string(100000, '[') + "1" +
-                                 std::string(100000, ']') + "}");
+  const Document document =
+      read("{\"a.b\": " + std::string(100000, '[') + "1" + std::string(100000, ']') + "}");
   EXPECT_EQ(document[0].problem, kNoValue);
 }
 

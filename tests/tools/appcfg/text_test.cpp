@@ -79,6 +79,28 @@ TEST(TextTest, Base64IsThatOfItsStandard) {
   EXPECT_EQ(base64("\xff\xfe\x00"s), "//4A");
 }
 
+TEST(TextTest, Base64IsReadBackAndNoOtherTextIs) {
+  std::string bytes;
+  for (int i = 0; i < 256; ++i) {
+    EXPECT_EQ(fromBase64(base64(bytes)), bytes);
+    bytes += static_cast<char>(i);
+  }
+  for (const char* const text :
+       {"Z", "Zg", "Zg=", "Zg===", "Zh==", "Z===", "Zg==Zg==", "*g==", "Zg==\n"}) {
+    EXPECT_FALSE(fromBase64(text).has_value()) << text;
+  }
+}
+
+TEST(TextTest, AnEscapedLineIsReadBackAndNoOtherEscapeIs) {
+  std::string bytes;
+  for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+  EXPECT_EQ(unescapeLine(escapeLine(bytes)), bytes);
+  EXPECT_EQ(unescapeLine("plain"), "plain");
+  for (const char* const text : {"\\", "\\q", "\\x", "\\x4", "\\xg0", "\\xFF"}) {
+    EXPECT_FALSE(unescapeLine(text).has_value()) << text;
+  }
+}
+
 TEST(TextTest, ColumnsAreAsWideAsTheirWidestCellInCharacters) {
   EXPECT_EQ(alignColumns({{"a", "1", "x"}, {"\xc3\xa4\xc3\xa4\xc3\xa4", "22"}}),
             "a    1   x\n\xc3\xa4\xc3\xa4\xc3\xa4  22\n");
