@@ -34,8 +34,16 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND APPCONFIG_SANITIZE)
   target_compile_options(appconfig_flags INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
 endif()
 
-# No path of the building machine in a message or in debug information.
-add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
+option(APPCONFIG_COVERAGE "Count which lines and branches the tests reach; scripts/coverage reads the counts" OFF)
+if(APPCONFIG_COVERAGE)
+  # Atomic counters: threads of one process would lose each other's counts.
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+else()
+  # No path of the building machine in a message or in debug information. What reads the counts finds
+  # sources and generated sources by their paths.
+  add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
+endif()
 # A 32-bit device has 64-bit file offsets and time all the same.
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)

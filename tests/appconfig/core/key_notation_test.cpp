@@ -226,6 +226,7 @@ TEST(DottedNameTest, IsAtMostAGroupAndANameLong) {
   EXPECT_EQ(parseDottedName(longest + "." + longest, name), "");
   EXPECT_NE(parseDottedName(longest + "n", name), "");
   EXPECT_NE(parseDottedName(longest + "." + longest + "n", name), "");
+  EXPECT_NE(parseDottedName(longest + "n." + longest, name), "");
 }
 
 }  // namespace

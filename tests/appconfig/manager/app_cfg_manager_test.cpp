@@ -1,6 +1,7 @@
 #include "appconfig/manager/app_cfg_manager.h"
 
 #include <thread>
+#include <type_traits>
 
 #include "tests/appconfig/manager/manager_fixture.h"
 
@@ -10,6 +11,8 @@ using AppConfig::AppCfgManager;
 using AppConfig::PlatformCfgService;
 using TestSupport::ScriptedPbUtils;
 using TestSupport::Value;
+
+static_assert(std::has_virtual_destructor_v<AppCfgManager>);
 
 using FacadeTest = TestSupport::ManagerTest;
 

@@ -140,6 +140,20 @@ TEST_F(FlightTest, OfTheRolesTheHalfThatWasAnnouncedStays) {
   EXPECT_TRUE(record().hasAccessLevels());
 }
 
+TEST_F(FlightTest, AnAnnouncedReadRoleStaysAndTheWriteRoleIsStored) {
+  Flight flight(cache, key);
+  ConfigAccessLevels announced;
+  announced.readRole = AppConfig::eRoleUser;
+  announced.readRoleSet = true;
+  {
+    const NoticeStore guard(cache, key, AppConfig::kReadRolePart);
+    cache.updateAccessLevels(key, announced);
+  }
+  flight.storeAccessLevels(bothRoles());
+  EXPECT_EQ(record().readRole(), AppConfig::eRoleUser);
+  EXPECT_EQ(record().writeRole(), AppConfig::eRoleFactory);
+}
+
 TEST_F(FlightTest, OfTwoAnswersThatAreEqualTheValueStaysAndTheFlagIsTakenOver) {
   Flight read(cache, key);
   Flight(cache, key).storeWritten({"a"});
@@ -215,7 +229,8 @@ TEST_F(FlightTest, FlightsOfOtherEntriesContestNobody) {
   Flight slow(cache, key);
   ConfigCache otherCache;
   Flight(otherCache, key).storeRead({"x"}, false);
-  Flight(cache, ConfigVar("net", 0, "mtu", 2)).storeRead({"x"}, false);
+  for (const int otherInstance : {0, 2})
+    Flight(cache, ConfigVar("net", 0, "mtu", otherInstance)).storeRead({"x"}, false);
   slow.storeRead({"b"}, false);
   EXPECT_EQ(value(), Value{"b"});
 }

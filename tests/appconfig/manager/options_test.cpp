@@ -159,6 +159,22 @@ TEST_F(OptionsTest, SettingOptionsWithoutAnIndexSendsNoneAndCachesNothing) {
   EXPECT_FALSE(isCached(mtu));
 }
 
+TEST_F(OptionsTest, AfterSettingOptionsOfAnUncachedVariableTheyAreStillAskedFor) {
+  EXPECT_TRUE(manager->setConfigOptions("net", 0, "mtu", 1, {"x", "y", "z"}, 2));
+  EXPECT_TRUE(isCached(mtu));
+  EXPECT_FALSE(manager->retrieveConfigVar(mtu)->second.hasOptions());
+  EXPECT_EQ(manager->getConfigOptions(mtu, out), (Options{"auto", "manual"}));
+  EXPECT_EQ(optionReads(), 1U);
+}
+
+TEST_F(OptionsTest, SettingOptionsWithoutAnIndexLeavesWhatIsCached) {
+  manager->getConfigOptions(mtu, out);
+  EXPECT_TRUE(manager->setConfigOptions("net", 0, "mtu", 1, {"x"}));
+  EXPECT_EQ(manager->getConfigOptions(mtu, out), (Options{"auto", "manual"}));
+  EXPECT_TRUE(manager->getConfigOptionDefaultIndex(mtu, index));
+  EXPECT_EQ(index, 1U);
+}
+
 TEST_F(OptionsTest, RefusedOptionsChangeNothingInTheCache) {
   refuseAll<ConfigIF::SetAttributeOptionsReq, ConfigIF::SetAttributeOptionsRsp>();
   EXPECT_FALSE(manager->setConfigOptions("net", 0, "mtu", 1, {"x"}, 1));

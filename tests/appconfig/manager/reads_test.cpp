@@ -246,6 +246,37 @@ TEST_F(ReadsTest, TheFullRecordOfAnUnknownVariableIsEmpty) {
   EXPECT_FALSE(isCached(mtu));
 }
 
+TEST_F(ReadsTest, TheFullRecordLeavesOutRolesThatCannotBeRead) {
+  answerReadsWith(pb, {"auto"});
+  answerOptionsWith({"auto", "manual"}, 1);
+  refuseAll<ConfigIF::GetAccessLevelsReq, ConfigIF::GetAccessLevelsRsp>();
+  const ConfigValue record = manager->getConfigValue("net", 0, "mtu", 1);
+  EXPECT_EQ(record.getValue(), Value{"auto"});
+  EXPECT_EQ(record.getOptions(), (std::vector<std::string>{"auto", "manual"}));
+  EXPECT_FALSE(record.hasAccessLevels());
+}
+
+TEST_F(ReadsTest, TheFullRecordOfAVariableWithoutOptionsKnowsThatThereAreNone) {
+  answerReadsWith(pb, {"auto"});
+  refuseAll<ConfigIF::GetAttributeOptionsReq, ConfigIF::GetAttributeOptionsRsp>();
+  EXPECT_TRUE(manager->getConfigValue("net", 0, "mtu", 1).hasOptions());
+  manager->getConfigValue("net", 0, "mtu", 1);
+  EXPECT_EQ(count<ConfigIF::GetAttributeOptionsReq>(), 1U);
+}
+
+TEST_F(ReadsTest, TheFullRecordOfAVariableThatIsRemovedMeanwhileIsEmpty) {
+  manager->updateConfigVar(mtu, {"auto"});
+  manager->updateConfigVarOptions("net", 0, "mtu", 1, {"auto"});
+  pb.answer<ConfigIF::GetAccessLevelsReq, ConfigIF::GetAccessLevelsRsp>(
+      [this](const auto&, auto& response) {
+        manager->removeVars("net");
+        TestSupport::refuse(response.mutable_result(), CommonIF::ERROR_NOT_FOUND);
+      });
+  const ConfigValue record = manager->getConfigValue("net", 0, "mtu", 1);
+  EXPECT_FALSE(record.hasValue());
+  EXPECT_FALSE(record.hasOptions());
+}
+
 TEST_F(ReadsTest, TheFullRecordIsACopy) {
   answerReadsWith(pb, {"auto"});
   ConfigValue record = manager->getConfigValue("net", 0, "mtu", 1);

@@ -139,4 +139,14 @@ TEST(RegistrationInstancesTest, ANullFacadeIsThePrimaryOneAndDoesNotSeeTheLocalO
   unregisterAllHandlers();  // without an endpoint: nothing
 }
 
+TEST(RegistrationInstancesTest, UnregisteringAllWithoutAFacadeIsAskedOfThePrimaryOnesServiceAlone) {
+  static ScriptedPbUtils ofPrimary;  // the links keep pointing to them
+  static ScriptedPbUtils ofLocal;
+  AppCfgManager::getLocalCfgManager()->setPbInterface(&ofLocal);
+  ASSERT_TRUE(AppCfgManager::changePrimaryConfigService(4, "", "", &ofPrimary));
+  unregisterAllHandlers();
+  EXPECT_EQ(ofPrimary.sentOf<ConfigIF::UnregisterAllClientCallbacksReq>().size(), 1U);
+  EXPECT_TRUE(ofLocal.sent().empty());
+}
+
 }  // namespace

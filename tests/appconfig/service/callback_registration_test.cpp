@@ -48,6 +48,15 @@ TEST_F(CallbackRegistrationTest, ARefusedOrUnsentRegistrationReturnsFalse) {
   EXPECT_FALSE(link->unregisterCallback(mtu, ConfigIF::CALLBACK_SUBMIT));
 }
 
+TEST_F(CallbackRegistrationTest, ARefusedWithdrawalReturnsFalse) {
+  pb.answer<ConfigIF::UnregisterClientCallbackReq, ConfigIF::UnregisterClientCallbackRsp>(
+      [](const auto&, auto& response) {
+        refuse(response.mutable_result(), CommonIF::ERROR_NOT_FOUND);
+      });
+  EXPECT_FALSE(link->unregisterCallback(mtu, ConfigIF::CALLBACK_SUBMIT));
+  EXPECT_FALSE(link->unregisterOptionsCallback(mtu));
+}
+
 TEST_F(CallbackRegistrationTest, TheFiveWithdrawalsDifferInTheirType) {
   bool (Link::*const withdrawals[])(const ConfigVar&) = {
       &Link::unregisterChangeCallback, &Link::unregisterAttributeCallback,
@@ -80,6 +89,37 @@ TEST_F(CallbackRegistrationTest, ReadingTheSameVariableTwiceSendsOneRegistration
   EXPECT_EQ(pb.sentOf<ConfigIF::RegisterClientCallbackReq>().size(), 1U);
 }
 
+TEST_F(CallbackRegistrationTest, ReadingAnotherInstanceOfTheVariableSendsNoSecondRegistration) {
+  bool isDefault = false;
+  link->getConfigVar(mtu, isDefault);
+  link->getConfigVar(ConfigVar("net", 3, "mtu", 2), isDefault);
+  link->getConfigVar(ConfigVar(7, "net", 0, "mtu", 1), isDefault);
+  EXPECT_EQ(pb.sentOf<ConfigIF::ReadReq>().size(), 3U);
+  EXPECT_EQ(pb.sentOf<ConfigIF::RegisterClientCallbackReq>().size(), 1U);
+}
+
+TEST_F(CallbackRegistrationTest, InterestInTheValueOptionsAndRolesIsRegisteredApart) {
+  bool isDefault = false;
+  unsigned int index = 0;
+  std::list<std::string> options;
+  for (int repetition = 0; repetition < 2; ++repetition) {
+    link->getConfigVar(mtu, isDefault);
+    link->getConfigOptions(mtu, options, index);
+    link->getAccessLevels(mtu, nullptr, nullptr);
+  }
+  std::vector<int> types;
+  for (const auto& request : pb.sentOf<ConfigIF::RegisterClientCallbackReq>())
+    types.push_back(request.type());
+  EXPECT_EQ(types, (std::vector<int>{3, 5, 7}));
+}
+
+TEST_F(CallbackRegistrationTest, ARefusedInterestIsNotAskedForAgain) {
+  refuseRegistrations();
+  EXPECT_TRUE(link->registerHandlerProactively(mtu, ConfigRegistrar::eValueChanged));
+  EXPECT_TRUE(link->registerHandlerProactively(mtu, ConfigRegistrar::eValueChanged));
+  EXPECT_EQ(registeredTypes(), std::vector<int>{3});
+}
+
 TEST_F(CallbackRegistrationTest, TheLibrarysOwnInterestIsAMarkerAndNoHandler) {
   EXPECT_TRUE(link->registerHandlerProactively(mtu, ConfigRegistrar::eOptionsChanged));
   EXPECT_EQ(registeredTypes(), std::vector<int>{5});
@@ -94,6 +134,21 @@ TEST_F(CallbackRegistrationTest, AGroupsHandlerSparesTheVariableItsRegistration)
   pb.takeSent();
   EXPECT_TRUE(link->registerHandlerProactively(mtu, ConfigRegistrar::eValueChanged));
   EXPECT_TRUE(registeredTypes().empty());
+}
+
+TEST_F(CallbackRegistrationTest, AGroupsHandlersSpareThoseOfItsVariablesTheirRegistrations) {
+  link->registerHandler("net", "", &consumer);
+  link->registerHandler("net", "", &provider);
+  pb.takeSent();
+  RecordingConsumer consumerOfVariable;
+  RecordingProvider providerOfVariable;
+  link->registerHandler("net.eth0", "mtu", &consumerOfVariable);
+  link->registerHandler("net.eth0", "mtu", &providerOfVariable);
+  EXPECT_TRUE(pb.takeSent().empty());
+  EXPECT_EQ(link->getHandlers("net.eth0", "mtu", ConfigRegistrar::eSubmit),
+            (std::list<ConsumerConfigHandler*>{&consumerOfVariable, &consumer}));
+  EXPECT_EQ(link->getProviderHandlers("net.eth0", "mtu"),
+            (std::list<ProviderConfigHandler*>{&providerOfVariable, &provider}));
 }
 
 TEST_F(CallbackRegistrationTest, AConsumerIsRegisteredForAllFiveTypesInTheFixedOrder) {
@@ -154,6 +209,18 @@ TEST_F(CallbackRegistrationTest, UnregisteringAHandlerSendsNothing) {
   EXPECT_FALSE(link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged));
   EXPECT_FALSE(link->isHandlerRegistered(mtu, ConfigRegistrar::eAccessLevelsChanged));
   EXPECT_FALSE(link->isProviderHandlerRegistered(mtu));
+}
+
+TEST_F(CallbackRegistrationTest, UnregisteringAHandlerLeavesTheLibrarysOwnInterest) {
+  bool isDefault = false;
+  link->getConfigVar(mtu, isDefault);
+  link->registerHandler("net", "mtu", &consumer);
+  link->unregisterHandler("net", "mtu", &consumer);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged));
+  EXPECT_FALSE(link->isHandlerRegistered(mtu, ConfigRegistrar::eSubmit));
+  pb.takeSent();
+  link->getConfigVar(mtu, isDefault);
+  EXPECT_EQ(pb.takeSent().size(), 1U);  // the read alone
 }
 
 TEST_F(CallbackRegistrationTest, WithoutAnEndpointRegisteringIsFalseAndWithdrawingDoesNothing) {

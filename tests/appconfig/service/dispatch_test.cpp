@@ -1,4 +1,6 @@
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/service/platform_cfg_service.h"
@@ -196,6 +198,40 @@ TEST_F(DispatchTest, AfterUnregisteringAHandlerAChangeNoticeStillUpdatesTheCache
   EXPECT_TRUE(consumer.lines.take().empty());
 }
 
+TEST_F(DispatchTest, TheConsumersOfTheVariableHearBeforeThoseOfItsGroups) {
+  std::vector<std::string> order;
+  RecordingConsumer ofGroup;
+  RecordingConsumer ofVariable;
+  ofGroup.onConfigChanged = [&] { order.emplace_back("group"); };
+  ofVariable.onConfigChanged = [&] { order.emplace_back("variable"); };
+  link->registerHandler("net", "", &ofGroup);
+  link->registerHandler("net.eth0", "mtu", &ofVariable);
+  pb.deliver(TestSupport::kConfigChangedId,
+             changeNotice(ConfigVar("net.eth0", 0, "mtu", 1), {"1400"}));
+  EXPECT_EQ(order, (Lines{"variable", "group"}));
+  EXPECT_TRUE(consumer.lines.take().empty());  // that of net.mtu
+  link->unregisterHandler("net", "", &ofGroup);
+  link->unregisterHandler("net.eth0", "mtu", &ofVariable);
+}
+
+TEST_F(DispatchTest, AGroupOfSeveralNodesIsOneGroupWithTheLastNodesInstance) {
+  RecordingConsumer ofGroup;
+  link->registerHandler("net.eth", "", &ofGroup);
+  ConfigIF::ConfigChangedNtfy notice;
+  notice.set_callback_identity(identity);
+  notice.mutable_value()->add_values("1400");
+  const std::pair<const char*, int> nodes[] = {{"Net", 3}, {"Eth", 4}, {"MTU", 5}};
+  for (const auto& [name, instance] : nodes) {
+    ConfigIF::Node* const node = notice.mutable_value()->mutable_inst()->add_path();
+    node->set_name(name);
+    node->set_instance(instance);
+  }
+  pb.deliver(TestSupport::kConfigChangedId, notice);
+  EXPECT_EQ(ofGroup.lines.take(), Lines{"changed net.eth[4].mtu[5] {1400} " + identity});
+  EXPECT_EQ(cached(ConfigVar("net.eth", 4, "mtu", 5)), "1400");
+  link->unregisterHandler("net.eth", "", &ofGroup);
+}
+
 // --- The other notices ---
 
 TEST_F(DispatchTest, AnOptionsNoticeReachesTheCacheAndTheConsumers) {
@@ -288,6 +324,64 @@ TEST_F(DispatchTest, OtherNoticesOfAnotherIdentityOrWithoutAVariableAreDropped) 
   EXPECT_EQ(manager->removeVars(""), 0U);
 }
 
+TEST_F(DispatchTest, NoticesLimitedToAnotherNamespaceAreDropped) {
+  ConfigIF::Inst ofFive;
+  Helper::addVarName(&ofFive, ConfigVar(5, "net", 0, "mtu", 1));
+  ofFive.set_scope(ConfigIF::SCOPE_NAMESPACE);
+  ConfigIF::ConfigChangedNtfy change = changeNotice(mtu, {"1400"});
+  *change.mutable_value()->mutable_inst() = ofFive;
+  ConfigIF::OptionsChangedNtfy options = optionsNotice(mtu, {"a"});
+  *options.mutable_inst() = ofFive;
+  ConfigIF::AccessLevelChangedNtfy access;
+  access.set_callback_identity(identity);
+  access.set_read_role(CommonIF::SECURITY_ROLE_SERVICE);
+  *access.mutable_inst() = ofFive;
+  ConfigIF::SubmitNtfy submit;
+  submit.set_callback_identity(identity);
+  *submit.mutable_inst() = ofFive;
+  EXPECT_EQ(pb.deliver(TestSupport::kConfigChangedId, change), 1);
+  EXPECT_EQ(pb.deliver(TestSupport::kOptionsChangedId, options), 1);
+  EXPECT_EQ(pb.deliver(TestSupport::kAccessLevelsChangedId, access), 1);
+  EXPECT_EQ(pb.deliver(TestSupport::kSubmitId, submit), 1);
+  EXPECT_TRUE(consumer.lines.take().empty());
+  EXPECT_EQ(manager->removeVars(""), 0U);
+  EXPECT_TRUE(takeReplies().empty());
+}
+
+// A consumer that looks at the cache when it hears of options and roles.
+class LookingConsumer : public RecordingConsumer {
+ public:
+  void optionsChanged(const std::string&, int, const std::string&, int,
+                      const std::list<std::string>&, std::string) override {
+    look();
+  }
+  void accessLevelsChanged(const std::string&, int, const std::string&, int,
+                           AppConfig::SecurityRole, AppConfig::SecurityRole, std::string) override {
+    look();
+  }
+  std::function<void()> look;
+};
+
+TEST_F(DispatchTest, OptionsAndRolesAreCachedBeforeTheConsumersHear) {
+  LookingConsumer looking;
+  std::vector<std::string> optionsSeen;
+  AppConfig::SecurityRole roleSeen = AppConfig::eRolePublic;
+  link->registerHandler("net", "mtu", &looking);
+  looking.look = [&] {
+    optionsSeen = record().getOptions();
+    roleSeen = record().writeRole();
+  };
+  pb.deliver(TestSupport::kOptionsChangedId, optionsNotice(mtu, {"auto", "manual"}));
+  EXPECT_EQ(optionsSeen, (std::vector<std::string>{"auto", "manual"}));
+  ConfigIF::AccessLevelChangedNtfy access;
+  access.set_callback_identity(identity);
+  Helper::addVarName(access.mutable_inst(), mtu);
+  access.set_write_role(CommonIF::SECURITY_ROLE_FACTORY);
+  pb.deliver(TestSupport::kAccessLevelsChangedId, access);
+  EXPECT_EQ(roleSeen, AppConfig::eRoleFactory);
+  link->unregisterHandler("net", "mtu", &looking);
+}
+
 TEST_F(DispatchTest, EachNoticeReachesOnlyTheConsumersOfItsType) {
   RecordingConsumer optionsOnly;
   link->registerHandlerRequested(mtu, &optionsOnly, ConfigRegistrar::eOptionsChanged);
@@ -302,6 +396,25 @@ TEST_F(DispatchTest, AnotherLinksMessagesAreNobodys) {
   ScriptedPbUtils otherPb;
   other.setPbInterface(&otherPb);
   otherPb.deliver(TestSupport::kConfigChangedId, changeNotice(mtu, {"1400"}));
+  EXPECT_FALSE(hasEntry(mtu));
+  EXPECT_TRUE(consumer.lines.take().empty());
+}
+
+TEST_F(DispatchTest, NoticesForALinkThatIsNoInstanceAreDropped) {
+  PlatformCfgService other(0, "", "");
+  ScriptedPbUtils otherPb;
+  other.setPbInterface(&otherPb);
+  other.registerHandler("net", "mtu", &consumer);
+  ConfigIF::SubmitNtfy submit;
+  submit.set_callback_identity(identity);
+  Helper::addVarName(submit.mutable_inst(), mtu);
+  ConfigIF::AccessLevelChangedNtfy access;
+  access.set_callback_identity(identity);
+  access.set_read_role(CommonIF::SECURITY_ROLE_SERVICE);
+  Helper::addVarName(access.mutable_inst(), mtu);
+  EXPECT_EQ(otherPb.deliver(TestSupport::kOptionsChangedId, optionsNotice(mtu, {"a"})), 1);
+  EXPECT_EQ(otherPb.deliver(TestSupport::kAccessLevelsChangedId, access), 1);
+  EXPECT_EQ(otherPb.deliver(TestSupport::kSubmitId, submit), 1);
   EXPECT_FALSE(hasEntry(mtu));
   EXPECT_TRUE(consumer.lines.take().empty());
 }
@@ -397,6 +510,74 @@ TEST_F(DispatchTest, QuestionsOfAnotherNamespaceAreAnsweredNotInterstedAndNotInt
   expectSame(askedToChange(change), expected);
   EXPECT_TRUE(first.lines.take().empty());
   EXPECT_FALSE(hasEntry(mtu));
+}
+
+TEST_F(DispatchTest, QuestionsForALinkThatIsNoInstanceAreAnsweredTheSameTwoWays) {
+  PlatformCfgService other(0, "", "");
+  ScriptedPbUtils otherPb;
+  other.setPbInterface(&otherPb);
+  other.registerHandler("net", "mtu", &first);
+  ConfigIF::ReturnMessage expected = freshReply();
+  expected.add_messages("Not intersted");
+  otherPb.deliver(TestSupport::kDynamicValidateId,
+                  question<ConfigIF::DynamicValidateReq>(mtu, {"1"}));
+  expectSame(onlyReply<ConfigIF::DynamicValidateRsp>(), expected);
+  otherPb.deliver(TestSupport::kOnChangeId, question<ConfigIF::OnChangeReq>(mtu, {"1"}));
+  expected.set_messages(0, "Not interested");
+  expectSame(onlyReply<ConfigIF::OnChangeRsp>(), expected);
+  EXPECT_TRUE(first.lines.take().empty());
+}
+
+TEST_F(DispatchTest, AQuestionThatIsNotLimitedToItsNamespaceIsAskedAndItsValueStoredUnderNone) {
+  useProviders();
+  const ConfigVar ofFive(5, "net", 0, "mtu", 1);
+  expectSame(askedToValidate(question<ConfigIF::DynamicValidateReq>(ofFive, {"1400"})),
+             freshReply());
+  EXPECT_EQ(first.lines.take(), Lines{"validate net[0].mtu[1] {1400} 2"});
+  expectSame(askedToChange(question<ConfigIF::OnChangeReq>(ofFive, {"1400"})), freshReply());
+  EXPECT_EQ(first.lines.take(), Lines{"change net[0].mtu[1] {1400} 2"});
+  EXPECT_EQ(cached(mtu), "1400");
+}
+
+TEST_F(DispatchTest, AValidationLeavesTheCachedValue) {
+  useProviders();
+  manager->updateConfigVar(mtu, {"1500"});
+  askedToValidate(question<ConfigIF::DynamicValidateReq>(mtu, {"1400"}));
+  EXPECT_EQ(second.lines.take().size(), 1U);
+  EXPECT_EQ(cached(mtu), "1500");
+}
+
+TEST_F(DispatchTest, AnOnChangeWithoutProvidersStillReachesTheCache) {
+  expectSame(askedToChange(question<ConfigIF::OnChangeReq>(mtu, {"a", "b"})), freshReply());
+  EXPECT_EQ(record().getValue(), (Value{"a", "b"}));
+  EXPECT_TRUE(consumer.lines.take().empty());  // consumers hear when the change is made
+}
+
+TEST_F(DispatchTest, AQuestionWithoutARoleIsAskedInThePublicOne) {
+  useProviders();
+  auto asked = question<ConfigIF::DynamicValidateReq>(mtu, {"1"});
+  asked.clear_role();
+  askedToValidate(asked);
+  EXPECT_EQ(first.lines.take(), Lines{"validate net[0].mtu[1] {1} 0"});
+}
+
+TEST_F(DispatchTest, AProviderOfAGroupIsAskedAboutItsVariablesAfterTheirOwn) {
+  link->registerHandler("net", "", &second);
+  link->registerHandler("net", "mtu", &first);
+  first.verdict = [](ConfigResult* result) {
+    result->addResultMessage("variable");
+    return true;
+  };
+  second.verdict = [](ConfigResult* result) {
+    result->addResultMessage("group");
+    return true;
+  };
+  ConfigIF::ReturnMessage expected = freshReply();
+  expected.add_messages("variable");
+  expected.add_messages("group");
+  expectSame(askedToValidate(question<ConfigIF::DynamicValidateReq>(mtu, {"1"})), expected);
+  expectSame(askedToChange(question<ConfigIF::OnChangeReq>(mtu, {"1"})), expected);
+  link->unregisterHandler("net", "", &second);
 }
 
 TEST_F(DispatchTest, AQuestionWithoutAVariableIsAnsweredUnableToParseVariableName) {

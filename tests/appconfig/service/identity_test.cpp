@@ -66,6 +66,47 @@ TEST_F(LinkIdentityTest, SettingRole2OnANewLinkReturns1AndStoresWireRole40) {
   EXPECT_EQ(link->setSecurityRole(AppConfig::eRolePublic), AppConfig::eRoleInstaller);
 }
 
+TEST_F(LinkIdentityTest, EveryRequestIsMadeInTheRoleInForce) {
+  const CommonIF::eSecurityRole inForce = CommonIF::SECURITY_ROLE_FACTORY;
+  const TestSupport::Value value{"a"};
+  TestSupport::Value options;
+  bool isDefault = false;
+  unsigned int index = 0;
+  std::list<std::pair<ConfigVar, eErrorT>> errors;
+  link->setSecurityRole(AppConfig::eRoleFactory);
+  const auto expectFirst = [this](const google::protobuf::MessageLite& expected) {
+    expectRequest(pb.takeSent().front(), expected);
+  };
+  link->getConfigVar(mtu, isDefault);
+  expectFirst(Helper::getReadRequest(self, inForce, mtu));
+  link->setConfigVar(mtu, value);
+  expectFirst(Helper::getWriteRequest(self, inForce, mtu, value));
+  link->setConfigVar(mtu, value, nullptr);
+  expectFirst(Helper::getWriteRequest(self, inForce, mtu, value));
+  link->isValid(mtu, value, nullptr);
+  expectFirst(Helper::getValidateRequest(self, inForce, mtu, value));
+  link->resetValue(mtu);
+  expectFirst(Helper::getResetValueRequest(self, inForce, mtu));
+  link->getConfigOptions(mtu, options, index);
+  expectFirst(Helper::getGetOptionsRequest(self, inForce, mtu));
+  link->getConfigDefaultOptions(mtu, options, index);
+  expectFirst(Helper::getGetDefaultOptionsRequest(self, inForce, "net.mtu"));
+  link->setConfigOptions(mtu, value, nullptr);
+  expectFirst(Helper::getSetOptionsRequest(self, inForce, mtu, value, nullptr));
+  link->getAccessLevels(mtu, nullptr, nullptr);
+  expectFirst(Helper::getGetAccessLevelsReq(self, inForce, mtu));
+  link->setAccessLevels({mtu}, nullptr, nullptr);
+  expectFirst(Helper::getSetAccessLevelsReq(self, inForce, {mtu}, nullptr, nullptr));
+  link->setAccessLevels({mtu}, nullptr, nullptr, errors);
+  expectFirst(Helper::getSetAccessLevelsReq(self, inForce, {mtu}, nullptr, nullptr));
+  const std::string identity = TestSupport::linkName(0);
+  const ConfigIF::CallbackType submit = ConfigIF::CALLBACK_SUBMIT;
+  link->registerCallback(mtu, submit);
+  expectFirst(Helper::getRegClientCallbackRequest(self, inForce, "net.mtu", submit, identity));
+  link->unregisterCallback(mtu, submit);
+  expectFirst(Helper::getUnregClientCallbackRequest(self, inForce, "net.mtu", submit, identity));
+}
+
 TEST_F(LinkIdentityTest, ARoleOutsideTheFiveBecomesThePublicOne) {
   link->setSecurityRole(static_cast<AppConfig::SecurityRole>(9));
   EXPECT_EQ(link->setSecurityRole(AppConfig::eRoleUser), AppConfig::eRolePublic);

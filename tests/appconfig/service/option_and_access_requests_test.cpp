@@ -68,6 +68,17 @@ TEST_F(OptionRequestsTest, DefaultOptionsAreAskedByDottedNameAndRegisterNothing)
   EXPECT_EQ(link->getConfigDefaultOptions(mtu, options, index), Value{});
 }
 
+TEST_F(OptionRequestsTest, RefusedDefaultOptionsAreEmptyAndLeaveTheIndex) {
+  pb.answer<ConfigIF::GetDefaultOptionsReq, ConfigIF::GetDefaultOptionsRsp>(
+      [](const auto&, auto& response) {
+        response.add_options("auto");
+        response.set_default_index(1);
+        refuse(response.mutable_result(), CommonIF::ERROR_DENIED);
+      });
+  EXPECT_EQ(link->getConfigDefaultOptions(mtu, options, index), Value{});
+  EXPECT_EQ(index, 7U);
+}
+
 TEST_F(OptionRequestsTest, DefaultOptionsOfAKeyWithoutANameAreAskedByItsGroup) {
   link->getConfigDefaultOptions(ConfigVar("net", 0, "", 0), options, index);
   expectOnly(Helper::getGetDefaultOptionsRequest(self, role, "net"));

@@ -136,6 +136,24 @@ TEST_F(ValueRequestsTest, AnAcceptedWriteAssignsTheResultAndRegistersAfterwards)
   EXPECT_EQ(sent[1].type, "ConfigIF.RegisterClientCallbackReq");
 }
 
+TEST_F(ValueRequestsTest, AnAnswerWithoutAReturnMessageIsASuccessThatSaysNothing) {
+  const auto expectFresh = [](const ConfigResult& result) {
+    EXPECT_EQ(result.error(), eErrNone);
+    EXPECT_FALSE(result.flag());
+    EXPECT_EQ(result.resultMessages(), Value{});
+    EXPECT_EQ(result.serverContext(), "");
+  };
+  ConfigResult written;
+  written.fillConfigResult(true, eErrConflict, true);
+  written.addResultMessage("old");
+  written.setServerContext("old");
+  ConfigResult validated = written;
+  EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, &written));
+  expectFresh(written);
+  EXPECT_TRUE(link->isValid(mtu, {"1400"}, &validated));
+  expectFresh(validated);
+}
+
 TEST_F(ValueRequestsTest, ARejectedWriteReturnsFalseAndCopiesTheRejection) {
   refuseAll<ConfigIF::WriteReq, ConfigIF::WriteRsp>();
   ConfigResult result;
