@@ -37,8 +37,9 @@ class APPCONFIG_EXPORT ProviderConfigHandler {
  public:
   virtual ~ProviderConfigHandler() = default;
 
-  // Whether the value is acceptable. False is a veto: providers after this one are not asked. Say
-  // why in the result.
+  // Whether the value is acceptable. A veto is an error in the result (eErrVetoed) with a message
+  // that says why, and false. False alone only keeps providers after this one from being asked: it
+  // is the result that travels, so the writer would see no refusal.
   virtual bool dynamicValidate(const std::string& group, int groupInstance, const std::string& name,
                                int nameInstance, const std::list<std::string>& value,
                                AppConfig::SecurityRole requesterRole, ConfigResult* result) = 0;

@@ -13,6 +13,8 @@
 //          the handler is registered in this process all the same.
 // Threads  any; registering may wait for the service.
 // Owns     nothing: the application keeps a handler alive until it has unregistered it.
+// Order    register a consumer first and read afterwards: a change before the read is in what is
+//          read, and a later one is told. The other way round, one in between may be in neither.
 //
 //   registerHandler("net.eth", "mtu", &watcher);
 //   registerHandler("net", &logger);                 // net, net.eth and all below; not "network"
