@@ -11,10 +11,9 @@
 //            0 and of its service's own, both in one entry; those of any other are always asked
 //            for.
 // Values     lists of strings; a single value is a list of one.
-// Absence    an unknown variable, a role that is too low, a service that is away and a value that
-// is
-//            empty all read as "" (0, false). A write with a ConfigResult tells why it failed, when
-//            the service answered.
+// Absence    an unknown variable, a role that is too low, a service that is away and a value
+//            that is empty all read as "" (0, false). A write with a ConfigResult tells why it
+//            failed, when the service answered.
 // Errors     returned, never thrown. Nothing is retried: the next call simply asks again.
 // Threads    any thread may call anything, handlers included. Requests block their caller for as
 //            long as the endpoint waits. What a notice stored while a read or a write of the same

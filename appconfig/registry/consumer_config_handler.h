@@ -45,7 +45,7 @@ class APPCONFIG_EXPORT ConsumerConfigHandler {
   virtual void attributeChanged(const std::string& /*group*/, int /*groupInstance*/,
                                 const std::string& /*name*/, int /*nameInstance*/) {}
 
-  // The variable has a new option list. Its default index is not part of the notice.
+  // The variable has a new option list. A default index that came with it is cached and not told.
   virtual void optionsChanged(const std::string& group, int groupInstance, const std::string& name,
                               int nameInstance, const std::list<std::string>& options,
                               std::string identity) = 0;

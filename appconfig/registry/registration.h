@@ -8,9 +8,8 @@
 // Facade   the handler belongs to the service of the given facade; null is
 //          AppCfgManager::getInstance(). A handler registered over one facade hears nothing of the
 //          other's service.
-// Errors   none is reported. A null handler is not registered. Where the service refuses or is
-// away,
-//          the handler is registered in this process all the same.
+// Errors   none is reported. A null handler is not registered. Where the service refuses or
+//          is away, the handler is registered in this process all the same.
 // Threads  any; registering may wait for the service.
 // Owns     nothing: the application keeps a handler alive until it has unregistered it.
 // Order    register a consumer first and read afterwards: a change before the read is in what is

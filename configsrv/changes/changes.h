@@ -14,9 +14,8 @@
 //          answer by the deadline with eErrTimedOut, a store that cannot keep it with eErrStorage.
 //          Whoever was told the new value on change is then told the one that still holds.
 // Deadlock a change that would have to wait for a peer which itself waits for this very change
-// fails
-//          at once with eErrConflict: a provider writes the variable that it is being asked about,
-//          or writes, from inside its handler, what it would be asked about.
+//          fails at once with eErrConflict: a provider writes the variable that it is being asked
+//          about, or writes, from inside its handler, what it would be asked about.
 // Limits   ChangesOptions; what goes past one fails with eErrLimit.
 // Threads  one, the serving thread; completions and timers of the host come on it too.
 #pragma once

@@ -215,7 +215,8 @@ std::string Service::Impl::describe() const {
       options_.listenFd >= 0
           ? "the socket that was handed over"
           : serverOptions(options_, 0, 0).runtimeDir + "/" + endpointName(options_.endpointPrefix);
-  return std::to_string(model_.size()) + " variables at " + where;
+  return std::to_string(model_.size()) + (model_.size() == 1 ? " variable at " : " variables at ") +
+         where;
 }
 
 StartedService Service::start(const ServiceOptions& options, const Log& log) {

@@ -66,7 +66,8 @@ struct FrameHeader {
   std::uint32_t payloadBytes = 0;
   // Service to client: the service's revision that everything said so far on this connection adds
   // up to. Client to service, in a callback registration: what the client knows already; changes
-  // after it are told at once. kRevisionNow: only changes from now on. kRevisionNone: the client knows nothing.
+  // after it are told at once. kRevisionNow: only changes from now on. kRevisionNone: the client
+  // knows nothing.
   std::uint64_t revision = 0;
 };
 

@@ -16,14 +16,15 @@
 // Parts of a record are told apart: a notice about the options does not keep a flight from storing
 // the value. The default flag belongs to its value and is dropped with it.
 //
-// Threads  any. All flights of the process, of all caches, are in one list under one mutex, which
-// is
-//          held for a store and never during a request. A hit of the cache comes nowhere near it.
+// Threads  any. All flights of the process, of all caches, are in one list under one mutex,
+//          which is held for a store and never during a request. A hit of the cache comes nowhere
+//          near it.
 // Owns     nothing. A flight lives on the stack of the thread that asks, the cache outlives it.
 //
 //   Flight flight(cache, key);
-//   const std::list<std::string> value = link.getConfigVar(key, isDefault);  // a notice may come
-//   now flight.storeRead(value, isDefault);
+//   const std::list<std::string> value = link.getConfigVar(key, isDefault);
+//   // ... during which a notice may have come
+//   flight.storeRead(value, isDefault);
 #pragma once
 
 #include <list>

@@ -28,7 +28,8 @@ struct Exchange {
   bool oneWay = false;
   bool insideReceiver = false;
   Clock::time_point deadline;
-  // Revision for the header when the connection's epoch is `knownEpoch`; kRevisionNone is sent when not.
+  // Revision for the header when the connection's epoch is `knownEpoch`; else kRevisionNone is
+  // sent.
   std::uint64_t revision = kRevisionNow;
   std::uint64_t knownEpoch = 0;
 
