@@ -11,8 +11,8 @@
 //            the request asks for. What is not given (a null pointer, no name) is absent from the
 //            message rather than sent as zero or empty, unless the operation says otherwise.
 // Errors     A path that names no variable is the only one that a caller sees. A role, error
-//            code or callback type that the schema does not know is a mistake in the calling program: the
-//            process ends, in release builds too, with "CHECK failed: ", the name of the schema's
+//            code or callback type that the schema does not know is a mistake in the calling
+//            program: the process ends, in release builds too, with "CHECK failed: ", the name of the schema's
 //            validity function and "(value): " on standard error.
 // Threads    No state; any number of threads may call at once, each with messages of its own.
 // Owns       Nothing. Arguments are copied into the messages, and messages are returned by value.

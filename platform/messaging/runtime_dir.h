@@ -5,7 +5,8 @@
 // <dir>/ConfigSrvc, "/engine/ConfigSrvc" is <dir>/engine/ConfigSrvc.
 //
 // Errors   a name that would leave the directory, is empty, holds a NUL byte, or makes a path
-//          longer than a Unix socket's address can hold (107 bytes, unix(7)) is refused with a text.
+//          longer than a Unix socket's address can hold (107 bytes, unix(7)) is refused with a
+//          text.
 #pragma once
 
 #include <string>
