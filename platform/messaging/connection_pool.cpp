@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "platform/messaging/internal/frame_bytes.h"
 #include "platform/schema/message_ids.h"
 
 namespace PbUtility {
@@ -23,19 +24,6 @@ CallStatus statusOf(StreamStatus status) {
       return kCallBrokenAnswer;
   }
   return kCallBrokenAnswer;
-}
-
-// Writes header and payload of a message behind each other; false when it is too large.
-bool encodeFrame(FrameHeader header, const google::protobuf::MessageLite& message,
-                 std::string& out) {
-  const std::size_t payloadBytes = message.ByteSizeLong();
-  if (payloadBytes > kMaxPayloadBytes) return false;
-  header.payloadBytes = static_cast<std::uint32_t>(payloadBytes);
-  out.resize(kFrameHeaderBytes + payloadBytes);
-  auto* bytes = reinterpret_cast<unsigned char*>(out.data());
-  encodeHeader(header, bytes);
-  message.SerializeWithCachedSizesToArray(bytes + kFrameHeaderBytes);
-  return true;
 }
 
 }  // namespace
@@ -141,13 +129,10 @@ CallStatus ConnectionPool::welcome(Connection& connection, Exchange& exchange) {
 
 CallStatus ConnectionPool::open(Connection& connection, Exchange& exchange) {
   StreamStatus status = connection.stream.connect(path_, exchange.deadline);
-  const std::string payload = encode(hello_);
   FrameHeader header;
   header.kind = FrameKind::Hello;
-  header.payloadBytes = static_cast<std::uint32_t>(payload.size());
-  std::string frame(kFrameHeaderBytes, '\0');
-  encodeHeader(header, reinterpret_cast<unsigned char*>(frame.data()));
-  frame += payload;
+  std::string frame;
+  appendFrame(header, encode(hello_), frame);
   bool sentNothing = true;
   if (status == StreamStatus::Ok) {
     status = connection.stream.sendAll(frame.data(), frame.size(), exchange.deadline, sentNothing);

@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "platform/messaging/internal/dispatch.h"
+#include "platform/messaging/internal/frame_bytes.h"
 
 namespace PbUtility {
 namespace {
@@ -24,14 +25,6 @@ constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
 MSG_Sender nextSender() {
   static std::atomic<MSG_Sender> last{0};
   return ++last;
-}
-
-void appendFrame(FrameHeader header, std::string_view payload, std::string& out) {
-  header.payloadBytes = static_cast<std::uint32_t>(payload.size());
-  const std::size_t start = out.size();
-  out.resize(start + kFrameHeaderBytes);
-  encodeHeader(header, reinterpret_cast<unsigned char*>(out.data() + start));
-  out.append(payload);
 }
 
 }  // namespace

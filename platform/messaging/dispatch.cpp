@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/messaging/internal/frame_bytes.h"
 #include "platform/schema/message_ids.h"
 
 // One type for both directions: receivers see incoming messages and hand back replies.
@@ -27,13 +28,6 @@ struct Current {
   std::string replies;
 };
 thread_local Current* current = nullptr;
-
-void appendFrame(const FrameHeader& header, std::string_view payload, std::string& out) {
-  const std::size_t start = out.size();
-  out.resize(start + kFrameHeaderBytes);
-  encodeHeader(header, reinterpret_cast<unsigned char*>(out.data() + start));
-  out.append(payload);
-}
 
 bool takes(const MSG_Callback& record, std::uint32_t messageId) {
   return record.receiver != nullptr && messageId >= record.firstId && messageId <= record.lastId;
@@ -96,7 +90,6 @@ MSG_Message* msgUtil_buildMsgWithHeader(const google::protobuf::MessageLite& res
   reply->header.kind = PbUtility::FrameKind::Answer;
   reply->header.messageId = messageId;
   reply->header.sequence = incoming->header.sequence;
-  reply->header.payloadBytes = static_cast<std::uint32_t>(reply->replyBytes.size());
   reply->sender = incoming->sender;
   return reply.release();
 }

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/messaging/internal/frame_bytes.h"
+
 namespace PbUtility {
 namespace {
 
@@ -14,6 +16,10 @@ constexpr std::size_t kStageBytes = std::size_t{64} * 1024;
 }  // namespace
 
 void Outbox::add(std::string_view frame) { bytes_.append(frame); }
+
+void Outbox::add(const FrameHeader& header, std::string_view payload) {
+  appendFrame(header, payload, bytes_);
+}
 
 void Outbox::queue(std::string frame, const std::string& key) {
   queuedBytes_ += frame.size();

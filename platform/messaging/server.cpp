@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/messaging/frame.h"
+#include "platform/messaging/internal/frame_bytes.h"
 #include "platform/messaging/internal/listener.h"
 #include "platform/messaging/internal/outbox.h"
 #include "platform/messaging/internal/timers.h"
@@ -65,26 +66,6 @@ struct PeerState {
   std::set<std::uint32_t> openQuestions;
   std::uint32_t lastQuestion = 0;
 };
-
-bool encodeFrame(FrameHeader header, const MessageLite& message, std::string& out) {
-  const std::size_t payloadBytes = message.ByteSizeLong();
-  if (payloadBytes > kMaxPayloadBytes) return false;
-  header.messageId = PlatformSchema::messageIdOf(message);
-  header.payloadBytes = static_cast<std::uint32_t>(payloadBytes);
-  out.resize(kFrameHeaderBytes + payloadBytes);
-  auto* bytes = reinterpret_cast<unsigned char*>(out.data());
-  encodeHeader(header, bytes);
-  message.SerializeWithCachedSizesToArray(bytes + kFrameHeaderBytes);
-  return true;
-}
-
-std::string encodeFrame(FrameHeader header, std::string_view payload) {
-  header.payloadBytes = static_cast<std::uint32_t>(payload.size());
-  std::string frame(kFrameHeaderBytes, '\0');
-  encodeHeader(header, reinterpret_cast<unsigned char*>(frame.data()));
-  frame.append(payload);
-  return frame;
-}
 
 std::string nameOf(const Connection& connection) {
   const std::string who =
@@ -337,7 +318,7 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   if (peer == nullptr) {
     FrameHeader header;
     header.kind = FrameKind::Refusal;
-    connection.outbox.add(encodeFrame(header, encode(Refusal{0, problem})));
+    connection.outbox.add(header, encode(Refusal{0, problem}));
     flush(connection);
     return close(connection, problem);
   }
@@ -347,7 +328,7 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   peer->connections.insert(&connection);
   FrameHeader header;
   header.kind = FrameKind::Welcome;
-  connection.outbox.add(encodeFrame(header, encode(Welcome{options_.epoch})));
+  connection.outbox.add(header, encode(Welcome{options_.epoch}));
   // Before the welcome leaves: who has read it can be notified and asked.
   if (hello.use == ConnectionUse::Delivery) becomeDelivery(connection);
   flush(connection);
@@ -499,7 +480,7 @@ void Server::Impl::refuse(const RequestId& request, std::uint32_t error, const s
   FrameHeader header;
   header.kind = FrameKind::Refusal;
   header.sequence = request.sequence;
-  connection->outbox.add(encodeFrame(header, encode(Refusal{error, text})));
+  connection->outbox.add(header, encode(Refusal{error, text}));
   flush(*connection);
 }
 

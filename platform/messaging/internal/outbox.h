@@ -13,12 +13,15 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "platform/messaging/frame.h"
+
 namespace PbUtility {
 
 class Outbox {
  public:
   // Appends a whole frame that must be sent as it is.
   void add(std::string_view frame);
+  void add(const FrameHeader& header, std::string_view payload);
   // Appends a whole frame to the queue of messages; of those with the same non-empty key that have
   // not begun to be written, only this one remains.
   void queue(std::string frame, const std::string& key);
