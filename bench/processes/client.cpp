@@ -10,7 +10,6 @@ namespace Bench {
 namespace {
 
 using AppConfig::AppCfgManager;
-using AppConfig::PlatformCfgService;
 using AppConfig::ProtobufMessageHelper;
 using google::protobuf::MessageLite;
 
