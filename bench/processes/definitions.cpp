@@ -16,14 +16,6 @@ type = "string"
 default = "thermostat"
 max-length = 64
 description = "Read by the benchmarks"
-
-[variable."bench.measured.written"]
-type = "int"
-instances = { from = 0, to = 63 }
-default = 0
-min = 0
-max = 2000000000
-description = "Written by the benchmarks"
 )";
 
 const char* const kTypes[] = {
@@ -33,6 +25,16 @@ const char* const kTypes[] = {
     "type = \"list\"\ndefault = [\"192.0.2.1\", \"192.0.2.2\"]\nmax-elements = 4\n",
     "type = \"enumeration\"\noptions = [\"off\", \"eco\", \"comfort\"]\ndefault = \"eco\"\n",
 };
+
+// One for each process that writes: a client is told of all instances of a name, so that writers who
+// shared one would be measured telling each other.
+void writeWritten(std::ofstream& file) {
+  for (int n = 0; n < kWrittenVariables; ++n) {
+    file << "[variable.\"" << writtenVar(n).dottedName() << "\"]\n"
+         << "type = \"int\"\ndefault = 0\nmin = 0\nmax = 2000000000\n"
+         << "description = \"Written by the benchmarks\"\n\n";
+  }
+}
 
 void writeOthers(std::ofstream& file, int first, int end) {
   for (int n = first; n < end; ++n) {
@@ -46,7 +48,7 @@ void writeOthers(std::ofstream& file, int first, int end) {
 
 ConfigVar textVar() { return ConfigVar(kGroup, 0, "text", 0); }
 
-ConfigVar writtenVar(int instance) { return ConfigVar(kGroup, 0, kWrittenName, instance); }
+ConfigVar writtenVar(int n) { return ConfigVar(kGroup, 0, "written" + std::to_string(n), 0); }
 
 ConfigVar otherVar(int n) {
   return ConfigVar("device.zone" + std::to_string(n / kVariablesInAGroup), 0,
@@ -58,6 +60,7 @@ bool writeDefinitions(const std::string& directory, int others) {
   std::filesystem::create_directories(directory, error);
   std::ofstream measured(directory + "/10-measured.toml");
   measured << kMeasured;
+  writeWritten(measured);
   bool written = measured.flush().good();
   for (int n = 0; n < others; n += kVariablesInAFile) {
     std::ofstream file(directory + "/20-others-" + std::to_string(n) + ".toml");

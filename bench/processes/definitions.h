@@ -10,13 +10,12 @@ namespace Bench {
 
 constexpr int kWrittenVariables = 64;
 constexpr const char* kGroup = "bench.measured";
-constexpr const char* kWrittenName = "written";
 constexpr const char* kText = "thermostat";
 
 // A string that nobody changes: kText.
 ConfigVar textVar();
 // An int for each process that writes.
-ConfigVar writtenVar(int instance);
+ConfigVar writtenVar(int n);
 // One of the others.
 ConfigVar otherVar(int n);
 

@@ -72,7 +72,7 @@ class Telling final : public ConsumerConfigHandler {
 int consume(Meeting& meeting, const std::string& runtimeDir) {
   Client client(runtimeDir);
   Telling handler(meeting);
-  registerHandler(kGroup, kWrittenName, &handler);
+  registerHandler(kGroup, writtenVar(0).name(), &handler);
   if (!client.waitUntilConnected()) return 1;
   meeting.ready.raise();
   while (true) pause();  // until the parent ends this process

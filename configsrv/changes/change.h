@@ -39,7 +39,7 @@ struct ChangeOutcome {
   std::uint64_t revision = 0;
 };
 
-// Called once for each change, on the serving thread, perhaps before submit() returns.
+// Called once for each change, in the loop, perhaps before submit() returns.
 using ChangeDone = std::function<void(const ChangeOutcome& outcome)>;
 
 }  // namespace ConfigSrv

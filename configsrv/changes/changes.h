@@ -17,7 +17,7 @@
 //          fails at once with eErrConflict: a provider writes the variable that it is being asked
 //          about, or writes, from inside its handler, what it would be asked about.
 // Limits   ChangesOptions; what goes past one fails with eErrLimit.
-// Threads  one, the serving thread; completions and timers of the host come on it too.
+// Threads  one at a time, whichever runs the server's loop; completions and timers come in it too.
 #pragma once
 
 #include <chrono>

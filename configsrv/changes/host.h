@@ -3,7 +3,8 @@
 // The service implements it with the message layer's serving side and the commit queue; a test
 // with a script.
 //
-// Threads  one, the serving thread. Functions that are handed over are called on it.
+// Threads  one at a time, whichever runs the server's loop. Functions that are handed over are called
+//          in it.
 #pragma once
 
 #include <chrono>

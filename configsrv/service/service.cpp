@@ -86,7 +86,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
                    server_.notify(to, notice, model_.revision(), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_}) {
+                   server_}),
+        commits_(*store_, [this] {
+          server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
+        }) {
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
@@ -155,7 +158,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   }
   void cancel(std::uint64_t timer) override { server_.cancel(timer); }
   bool commit(StoreTransaction transaction, CommitDone done) override {
-    return commits_ && commits_->submit(std::move(transaction), std::move(done));
+    commits_.submit(std::move(transaction), std::move(done));
+    return true;
   }
 
   const ServiceOptions options_;
@@ -169,8 +173,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Server server_;
   Monitor monitor_;
   Requests requests_;
-  // Last, so that its thread ends before anything that it posts to.
-  std::unique_ptr<CommitQueue> commits_;
+  CommitQueue commits_;
   bool stopping_ = false;
 };
 
@@ -186,11 +189,7 @@ void Service::Impl::keepSnapshot() {
 
 void Service::Impl::run() {
   keepSnapshot();
-  commits_ = std::make_unique<CommitQueue>(*store_, [this](std::vector<Completion> batch) {
-    server_.post([this, batch = std::move(batch)] { complete(batch); });
-  });
   server_.run();
-  commits_->stop();
   keepSnapshot();
 }
 

@@ -6,60 +6,43 @@
 
 namespace ConfigSrv {
 
-CommitQueue::CommitQueue(Store& store, Deliver deliver)
-    : store_(store), deliver_(std::move(deliver)), thread_([this] { run(); }) {}
+CommitQueue::CommitQueue(Store& store, Start start) : store_(store), start_(std::move(start)) {}
 
-CommitQueue::~CommitQueue() { stop(); }
-
-bool CommitQueue::submit(StoreTransaction transaction, CommitDone done) {
-  bool wakeUp = false;
+void CommitQueue::submit(StoreTransaction transaction, CommitDone done) {
+  bool wasBusy = false;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    if (stopping_) return false;
     waiting_.transactions.push_back(std::move(transaction));
     waiting_.completions.push_back({std::move(done), {}, 0});
-    // Taken from it by the first of several: the thread needs no second call to get up.
-    wakeUp = std::exchange(idle_, false);
+    wasBusy = std::exchange(busy_, true);
   }
-  if (wakeUp) wake_.notify_one();
-  return true;
+  if (!wasBusy) start_();
 }
 
-void CommitQueue::stop() {
-  const std::lock_guard<std::mutex> stopGuard(stopMutex_);
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    stopping_ = true;
-    idle_ = false;
-  }
-  wake_.notify_one();
-  if (thread_.joinable()) thread_.join();
-}
-
-void CommitQueue::run() {
-  Group group;
-  while (waitForWork(&group)) commitGroup(std::exchange(group, {}));
-}
-
-// False when there is nothing left to do, for good.
-bool CommitQueue::waitForWork(Group* group) {
-  std::unique_lock<std::mutex> guard(mutex_);
-  while (waiting_.transactions.empty() && !stopping_) {
-    idle_ = true;
-    wake_.wait(guard);
-  }
-  idle_ = false;
-  std::swap(*group, waiting_);
-  return !group->transactions.empty();
-}
-
-void CommitQueue::commitGroup(Group group) {
-  CommitResult result = store_.commit(group.transactions);
+void CommitQueue::commit() {
+  Group group = takeWaiting();
+  const CommitResult result = store_.commit(group.transactions);
   for (std::size_t i = 0; i < group.completions.size(); ++i) {
     group.completions[i].status = result.status;
     if (result.status.ok()) group.completions[i].revision = result.revisions[i];
   }
-  deliver_(std::move(group.completions));
+  committed_ = std::move(group.completions);
+}
+
+CommitQueue::Group CommitQueue::takeWaiting() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return std::exchange(waiting_, {});
+}
+
+std::vector<Completion> CommitQueue::take() {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    busy_ = !waiting_.transactions.empty();
+    if (!busy_) return std::exchange(committed_, {});
+  }
+  std::vector<Completion> committed = std::exchange(committed_, {});
+  start_();
+  return committed;
 }
 
 }  // namespace ConfigSrv

@@ -1,27 +1,26 @@
-// CommitQueue: a thread that makes transactions durable, so that the thread that answers reads
-// never waits for the disk.
+// CommitQueue: what waits to be made durable, so that whoever answers reads never waits for the disk.
 //
 // Grouping what is submitted while a commit is on its way goes into the next one, all of it
 //          together: ten writers pay for one write to the disk. Each transaction keeps a revision
 //          of its own, in the order of submission. A group fails as a whole.
-// Wake-ups one for a submit() to an idle queue, none for one to a busy queue.
-// Threads  submit() and stop() from any. `deliver` runs on the queue's thread with no lock held,
-//          once for each commit; it must not block, nor call stop(). The `done` functions are not
-//          called by the queue: whoever gets the completions calls them, where it wants to.
-// Owns     its thread. The store is the caller's, and the queue's alone to use until stop().
+// Threads  submit() from any. The queue has no thread: `start` is called, with no lock
+//          held, by the submit() or take() that finds something to do and nobody doing it. It
+//          brings about one commit(), on a thread that may wait for the disk, and then one take(),
+//          wherever the `done` functions are to be called: the queue does not call them.
+// Owns     what waits. The store is the caller's, and commit()'s alone while that runs.
 // Limits   none of its own: what waits here is a request whose sender waits for the answer, so
 //          the serving side's limit of requests on their way is the limit of this queue.
 //
-//   CommitQueue queue(*store, [&](std::vector<Completion> batch) { loop.post(std::move(batch)); });
+//   CommitQueue queue(*store, [&] {
+//     loop.aside([&] { queue.commit(); },
+//                [&] { for (Completion& c : queue.take()) c.done(c.status, c.revision); });
+//   });
 //   queue.submit({change}, [](const StoreStatus& status, std::uint64_t revision) { ... });
-//   // On the loop: for (Completion& c : batch) c.done(c.status, c.revision);
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "configsrv/store/store.h"
@@ -39,18 +38,18 @@ struct Completion {
 
 class CommitQueue {
  public:
-  using Deliver = std::function<void(std::vector<Completion> batch)>;
+  using Start = std::function<void()>;
 
-  CommitQueue(Store& store, Deliver deliver);
-  ~CommitQueue();  // stop()
+  CommitQueue(Store& store, Start start);
   CommitQueue(const CommitQueue&) = delete;
   CommitQueue& operator=(const CommitQueue&) = delete;
 
-  // False after stop(): the transaction is dropped and `done` will not be delivered.
-  [[nodiscard]] bool submit(StoreTransaction transaction, CommitDone done);
+  void submit(StoreTransaction transaction, CommitDone done);
 
-  // Commits and delivers what was submitted, then ends the thread. A second call does nothing.
-  void stop();
+  // Makes one transaction of everything that waits durable, once for each `start`.
+  void commit();
+  // What the last commit() did, once for each. Calls `start` when more has come meanwhile.
+  std::vector<Completion> take();
 
  private:
   // What waits, side by side, so that the transactions can be handed to the store as they are.
@@ -59,22 +58,17 @@ class CommitQueue {
     std::vector<Completion> completions;
   };
 
-  void run();
-  bool waitForWork(Group* group);
-  void commitGroup(Group group);
+  Group takeWaiting();
 
   Store& store_;
-  const Deliver deliver_;
+  const Start start_;
+  // From commit() to take().
+  std::vector<Completion> committed_;
 
-  // Guards the three members below; nothing else is taken, and nothing called, while it is held.
+  // Guards the members below; nothing else is taken, and nothing called, while it is held.
   std::mutex mutex_;
-  std::condition_variable wake_;
   Group waiting_;
-  bool idle_ = false;  // The thread waits for wake_: only then is a notification worth its price.
-  bool stopping_ = false;
-
-  std::mutex stopMutex_;  // Lets one stop() join the thread while others wait for it.
-  std::thread thread_;
+  bool busy_ = false;  // From the call of start_ to the take() that finds nothing more.
 };
 
 }  // namespace ConfigSrv

@@ -2,20 +2,28 @@
 // reaped afterwards: handlers may answer, notify and ask at any point without a connection or a
 // peer vanishing under the code that called them. Plain epoll, because the loop is the latency of
 // every request: docs/decisions/event-loop.md has the figures.
+//
+// Two threads can lead the loop, one at a time. The leader waits at epoll_; the other one waits at
+// offers_, an epoll of its own. When the leader steps aside to do work that blocks, it puts epoll_
+// into offers_: the first event that comes meanwhile wakes the other thread, which takes the lead
+// and keeps it. If none comes, the leader takes epoll_ out again and goes on, and nobody was woken.
 #include "platform/messaging/server.h"
 
 #include <google/protobuf/message_lite.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <map>
-#include <mutex>
 #include <set>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -25,6 +33,7 @@
 #include "platform/messaging/internal/listener.h"
 #include "platform/messaging/internal/outbox.h"
 #include "platform/messaging/internal/timers.h"
+#include "platform/messaging/internal/turn.h"
 #include "platform/schema/message_ids.h"
 
 namespace PbUtility {
@@ -34,9 +43,13 @@ using google::protobuf::MessageLite;
 
 constexpr std::uint64_t kListenerKey = 1;
 constexpr std::uint64_t kWakeUpKey = 2;
-constexpr std::uint64_t kFirstConnectionKey = 3;
+constexpr std::uint64_t kTimerKey = 3;
+constexpr std::uint64_t kStopKey = 4;
+constexpr std::uint64_t kLeadKey = 5;
+constexpr std::uint64_t kFirstConnectionKey = 6;
 constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
 constexpr int kEventsAtOnce = 64;
+constexpr int kToldBeforeAnswers = 8;
 // Who has connected has this long to say who it is.
 constexpr std::chrono::seconds kGreetingDeadline(10);
 // A greeting is no longer than its name makes it.
@@ -55,6 +68,8 @@ struct Connection {
   std::string incoming;
   Outbox outbox;
   bool waitsForRoom = false;
+  // It is in Server::Impl::toFlush_.
+  bool willFlush = false;
   bool dead = false;
 };
 
@@ -65,6 +80,8 @@ struct PeerState {
   std::set<Connection*> connections;
   std::set<std::uint32_t> openQuestions;
   std::uint32_t lastQuestion = 0;
+  // An answer to it waits to be flushed.
+  bool isAnswered = false;
 };
 
 std::string nameOf(const Connection& connection) {
@@ -74,24 +91,40 @@ std::string nameOf(const Connection& connection) {
   return "client \"" + connection.peer->peer.name + "\" (" + who + ")";
 }
 
+void signalEvent(int fd) noexcept {
+  const std::uint64_t one = 1;
+  // A full counter is readable too, so the result does not matter.
+  static_cast<void>(!::write(fd, &one, sizeof one));
+}
+
+void drainEvent(int fd) {
+  std::uint64_t count = 0;
+  static_cast<void>(!::read(fd, &count, sizeof count));
+}
+
 }  // namespace
 
 class Server::Impl {
  public:
   Impl(ServerOptions options, ServerHandler& handler)
-      : options_(std::move(options)), handler_(handler), readBuffer_(kReadBytes) {}
+      : options_(std::move(options)),
+        handler_(handler),
+        turn_([this] { settle(); }),
+        readBuffer_(kReadBytes) {}
 
   std::string open();
   void run();
   void stop() noexcept;
-  void wake() noexcept;
 
   void respond(const RequestId& request, const MessageLite& response, std::uint64_t revision);
   void refuse(const RequestId& request, std::uint32_t error, const std::string& text);
   void notify(PeerId peer, const MessageLite& notice, std::uint64_t revision,
               const std::string& key);
   std::uint32_t ask(PeerId peer, const MessageLite& question, std::uint64_t revision);
-  void post(std::function<void()> task);
+  void post(std::function<void()> task) { turn_.post(std::move(task)); }
+  void aside(std::function<void()> work, std::function<void()> done);
+  std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);
+  void cancel(std::uint64_t timer) { timers_.cancel(timer); }
 
   PeerState* findPeer(PeerId id) const {
     const auto found = peersById_.find(id);
@@ -100,12 +133,34 @@ class Server::Impl {
   std::size_t peerCount() const { return peersById_.size(); }
   std::vector<ConnectedPeer> peers() const;
 
-  Timers timers;
-
  private:
-  bool watch(int fd, std::uint64_t key, std::uint32_t events, int operation = EPOLL_CTL_ADD);
+  // The two threads that can lead the loop.
+  enum class Seat { Caller, StandIn };
+
+  struct Aside {
+    std::function<void()> work;
+    std::function<void()> done;
+  };
+
+  void serve(Seat seat);
+  void lead(Seat seat);
+  bool handleEvents(Seat seat, const epoll_event* events, int count);
+  void standBy(Seat seat);
+  void stepAside(Seat seat);
+  void offerLead();
+  void withdrawOffer();
+  void startStandIn();
+  void settle();
+  void armTimer();
+  void runDueTimers();
+
+  bool watch(int fd, std::uint64_t key, std::uint32_t events, int operation = EPOLL_CTL_ADD) {
+    return watchIn(epoll_, fd, key, events, operation);
+  }
+  static bool watchIn(const UniqueFd& epoll, int fd, std::uint64_t key, std::uint32_t events,
+                      int operation = EPOLL_CTL_ADD);
   void handleEvent(const epoll_event& event);
-  void runPosted();
+  void handleConnection(const epoll_event& event);
   void acceptAll();
   void begin(UniqueFd fd);
   void readFrom(Connection& connection);
@@ -118,6 +173,10 @@ class Server::Impl {
   void request(Connection& connection, const FrameHeader& header, std::string_view payload);
   void answer(Connection& connection, const FrameHeader& header, std::string_view payload);
   void flush(Connection& connection);
+  void flushLater(Connection& connection);
+  void flushAll();
+  void sortToFlush();
+  void checkBacklog(Connection& connection);
   void close(Connection& connection, const std::string& why);
   void reap();
   void end(Connection& connection);
@@ -132,8 +191,26 @@ class Server::Impl {
   ServerHandler& handler_;
   Listener listener_;
   UniqueFd epoll_;
+  UniqueFd offers_;
+  // Makes the leader look for work that was put aside by a thread that does not lead.
   UniqueFd wakeUp_;
+  // Readable once and for all when the loop is to end.
+  UniqueFd stop_;
+  UniqueFd timer_;
   std::atomic<bool> stopping_{false};
+  std::thread standIn_;
+
+  // Held by whoever is in the loop. Guards all that follows.
+  Turn turn_;
+  // Changed with the turn; each thread compares it with its own seat without.
+  std::atomic<Seat> leader_{Seat::Caller};
+  bool leadIsOffered_ = false;
+  std::thread::id leadingThread_;
+  std::deque<Aside> aside_;
+  // Whether there are any; the leader looks at it before it waits.
+  std::atomic<bool> hasAside_{false};
+  Timers timers_;
+  Timers::Clock::time_point timerArmedFor_ = Timers::kNever;
   std::vector<char> readBuffer_;
   std::string scratch_;
   bool refusingConnections_ = false;
@@ -141,13 +218,11 @@ class Server::Impl {
   std::uint64_t nextKey_ = kFirstConnectionKey;
   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> connections_;
   std::vector<std::uint64_t> dead_;
+  // Connections that something was written to since the last event.
+  std::vector<Connection*> toFlush_;
   PeerId lastPeer_ = 0;
   std::map<EndpointToken, std::unique_ptr<PeerState>> peers_;
   std::unordered_map<PeerId, PeerState*> peersById_;
-
-  // Guards posted_.
-  std::mutex mutex_;
-  std::vector<std::function<void()>> posted_;
 };
 
 std::string Server::Impl::open() {
@@ -155,69 +230,174 @@ std::string Server::Impl::open() {
                                                : listener_.open(options_.runtimeDir, options_.name);
   if (!problem.empty()) return problem;
   epoll_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  offers_.reset(::epoll_create1(EPOLL_CLOEXEC));
   wakeUp_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!epoll_ || !wakeUp_ || !watch(listener_.fd(), kListenerKey, EPOLLIN) ||
-      !watch(wakeUp_.get(), kWakeUpKey, EPOLLIN)) {
+  stop_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  timer_.reset(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  if (!epoll_ || !offers_ || !wakeUp_ || !stop_ || !timer_ ||
+      !watch(listener_.fd(), kListenerKey, EPOLLIN) || !watch(wakeUp_.get(), kWakeUpKey, EPOLLIN) ||
+      !watch(timer_.get(), kTimerKey, EPOLLIN) || !watch(stop_.get(), kStopKey, EPOLLIN) ||
+      !watchIn(offers_, stop_.get(), kStopKey, EPOLLIN)) {
     return std::string("cannot make the event loop: ") + std::strerror(errno);
   }
   return {};
 }
 
-bool Server::Impl::watch(int fd, std::uint64_t key, std::uint32_t events, int operation) {
+bool Server::Impl::watchIn(const UniqueFd& epoll, int fd, std::uint64_t key, std::uint32_t events,
+                           int operation) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = key;
-  return ::epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
-}
-
-void Server::Impl::wake() noexcept {
-  const std::uint64_t one = 1;
-  static_cast<void>(!::write(wakeUp_.get(), &one, sizeof one));
+  return ::epoll_ctl(epoll.get(), operation, fd, &event) == 0;
 }
 
 void Server::Impl::stop() noexcept {
   stopping_ = true;
-  wake();
+  signalEvent(stop_.get());
 }
 
-void Server::Impl::post(std::function<void()> task) {
-  bool first = false;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    first = posted_.empty();
-    posted_.push_back(std::move(task));
-  }
-  if (first) wake();
-}
-
-void Server::Impl::runPosted() {
-  std::uint64_t count = 0;
-  static_cast<void>(!::read(wakeUp_.get(), &count, sizeof count));
-  std::vector<std::function<void()>> tasks;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    tasks.swap(posted_);
-  }
-  for (const auto& task : tasks) task();
-}
+// --- Who leads ---
 
 void Server::Impl::run() {
+  serve(Seat::Caller);
+  if (standIn_.joinable()) standIn_.join();
+}
+
+void Server::Impl::serve(Seat seat) {
+  while (!stopping_) leader_ == seat ? lead(seat) : standBy(seat);
+}
+
+void Server::Impl::lead(Seat seat) {
   epoll_event events[kEventsAtOnce];
-  while (!stopping_) {
-    const int ready = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, timers.untilNext());
-    for (int i = 0; i < ready; ++i) handleEvent(events[i]);
-    if (!timers.isEmpty()) timers.runDue();
-    reap();
+  const int ready = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, hasAside_ ? 0 : -1);
+  turn_.lock();
+  if (handleEvents(seat, events, ready)) return stepAside(seat);
+  turn_.unlock();
+}
+
+// Whether there is work to be done aside. The lead may have been taken while this thread waited.
+bool Server::Impl::handleEvents(Seat seat, const epoll_event* events, int count) {
+  if (leader_ != seat) return false;
+  if (leadIsOffered_) withdrawOffer();
+  leadingThread_ = std::this_thread::get_id();
+  for (int i = 0; i < count; ++i) handleEvent(events[i]);
+  reap();
+  return !aside_.empty();
+}
+
+void Server::Impl::standBy(Seat seat) {
+  epoll_event event;
+  ::epoll_wait(offers_.get(), &event, 1, -1);
+  const std::lock_guard<Turn> turn(turn_);
+  if (!leadIsOffered_) return;
+  withdrawOffer();
+  leader_ = seat;
+  leadingThread_ = std::this_thread::get_id();
+}
+
+void Server::Impl::aside(std::function<void()> work, std::function<void()> done) {
+  aside_.push_back({std::move(work), std::move(done)});
+  hasAside_ = true;
+}
+
+// Comes with the turn and leaves without. Whoever has the lead again afterwards looks for events
+// before it steps aside once more, so that what they bring goes along. Waiting for the turn here
+// could take long, since the other thread takes it over and over: that thread is left the rest.
+void Server::Impl::stepAside(Seat seat) {
+  for (;;) {
+    const Aside job = std::move(aside_.front());
+    aside_.pop_front();
+    hasAside_ = !aside_.empty();
+    if (leader_ == seat) offerLead();
+    turn_.unlock();
+    job.work();
+    if (!turn_.tryLock()) return turn_.post(job.done);
+    // Before anybody is answered, whose next request would wake the other thread.
+    if (leader_ == seat && leadIsOffered_) withdrawOffer();
+    job.done();
+    flushAll();
+    if (leader_ == seat || aside_.empty()) return turn_.unlock();
   }
 }
 
+void Server::Impl::offerLead() {
+  if (!standIn_.joinable()) startStandIn();
+  leadIsOffered_ = watchIn(offers_, epoll_.get(), kLeadKey, EPOLLIN);
+}
+
+void Server::Impl::withdrawOffer() {
+  leadIsOffered_ = false;
+  ::epoll_ctl(offers_.get(), EPOLL_CTL_DEL, epoll_.get(), nullptr);
+}
+
+// Signals are for the thread that made this one, and for those it chose.
+void Server::Impl::startStandIn() {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  standIn_ = std::thread([this] { serve(Seat::StandIn); });
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// Before the turn is given back: what posted tasks have left to be done.
+void Server::Impl::settle() {
+  flushAll();
+  reap();
+  if (!aside_.empty() && leadingThread_ != std::this_thread::get_id()) signalEvent(wakeUp_.get());
+}
+
+// --- Timers ---
+
+std::uint64_t Server::Impl::after(std::chrono::milliseconds delay, std::function<void()> task) {
+  const std::uint64_t number = timers_.add(Timers::Clock::now() + delay, std::move(task));
+  if (timers_.next() < timerArmedFor_) armTimer();
+  return number;
+}
+
+// A timer that was cancelled leaves the clock as it is: it rings once for nothing.
+void Server::Impl::armTimer() {
+  timerArmedFor_ = timers_.next();
+  if (timerArmedFor_ == Timers::kNever) return;
+  const auto left =
+      std::chrono::ceil<std::chrono::microseconds>(timerArmedFor_ - Timers::Clock::now());
+  // None at all would disarm it.
+  const auto wait = std::max(left, std::chrono::microseconds(1));
+  itimerspec when{};
+  when.it_value.tv_sec = static_cast<time_t>(wait.count() / 1'000'000);
+  when.it_value.tv_nsec = static_cast<long>(wait.count() % 1'000'000) * 1000;
+  ::timerfd_settime(timer_.get(), 0, &when, nullptr);
+}
+
+void Server::Impl::runDueTimers() {
+  drainEvent(timer_.get());
+  timers_.runDue();
+  armTimer();
+}
+
+// --- Events ---
+
 void Server::Impl::handleEvent(const epoll_event& event) {
-  if (event.data.u64 == kListenerKey) return acceptAll();
-  if (event.data.u64 == kWakeUpKey) return runPosted();
+  switch (event.data.u64) {
+    case kListenerKey:
+      return acceptAll();
+    case kWakeUpKey:
+      return drainEvent(wakeUp_.get());
+    case kTimerKey:
+      return runDueTimers();
+    case kStopKey:
+      return;
+    default:
+      return handleConnection(event);
+  }
+}
+
+void Server::Impl::handleConnection(const epoll_event& event) {
   Connection* connection = find(event.data.u64);
   if (connection == nullptr) return;
   if ((event.events & EPOLLOUT) != 0) flush(*connection);
   if (!connection->dead && (event.events & ~EPOLLOUT) != 0) readFrom(*connection);
+  flushAll();
 }
 
 void Server::Impl::acceptAll() {
@@ -249,7 +429,7 @@ void Server::Impl::begin(UniqueFd fd) {
   connection->fd = std::move(fd);
   if (!watch(connection->fd.get(), connection->key, EPOLLIN)) return;
   const std::uint64_t key = connection->key;
-  connection->greetingTimer = timers.add(Timers::Clock::now() + kGreetingDeadline, [this, key] {
+  connection->greetingTimer = after(kGreetingDeadline, [this, key] {
     Connection* silent = find(key);
     if (silent != nullptr) close(*silent, "it did not greet in time");
   });
@@ -322,7 +502,7 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
     flush(connection);
     return close(connection, problem);
   }
-  timers.cancel(connection.greetingTimer);
+  timers_.cancel(connection.greetingTimer);
   connection.use = hello.use;
   connection.peer = peer;
   peer->connections.insert(&connection);
@@ -399,6 +579,36 @@ void Server::Impl::flush(Connection& connection) {
   watch(connection.fd.get(), connection.key, waits ? EPOLLIN | EPOLLOUT : EPOLLIN, EPOLL_CTL_MOD);
 }
 
+// Bytes leave at the end of the event that they are for: several notices to one peer in one go.
+void Server::Impl::flushLater(Connection& connection) {
+  if (!std::exchange(connection.willFlush, true)) toFlush_.push_back(&connection);
+}
+
+void Server::Impl::flushAll() {
+  if (toFlush_.size() > 1) sortToFlush();
+  for (Connection* connection : toFlush_) {
+    connection->willFlush = false;
+    if (connection->dead) continue;
+    if (!connection->waitsForRoom) flush(*connection);
+    checkBacklog(*connection);
+  }
+  toFlush_.clear();
+}
+
+// The first few who are told of a change hear of it before its writer does, whose answer would only
+// hold up their messages; but a writer does not wait for a crowd, nor for what it is told itself.
+void Server::Impl::sortToFlush() {
+  for (Connection* one : toFlush_) one->peer->isAnswered |= one->use == ConnectionUse::Requests;
+  int told = 0;
+  const auto comesFirst = [&told](const Connection* one) {
+    return !one->peer->isAnswered && ++told <= kToldBeforeAnswers;
+  };
+  const auto isAnswer = [](const Connection* one) { return one->use == ConnectionUse::Requests; };
+  const auto others = std::stable_partition(toFlush_.begin(), toFlush_.end(), comesFirst);
+  std::stable_partition(others, toFlush_.end(), isAnswer);
+  for (Connection* one : toFlush_) one->peer->isAnswered = false;
+}
+
 void Server::Impl::close(Connection& connection, const std::string& why) {
   if (connection.dead) return;
   if (!why.empty()) handler_.onLog("closed the connection of " + nameOf(connection) + ": " + why);
@@ -419,7 +629,7 @@ void Server::Impl::reap() {
 }
 
 void Server::Impl::end(Connection& connection) {
-  timers.cancel(connection.greetingTimer);
+  timers_.cancel(connection.greetingTimer);
   PeerState* peer = connection.peer;
   if (peer == nullptr) return;
   peer->connections.erase(&connection);
@@ -468,10 +678,16 @@ void Server::Impl::respond(const RequestId& request, const MessageLite& response
     return refuse(request, 0, "the answer is larger than 16 MiB");
   }
   connection->outbox.add(scratch_);
-  flush(*connection);
-  if (connection->outbox.waitingBytes() > options_.maxAnswerBytes) {
-    close(*connection, "it does not read its answers");
+  flushLater(*connection);
+}
+
+void Server::Impl::checkBacklog(Connection& connection) {
+  const bool notices = connection.outbox.queuedMessages() > options_.maxNotices;
+  if (!notices && connection.outbox.waitingBytes() <= options_.maxAnswerBytes) return;
+  if (connection.use == ConnectionUse::Requests) {
+    return close(connection, "it does not read its answers");
   }
+  close(connection, "it does not read its notices; it is brought up to date when it reconnects");
 }
 
 void Server::Impl::refuse(const RequestId& request, std::uint32_t error, const std::string& text) {
@@ -497,11 +713,7 @@ void Server::Impl::notify(PeerId id, const MessageLite& notice, std::uint64_t re
     return handler_.onLog("a notice for " + nameOf(connection) + " is larger than 16 MiB");
   }
   connection.outbox.queue(std::move(frame), key);
-  if (!connection.waitsForRoom) flush(connection);
-  if (connection.outbox.queuedMessages() > options_.maxNotices ||
-      connection.outbox.waitingBytes() > options_.maxAnswerBytes) {
-    close(connection, "it does not read its notices; it is brought up to date when it reconnects");
-  }
+  flushLater(connection);
 }
 
 std::uint32_t Server::Impl::ask(PeerId id, const MessageLite& question, std::uint64_t revision) {
@@ -517,7 +729,7 @@ std::uint32_t Server::Impl::ask(PeerId id, const MessageLite& question, std::uin
   if (!encodeFrame(header, question, frame)) return 0;
   peer->openQuestions.insert(header.sequence);
   connection.outbox.queue(std::move(frame), {});
-  if (!connection.waitsForRoom) flush(connection);
+  flushLater(connection);
   return header.sequence;
 }
 
@@ -549,11 +761,15 @@ std::uint32_t Server::ask(PeerId peer, const MessageLite& question, std::uint64_
 
 void Server::post(std::function<void()> task) { impl_->post(std::move(task)); }
 
-std::uint64_t Server::after(std::chrono::milliseconds delay, std::function<void()> task) {
-  return impl_->timers.add(Timers::Clock::now() + delay, std::move(task));
+void Server::aside(std::function<void()> work, std::function<void()> done) {
+  impl_->aside(std::move(work), std::move(done));
 }
 
-void Server::cancel(std::uint64_t timer) { impl_->timers.cancel(timer); }
+std::uint64_t Server::after(std::chrono::milliseconds delay, std::function<void()> task) {
+  return impl_->after(delay, std::move(task));
+}
+
+void Server::cancel(std::uint64_t timer) { impl_->cancel(timer); }
 
 const Peer* Server::peer(PeerId id) const {
   const PeerState* state = impl_->findPeer(id);

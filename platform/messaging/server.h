@@ -1,15 +1,16 @@
 // Server: the serving side of the message layer.
 //
-// One thread, the one in run(), accepts connections, reads frames, calls the ServerHandler and
-// writes answers: a request is answered from the thread that read it. Other threads hand work to
-// that thread with post().
+// The loop accepts connections, reads frames, calls the ServerHandler and writes answers: a request
+// is answered from the thread that read it. The loop is run by the thread in run(); while that one
+// is busy with work that blocks, see aside(), a second thread runs it. Only one thread at a time is
+// inside the loop, the handler and the functions below, so handlers need no locks.
 //
 // Peers    all connections of one endpoint of one process make one peer: they share a token and the
 //          kernel's word (uid, pid) for who is there. Only a peer's own connections answer for it.
 // Errors   a peer that sends what is no frame, half a frame, or more than it may, loses that
 //          connection; one line says why. Nothing a peer does stops the server.
-// Threads  post() and stop() from any thread, stop() also from a signal handler; all else from the
-//          thread in run(), or before it.
+// Threads  post() and stop() from any thread, stop() also from a signal handler; all else from
+//          handlers and posted tasks, or before run().
 #pragma once
 
 #include <sys/types.h>
@@ -140,10 +141,17 @@ class Server {
   std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question,
                     std::uint64_t revision);
 
-  // Runs a task on the serving thread, soon. From any thread.
+  // Runs a task with nobody else in the loop: at once, on the calling thread, when the loop is
+  // waiting; else on the thread that is in the loop, as soon as what it does now is done. From any
+  // thread.
   void post(std::function<void()> task);
 
-  // Runs a task on the serving thread at a time. The number cancels it.
+  // Runs work that blocks outside of the loop, on the thread that runs the loop now, once the events
+  // at hand are handled; then runs `done` in the loop. If events come before the work is over, a
+  // second thread goes on with the loop: no thread is woken for work during which nothing comes.
+  void aside(std::function<void()> work, std::function<void()> done);
+
+  // Runs a task in the loop at a time. The number cancels it.
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);
   void cancel(std::uint64_t timer);
 

@@ -6,7 +6,7 @@
 // Errors   a payload that is no message of its kind, and a request that is none, are refused as a
 //          whole, with a line in the log. Everything else is an error code in the answer.
 // Access   before a request is looked at, its role is held against what the kernel says of the
-// peer. Threads  one, the serving thread. Owns nothing.
+// peer. Threads  one at a time, whichever runs the server's loop. Owns nothing.
 #pragma once
 
 #include <chrono>

@@ -4,7 +4,7 @@
 // of their own behind them, where a notice takes the place of an older one with the same key: a
 // reader that is slow, or stopped, costs one notice for each variable and no more.
 //
-// Threads  the serving thread alone.
+// Threads  one at a time, whichever runs the loop.
 #pragma once
 
 #include <cstddef>

@@ -13,6 +13,7 @@ namespace PbUtility {
 class Timers {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr Clock::time_point kNever = Clock::time_point::max();
 
   std::uint64_t add(Clock::time_point when, std::function<void()> task) {
     const std::uint64_t number = ++last_;
@@ -27,13 +28,8 @@ class Timers {
     byNumber_.erase(found);
   }
 
-  // Milliseconds until the next task, rounded up; -1 when there is none.
-  int untilNext() const {
-    if (tasks_.empty()) return -1;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(tasks_.begin()->first - Clock::now());
-    return left.count() <= 0 ? 0 : static_cast<int>(left.count());
-  }
+  // When the next task is due; never when there is none.
+  Clock::time_point next() const { return tasks_.empty() ? kNever : tasks_.begin()->first; }
 
   // Runs what is due. A task may add and cancel timers.
   void runDue() {
@@ -45,8 +41,6 @@ class Timers {
       task.run();
     }
   }
-
-  bool isEmpty() const { return tasks_.empty(); }
 
  private:
   struct Task {

@@ -1,0 +1,45 @@
+// Turn: the right to touch a server's state, which one thread has at a time, and the tasks that
+// other threads leave for whoever has it.
+//
+// A task runs at once, on the thread that posts it, when nobody has the turn: waking another thread
+// for it would cost more than the task. Otherwise whoever has the turn runs it before it gives the
+// turn back. So no post is ever lost, and none waits for a thread that sleeps.
+//
+// Threads  any. lock() waits; tryLock() and post() do not, and post() may be called by the thread that
+//          has the turn.
+//          `beforeUnlock` runs, with the turn, each time it is about to be given back.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace PbUtility {
+
+class Turn {
+ public:
+  explicit Turn(std::function<void()> beforeUnlock) : beforeUnlock_(std::move(beforeUnlock)) {}
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+  void lock();
+  bool tryLock();
+  void unlock();
+  void post(std::function<void()> task);
+
+ private:
+  void runPosted();
+
+  const std::function<void()> beforeUnlock_;
+  std::mutex turn_;
+  // Only compared with the asking thread's own id, so it need not be exact for other threads.
+  std::atomic<std::thread::id> holder_{};
+
+  std::mutex mutex_;  // Guards posted_; taken last.
+  std::vector<std::function<void()>> posted_;
+  std::atomic<int> hasPosted_{0};
+};
+
+}  // namespace PbUtility
