@@ -71,8 +71,16 @@ int reportFailedStart(const StartedService& started, const Log& log) {
   return exitCodeOf(started.status);
 }
 
-// Reading the definitions takes several times the memory that they need afterwards; what the
-// allocator keeps of that for later, the device has better use for.
+// Free memory is of more use to the device than to this allocator. Small blocks are joined with what
+// is free beside them at once, rather than kept for the next of their size: they would be all that
+// keeps the heap in which the definitions were read from being given back.
+void keepLittleFreeMemory() {
+#ifdef __GLIBC__
+  mallopt(M_MXFAST, 0);
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+#endif
+}
+
 void returnFreeMemory() {
 #ifdef __GLIBC__
   malloc_trim(0);
@@ -95,6 +103,7 @@ void serve(Service& service, StopSignals& signals, const Log& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  keepLittleFreeMemory();
   ParsedCommandLine parsed = parseCommandLine(argc, argv);
   if (!parsed.commandLine) return parsed.exitCode;
   CommandLine& line = *parsed.commandLine;
