@@ -73,7 +73,7 @@ bool ConfigCache::copyValue(const ConfigVar& var, std::list<std::string>& out) c
   const Guard guard(lock_);
   const auto entry = entries_.find(var);
   if (entry == entries_.end() || !entry->second.hasValue()) return false;
-  out = entry->second.getValue();
+  out = entry->second.value_;  // An assignment reuses what out has of elements.
   return true;
 }
 
@@ -81,7 +81,7 @@ bool ConfigCache::copyFirstString(const ConfigVar& var, std::string& out) const 
   const Guard guard(lock_);
   const auto entry = entries_.find(var);
   if (entry == entries_.end() || !entry->second.hasValue()) return false;
-  out = entry->second.getSinglestringValue();
+  out = entry->second.value_.front();
   return true;
 }
 

@@ -79,6 +79,9 @@ class APPCONFIG_EXPORT ConfigValue {
   void clearOptions();
 
  private:
+  // Copies a value once, where getValue would copy it twice.
+  friend class ConfigCache;
+
   std::list<std::string> value_;
   SecurityRole readRole_ = eRolePublic;
   SecurityRole writeRole_ = eRolePublic;

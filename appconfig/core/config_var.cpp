@@ -8,9 +8,16 @@
 
 namespace {
 
+// In no locale does tolower change what is neither an upper-case letter of ASCII nor above 127, and
+// most names hold none of these, so that most are folded without a call.
+bool mayFold(unsigned char c) { return (c >= 'A' && c <= 'Z') || c > 127; }
+
 std::string folded(std::string text) {
   // tolower is undefined for negative values, which plain char has above 127 on some machines.
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (char& c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (mayFold(byte)) c = static_cast<char>(std::tolower(byte));
+  }
   return text;
 }
 
