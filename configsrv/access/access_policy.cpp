@@ -1,10 +1,13 @@
 #include "configsrv/access/access_policy.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <limits>
 #include <mutex>
 #include <string_view>
@@ -79,12 +82,44 @@ std::optional<std::uint32_t> parseId(std::string_view text) {
   return number;
 }
 
-bool doesNotExist(const std::string& path) {
-  struct stat status = {};
-  return ::stat(path.c_str(), &status) != 0 && errno == ENOENT;
-}
+// Not through a symbolic link: whoever owns the link could lead it to another file of root's.
+class OpenFile {
+ public:
+  explicit OpenFile(const std::string& path)
+      : descriptor_(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK)),
+        error_(descriptor_ < 0 ? errno : 0) {}
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  ~OpenFile() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+
+  int descriptor() const { return descriptor_; }
+  int error() const { return error_; }
+  std::string whyNotTrusted(uid_t ownUid) const {
+    if (error_ == ELOOP) return "is a symbolic link";
+    struct stat status = {};
+    if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) return {};
+    return ConfigSrv::whyNotTrusted(status.st_uid, status.st_mode, ownUid);
+  }
+
+ private:
+  int descriptor_;
+  int error_;
+};
+
+// Whoever sits at a shell uses the command line, several users at once.
+constexpr const char* kCommandLineName = "appcfg";
+constexpr const char* kEverybody = "*";
 
 }  // namespace
+
+std::string whyNotTrusted(uid_t owner, mode_t mode, uid_t ownUid) {
+  if (owner != 0 && owner != ownUid) return "belongs to user " + std::to_string(owner);
+  if ((mode & S_IWOTH) != 0) return "can be written by everybody";
+  if ((mode & S_IWGRP) != 0) return "can be written by its group";
+  return {};
+}
 
 // Reads the file into a policy that starts as the one without a file.
 class AccessReader {
@@ -102,6 +137,7 @@ class AccessReader {
   template <typename Look>
   void readTable(const TomlEntry& entry, const char* what, Look look,
                  std::map<std::uint32_t, Role>& roles);
+  void readNames(const TomlEntry& entry);
 
   std::string file_;
   const UserDatabase& users_;
@@ -147,6 +183,27 @@ void AccessReader::readTable(const TomlEntry& entry, const char* what, Look look
   }
 }
 
+void AccessReader::readNames(const TomlEntry& entry) {
+  if (entry.value.kind != TomlKind::kTable) {
+    return report(entry, quoted(entry.name) + " takes a table, as in [" + entry.name + "], not " +
+                             std::string(kindName(entry.value.kind)));
+  }
+  for (const TomlEntry& line : entry.value.table) {
+    const std::string& user = line.value.string;
+    if (line.value.kind != TomlKind::kString) {
+      report(line, quoted(line.name) + " takes a user in quotes, or \"*\" for everybody, not " +
+                       std::string(kindName(line.value.kind)));
+    } else if (user == kEverybody) {
+      result_.policy.names_[line.name] = std::nullopt;
+    } else if (const auto id = allDigits(user) ? parseId(user) : users_.userId(user)) {
+      result_.policy.names_[line.name] = *id;
+    } else {
+      report(line,
+             "this device has no user " + quoted(user) + ": correct the name, or give its number");
+    }
+  }
+}
+
 void AccessReader::read(const TomlValue& root) {
   const auto user = [this](const std::string& name) { return users_.userId(name); };
   const auto group = [this](const std::string& name) { return users_.groupId(name); };
@@ -157,17 +214,22 @@ void AccessReader::read(const TomlValue& root) {
       readTable(entry, "user", user, result_.policy.users_);
     } else if (entry.name == "groups") {
       readTable(entry, "group", group, result_.policy.groups_);
+    } else if (entry.name == "names") {
+      readNames(entry);
     } else {
-      const std::string_view nearest = nearestName(entry.name, {"default", "users", "groups"});
+      const std::string_view nearest =
+          nearestName(entry.name, {"default", "users", "groups", "names"});
       report(entry, quoted(entry.name) + " is not known here" +
-                        (nearest.empty() ? ": a file holds default, [users] and [groups]"
+                        (nearest.empty() ? ": a file holds default, [users], [groups] and [names]"
                                          : ", did you mean " + quoted(nearest) + "?"));
     }
   }
 }
 
 AccessPolicy::AccessPolicy(uid_t ownUid)
-    : ownUid_(ownUid), groupsOfUsers_(std::make_unique<Groups>(systemUserDatabase())) {}
+    : ownUid_(ownUid),
+      names_({{kCommandLineName, std::nullopt}}),
+      groupsOfUsers_(std::make_unique<Groups>(systemUserDatabase())) {}
 
 AccessPolicy::AccessPolicy(AccessPolicy&&) noexcept = default;
 AccessPolicy& AccessPolicy::operator=(AccessPolicy&&) noexcept = default;
@@ -175,10 +237,24 @@ AccessPolicy::~AccessPolicy() = default;
 
 AccessLoadResult AccessPolicy::load(const std::string& path, uid_t ownUid,
                                     const UserDatabase& users) {
-  AccessLoadResult result{AccessPolicy(ownUid), {}};
+  AccessLoadResult result{AccessPolicy(ownUid), {}, {}};
   result.policy.groupsOfUsers_ = std::make_unique<Groups>(users);
-  if (doesNotExist(path)) return result;
-  TomlDocument document = readToml(path);
+  const OpenFile file(path);
+  if (file.error() == ENOENT) return result;
+  const std::string why = file.whyNotTrusted(ownUid);
+  if (!why.empty()) {
+    result.distrust = path + ": the table of roles " + why +
+                      ", so it is not used, and only root and user " + std::to_string(ownUid) +
+                      " may act above the role user: make it a file of root's that nobody else may "
+                      "write (chown root, chmod 644)";
+    return result;
+  }
+  TomlDocument document;
+  if (file.error() != 0)
+    document.mistake =
+        Mistake{path, 0, 0, std::string("cannot be read: ") + std::strerror(file.error())};
+  else
+    document = readOpenToml(file.descriptor(), path);
   if (document.mistake) result.mistakes.push_back(std::move(*document.mistake));
   if (document.root) AccessReader(path, users, result).read(*document.root);
   if (!result.mistakes.empty()) result.policy = AccessPolicy(ownUid);
@@ -202,6 +278,14 @@ AppConfig::SecurityRole AccessPolicy::highestRole(uid_t uid, gid_t gid) const {
 bool AccessPolicy::mayClaim(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const {
   if (role < AppConfig::eRolePublic || role > AppConfig::eRoleFactory) return false;
   return role <= highestRole(uid, gid);
+}
+
+AccessPolicy::NameUse AccessPolicy::useOfName(const std::string& endpointName, uid_t uid) const {
+  const auto found = names_.find(endpointName);
+  if (found == names_.end()) return NameUse::FirstUser;
+  if (!found->second) return NameUse::Everybody;
+  const bool theirs = uid == *found->second || uid == 0 || uid == ownUid_;
+  return theirs ? NameUse::Theirs : NameUse::NotTheirs;
 }
 
 std::string AccessPolicy::denial(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const {

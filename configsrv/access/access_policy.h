@@ -8,6 +8,8 @@
 //   thermostat = "installer"
 //   [groups]                      # the primary group and all others of a user
 //   netdev = "service"
+//   [names]                       # endpoint names; see NameClaims
+//   thermostat-ui = "thermostat"  # nobody else's; "*": everybody's, many at once
 //
 // Rules    1. A user named in [users] has that role, be it higher or lower than what follows.
 //          2. Otherwise root and the service's own user may claim any role.
@@ -15,6 +17,9 @@
 //          4. Otherwise the default. Without a file that is "user".
 // Errors   all mistakes of the file are found in one run; a name that this device does not know is
 //          one. A file that does not exist is none.
+// Trust    whoever can change the file can give themselves any role. So a file that is a symbolic
+//          link, that belongs to others than root and the service's own user, or that its group or
+//          others may write, is not read: `distrust` says why, and the rules without a file hold.
 // Threads  any number of threads may ask at once.
 #pragma once
 
@@ -71,6 +76,19 @@ class AccessPolicy {
   // Why mayClaim says no: "user 1000 may act as user at most, not as installer".
   std::string denial(uid_t uid, gid_t gid, AppConfig::SecurityRole role) const;
 
+  enum class NameUse {
+    // Whoever comes first, until the last endpoint of the name is gone.
+    FirstUser,
+    // Everybody at once: the command line, and what [names] gives to "*".
+    Everybody,
+    // [names] gives it to this user.
+    Theirs,
+    // [names] gives it to another user.
+    NotTheirs,
+  };
+  // Root and the service's own user may use the name of any other user.
+  NameUse useOfName(const std::string& endpointName, uid_t uid) const;
+
  private:
   class Groups;
   friend class AccessReader;
@@ -79,13 +97,22 @@ class AccessPolicy {
   AppConfig::SecurityRole default_ = AppConfig::eRoleUser;
   std::map<uid_t, AppConfig::SecurityRole> users_;
   std::map<gid_t, AppConfig::SecurityRole> groups_;
+  // Nothing: everybody's.
+  std::map<std::string, std::optional<uid_t>> names_;
   std::unique_ptr<Groups> groupsOfUsers_;
 };
 
-// With mistakes the policy is the one without a file, and not meant to be used.
+// With mistakes the policy is the one without a file, and not meant to be used. With a distrust it
+// is the one without a file, and is.
 struct AccessLoadResult {
   AccessPolicy policy;
   std::vector<Mistake> mistakes;
+  // One line, or empty.
+  std::string distrust;
 };
+
+// Why a file or directory that decides something is not only in the hands of root and this user:
+// "belongs to user 1000" or "can be written by its group"; empty when it is.
+std::string whyNotTrusted(uid_t owner, mode_t mode, uid_t ownUid);
 
 }  // namespace ConfigSrv

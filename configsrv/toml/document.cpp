@@ -195,10 +195,13 @@ TomlDocument parseToml(std::string_view text, const std::string& file) {
 }
 
 TomlDocument readToml(const std::string& path) {
-  const OpenFile file(path);
+  return readOpenToml(OpenFile(path).descriptor(), path);
+}
+
+TomlDocument readOpenToml(int descriptor, const std::string& path) {
   std::string text;
-  std::string wrong = whyNotToRead(file.descriptor());
-  if (wrong.empty()) wrong = readAll(file.descriptor(), text);
+  std::string wrong = whyNotToRead(descriptor);
+  if (wrong.empty()) wrong = readAll(descriptor, text);
   if (!wrong.empty()) return mistaken(path, 0, 0, std::move(wrong));
   return parseToml(text, path);
 }

@@ -65,4 +65,8 @@ TomlDocument parseToml(std::string_view text, const std::string& file);
 
 TomlDocument readToml(const std::string& path);
 
+// Reads a file that the caller has opened, to its end; path is the name used in mistakes. For a
+// caller that has to know whose file it is: between two openings it could be exchanged.
+TomlDocument readOpenToml(int descriptor, const std::string& path);
+
 }  // namespace ConfigSrv

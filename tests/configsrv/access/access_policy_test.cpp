@@ -1,6 +1,8 @@
 #include "configsrv/access/access_policy.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
@@ -18,10 +20,11 @@ using AppConfig::eRolePublic;
 using AppConfig::eRoleService;
 using AppConfig::eRoleUser;
 
-constexpr uid_t kOwn = 900;
-constexpr uid_t kThermostat = 1001;
-constexpr uid_t kTechnician = 1002;
-constexpr uid_t kStranger = 1003;
+// Files belong to whoever runs the test; root's are trusted whoever the service is.
+const uid_t kOwn = getuid() == 0 ? 900 : getuid();
+constexpr uid_t kThermostat = 61001;
+constexpr uid_t kTechnician = 61002;
+constexpr uid_t kStranger = 61003;
 constexpr gid_t kUsers = 100;
 constexpr gid_t kNetdev = 101;
 constexpr gid_t kAdmin = 102;
@@ -57,6 +60,7 @@ class AccessPolicyTest : public testing::Test {
  protected:
   AccessLoadResult load(const std::string& text) {
     std::ofstream(directory_.file("roles.toml"), std::ios::binary) << text;
+    EXPECT_EQ(chmod(directory_.file("roles.toml").c_str(), 0644), 0);
     return AccessPolicy::load(directory_.file("roles.toml"), kOwn, users_);
   }
   AccessPolicy policy(const std::string& text) {
@@ -95,7 +99,7 @@ TEST_F(AccessPolicyTest, AnEmptyFileIsLikeNone) {
 
 TEST_F(AccessPolicyTest, UsersAndGroupsAreGivenByNameOrNumber) {
   const AccessPolicy roles = policy(
-      "[users]\nthermostat = \"installer\"\n1003 = \"service\"\n"
+      "[users]\nthermostat = \"installer\"\n61003 = \"service\"\n"
       "[groups]\nnetdev = \"service\"\n4711 = \"factory\"\n");
   EXPECT_EQ(roles.highestRole(kThermostat, kUsers), eRoleInstaller);
   EXPECT_EQ(roles.highestRole(kStranger, kUsers), eRoleService);
@@ -204,9 +208,10 @@ const BadFile kBadFiles[] = {
     {"[user]\nthermostat = \"user\"\n",
      "roles.toml:1:2: \"user\" is not known here, did you mean \"users\"?\n"},
     {"[access]\n",
-     "roles.toml:1:2: \"access\" is not known here: a file holds default, [users] and [groups]\n"},
-    {"[users]\nthermostat = \"user\"\n1001 = \"public\"\n",
-     "roles.toml:3:1: \"1001\" is user 1001, which has a role already\n"},
+     "roles.toml:1:2: \"access\" is not known here: a file holds default, [users], "
+     "[groups] and [names]\n"},
+    {"[users]\nthermostat = \"user\"\n61001 = \"public\"\n",
+     "roles.toml:3:1: \"61001\" is user 61001, which has a role already\n"},
     {"default = \"nobody\"\n[users]\nx = \"user\"\ny = 5\n",
      "roles.toml:1:1: \"default\" is given the role \"nobody\", which is none of public, user, "
      "installer, service, factory\n"
@@ -232,6 +237,98 @@ TEST_F(AccessPolicyTest, WhatIsNotTomlOrCannotBeReadIsAMistake) {
   EXPECT_NE(mistakes("\xff\xfe rubbish \x01"), "");
   const AccessLoadResult result = AccessPolicy::load(directory_.path(), kOwn, users_);
   ASSERT_EQ(result.mistakes.size(), 1U);
+  EXPECT_EQ(result.mistakes[0].text, "cannot be read: it is no regular file");
+}
+
+TEST_F(AccessPolicyTest, ANameThatTheFileGivesToAUserIsTheirsAndRootsAndTheServicesOwn) {
+  using NameUse = AccessPolicy::NameUse;
+  const AccessPolicy roles =
+      policy("[names]\nthermostat-ui = \"thermostat\"\n\"a/b\" = \"61003\"\npanel = \"*\"\n");
+  EXPECT_EQ(roles.useOfName("thermostat-ui", kThermostat), NameUse::Theirs);
+  EXPECT_EQ(roles.useOfName("thermostat-ui", 0), NameUse::Theirs);
+  EXPECT_EQ(roles.useOfName("thermostat-ui", kOwn), NameUse::Theirs);
+  EXPECT_EQ(roles.useOfName("thermostat-ui", kStranger), NameUse::NotTheirs);
+  EXPECT_EQ(roles.useOfName("a/b", kStranger), NameUse::Theirs);
+  EXPECT_EQ(roles.useOfName("panel", kStranger), NameUse::Everybody);
+  EXPECT_EQ(roles.useOfName("other", kStranger), NameUse::FirstUser);
+}
+
+TEST_F(AccessPolicyTest, TheCommandLinesNameIsEverybodysUnlessTheFileSaysOtherwise) {
+  using NameUse = AccessPolicy::NameUse;
+  EXPECT_EQ(policy("").useOfName("appcfg", kStranger), NameUse::Everybody);
+  EXPECT_EQ(policy("[names]\nappcfg = \"technician\"\n").useOfName("appcfg", kStranger),
+            NameUse::NotTheirs);
+}
+
+TEST_F(AccessPolicyTest, NamesThatAreGivenToNobodyAreMistakes) {
+  EXPECT_EQ(
+      mistakes("[names]\na = \"nobody-here\"\nb = 7\n"),
+      "roles.toml:2:1: this device has no user \"nobody-here\": correct the name, or give its "
+      "number\n"
+      "roles.toml:3:1: \"b\" takes a user in quotes, or \"*\" for everybody, not an integer\n");
+  EXPECT_EQ(mistakes("names = 1\n"),
+            "roles.toml:1:1: \"names\" takes a table, as in [names], not an integer\n");
+}
+
+TEST_F(AccessPolicyTest, OnlyWhatRootOrTheServicesUserAloneCanWriteIsTrusted) {
+  EXPECT_EQ(whyNotTrusted(0, 0644, kOwn), "");
+  EXPECT_EQ(whyNotTrusted(kOwn, 0600, kOwn), "");
+  EXPECT_EQ(whyNotTrusted(kStranger, 0600, kOwn), "belongs to user 61003");
+  EXPECT_EQ(whyNotTrusted(0, 0664, kOwn), "can be written by its group");
+  EXPECT_EQ(whyNotTrusted(0, 0646, kOwn), "can be written by everybody");
+}
+
+class DistrustTest : public AccessPolicyTest {
+ protected:
+  // What is read of the file when the service runs as the user of this test.
+  AccessLoadResult loadAsOwner() {
+    return AccessPolicy::load(directory_.file("roles.toml"), getuid(), users_);
+  }
+  void SetUp() override {
+    std::ofstream(directory_.file("roles.toml")) << "default = \"factory\"\n";
+    ASSERT_EQ(chmod(directory_.file("roles.toml").c_str(), 0644), 0);
+  }
+  void expectDistrust(const std::string& why) {
+    const AccessLoadResult result = loadAsOwner();
+    EXPECT_NE(result.distrust.find("roles.toml: the table of roles " + why), std::string::npos)
+        << result.distrust;
+    EXPECT_TRUE(result.mistakes.empty());
+    EXPECT_EQ(result.policy.highestRole(kStranger, kUsers), eRoleUser);
+    EXPECT_EQ(result.policy.highestRole(0, 0), eRoleFactory);
+  }
+};
+
+TEST_F(DistrustTest, AFileOfTheServicesUserThatNobodyElseMayWriteIsUsed) {
+  EXPECT_EQ(loadAsOwner().distrust, "");
+  EXPECT_EQ(loadAsOwner().policy.highestRole(kStranger, kUsers), eRoleFactory);
+}
+
+TEST_F(DistrustTest, AFileThatItsGroupOrEverybodyMayWriteIsNotUsed) {
+  ASSERT_EQ(chmod(directory_.file("roles.toml").c_str(), 0664), 0);
+  expectDistrust("can be written by its group");
+  ASSERT_EQ(chmod(directory_.file("roles.toml").c_str(), 0602), 0);
+  expectDistrust("can be written by everybody");
+}
+
+TEST_F(DistrustTest, ASymbolicLinkIsNotUsedWhereverItLeads) {
+  ASSERT_EQ(rename(directory_.file("roles.toml").c_str(), directory_.file("other").c_str()), 0);
+  ASSERT_EQ(symlink("other", directory_.file("roles.toml").c_str()), 0);
+  expectDistrust("is a symbolic link");
+  ASSERT_EQ(unlink(directory_.file("other").c_str()), 0);
+  expectDistrust("is a symbolic link");
+}
+
+TEST_F(DistrustTest, AFileOfAnotherUserIsNotUsed) {
+  if (getuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  ASSERT_EQ(chown(directory_.file("roles.toml").c_str(), kStranger, 0), 0);
+  expectDistrust("belongs to user 61003");
+}
+
+TEST_F(DistrustTest, WhatIsNoFileIsAMistake) {
+  ASSERT_EQ(unlink(directory_.file("roles.toml").c_str()), 0);
+  ASSERT_EQ(mkdir(directory_.file("roles.toml").c_str(), 0755), 0);
+  const AccessLoadResult result = loadAsOwner();
+  ASSERT_EQ(result.mistakes.size(), 1u);
   EXPECT_EQ(result.mistakes[0].text, "cannot be read: it is no regular file");
 }
 

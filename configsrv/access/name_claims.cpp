@@ -1,0 +1,55 @@
+#include "configsrv/access/name_claims.h"
+
+namespace ConfigSrv {
+
+NameClaims::Answer NameClaims::ask(const std::string& name, uid_t uid, gid_t gid) {
+  const AccessPolicy::NameUse use = policy_.useOfName(name, uid);
+  const std::string quoted = '"' + name + '"';
+  const std::string claims = "user " + std::to_string(uid) + " claims the endpoint name " + quoted;
+  if (use == AccessPolicy::NameUse::NotTheirs)
+    return refused(name, uid, claims + ", which the table of roles gives to another user");
+  if (use == AccessPolicy::NameUse::Everybody) return {};
+  const auto found = holders_.find(name);
+  if (found == holders_.end()) return {};
+  for (const auto& [holder, user] : found->second) {
+    if (holder == uid) continue;
+    const std::string held = ", which user " + std::to_string(holder) + " has";
+    const bool higher = policy_.highestRole(uid, gid) > policy_.highestRole(holder, user.gid);
+    if (!higher && use != AccessPolicy::NameUse::Theirs) return refused(name, uid, claims + held);
+    return {true, claims + held + ": both are connected now", saidBefore(name, uid)};
+  }
+  return {};
+}
+
+NameClaims::Answer NameClaims::refused(const std::string& name, uid_t uid,
+                                       const std::string& text) {
+  return {false, text, saidBefore(name, uid)};
+}
+
+bool NameClaims::saidBefore(const std::string& name, uid_t uid) {
+  if (said_.size() >= kMaxSaid) said_.clear();
+  return !said_.emplace(name, uid).second;
+}
+
+void NameClaims::came(const std::string& name, uid_t uid, gid_t gid) {
+  User& user = holders_[name][uid];
+  user.gid = gid;
+  ++user.endpoints;
+}
+
+// With the last endpoint of a name goes what was said about it: the next holder is another case.
+void NameClaims::went(const std::string& name, uid_t uid) {
+  const auto found = holders_.find(name);
+  if (found == holders_.end()) return;
+  const auto user = found->second.find(uid);
+  if (user == found->second.end() || --user->second.endpoints > 0) return;
+  found->second.erase(user);
+  if (!found->second.empty()) return;
+  holders_.erase(found);
+  const auto first = said_.lower_bound({name, 0});
+  auto last = first;
+  while (last != said_.end() && last->first == name) ++last;
+  said_.erase(first, last);
+}
+
+}  // namespace ConfigSrv
