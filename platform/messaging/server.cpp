@@ -169,6 +169,8 @@ class Server::Impl {
   void take(Connection& connection, const FrameHeader& header, std::string_view payload);
   void greet(Connection& connection, std::string_view payload);
   PeerState* peerFor(Connection& connection, const Hello& hello, std::string& problem);
+  PeerState* newPeer(const Connection& connection, const Hello& hello, std::string& refusal);
+  void refuseGreeting(Connection& connection, const std::string& text, const std::string& toLog);
   void becomeDelivery(Connection& connection);
   void request(Connection& connection, const FrameHeader& header, std::string_view payload);
   void answer(Connection& connection, const FrameHeader& header, std::string_view payload);
@@ -494,14 +496,11 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   Hello hello;
   std::string problem = decode(payload, hello);
   if (!problem.empty()) return close(connection, problem);
-  PeerState* peer = peerFor(connection, hello, problem);
-  if (peer == nullptr) {
-    FrameHeader header;
-    header.kind = FrameKind::Refusal;
-    connection.outbox.add(header, encode(Refusal{0, problem}));
-    flush(connection);
-    return close(connection, problem);
-  }
+  std::string refusal;
+  const bool isNew = peers_.count(hello.token) == 0;
+  PeerState* peer =
+      isNew ? newPeer(connection, hello, refusal) : peerFor(connection, hello, problem);
+  if (peer == nullptr) return refuseGreeting(connection, isNew ? refusal : problem, problem);
   timers_.cancel(connection.greetingTimer);
   connection.use = hello.use;
   connection.peer = peer;
@@ -514,22 +513,34 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   flush(connection);
 }
 
+void Server::Impl::refuseGreeting(Connection& connection, const std::string& text,
+                                  const std::string& toLog) {
+  FrameHeader header;
+  header.kind = FrameKind::Refusal;
+  connection.outbox.add(header, encode(Refusal{0, text}));
+  flush(connection);
+  close(connection, toLog);
+}
+
+PeerState* Server::Impl::newPeer(const Connection& connection, const Hello& hello,
+                                 std::string& refusal) {
+  auto state = std::make_unique<PeerState>();
+  state->token = hello.token;
+  state->peer = {0, hello.name, connection.who.uid, connection.who.gid, connection.who.pid};
+  refusal = handler_.onGreeting(state->peer);
+  if (!refusal.empty()) return nullptr;
+  state->peer.id = ++lastPeer_;
+  PeerState* peer = state.get();
+  peersById_.emplace(peer->peer.id, peer);
+  peers_.emplace(hello.token, std::move(state));
+  handler_.onPeerCame(peer->peer);
+  return peer;
+}
+
 PeerState* Server::Impl::peerFor(Connection& connection, const Hello& hello, std::string& problem) {
-  const auto found = peers_.find(hello.token);
-  if (found == peers_.end()) {
-    auto state = std::make_unique<PeerState>();
-    state->token = hello.token;
-    state->peer = {++lastPeer_, hello.name, connection.who.uid, connection.who.gid,
-                   connection.who.pid};
-    PeerState* peer = state.get();
-    peersById_.emplace(peer->peer.id, peer);
-    peers_.emplace(hello.token, std::move(state));
-    handler_.onPeerCame(peer->peer);
-    return peer;
-  }
-  PeerState* peer = found->second.get();
+  PeerState* peer = peers_.find(hello.token)->second.get();
   if (peer->peer.pid != connection.who.pid || peer->peer.uid != connection.who.uid ||
-      peer->peer.name != hello.name) {
+      peer->peer.gid != connection.who.gid || peer->peer.name != hello.name) {
     problem = "it claims to be client \"" + peer->peer.name + "\" of another process";
     return nullptr;
   }

@@ -81,6 +81,12 @@ class ServerHandler {
   // The question is over: no further answer comes. Called exactly once for each question that
   // ask() took; also, with peerGone, when the peer's delivery connection ends first.
   virtual void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) = 0;
+  // A peer that is not known yet has greeted; it has no id yet. Empty: it may come; else it is told
+  // this text, and its connection ends. The handler does the logging.
+  virtual std::string onGreeting(const Peer& peer) {
+    static_cast<void>(peer);
+    return {};
+  }
   // The peer's first connection has greeted. Nothing of it was handled before.
   virtual void onPeerCame(const Peer& peer) { static_cast<void>(peer); }
   // The peer's last connection is gone. Its questions were ended before.
