@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,9 @@ struct Requester {
   AppConfig::SecurityRole role = AppConfig::eRolePublic;
   // The peer's delivery thread waits for the outcome, so it answers no question until then.
   bool insideReceiver = false;
+  // Who the peer is, for a change that may end after the peer is gone; null unless somebody records
+  // changes (ChangeObserver).
+  std::shared_ptr<const PbUtility::Peer> caller{};
 };
 
 struct ChangeRequest {
@@ -41,5 +45,17 @@ struct ChangeOutcome {
 
 // Called once for each change, in the loop, perhaps before submit() returns.
 using ChangeDone = std::function<void(const ChangeOutcome& outcome)>;
+
+class Variable;
+
+// Records how changes end.
+class ChangeObserver {
+ public:
+  virtual ~ChangeObserver() = default;
+  // Called once for each change, before its requester is answered. The variable, null when there is
+  // none, still is as it was before the change. Validations are not told.
+  virtual void changeEnds(const ChangeRequest& request, const Variable* variable,
+                          const ChangeOutcome& outcome) = 0;
+};
 
 }  // namespace ConfigSrv

@@ -57,8 +57,9 @@ class Check {
     const std::vector<std::string>& options =
         change.options ? *change.options : variable_.options();
     const std::uint32_t index = change.defaultIndex.value_or(variable_.defaultIndex());
-    return firstFailure([&] { return mayWrite(); }, [&] { return canBeWritten(); },
-                        [&] { return sizeFits(options); }, [&] { return optionsFit(options); },
+    return firstFailure([&] { return mayWrite(); }, [&] { return mayReadOptions(); },
+                        [&] { return canBeWritten(); }, [&] { return sizeFits(options); },
+                        [&] { return optionsFit(options); },
                         [&] { return indexFits(index, options); },
                         [&] { return valueIsAmong(options); });
   }
@@ -81,6 +82,14 @@ class Check {
     if (role() >= variable_.writeRole()) return {};
     return fail(eErrDenied,
                 "writing needs the role " + text(variable_.writeRole()) + ", not " + text(role()));
+  }
+
+  // Whether new options fit tells whether the value is among them, and so, asked often enough, what
+  // the value is.
+  ChangeOutcome mayReadOptions() const {
+    if (role() >= variable_.readRole()) return {};
+    return fail(eErrDenied, "changing its options needs the role " + text(variable_.readRole()) +
+                                ", for that tells of its value, not " + text(role()));
   }
 
   // Who may only write must not give themselves the right to read.
@@ -118,8 +127,17 @@ class Check {
   }
 
   ChangeOutcome valueFits(const std::list<std::string>& value) const {
-    const std::string why = checkValue(shape(), variable_.options(), value);
-    return why.empty() ? ChangeOutcome{} : fail(eErrInvalidValue, why);
+    std::string why = checkValue(shape(), variable_.options(), value);
+    if (why.empty()) return {};
+    if (role() < variable_.readRole() && isAboutOptions(value))
+      why = "the value is none of its options";
+    return fail(eErrInvalidValue, why);
+  }
+
+  // Whether a value that does not fit would, were it among the options. The reason then names the
+  // options, which are for readers alone.
+  bool isAboutOptions(const std::list<std::string>& value) const {
+    return checkValue(shape(), {value.begin(), value.end()}, value).empty();
   }
 
   ChangeOutcome optionsFit(const std::vector<std::string>& options) const {

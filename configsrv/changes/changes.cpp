@@ -91,19 +91,21 @@ ChangeOutcome notFound(const ConfigVar& key) {
 class Changes::Impl {
  public:
   Impl(Model& model, const Subscriptions& subscriptions, Announcer& announcer, Host& host,
-       const Log& log, ChangesOptions options)
+       const Log& log, ChangesOptions options, ChangeObserver* observer)
       : model_(model),
         subscriptions_(subscriptions),
         announcer_(announcer),
         host_(host),
         log_(log),
-        options_(options) {}
+        options_(options),
+        observer_(observer) {}
 
   void submit(ChangeRequest request, ChangeDone done);
   void validate(ChangeRequest request, ChangeDone done);
   void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload);
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone);
+  void providersCame();
   void stop();
   std::size_t underWay() const { return changes_.size(); }
   const ChangeCounters& counters() const { return counters_; }
@@ -121,6 +123,7 @@ class Changes::Impl {
   // The phases.
   void setState(Change& change, State state);
   void begin(Change& change);
+  void beginToValidate(Change& change);
   void beginPhase(Change& change, State state);
   std::vector<Provider> providersOf(const Change& change) const;
   void askNext(Change& change);
@@ -141,6 +144,7 @@ class Changes::Impl {
   void fail(Change& change, eErrorT error, const std::string& text);
   void end(Change& change, const ChangeOutcome& outcome);
   void count(const Change& change, const ChangeOutcome& outcome);
+  void record(const Change& change, const ChangeOutcome& outcome) const;
   void workOffReleased();
   void release(const Variable* variable);
 
@@ -157,12 +161,15 @@ class Changes::Impl {
   Host& host_;
   const Log& log_;
   const ChangesOptions options_;
+  ChangeObserver* const observer_;
 
   std::unordered_map<Number, std::unique_ptr<Change>> changes_;
   std::unordered_map<const Variable*, Queue> queues_;
   std::map<QuestionId, Number> questions_;
   // Changes that a peer's delivery thread waits for.
   std::unordered_map<PeerId, std::unordered_set<Number>> awaitedInside_;
+  // Changes that wait for a provider's return, in the order in which they came.
+  std::vector<Number> held_;
   std::vector<const Variable*> released_;
   bool workingOff_ = false;
   bool stopped_ = false;
@@ -188,12 +195,13 @@ void Changes::Impl::admit(ChangeRequest request, ChangeDone done, bool validateO
   const ChangeOutcome refusal = refusalOf(variable, request);
   if (refusal.error != eErrNone) {
     if (!validateOnly) ++counters_.refused;
+    if (!validateOnly && observer_ != nullptr) observer_->changeEnds(request, variable, refusal);
     return done(refusal);
   }
   Change& change = remember(*variable, std::move(request), std::move(done));
   change.validateOnly = validateOnly;
   if (validateOnly)
-    beginPhase(change, State::Validating);
+    beginToValidate(change);
   else
     enqueue(change);
 }
@@ -261,9 +269,32 @@ void Changes::Impl::begin(Change& change) {
     return end(change, unchanged);
   }
   if (changesValue(change.request.what))
-    beginPhase(change, State::Validating);
+    beginToValidate(change);
   else
     commit(change);
+}
+
+// A provider that was there when the service ended must not miss a change because the service was
+// quicker to come back than the provider.
+void Changes::Impl::beginToValidate(Change& change) {
+  if (!host_.expectsProvider(*change.variable)) return beginPhase(change, State::Validating);
+  log_.debug(formatKey(change.key()) + ": a change waits for the return of a provider");
+  held_.push_back(change.number);
+}
+
+void Changes::Impl::providersCame() {
+  const std::vector<Number> held = std::exchange(held_, {});
+  for (const Number number : held) {
+    Change* change = find(number);
+    if (change == nullptr) continue;
+    if (host_.expectsProvider(*change->variable))
+      held_.push_back(number);
+    else if (change->validateOnly)
+      beginPhase(*change, State::Validating);
+    else
+      begin(*change);
+  }
+  workOffReleased();
 }
 
 void Changes::Impl::beginPhase(Change& change, State state) {
@@ -281,6 +312,9 @@ std::vector<Provider> Changes::Impl::providersOf(const Change& change) const {
     if (subscriber.role < change.variable->readRole()) {
       log_.debug(formatKey(change.key()) + ": " + std::string(subscriber.clientName) +
                  " is not asked about a change, for its role may not read it");
+    } else if (!host_.mayProvide(subscriber.peer, *change.variable)) {
+      log_.debug(formatKey(change.key()) + ": " + std::string(subscriber.clientName) +
+                 " is not asked about a change, for its user may not write it");
     } else if (providers.empty() || providers.back().peer != subscriber.peer) {
       providers.push_back({subscriber.peer, std::string(subscriber.clientName)});
     }
@@ -346,9 +380,10 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   const Variable& variable = *change.variable;
   const StoreChange what = asStored(variable, change.request.what);
   const Announcer::Roles before{variable.readRole(), variable.writeRole()};
-  model_.apply(what, revision);
   ChangeOutcome outcome;
   outcome.revision = revision;
+  record(change, outcome);
+  model_.apply(what, revision);
   end(change, outcome);
   announce(variable, what, before);
 }
@@ -443,6 +478,7 @@ void Changes::Impl::end(Change& change, const ChangeOutcome& outcome) {
   closeQuestion(change);
   setState(change, State::Ended);
   count(change, outcome);
+  if (outcome.revision == 0) record(change, outcome);
   const auto found = changes_.find(change.number);
   const std::unique_ptr<Change> ended = std::move(found->second);
   changes_.erase(found);
@@ -466,6 +502,11 @@ void Changes::Impl::count(const Change& change, const ChangeOutcome& outcome) {
     ++counters_.unchanged;
   else
     ++counters_.commits;
+}
+
+void Changes::Impl::record(const Change& change, const ChangeOutcome& outcome) const {
+  if (change.validateOnly || observer_ == nullptr) return;
+  observer_->changeEnds(change.request, change.variable, outcome);
 }
 
 void Changes::Impl::workOffReleased() {
@@ -550,8 +591,9 @@ const Change* Changes::Impl::find(Number number) const {
 // --- Changes ---
 
 Changes::Changes(Model& model, const Subscriptions& subscriptions, Announcer& announcer, Host& host,
-                 const Log& log, ChangesOptions options)
-    : impl_(std::make_unique<Impl>(model, subscriptions, announcer, host, log, options)) {}
+                 const Log& log, ChangesOptions options, ChangeObserver* observer)
+    : impl_(std::make_unique<Impl>(model, subscriptions, announcer, host, log, options, observer)) {
+}
 Changes::~Changes() = default;
 
 void Changes::submit(ChangeRequest request, ChangeDone done) {
@@ -567,6 +609,7 @@ void Changes::onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messag
 void Changes::onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) {
   impl_->onQuestionDone(peer, question, peerGone);
 }
+void Changes::providersCame() { impl_->providersCame(); }
 void Changes::stop() { impl_->stop(); }
 std::size_t Changes::underWay() const { return impl_->underWay(); }
 const ChangeCounters& Changes::counters() const { return impl_->counters(); }

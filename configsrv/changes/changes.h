@@ -6,10 +6,12 @@
 //
 // Order    changes of one variable run one after another, in the order of their requests; those of
 //          different variables never wait for each other.
-// Providers are those peers that registered for the variable and whose role may read it. Each is
-//          asked once per phase, one at a time. A refusal fails the change with eErrVetoed and
+// Providers are those peers that registered for the variable, whose role may read it, and whose
+//          user may write it (Host::mayProvide). Each is asked once per phase, one at a time. A refusal fails the change with eErrVetoed and
 //          their messages. A provider that answers nothing, or that the variable is none of its
 //          business, has no objection.
+// Restart  as long as a provider of the variable is expected back (Host::expectsProvider), a change
+//          or validation of its value waits before anybody is asked; those behind it wait too.
 // Faults   a provider that dies fails the change at once with eErrUnavailable, one that does not
 //          answer by the deadline with eErrTimedOut, a store that cannot keep it with eErrStorage.
 //          Whoever was told the new value on change is then told the one that still holds.
@@ -52,8 +54,9 @@ struct ChangeCounters {
 
 class Changes {
  public:
+  // The observer, when there is one, outlives this object.
   Changes(Model& model, const Subscriptions& subscriptions, Announcer& announcer, Host& host,
-          const Log& log, ChangesOptions options = {});
+          const Log& log, ChangesOptions options = {}, ChangeObserver* observer = nullptr);
   ~Changes();
   Changes(const Changes&) = delete;
   Changes& operator=(const Changes&) = delete;
@@ -63,6 +66,9 @@ class Changes {
   // Whether a change would be accepted: checks it and asks the providers' dynamic validation, right
   // now and without waiting for changes on their way. Changes nothing.
   void validate(ChangeRequest request, ChangeDone done);
+
+  // A provider that was expected is back, or is not expected any more.
+  void providersCame();
 
   // What the serving side hears; see PbUtility::ServerHandler.
   void onAnswer(PbUtility::PeerId peer, std::uint32_t question, std::uint32_t messageId,

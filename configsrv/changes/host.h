@@ -17,6 +17,8 @@
 
 namespace ConfigSrv {
 
+class Variable;
+
 class Host {
  public:
   virtual ~Host() = default;
@@ -27,6 +29,13 @@ class Host {
   // Queues a notice for a peer; of waiting ones with the same key only the newest counts.
   virtual void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice,
                       const std::string& coalescingKey) = 0;
+
+  // Whether the kernel's word for the peer is good enough to be asked about changes of the variable:
+  // who may refuse every value of it has to be one who may write it.
+  virtual bool mayProvide(PbUtility::PeerId peer, const Variable& variable) const = 0;
+  // Whether a provider of the variable is expected back any moment: it was there when the service
+  // ended. Changes::providersCame() tells that the answer may have become another.
+  virtual bool expectsProvider(const Variable& variable) const = 0;
 
   // Runs a task later. The number, never 0, cancels it.
   virtual std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) = 0;

@@ -27,17 +27,30 @@ void addServiceOptions(CLI::App& app, CommandLine& line) {
       ->type_name("DIR");
   app.add_option("--roles", line.service.rolesFile, "Which user may claim which role (TOML)")
       ->type_name("FILE");
+  app.add_option("--audit", line.service.auditFile,
+                 "Record every change, made or refused, in this file (JSON lines); else nowhere")
+      ->type_name("FILE");
   app.add_option("--prefix", line.service.endpointPrefix,
                  "Prefix of the endpoint: serves PREFIX/ConfigSrvc instead of ConfigSrvc")
       ->type_name("PREFIX");
 }
 
-// Positive, and small enough to be added to a time.
-void addDeadline(CLI::App& app, long long& deadline) {
-  app.add_option("--provider-deadline", deadline,
+// In milliseconds, and small enough to be added to a time.
+struct Times {
+  long long deadline;
+  long long grace;
+};
+
+void addTimes(CLI::App& app, Times& times) {
+  app.add_option("--provider-deadline", times.deadline,
                  "How long a provider may take to answer a question, in ms (3000)")
       ->type_name("MS")
       ->check(CLI::Range(1LL, 3'600'000LL));
+  app.add_option("--provider-grace", times.grace,
+                 "How long after a restart changes wait for a provider that was there before and "
+                 "still runs, in ms (2000)")
+      ->type_name("MS")
+      ->check(CLI::Range(0LL, 3'600'000LL));
 }
 
 void addLogLevel(CLI::App& app, LogLevel& level) {
@@ -71,9 +84,9 @@ ParsedCommandLine ended(int exitCode) { return {std::nullopt, exitCode}; }
 ParsedCommandLine parseCommandLine(int argc, char** argv) {
   CLI::App app("Configuration service: serves the variables that the definitions name.");
   CommandLine line;
-  long long deadline = line.service.providerDeadline.count();
+  Times times{line.service.providerDeadline.count(), line.service.providerGrace.count()};
   addServiceOptions(app, line);
-  addDeadline(app, deadline);
+  addTimes(app, times);
   addLogLevel(app, line.logLevel);
   app.add_option("--check", line.checkDir, "Check the definitions of a directory and end")
       ->type_name("DIR");
@@ -86,7 +99,8 @@ ParsedCommandLine parseCommandLine(int argc, char** argv) {
     app.exit(error);
     return ended(wasAnswer ? kExitOk : kExitUsage);
   }
-  line.service.providerDeadline = std::chrono::milliseconds(deadline);
+  line.service.providerDeadline = std::chrono::milliseconds(times.deadline);
+  line.service.providerGrace = std::chrono::milliseconds(times.grace);
   const std::string problem = missing(line, std::getenv("LISTEN_FDS") != nullptr);
   if (problem.empty()) return {line, kExitOk};
   std::cerr << problem << "\nRun with --help for more information.\n";

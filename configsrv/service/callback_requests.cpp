@@ -1,4 +1,6 @@
 // Requests about callbacks, and submits.
+#include <algorithm>
+
 #include "appconfig/core/key_notation.h"
 #include "configsrv/service/internal/requests.h"
 
@@ -25,14 +27,54 @@ void Requests::registerCallback(const Call& call,
   }
   const Registration registration{request.name(), request.type(), request.endpoint_name(),
                                   request.client_name(), call.by.role};
+  const bool provides = isProvider(request);
+  if (provides && !mayProvideAny(call, registration.name)) {
+    refuseProvider(call, registration);
+    setError(result, eErrDenied,
+             registration.name +
+                 ": the role is too low to provide it, which takes the right to "
+                 "read it and a user who may write it");
+    return respond(call.id, response);
+  }
   const std::string refusal = with_.subscriptions.add(call.by.peer, registration);
   if (!refusal.empty()) {
     with_.log.warning("a registration of " + call.by.clientName + " refused: " + refusal);
     setError(result, eErrLimit, refusal);
     return respond(call.id, response);
   }
+  const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
+  const bool isBack =
+      provides && peer != nullptr && with_.providers.registered(*peer, registration);
   respond(call.id, response);
+  if (isBack) with_.changes.providersCame();
   with_.announcer.bringUpToDate(call.by.peer, registration, call.knownRevision);
+}
+
+bool Requests::isProvider(const ConfigIF::RegisterClientCallbackReq& request) const {
+  return request.type() == ConfigIF::CALLBACK_ON_CHANGE ||
+         request.type() == ConfigIF::CALLBACK_DYNAMIC_VALIDATE;
+}
+
+// A name that nothing has is anybody's: it stands for what definitions may bring later.
+bool Requests::mayProvideAny(const Call& call, const std::string& name) const {
+  const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
+  if (peer == nullptr) return false;
+  const AppConfig::SecurityRole highest = with_.access.highestRole(peer->uid, peer->gid);
+  const std::vector<const Variable*> covered = with_.model.covered(lowerCase(name));
+  return covered.empty() ||
+         std::any_of(covered.begin(), covered.end(), [&](const Variable* variable) {
+           return call.by.role >= variable->readRole() && highest >= variable->writeRole();
+         });
+}
+
+// A provider that was one before the restart is not waited for either.
+void Requests::refuseProvider(const Call& call, const Registration& registration) {
+  const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
+  if (peer == nullptr) return;
+  with_.log.warning("client \"" + peer->name + "\" (pid " + std::to_string(peer->pid) + ", uid " +
+                    std::to_string(peer->uid) + ") denied: it may not provide \"" +
+                    registration.name + "\"");
+  if (with_.providers.refused(*peer, registration)) with_.changes.providersCame();
 }
 
 void Requests::unregisterCallback(const Call& call,
@@ -42,7 +84,8 @@ void Requests::unregisterCallback(const Call& call,
     return setError(*response.mutable_result(), eErrInvalidRequest, "unknown callback type");
   if (!with_.subscriptions.remove(call.by.peer, request.name(), request.type(),
                                   request.endpoint_name()))
-    setError(*response.mutable_result(), eErrNotFound, "there is no such registration");
+    return setError(*response.mutable_result(), eErrNotFound, "there is no such registration");
+  with_.providers.withdrawn(call.by.peer, with_.subscriptions);
 }
 
 // Carries no role, so there is none to check; it only ever takes what the peer itself has given.
@@ -50,6 +93,7 @@ void Requests::unregisterAll(const Incoming& incoming) {
   ConfigIF::UnregisterAllClientCallbacksReq request;
   if (!parse(incoming, request)) return;
   with_.subscriptions.removeAll(incoming.peer.id, request.client_name());
+  with_.providers.withdrawn(incoming.peer.id, with_.subscriptions);
   ConfigIF::UnregisterAllClientCallbacksRsp response;
   response.mutable_result();
   respond(incoming.id, response);

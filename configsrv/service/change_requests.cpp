@@ -61,6 +61,18 @@ ConfigIF::SetAccessLevelsRsp accessAnswer(const NamedVariables& named,
   return response;
 }
 
+StoreChange::SetOptions optionsOf(const ConfigIF::SetAttributeOptionsReq& request) {
+  StoreChange::SetOptions options;
+  options.options.emplace(request.options().begin(), request.options().end());
+  if (request.has_default_index()) options.defaultIndex = request.default_index();
+  return options;
+}
+
+StoreChange::SetAccess accessOf(const ConfigIF::SetAccessLevelsReq& request) {
+  return {roleIf(request.has_read_role(), request.read_role()),
+          roleIf(request.has_write_role(), request.write_role())};
+}
+
 }  // namespace
 
 // How the outcome of a change becomes the answer to its request.
@@ -142,10 +154,7 @@ void Requests::resetNodeValue(const Call& call, const ConfigIF::ResetNodeValueRe
 }
 
 void Requests::setOptions(const Call& call, const ConfigIF::SetAttributeOptionsReq& request) {
-  StoreChange::SetOptions options;
-  options.options.emplace(request.options().begin(), request.options().end());
-  if (request.has_default_index()) options.defaultIndex = request.default_index();
-  submitOne(call, request.inst(), std::move(options),
+  submitOne(call, request.inst(), optionsOf(request),
             answering<ConfigIF::SetAttributeOptionsRsp>(call));
 }
 
@@ -155,8 +164,7 @@ void Requests::resetAttribute(const Call& call, const ConfigIF::ResetAttributeRe
 }
 
 void Requests::setAccessLevels(const Call& call, const ConfigIF::SetAccessLevelsReq& request) {
-  const StoreChange::SetAccess access{roleIf(request.has_read_role(), request.read_role()),
-                                      roleIf(request.has_write_role(), request.write_role())};
+  const StoreChange::SetAccess access = accessOf(request);
   NamedVariables named = namedBy(request.inst());
   std::vector<StoreChange> changes;
   for (const ConfigVar& key : named.keys) changes.push_back({key, access});
@@ -165,6 +173,47 @@ void Requests::setAccessLevels(const Call& call, const ConfigIF::SetAccessLevels
       [this, id = call.id, named = std::move(named)](const ChangeBatch::Result& result) {
         respond(id, accessAnswer(named, result));
       });
+}
+
+// --- What was denied before it became a change ---
+
+void Requests::recordDenied(const Call& call, const ConfigIF::Inst& inst, Wanted what,
+                            const ChangeOutcome& outcome) {
+  const std::optional<ConfigVar> key = readInst(inst);
+  if (!key) return;
+  with_.audit->changeEnds({call.by, {*key, std::move(what)}}, with_.model.find(*key), outcome);
+}
+
+void Requests::recordDenied(const Call& call, const ConfigIF::WriteReq& request,
+                            const ChangeOutcome& outcome) {
+  recordDenied(call, request.value().inst(),
+               StoreChange::SetValue{listOf(request.value().values())}, outcome);
+}
+
+void Requests::recordDenied(const Call& call, const ConfigIF::ResetValueReq& request,
+                            const ChangeOutcome& outcome) {
+  recordDenied(call, request.inst(), StoreChange::ResetValue{}, outcome);
+}
+
+void Requests::recordDenied(const Call& call, const ConfigIF::ResetNodeValueReq& request,
+                            const ChangeOutcome& outcome) {
+  with_.audit->refusedBelow(call.by, "reset", request.name(), outcome);
+}
+
+void Requests::recordDenied(const Call& call, const ConfigIF::SetAttributeOptionsReq& request,
+                            const ChangeOutcome& outcome) {
+  recordDenied(call, request.inst(), optionsOf(request), outcome);
+}
+
+void Requests::recordDenied(const Call& call, const ConfigIF::SetAccessLevelsReq& request,
+                            const ChangeOutcome& outcome) {
+  for (const ConfigIF::Inst& inst : request.inst())
+    recordDenied(call, inst, accessOf(request), outcome);
+}
+
+void Requests::recordDenied(const Call& call, const ConfigIF::ResetAttributeReq& request,
+                            const ChangeOutcome& outcome) {
+  with_.audit->refusedBelow(call.by, "reset-attributes", request.name(), outcome);
 }
 
 }  // namespace ConfigSrv

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/role_names.h"
@@ -99,10 +100,16 @@ void Requests::answerLater(const Incoming& incoming) {
   Response response;
   Call call;
   if (!parse(incoming, request)) return;
-  if (admit(incoming, request.client_name(), request.role(), call, *response.mutable_result()))
-    (this->*answer)(call, request);
-  else
-    respond(incoming.id, response);
+  const bool admitted =
+      admit(incoming, request.client_name(), request.role(), call, *response.mutable_result());
+  if (with_.audit != nullptr)
+    call.by.caller = std::make_shared<const PbUtility::Peer>(incoming.peer);
+  if (admitted) return (this->*answer)(call, request);
+  if (with_.audit != nullptr) {
+    const ConfigIF::ReturnMessage& result = response.result();
+    recordDenied(call, request, {eErrDenied, false, {result.messages(0)}, 0});
+  }
+  respond(incoming.id, response);
 }
 
 Requests::Handler Requests::handlerOf(std::uint32_t messageId) {

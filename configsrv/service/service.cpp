@@ -1,16 +1,21 @@
 #include "configsrv/service/service.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "configsrv/access/access_policy.h"
+#include "configsrv/access/name_claims.h"
+#include "configsrv/audit/audit_trail.h"
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
+#include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
@@ -58,6 +63,51 @@ std::vector<std::string> linesOf(const std::vector<Mistake>& mistakes) {
   return lines;
 }
 
+// Beside the socket; without a place for one nothing is remembered.
+std::string providerFile(const ServiceOptions& options) {
+  const ServerOptions server = serverOptions(options, 0, 0);
+  std::string path;
+  if (!PbUtility::socketPath(server.runtimeDir, server.name, path).empty()) return {};
+  return path + ".providers";
+}
+
+std::string whyNotTrustedAt(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return {};
+  return whyNotTrusted(status.st_uid, status.st_mode, ::geteuid());
+}
+
+// Definitions decide about values and roles. They are used all the same, for without them there is
+// no service, but whoever looks after the device should know.
+void warnOfDistrusted(const std::string& directory, const Log& log) {
+  std::vector<std::string> paths{directory};
+  if (DIR* stream = ::opendir(directory.c_str())) {
+    while (const dirent* entry = ::readdir(stream)) {
+      if (entry->d_name[0] != '.') paths.push_back(directory + '/' + entry->d_name);
+    }
+    ::closedir(stream);
+  }
+  std::sort(paths.begin(), paths.end());
+  for (const std::string& path : paths) {
+    const std::string why = whyNotTrustedAt(path);
+    if (!why.empty())
+      log.warning(path + ": this definition " + why +
+                  ", who can thereby change who may do what: make it root's alone");
+  }
+}
+
+// Who may write the socket's directory may put a socket of their own in its place.
+void warnOfRuntimeDir(const ServiceOptions& options, const Log& log) {
+  const std::string socket = providerFile(options);
+  if (socket.empty() || options.listenFd >= 0) return;
+  const std::string directory = socket.substr(0, socket.rfind('/'));
+  const std::string why = whyNotTrustedAt(directory);
+  if (!why.empty())
+    log.warning(
+        directory + ": the socket's directory " + why +
+        ", who can thereby take the service's place: make it root's or the service's alone");
+}
+
 StartedService failed(StartStatus status, std::vector<std::string> lines) {
   StartedService result;
   result.status = status;
@@ -74,10 +124,15 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
       : options_(std::move(options)),
         log_(log),
         access_(std::move(access)),
+        names_(access_),
+        audit_(options_.auditFile.empty() ? nullptr
+                                          : std::make_unique<AuditTrail>(options_.auditFile, log)),
+        providers_(providerFile(options_), log),
         store_(std::move(opened.store)),
         model_(std::move(definitions)),
         announcer_(model_, subscriptions_, *this),
-        changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_)),
+        changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),
+                 audit_.get()),
         server_(serverOptions(options_, epochOf(store_->storeId(), model_.definitions().digest()),
                               model_.size()),
                 *this),
@@ -86,7 +141,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
                    server_.notify(to, notice, model_.revision(), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_}),
+                   server_, providers_, audit_.get()}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
@@ -114,6 +169,15 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     const PbUtility::Peer* to = server_.peer(peer);
     if (to != nullptr) monitor_.noticeLeaves(*to, notice);
   }
+  // How often is looked whether an expected provider's process still lives.
+  static constexpr std::chrono::milliseconds kProviderCheck{20};
+
+  void expectProviders();
+  void watchExpectedProviders();
+  bool mayProvide(uid_t uid, gid_t gid, const Variable& variable) const {
+    return access_.mayClaim(uid, gid, variable.writeRole());
+  }
+
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
   void beginToStop();
@@ -130,10 +194,14 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     if (monitor_.isActive()) monitor_.questionDone(peer, question, peerGone);
     changes_.onQuestionDone(peer, question, peerGone);
   }
+  std::string onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override {
+    names_.came(peer.name, peer.uid, peer.gid);
     if (monitor_.isActive()) monitor_.peerCame(peer);
   }
   void onPeerGone(const PbUtility::Peer& peer) override {
+    names_.went(peer.name, peer.uid);
+    providers_.gone(peer.id);
     subscriptions_.forget(peer.id);
     monitor_.remove(peer.id);
     if (monitor_.isActive()) monitor_.peerWent(peer);
@@ -153,6 +221,11 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     if (monitor_.isActive()) reportNotice(peer, notice);
     server_.notify(peer, notice, model_.revision(), coalescingKey);
   }
+  bool mayProvide(PeerId id, const Variable& variable) const override {
+    const PbUtility::Peer* peer = server_.peer(id);
+    return peer != nullptr && mayProvide(peer->uid, peer->gid, variable);
+  }
+  bool expectsProvider(const Variable& variable) const override;
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) override {
     return server_.after(delay, std::move(task));
   }
@@ -165,6 +238,9 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   const ServiceOptions options_;
   const Log& log_;
   const AccessPolicy access_;
+  NameClaims names_;
+  const std::unique_ptr<AuditTrail> audit_;
+  ProviderMemory providers_;
   const std::unique_ptr<Store> store_;
   Model model_;
   Subscriptions subscriptions_;
@@ -177,7 +253,44 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   bool stopping_ = false;
 };
 
-std::string Service::Impl::open() { return server_.open(); }
+// Only once the socket is ours is the file beside it, too.
+std::string Service::Impl::open() {
+  std::string problem = server_.open();
+  if (problem.empty()) providers_.open();
+  return problem;
+}
+
+std::string Service::Impl::onGreeting(const PbUtility::Peer& peer) {
+  const NameClaims::Answer answer = names_.ask(peer.name, peer.uid, peer.gid);
+  const std::string who = "client \"" + peer.name + "\" (pid " + std::to_string(peer.pid) +
+                          ", uid " + std::to_string(peer.uid) + ")";
+  if (!answer.text.empty() && !answer.repeated)
+    log_.warning(who + (answer.accepted ? ": " : " refused: ") + answer.text);
+  return answer.accepted ? std::string() : answer.text;
+}
+
+bool Service::Impl::expectsProvider(const Variable& variable) const {
+  if (!providers_.expectsAny()) return false;
+  return providers_.expects(variable.key().dottedName(), [&](const KnownProvider& provider) {
+    return provider.role >= variable.readRole() && mayProvide(provider.uid, provider.gid, variable);
+  });
+}
+
+void Service::Impl::expectProviders() {
+  if (!providers_.expectsAny()) return;
+  server_.after(options_.providerGrace, [this] {
+    providers_.giveUp();
+    changes_.providersCame();
+  });
+  watchExpectedProviders();
+}
+
+void Service::Impl::watchExpectedProviders() {
+  server_.after(kProviderCheck, [this] {
+    if (providers_.forgetDead()) changes_.providersCame();
+    if (providers_.expectsAny()) watchExpectedProviders();
+  });
+}
 
 // What was read at the start has been checked whole, and what is there at the end is the newest:
 // both are worth keeping for the day when the file is damaged.
@@ -189,6 +302,7 @@ void Service::Impl::keepSnapshot() {
 
 void Service::Impl::run() {
   keepSnapshot();
+  expectProviders();
   server_.run();
   keepSnapshot();
 }
@@ -225,9 +339,11 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   if (!options.rolesFile.empty()) {
     AccessLoadResult roles = AccessPolicy::load(options.rolesFile, geteuid());
     for (const std::string& line : linesOf(roles.mistakes)) mistakes.push_back(line);
+    if (!roles.distrust.empty()) log.error(roles.distrust);
     access = std::move(roles.policy);
   }
   if (!mistakes.empty()) return failed(StartStatus::BadDefinitions, std::move(mistakes));
+  warnOfDistrusted(options.definitionsDir, log);
 
   StoreOptions storeOptions;
   storeOptions.file = options.storeFile;
@@ -238,6 +354,7 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
                                      std::move(opened));
   const std::string problem = impl->open();
   if (!problem.empty()) return failed(StartStatus::BadSocket, {problem});
+  warnOfRuntimeDir(options, log);
   StartedService result;
   result.service.reset(new Service(std::move(impl)));
   return result;

@@ -33,6 +33,10 @@ struct ServiceOptions {
   int listenFd = -1;
   // How long a provider may take to answer one question.
   std::chrono::milliseconds providerDeadline{3000};
+  // How long after the start changes wait for providers that were there when the service ended.
+  std::chrono::milliseconds providerGrace{2000};
+  // Where every change is recorded; empty: nowhere.
+  std::string auditFile;
 };
 
 enum class StartStatus {

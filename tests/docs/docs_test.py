@@ -56,6 +56,8 @@ class PageTest(unittest.TestCase):
             os.makedirs(os.path.dirname(path), exist_ok=True)
             with open(path, "w", encoding="utf-8") as file:
                 file.write(block.text)
+            # A table of roles that its group may write is none; the mask of whoever tests may let it.
+            os.chmod(path, 0o644)
             named.append(name)
         return named
 

@@ -59,6 +59,10 @@ class DefinitionBuilder {
     shape_.readOnly = true;
     return *this;
   }
+  DefinitionBuilder& secret() {
+    shape_.secret = true;
+    return *this;
+  }
 
   operator ConfigSrv::VariableDefinition() const {
     return {key_, std::make_shared<ConfigSrv::VariableShape>(shape_)};

@@ -15,11 +15,13 @@
 #include <vector>
 
 #include "configsrv/access/access_policy.h"
+#include "configsrv/audit/audit_trail.h"
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/log/log.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
+#include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/change_batch.h"
 #include "configsrv/service/service.h"
 #include "configsrv/subscriptions/subscriptions.h"
@@ -39,6 +41,9 @@ struct RequestContext {
   Changes& changes;
   Monitor& monitor;
   PbUtility::Server& server;
+  ProviderMemory& providers;
+  // Null: nothing is recorded.
+  AuditTrail* audit;
 };
 
 class Requests {
@@ -122,7 +127,23 @@ class Requests {
   void submitBelow(const Call& call, const std::string& name, const Wanted& what,
                    const ChangeBatch::Done& answer);
 
+  // A change whose role was not granted is recorded as well; what changes nothing is not.
+  template <typename Request>
+  void recordDenied(const Call&, const Request&, const ChangeOutcome&) {}
+  void recordDenied(const Call&, const ConfigIF::WriteReq&, const ChangeOutcome&);
+  void recordDenied(const Call&, const ConfigIF::ResetValueReq&, const ChangeOutcome&);
+  void recordDenied(const Call&, const ConfigIF::ResetNodeValueReq&, const ChangeOutcome&);
+  void recordDenied(const Call&, const ConfigIF::SetAttributeOptionsReq&, const ChangeOutcome&);
+  void recordDenied(const Call&, const ConfigIF::SetAccessLevelsReq&, const ChangeOutcome&);
+  void recordDenied(const Call&, const ConfigIF::ResetAttributeReq&, const ChangeOutcome&);
+  void recordDenied(const Call& call, const ConfigIF::Inst& inst, Wanted what,
+                    const ChangeOutcome& outcome);
+
   // --- Callbacks (callback_requests.cpp) ---
+  bool isProvider(const ConfigIF::RegisterClientCallbackReq& request) const;
+  // Whether the caller may be asked about anything that the name covers now.
+  bool mayProvideAny(const Call& call, const std::string& name) const;
+  void refuseProvider(const Call& call, const Registration& registration);
   void registerCallback(const Call&, const ConfigIF::RegisterClientCallbackReq&);
   void unregisterCallback(const Call&, const ConfigIF::UnregisterClientCallbackReq&,
                           ConfigIF::UnregisterClientCallbackRsp&);

@@ -598,9 +598,118 @@ TEST_F(ChangesTest, OptionsThatDoNotFitTheVariableAreRefused) {
 TEST_F(ChangesTest, ARefusalOfOptionsDoesNotRevealTheValue) {
   written("net.secret", "hunter2");
   const Changed attempt =
-      submit(writer(), {keyOf("net.secret"), StoreChange::SetOptions{{{"a"}}, 0}});
+      submit(writer(eRoleFactory), {keyOf("net.secret"), StoreChange::SetOptions{{{"a"}}, 0}});
   EXPECT_EQ(attempt->error(), eErrInvalidValue);
   EXPECT_THAT(attempt->text(), Not(HasSubstr("hunter2")));
+}
+
+// One by one, lists of options that are taken or refused would tell what the value is.
+TEST_F(ChangesTest, WhoMayWriteAndNotReadCannotFindOutTheValueByItsOptions) {
+  const Changed attempt =
+      submit(writer(), {keyOf("net.secret"), StoreChange::SetOptions{{{"hidden"}}, 0}});
+  EXPECT_EQ(attempt->error(), eErrDenied);
+  EXPECT_THAT(attempt->text(), HasSubstr("changing its options needs the role factory"));
+}
+
+TEST_F(ChangesTest, WhoMayWriteAndNotReadIsNotToldTheOptions) {
+  submit(writer(eRoleFactory),
+         {keyOf("net.secret"), StoreChange::SetOptions{{{"hidden", "other"}}, 0}});
+  host_.finishCommit();
+  const Changed attempt = validate(writer(), "net.secret", {"guess"});
+  EXPECT_EQ(attempt->error(), eErrInvalidValue);
+  EXPECT_EQ(attempt->text(), "net.secret: the value is none of its options\n");
+  EXPECT_THAT(validate(writer(eRoleFactory), "net.secret", {"guess"})->text(),
+              HasSubstr("\"hidden\", \"other\""));
+}
+
+TEST_F(ChangesTest, AProviderWhoseUserMayNotWriteTheVariableIsNotAsked) {
+  provide(kProvider, "net.mtu");
+  host_.strangers = {kProvider};
+  EXPECT_EQ(written("net.mtu", "1400")->error(), eErrNone);
+  EXPECT_TRUE(host_.questions.empty());
+}
+
+TEST_F(ChangesTest, AChangeWaitsForAProviderThatIsExpectedBackAndThenAsksIt) {
+  host_.expected = {"net.mtu"};
+  const Changed waiting = write("net.mtu", "1400");
+  const Changed behind = write("net.mtu", "1300");
+  EXPECT_EQ(written("net.name", "x")->error(), eErrNone);
+  changes_->providersCame();
+  EXPECT_FALSE(waiting->ended());
+  provide(kProvider, "net.mtu");
+  host_.expected.clear();
+  changes_->providersCame();
+  ASSERT_EQ(host_.questions.size(), 1u);
+  answer(CommonIF::ERROR_VETOED, "no");
+  EXPECT_EQ(waiting->error(), eErrVetoed);
+  ASSERT_EQ(host_.questions.size(), 2u);
+  agree();
+  agree();
+  host_.finishCommit();
+  EXPECT_EQ(behind->error(), eErrNone);
+}
+
+TEST_F(ChangesTest, AValidationWaitsForAnExpectedProviderToo) {
+  host_.expected = {"net.mtu"};
+  const Changed waiting = validate(writer(), "net.mtu", {"1400"});
+  EXPECT_FALSE(waiting->ended());
+  provide(kProvider, "net.mtu");
+  host_.expected.clear();
+  changes_->providersCame();
+  answer(CommonIF::ERROR_VETOED, "no");
+  EXPECT_EQ(waiting->error(), eErrVetoed);
+}
+
+TEST_F(ChangesTest, WhatNoProviderIsAskedAboutDoesNotWaitForOne) {
+  host_.expected = {"net.mtu", "net.mode"};
+  EXPECT_TRUE(write("net.mtu", "1500")->unchanged());
+  EXPECT_EQ(write("net.mtu", "1")->error(), eErrInvalidValue);
+  const Changed options =
+      submit(writer(), {keyOf("net.mode"), StoreChange::SetOptions{{{"auto"}}, {}}});
+  host_.finishCommit();
+  EXPECT_EQ(options->error(), eErrNone);
+}
+
+TEST_F(ChangesTest, AStopEndsWhatWaitsForAProvider) {
+  host_.expected = {"net.mtu"};
+  const Changed waiting = write("net.mtu", "1400");
+  changes_->stop();
+  EXPECT_EQ(waiting->error(), eErrUnavailable);
+  EXPECT_EQ(changes_->underWay(), 0u);
+  changes_->providersCame();
+}
+
+class RecordingObserver : public ChangeObserver {
+ public:
+  void changeEnds(const ChangeRequest& request, const Variable* variable,
+                  const ChangeOutcome& outcome) override {
+    records.push_back(AppConfig::formatKey(request.what.key) + " was " +
+                      (variable == nullptr ? "nothing" : variable->value().front()) + ": " +
+                      std::to_string(outcome.error) + (outcome.unchanged ? " unchanged" : "") +
+                      (outcome.revision == 0 ? "" : " at " + std::to_string(outcome.revision)));
+  }
+  std::vector<std::string> records;
+};
+
+TEST_F(ChangesTest, AnObserverIsToldOfEachChangeOnceWithTheVariableAsItWas) {
+  RecordingObserver observer;
+  changes_ = std::make_unique<Changes>(model_, subscriptions_, announcer_, host_, log_,
+                                       ChangesOptions{}, &observer);
+  written("net.mtu", "1400");
+  written("net.mtu", "1300");
+  write("net.mtu", "1300");
+  write("net.mtu", "1");
+  write("net.serial", "x");
+  write("net.admin", "y");
+  write("net.missing", "z");
+  write("net.name", "lost");
+  host_.failCommit();
+  validate(writer(), "net.mtu", {"1400"});
+  EXPECT_THAT(
+      observer.records,
+      ElementsAre("net.mtu was 1500: 0 at 101", "net.mtu was 1400: 0 at 102",
+                  "net.mtu was 1300: 0 unchanged", "net.mtu was 1300: 4", "net.serial was 1234: 6",
+                  "net.admin was x: 3", "net.missing was nothing: 2", "net.name was gateway: 12"));
 }
 
 TEST_F(ChangesTest, AChangedRoleIsToldTogetherWithTheOtherAsItStands) {

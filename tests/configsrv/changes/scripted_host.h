@@ -15,6 +15,7 @@
 #include "appconfig/core/key_notation.h"
 #include "configsrv/changes/host.h"
 #include "configsrv/changes/wire_forms.h"
+#include "configsrv/model/model.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_ids.h"
 
@@ -53,6 +54,13 @@ class ScriptedHost : public Host {
     coalescingKeys.push_back(coalescingKey);
   }
 
+  bool mayProvide(PbUtility::PeerId peer, const Variable&) const override {
+    return strangers.count(peer) == 0;
+  }
+  bool expectsProvider(const Variable& variable) const override {
+    return expected.count(variable.key().dottedName()) > 0;
+  }
+
   std::uint64_t after(std::chrono::milliseconds, std::function<void()> task) override {
     timers.emplace(++lastTimer_, std::move(task));
     return lastTimer_;
@@ -83,6 +91,10 @@ class ScriptedHost : public Host {
   }
 
   std::set<PbUtility::PeerId> unreachable;
+  // Peers whose users may write nothing.
+  std::set<PbUtility::PeerId> strangers;
+  // Names of variables whose provider is on its way.
+  std::set<std::string> expected;
   bool closed = false;
   std::vector<Asked> questions;
   std::vector<std::string> notices;

@@ -1,0 +1,105 @@
+#include "configsrv/audit/internal/audit_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace ConfigSrv {
+namespace {
+
+std::string because(int error) { return std::strerror(error); }
+
+// Why what was opened is not to be written.
+std::string objectionTo(const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) return "it is no regular file";
+  if (status.st_uid != 0 && status.st_uid != ::geteuid())
+    return "it belongs to user " + std::to_string(status.st_uid);
+  return {};
+}
+
+std::string records(std::uint64_t count) {
+  return std::to_string(count) + (count == 1 ? " record" : " records");
+}
+
+}  // namespace
+
+AuditFile::AuditFile(std::string path, const Log& log, LostLine lostLine)
+    : path_(std::move(path)), log_(log), lostLine_(std::move(lostLine)) {}
+
+AuditFile::~AuditFile() {
+  if (lost_ > 0) log_.error(path_ + ": " + records(lost_) + " of changes were lost");
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void AuditFile::open() {
+  const std::string problem = reopen();
+  if (!problem.empty()) lose(problem, 0);
+}
+
+bool AuditFile::isStillThere() const {
+  struct stat status {};
+  return fd_ >= 0 && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
+         status.st_ino == inode_;
+}
+
+std::string AuditFile::reopen() {
+  if (fd_ >= 0) ::close(fd_);
+  torn_ = false;
+  fd_ =
+      ::open(path_.c_str(),
+             O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+  if (fd_ < 0) return errno == ELOOP ? "it is a symbolic link" : because(errno);
+  struct stat status {};
+  std::string objection = ::fstat(fd_, &status) == 0 ? objectionTo(status) : because(errno);
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+  if (objection.empty()) return {};
+  ::close(fd_);
+  fd_ = -1;
+  return objection;
+}
+
+// What the disk takes of a line is taken back when it does not take all of it.
+std::string AuditFile::write(const std::string& line) {
+  if (!isStillThere()) {
+    std::string problem = reopen();
+    if (!problem.empty()) return problem;
+  }
+  const std::string text = (torn_ ? "\n" : "") + line + '\n';
+  ssize_t wrote = -1;
+  do {
+    wrote = ::write(fd_, text.data(), text.size());
+  } while (wrote < 0 && errno == EINTR);
+  if (wrote == static_cast<ssize_t>(text.size())) {
+    torn_ = false;
+    return {};
+  }
+  if (wrote < 0) return because(errno);
+  const off_t end = ::lseek(fd_, 0, SEEK_CUR);
+  if (end < wrote || ::ftruncate(fd_, end - wrote) != 0) torn_ = true;
+  return because(ENOSPC);
+}
+
+void AuditFile::lose(const std::string& why, std::uint64_t lines) {
+  lost_ += lines;
+  if (std::exchange(broken_, true)) return;
+  log_.error(path_ + ": the audit record cannot be written: " + why +
+             "; changes go on and are not recorded");
+}
+
+// In one write with the line that tells of what was lost: where only that one fits, the next record
+// would be lost again, and the log filled with it.
+void AuditFile::append(const std::string& line) {
+  const std::string problem = write(lost_ > 0 ? lostLine_(lost_) + '\n' + line : line);
+  if (!problem.empty()) return lose(problem, 1);
+  if (!std::exchange(broken_, false)) return;
+  log_.warning(path_ + ": the audit record is written again; " + records(lost_) +
+               " of changes were lost");
+  lost_ = 0;
+}
+
+}  // namespace ConfigSrv

@@ -1,0 +1,208 @@
+#include "configsrv/audit/audit_trail.h"
+
+#include <sys/time.h>
+
+#include <ctime>
+#include <list>
+#include <vector>
+
+#include "appconfig/core/key_notation.h"
+#include "appconfig/core/role_names.h"
+#include "configsrv/audit/internal/audit_file.h"
+#include "configsrv/audit/internal/json_object.h"
+#include "configsrv/model/model.h"
+
+namespace ConfigSrv {
+namespace {
+
+using AppConfig::roleName;
+using AppConfig::SecurityRole;
+using Values = std::vector<std::string>;
+
+// UTC, ISO 8601, in milliseconds.
+std::string now() {
+  timeval time{};
+  ::gettimeofday(&time, nullptr);
+  tm parts{};
+  ::gmtime_r(&time.tv_sec, &parts);
+  char text[40];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  std::string milliseconds = std::to_string(time.tv_usec / 1000);
+  milliseconds.insert(0, 3 - milliseconds.size(), '0');
+  return std::string(text, length) + '.' + milliseconds + 'Z';
+}
+
+const char* outcomeName(const ChangeOutcome& outcome) {
+  switch (outcome.error) {
+    case eErrNone:
+      return outcome.unchanged ? "unchanged" : "changed";
+    case eErrDenied:
+      return "denied";
+    case eErrNotFound:
+      return "not-found";
+    case eErrReadOnly:
+      return "read-only";
+    case eErrInvalidValue:
+      return "invalid-value";
+    case eErrVetoed:
+      return "vetoed";
+    case eErrUnavailable:
+      return "unavailable";
+    case eErrTimedOut:
+      return "timed-out";
+    case eErrConflict:
+      return "conflict";
+    case eErrLimit:
+      return "limit";
+    case eErrStorage:
+      return "not-stored";
+    default:
+      return "failed";
+  }
+}
+
+template <typename Strings>
+Values valuesOf(const Strings& strings, bool& cut) {
+  Values values;
+  std::size_t left = AuditTrail::kMaxValueBytes;
+  for (const std::string& string : strings) {
+    values.push_back(string.substr(0, left));
+    left -= values.back().size();
+    // An empty element costs a byte, so that a list of nothing but those ends as well.
+    left -= left > 0 ? 1 : 0;
+    if (values.back().size() == string.size() && left > 0) continue;
+    cut = cut || values.size() < strings.size() || values.back().size() < string.size();
+    break;
+  }
+  return values;
+}
+
+JsonObject rolesOf(SecurityRole read, SecurityRole write) {
+  JsonObject roles;
+  roles.add("read", roleName(read)).add("write", roleName(write));
+  return roles;
+}
+
+// One change as fields of a record; each kind says what it is and adds "old" and "new".
+class Fields {
+ public:
+  // A null variable, or a secret one, leaves both out.
+  Fields(JsonObject& record, const Variable* variable)
+      : record_(record),
+        variable_(variable),
+        shown_(variable != nullptr && !variable->shape().secret) {}
+
+  void operator()(const StoreChange::SetValue& set) {
+    record_.add("action", "set");
+    addValues([&] { return valuesOf(variable_->value(), cut_); },
+              [&] { return valuesOf(set.value, cut_); });
+  }
+  void operator()(const StoreChange::ResetValue&) {
+    record_.add("action", "reset");
+    addValues([&] { return valuesOf(variable_->value(), cut_); },
+              [&] { return valuesOf(variable_->shape().defaultValue, cut_); });
+  }
+  void operator()(const StoreChange::SetOptions& set) {
+    record_.add("action", "set-options");
+    addOptions([&] { return set.options ? *set.options : variable_->options(); },
+               [&] { return set.defaultIndex.value_or(variable_->defaultIndex()); });
+  }
+  void operator()(const StoreChange::SetAccess& set) {
+    record_.add("action", "set-access");
+    if (variable_ == nullptr) return addMasked();
+    const auto chosen = [](const std::optional<int>& role, SecurityRole present) {
+      return role ? static_cast<SecurityRole>(*role) : present;
+    };
+    addRoles(chosen(set.readRole, variable_->readRole()),
+             chosen(set.writeRole, variable_->writeRole()));
+  }
+  void operator()(const StoreChange::ResetAttributes&) {
+    record_.add("action", "reset-attributes");
+    if (variable_ == nullptr) return addMasked();
+    addRoles(variable_->shape().readRole, variable_->shape().writeRole);
+  }
+
+ private:
+  template <typename Old, typename New>
+  void addValues(const Old& before, const New& after) {
+    if (!shown_) return addMasked();
+    record_.add("old", before()).add("new", after());
+    if (cut_) record_.addTrue("cut");
+  }
+  template <typename Options, typename Index>
+  void addOptions(const Options& options, const Index& index) {
+    if (!shown_) return addMasked();
+    JsonObject before;
+    JsonObject after;
+    before.add("options", valuesOf(variable_->options(), cut_));
+    before.add("default-index", std::uint64_t{variable_->defaultIndex()});
+    after.add("options", valuesOf(options(), cut_)).add("default-index", std::uint64_t{index()});
+    record_.add("old", before).add("new", after);
+    if (cut_) record_.addTrue("cut");
+  }
+  // Who may use a variable is no secret.
+  void addRoles(SecurityRole read, SecurityRole write) {
+    record_.add("old", rolesOf(variable_->readRole(), variable_->writeRole()));
+    record_.add("new", rolesOf(read, write));
+  }
+  void addMasked() { record_.addNull("old").addNull("new").addTrue("masked"); }
+
+  JsonObject& record_;
+  const Variable* variable_;
+  const bool shown_;
+  bool cut_ = false;
+};
+
+void addWho(JsonObject& record, const Requester& by) {
+  record.add("time", now());
+  if (by.caller != nullptr) {
+    record.add("uid", std::uint64_t{by.caller->uid}).add("gid", std::uint64_t{by.caller->gid});
+    record.add("pid", static_cast<std::uint64_t>(by.caller->pid)).add("endpoint", by.caller->name);
+  }
+  record.add("client", by.clientName).add("role", roleName(by.role));
+}
+
+void addOutcome(JsonObject& record, const ChangeOutcome& outcome, bool mayBeQuoted) {
+  record.add("outcome", outcomeName(outcome));
+  if (outcome.revision != 0) record.add("revision", outcome.revision);
+  if (outcome.error == eErrNone || outcome.messages.empty() || !mayBeQuoted) return;
+  record.add("reason",
+             std::string_view(outcome.messages.front()).substr(0, AuditTrail::kMaxValueBytes));
+}
+
+std::string lostLine(std::uint64_t lost) {
+  JsonObject record;
+  record.add("time", now()).add("lost", lost);
+  return record.text();
+}
+
+}  // namespace
+
+AuditTrail::AuditTrail(const std::string& file, const Log& log)
+    : file_(std::make_unique<AuditFile>(file, log, lostLine)) {
+  file_->open();
+}
+AuditTrail::~AuditTrail() = default;
+
+void AuditTrail::changeEnds(const ChangeRequest& request, const Variable* variable,
+                            const ChangeOutcome& outcome) {
+  JsonObject record;
+  addWho(record, request.by);
+  record.add("variable", AppConfig::formatKey(request.what.key));
+  std::visit(Fields(record, variable), request.what.what);
+  // A denial quotes no value, and who was denied what is what the record is for.
+  const bool isOpen = variable == nullptr || !variable->shape().secret;
+  addOutcome(record, outcome, isOpen || outcome.error == eErrDenied);
+  file_->append(record.text());
+}
+
+void AuditTrail::refusedBelow(const Requester& by, std::string_view action, const std::string& name,
+                              const ChangeOutcome& outcome) {
+  JsonObject record;
+  addWho(record, by);
+  record.add("variable", name.substr(0, kMaxValueBytes)).add("action", action);
+  addOutcome(record, outcome, true);
+  file_->append(record.text());
+}
+
+}  // namespace ConfigSrv

@@ -1,0 +1,59 @@
+// AuditFile: lines at the end of a file, each whole and in one write, or counted as lost.
+//
+// Shape    made with mode 0600. A line that the disk did not take as a whole is taken back.
+// Rotation when another file has the name, or none, the next line goes to the name and not to the
+//          file that was: whoever rotates it need only rename it.
+// Faults   a file that cannot be written stops nobody. The log says so once, and once more, with
+//          the number of lines that were lost, when it can be written again; the file then begins
+//          anew with a line that lostLine makes. A symbolic link, what is no regular file, and a
+//          file of another user are not written.
+// Threads  one.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "configsrv/log/log.h"
+
+namespace ConfigSrv {
+
+class AuditFile {
+ public:
+  using LostLine = std::function<std::string(std::uint64_t lost)>;
+
+  // The log outlives this object.
+  AuditFile(std::string path, const Log& log, LostLine lostLine);
+  // Says how many lines were lost, if any, and not made up for.
+  ~AuditFile();
+  AuditFile(const AuditFile&) = delete;
+  AuditFile& operator=(const AuditFile&) = delete;
+
+  // Finds out, before there is anything to write, whether it can be written.
+  void open();
+  // The line has no line break.
+  void append(const std::string& line);
+
+  std::uint64_t lost() const { return lost_; }
+
+ private:
+  bool isStillThere() const;
+  std::string reopen();
+  std::string write(const std::string& line);
+  void lose(const std::string& why, std::uint64_t lines);
+
+  const std::string path_;
+  const Log& log_;
+  const LostLine lostLine_;
+  int fd_ = -1;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+  // Half a line stands at the end and could not be taken back.
+  bool torn_ = false;
+  bool broken_ = false;
+  std::uint64_t lost_ = 0;
+};
+
+}  // namespace ConfigSrv
