@@ -6,6 +6,10 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <utility>
+
+#include "configsrv/log/flood_guard.h"
 
 namespace ConfigSrv {
 namespace {
@@ -75,6 +79,50 @@ Log::Sink Log::toStandardError() {
         marked ? std::string(wordsOf(level).mark) : std::string(levelName(level)) + ": ";
     writeToStandardError(begin + line + "\n");
   };
+}
+
+struct Log::Repeats {
+  // Guards the two below; neither a sink nor a function is called while it is held.
+  std::mutex mutex;
+  FloodGuard guard;
+  std::function<void()> tell;
+};
+
+Log::Log(LogLevel mostDetailed, Sink sink)
+    : mostDetailed_(mostDetailed), sink_(std::move(sink)), repeats_(std::make_shared<Repeats>()) {}
+
+void Log::repeatable(LogLevel level, std::string_view kind, std::string_view line) const {
+  if (!isOn(level)) return;
+  sumUp();
+  bool isWritten = false;
+  std::function<void()> tell;
+  {
+    const std::lock_guard<std::mutex> guard(repeats_->mutex);
+    const bool heldBackBefore = repeats_->guard.holdsBack();
+    isWritten = repeats_->guard.admit(level, kind, line, FloodGuard::Clock::now());
+    if (!isWritten && !heldBackBefore) tell = repeats_->tell;
+  }
+  if (isWritten) write(level, line);
+  if (tell) tell();
+}
+
+void Log::sumUp(bool all) const {
+  std::vector<FloodGuard::Summary> summaries;
+  {
+    const std::lock_guard<std::mutex> guard(repeats_->mutex);
+    summaries = all ? repeats_->guard.all() : repeats_->guard.ended(FloodGuard::Clock::now());
+  }
+  for (const FloodGuard::Summary& summary : summaries) write(summary.level, summary.line);
+}
+
+void Log::whenHeldBack(std::function<void()> tell) const {
+  const std::lock_guard<std::mutex> guard(repeats_->mutex);
+  repeats_->tell = std::move(tell);
+}
+
+bool Log::holdsBack() const {
+  const std::lock_guard<std::mutex> guard(repeats_->mutex);
+  return repeats_->guard.holdsBack();
 }
 
 void Log::write(LogLevel level, std::string_view line) const {

@@ -8,10 +8,12 @@
 //
 //   Log log(LogLevel::Info, Log::toStandardError());
 //   log.warning("connection refused: ...");
+//   log.repeatable(LogLevel::Warning, "refused", "connection refused: ...");  // peers cause it
 //   if (log.isOn(LogLevel::Debug)) log.debug(textThatCostsSomething());
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,7 +30,7 @@ class Log {
  public:
   using Sink = std::function<void(LogLevel level, const std::string& line)>;
 
-  Log(LogLevel mostDetailed, Sink sink) : mostDetailed_(mostDetailed), sink_(std::move(sink)) {}
+  Log(LogLevel mostDetailed, Sink sink);
 
   // Writes lines to standard error, each in one piece. When standard error leads to the system's
   // journal, each begins with the journal's mark of its level.
@@ -37,14 +39,28 @@ class Log {
   bool isOn(LogLevel level) const { return level <= mostDetailed_; }
   void write(LogLevel level, std::string_view line) const;
 
+  // A line that peers can bring about as often as they like: of many of one kind in a short time
+  // the first are written and the rest is summed up in one line (see flood_guard.h).
+  void repeatable(LogLevel level, std::string_view kind, std::string_view line) const;
+  // Writes the sums of what was held back long enough ago; with `all` of everything. Called from
+  // time to time by whoever was told by whenHeldBack(), and before the program ends.
+  void sumUp(bool all = false) const;
+  // Calls a function, on the thread that logs, when there begins to be something to sum up.
+  void whenHeldBack(std::function<void()> tell) const;
+  // Whether there is something to sum up.
+  bool holdsBack() const;
+
   void error(std::string_view line) const { write(LogLevel::Error, line); }
   void warning(std::string_view line) const { write(LogLevel::Warning, line); }
   void info(std::string_view line) const { write(LogLevel::Info, line); }
   void debug(std::string_view line) const { write(LogLevel::Debug, line); }
 
  private:
+  struct Repeats;
+
   LogLevel mostDetailed_;
   Sink sink_;
+  std::shared_ptr<Repeats> repeats_;
 };
 
 }  // namespace ConfigSrv

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "configsrv/log/flood_guard.h"
+
 namespace ConfigSrv {
 namespace {
 
@@ -68,6 +70,58 @@ TEST(LogToStandardErrorTest, AnotherStreamsJournalMarkIsNotUsed) {
   Log(LogLevel::Info, Log::toStandardError()).error("careful");
   unsetenv("JOURNAL_STREAM");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "error: careful\n");
+}
+
+TEST_F(LogTest, OfManyLinesOfOneKindTheFirstAreWrittenAndTheRestIsSummedUp) {
+  const Log log = at(LogLevel::Info);
+  for (std::size_t i = 0; i < FloodGuard::kLines + 3; ++i)
+    log.repeatable(LogLevel::Warning, "refused", "refused " + std::to_string(i));
+  log.repeatable(LogLevel::Warning, "denied", "denied");
+  EXPECT_EQ(lines_.size(), FloodGuard::kLines + 1);
+  EXPECT_EQ(lines_.back(), "denied");
+  EXPECT_TRUE(log.holdsBack());
+  log.sumUp(true);
+  EXPECT_EQ(lines_.back(), "3 more like it, the last: refused 12");
+  EXPECT_FALSE(log.holdsBack());
+}
+
+TEST_F(LogTest, ItTellsOnceWhenThereBeginsToBeSomethingToSumUp) {
+  const Log log = at(LogLevel::Info);
+  int told = 0;
+  log.whenHeldBack([&] { ++told; });
+  for (std::size_t i = 0; i < FloodGuard::kLines; ++i)
+    log.repeatable(LogLevel::Warning, "refused", "x");
+  EXPECT_EQ(told, 0);
+  for (int i = 0; i < 5; ++i) log.repeatable(LogLevel::Warning, "refused", "x");
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(LogTest, ARepeatableLineThatIsTooDetailedIsNotCounted) {
+  const Log log = at(LogLevel::Warning);
+  for (std::size_t i = 0; i < 2 * FloodGuard::kLines; ++i)
+    log.repeatable(LogLevel::Info, "one-way", "x");
+  EXPECT_FALSE(log.holdsBack());
+}
+
+TEST(FloodGuardTest, ASpanThatHasEndedIsToldOnceAndTheNextOneBeginsAfresh) {
+  FloodGuard guard;
+  FloodGuard::Clock::time_point now;
+  for (std::size_t i = 0; i < FloodGuard::kLines; ++i)
+    EXPECT_TRUE(guard.admit(LogLevel::Warning, "kind", "line", now));
+  EXPECT_FALSE(guard.admit(LogLevel::Warning, "kind", "line", now));
+  EXPECT_TRUE(guard.ended(now + FloodGuard::kSpan / 2).empty());
+  now += FloodGuard::kSpan;
+  ASSERT_EQ(guard.ended(now).size(), 1U);
+  EXPECT_TRUE(guard.ended(now).empty());
+  EXPECT_TRUE(guard.admit(LogLevel::Warning, "kind", "line", now));
+}
+
+TEST(FloodGuardTest, ASpanWithoutAFloodIsNotTold) {
+  FloodGuard guard;
+  const FloodGuard::Clock::time_point now;
+  EXPECT_TRUE(guard.admit(LogLevel::Warning, "kind", "line", now));
+  EXPECT_TRUE(guard.ended(now + FloodGuard::kSpan).empty());
+  EXPECT_TRUE(guard.all().empty());
 }
 
 }  // namespace
