@@ -50,6 +50,9 @@ class Announcer {
   // it caches them.
   void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
                      std::uint64_t knownRevision);
+  // The same, of one variable that the registration covers: for who cannot be told all at once.
+  void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
+                     const Variable& variable, std::uint64_t knownRevision);
 
   // Notices queued so far.
   std::uint64_t notices() const { return notices_; }
@@ -62,8 +65,6 @@ class Announcer {
   void tellAccessLevels(PbUtility::PeerId peer, std::string_view identity,
                         const Variable& variable);
   void tellNewReaders(const Variable& variable, AppConfig::SecurityRole before);
-  void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
-                     const Variable& variable, std::uint64_t knownRevision);
   void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice, char kind,
               std::string_view identity, const Variable& variable);
 

@@ -370,7 +370,8 @@ void Changes::Impl::onCommitted(Number number, const StoreStatus& status, std::u
   if (status.ok()) {
     applyAndAnnounce(*change, revision);
   } else {
-    log_.error(formatKey(change->key()) + ": not stored: " + status.text);
+    log_.repeatable(LogLevel::Error, "not stored",
+                    formatKey(change->key()) + ": not stored: " + status.text);
     fail(*change, eErrStorage, status.text);
   }
   workOffReleased();
@@ -421,8 +422,9 @@ void Changes::Impl::onAnswer(PeerId peer, std::uint32_t question, std::uint32_t 
   if (change == nullptr) return;
   const Answer answer = readAnswer(change->phase(), messageId, payload);
   if (answer.broken)
-    log_.warning(formatKey(change->key()) + ": provider " + change->asked.clientName +
-                 " sent an answer that is none");
+    log_.repeatable(LogLevel::Warning, "broken answer",
+                    formatKey(change->key()) + ": provider " + change->asked.clientName +
+                        " sent an answer that is none");
   else
     change->answered = true;
   if (!answer.refused) return;
@@ -444,8 +446,9 @@ void Changes::Impl::onQuestionDone(PeerId peer, std::uint32_t question, bool pee
     failForProvider(*change, eErrUnavailable, "went away while it was being asked");
   } else {
     if (!change->answered)
-      log_.warning(formatKey(change->key()) + ": provider " + change->asked.clientName +
-                   " was asked and gave no answer");
+      log_.repeatable(LogLevel::Warning, "no answer",
+                      formatKey(change->key()) + ": provider " + change->asked.clientName +
+                          " was asked and gave no answer");
     closeQuestion(*change);
     askNext(*change);
   }
@@ -464,7 +467,7 @@ void Changes::Impl::onDeadline(Number number) {
 void Changes::Impl::failForProvider(Change& change, eErrorT error, const std::string& text) {
   const ChangeOutcome outcome =
       failure(change.key(), error, "provider " + change.asked.clientName + " " + text);
-  log_.warning(outcome.messages.front());
+  log_.repeatable(LogLevel::Warning, "provider", outcome.messages.front());
   end(change, outcome);
 }
 

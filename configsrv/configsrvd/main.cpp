@@ -9,8 +9,10 @@
 // Exit codes: exit_code.h.
 #include <malloc.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "configsrv/configsrvd/command_line.h"
@@ -87,6 +89,17 @@ void returnFreeMemory() {
 #endif
 }
 
+// Each connection is a descriptor, and what a process may open by itself (1024, usually) is for
+// programs that use select(2), which this one does not. What the hard limit allows is ours to take.
+void raiseDescriptorLimit(const Log& log) {
+  constexpr rlim_t kEnough = 4096;
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= kEnough) return;
+  files.rlim_cur = std::min(files.rlim_max, kEnough);
+  if (setrlimit(RLIMIT_NOFILE, &files) != 0)
+    log.warning("cannot raise the limit of open files: fewer clients can connect");
+}
+
 void serve(Service& service, StopSignals& signals, const Log& log) {
   signals.waitInBackground([&] {
     tellManager(log, "STOPPING=1");
@@ -121,6 +134,7 @@ int main(int argc, char** argv) {
     log.error(problem);
     return kExitBadSocket;
   }
+  raiseDescriptorLimit(log);
   const StartedService started = Service::start(line.service, log);
   if (started.status != StartStatus::Ok) return reportFailedStart(started, log);
   returnFreeMemory();

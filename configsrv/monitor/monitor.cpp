@@ -32,8 +32,6 @@ struct Monitor::Happened {
 
 namespace {
 
-constexpr std::size_t kMaxPrefixBytes = 1024;
-
 std::uint64_t nowInMicroseconds() {
   const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<std::uint64_t>(

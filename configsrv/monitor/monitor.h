@@ -38,6 +38,8 @@ struct Facts;
 class Monitor {
  public:
   static constexpr std::size_t kMaxWatchers = 16;
+  // Of the name that a watcher watches.
+  static constexpr std::size_t kMaxPrefixBytes = 1024;
 
   // How a notice leaves.
   using Send = std::function<void(PbUtility::PeerId to, const ConfigIF::MonitorNtfy& notice)>;

@@ -3,6 +3,7 @@
 
 #include "appconfig/core/key_notation.h"
 #include "configsrv/service/internal/requests.h"
+#include "platform/messaging/frame.h"
 
 namespace ConfigSrv {
 namespace {
@@ -16,7 +17,22 @@ bool hasUnknownType(const Request& request) {
 
 }  // namespace
 
-// The answer goes first, so that a client knows of its registration before it is told anything.
+struct Requests::CatchUp {
+  Call call;
+  Registration registration;
+  std::vector<const Variable*> covered;
+  std::size_t next = 0;
+  // A provider that changes may wait for.
+  bool isBack = false;
+};
+
+// Over a connection for requests the answer goes first, so that a client knows of its registration
+// before it is told anything.
+//
+// Over the delivery connection, where registrations are repeated, it goes last: whoever repeats many
+// may be owed more than may wait for a reader, so each is told no faster than its client reads, and
+// the next is not taken before. The client counts itself up to date from the answer on, so it must
+// not come before all that was owed.
 void Requests::registerCallback(const Call& call,
                                 const ConfigIF::RegisterClientCallbackReq& request) {
   ConfigIF::RegisterClientCallbackRsp response;
@@ -38,13 +54,18 @@ void Requests::registerCallback(const Call& call,
   }
   const std::string refusal = with_.subscriptions.add(call.by.peer, registration);
   if (!refusal.empty()) {
-    with_.log.warning("a registration of " + call.by.clientName + " refused: " + refusal);
+    with_.log.repeatable(LogLevel::Warning, "registration",
+                         "a registration of " + call.by.clientName + " refused: " + refusal);
     setError(result, eErrLimit, refusal);
     return respond(call.id, response);
   }
   const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
   const bool isBack =
       provides && peer != nullptr && with_.providers.registered(*peer, registration);
+  if (call.overDelivery && call.knownRevision != PbUtility::kRevisionNow) {
+    return catchUp(std::make_shared<CatchUp>(
+        CatchUp{call, registration, with_.model.covered(lowerCase(registration.name)), 0, isBack}));
+  }
   respond(call.id, response);
   if (isBack) with_.changes.providersCame();
   with_.announcer.bringUpToDate(call.by.peer, registration, call.knownRevision);
@@ -75,6 +96,21 @@ void Requests::refuseProvider(const Call& call, const Registration& registration
                     std::to_string(peer->uid) + ") denied: it may not provide \"" +
                     registration.name + "\"");
   if (with_.providers.refused(*peer, registration)) with_.changes.providersCame();
+}
+
+void Requests::catchUp(const std::shared_ptr<CatchUp>& catchUp) {
+  const Call& call = catchUp->call;
+  while (catchUp->next < catchUp->covered.size()) {
+    if (!with_.server.hasRoom(call.id)) {
+      return with_.server.whenRoom(call.id, [this, catchUp] { this->catchUp(catchUp); });
+    }
+    with_.announcer.bringUpToDate(call.by.peer, catchUp->registration,
+                                  *catchUp->covered[catchUp->next++], call.knownRevision);
+  }
+  ConfigIF::RegisterClientCallbackRsp response;
+  response.mutable_result();
+  respond(call.id, response);
+  if (catchUp->isBack) with_.changes.providersCame();
 }
 
 void Requests::unregisterCallback(const Call& call,

@@ -101,7 +101,8 @@ ChangeDone Requests::logging(const Call& call, const ConfigVar& key, ChangeDone 
   return [this, line = formatKey(key) + ": a one-way write by " + call.by.clientName,
           answer = std::move(answer)](const ChangeOutcome& outcome) {
     if (outcome.error != eErrNone)
-      with_.log.info(line + " failed with error " + std::to_string(outcome.error));
+      with_.log.repeatable(LogLevel::Info, "one-way",
+                           line + " failed with error " + std::to_string(outcome.error));
     answer(outcome);
   };
 }

@@ -15,9 +15,6 @@ namespace {
 using AppConfig::formatKey;
 using AppConfig::roleName;
 
-// A client's name is for logs and for providers to read; what is longer than this is cut.
-constexpr std::size_t kMaxClientName = 256;
-
 std::uint32_t code(eErrorT error) { return static_cast<std::uint32_t>(error); }
 
 }  // namespace
@@ -59,12 +56,15 @@ bool Requests::admit(const Incoming& incoming, const std::string& clientName,
   const PbUtility::Peer& peer = incoming.peer;
   const AppConfig::SecurityRole role = fromWire(wireRole);
   const bool waits = incoming.insideReceiver && !incoming.id.oneWay;
-  call = {
-      incoming.id, {peer.id, clientName.substr(0, kMaxClientName), role, waits}, incoming.revision};
+  call = {incoming.id,
+          {peer.id, clientName.substr(0, kMaxClientName), role, waits},
+          incoming.revision,
+          incoming.overDelivery};
   if (with_.access.mayClaim(peer.uid, peer.gid, role)) return true;
   const std::string text = with_.access.denial(peer.uid, peer.gid, role);
-  with_.log.warning("client \"" + peer.name + "\" (pid " + std::to_string(peer.pid) +
-                    ") denied: " + text);
+  with_.log.repeatable(
+      LogLevel::Warning, "denied",
+      "client \"" + peer.name + "\" (pid " + std::to_string(peer.pid) + ") denied: " + text);
   setError(result, eErrDenied, text);
   return false;
 }
@@ -76,7 +76,8 @@ void Requests::respond(const PbUtility::RequestId& id,
 }
 
 void Requests::refuse(const Incoming& incoming, eErrorT error, const std::string& text) {
-  with_.log.warning("client \"" + incoming.peer.name + "\": " + text);
+  with_.log.repeatable(LogLevel::Warning, "refused",
+                       "client \"" + incoming.peer.name + "\": " + text);
   if (with_.monitor.isActive()) with_.monitor.requestRefused(incoming.id, code(error), text);
   with_.server.refuse(incoming.id, code(error), text);
 }

@@ -1,6 +1,7 @@
 #include "configsrv/service/service.h"
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/definitions/definitions.h"
+#include "configsrv/log/flood_guard.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
 #include "configsrv/providers/provider_memory.h"
@@ -43,9 +45,22 @@ std::uint64_t epochOf(std::uint64_t storeId, std::uint64_t definitionsDigest) {
   return epoch == 0 ? 1 : epoch;
 }
 
+// Descriptors that are none of a connection's: store, log, definitions, the event loop.
+constexpr rlim_t kOtherDescriptors = 64;
+
+// As many connections as the process may open descriptors; more would only fail later, and those
+// kept for root would not be there.
+unsigned connectionsThatFit(unsigned wanted) {
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= wanted + kOtherDescriptors)
+    return wanted;
+  return static_cast<unsigned>(std::max(files.rlim_cur, 2 * kOtherDescriptors) - kOtherDescriptors);
+}
+
 ServerOptions serverOptions(const ServiceOptions& options, std::uint64_t epoch,
                             std::size_t variables) {
   ServerOptions result;
+  result.maxConnections = connectionsThatFit(result.maxConnections);
   result.runtimeDir =
       options.runtimeDir.empty() ? PbUtility::defaultRuntimeDir() : options.runtimeDir;
   result.name = endpointName(options.endpointPrefix);
@@ -145,10 +160,13 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
+    log_.whenHeldBack([this] { server_.post([this] { sumUpLater(); }); });
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
   }
+
+  ~Impl() override { log_.whenHeldBack({}); }
 
   // Empty on success.
   std::string open();
@@ -178,6 +196,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return access_.mayClaim(uid, gid, variable.writeRole());
   }
 
+  void sumUpLater();
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
   void beginToStop();
@@ -206,7 +225,9 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     monitor_.remove(peer.id);
     if (monitor_.isActive()) monitor_.peerWent(peer);
   }
-  void onLog(const std::string& line) override { log_.warning(line); }
+  void onFault(PbUtility::Fault kind, const std::string& line) override {
+    log_.repeatable(LogLevel::Warning, "fault " + std::to_string(static_cast<int>(kind)), line);
+  }
 
   // Host
   std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question) override {
@@ -251,6 +272,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Requests requests_;
   CommitQueue commits_;
   bool stopping_ = false;
+  // A timer for summing up the log is set.
+  bool sumsUp_ = false;
 };
 
 // Only once the socket is ours is the file beside it, too.
@@ -300,10 +323,21 @@ void Service::Impl::keepSnapshot() {
   if (!status.ok()) log_.warning("no snapshot of the store was kept: " + status.text);
 }
 
+// As long as lines are held back, and no longer: an idle service does not wake.
+void Service::Impl::sumUpLater() {
+  if (std::exchange(sumsUp_, true)) return;
+  server_.after(FloodGuard::kSpan, [this] {
+    sumsUp_ = false;
+    log_.sumUp();
+    if (log_.holdsBack()) sumUpLater();
+  });
+}
+
 void Service::Impl::run() {
   keepSnapshot();
   expectProviders();
   server_.run();
+  log_.sumUp(true);
   keepSnapshot();
 }
 

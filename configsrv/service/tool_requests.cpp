@@ -52,7 +52,8 @@ void Requests::list(const Call& call, const ConfigIF::ListReq& request,
   if (!size.isTooLarge()) return;
   response.Clear();
   setError(*response.mutable_result(), eErrLimit,
-           "the listing would be too long: ask for a longer prefix");
+           "the listing would be longer than " + std::to_string(AnswerSize::kMaxBytes) +
+               " bytes: list, or export, group by group");
 }
 
 void Requests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp& response) {

@@ -137,8 +137,12 @@ CallStatus ConnectionPool::open(Connection& connection, Exchange& exchange) {
   if (status == StreamStatus::Ok) {
     status = connection.stream.sendAll(frame.data(), frame.size(), exchange.deadline, sentNothing);
   }
+  // A service that refuses the connection says so and closes it, perhaps before it was greeted.
+  const std::string problem = connection.stream.problem();
   if (status == StreamStatus::Ok) return welcome(connection, exchange);
-  exchange.problem = path_ + ": " + connection.stream.problem();
+  const bool mayBeRefused = status == StreamStatus::Closed && connection.stream.isOpen();
+  if (mayBeRefused && welcome(connection, exchange) == kCallRefused) return kCallRefused;
+  exchange.problem = path_ + ": " + problem;
   return statusOf(status);
 }
 

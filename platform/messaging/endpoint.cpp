@@ -106,9 +106,10 @@ class Endpoint::State {
     generation_ = generation;
     tables_ = parent.tables_;
     for (const auto& [name, remote] : parent.remotes_) {
-      Remote& own = this->remote(name);
-      remote->registrations.copyTo(own.registrations);
-      if (remote->hasDelivery) deliverFrom(own);
+      Remote* own = this->remote(name);
+      if (own == nullptr) continue;
+      remote->registrations.copyTo(own->registrations);
+      if (remote->hasDelivery) deliverFrom(*own);
     }
   }
 
@@ -120,7 +121,10 @@ class Endpoint::State {
     for (; table->receiver != nullptr; ++table) tables_.push_back(*table);
   }
 
-  void addRemote(const std::string& name) { deliverFrom(remote(name)); }
+  void addRemote(const std::string& name) {
+    Remote* remote = this->remote(name);
+    if (remote != nullptr) deliverFrom(*remote);
+  }
 
   int call(const google::protobuf::MessageLite& request, google::protobuf::MessageLite* response,
            const std::string& endpointName, unsigned int* sequence) {
@@ -134,12 +138,10 @@ class Endpoint::State {
       lastProblem = "the request is no message of the protocol";
       return kCallBadRequest;
     }
-    Remote& remote = this->remote(endpointName);
-    if (!remote.problem.empty()) {
-      lastProblem = remote.problem;
-      return kCallBadEndpoint;
-    }
-    const CallStatus status = exchangeWith(remote, request, response, exchange);
+    Remote* remote = this->remote(endpointName);
+    lastProblem = remote == nullptr ? tooManyRemotes() : remote->problem;
+    if (!lastProblem.empty()) return kCallBadEndpoint;
+    const CallStatus status = exchangeWith(*remote, request, response, exchange);
     if (status != kCallOk) lastProblem = exchange.problem;
     if (exchange.opened) delivery_.kick(endpointName);
     if (sequence != nullptr) *sequence = exchange.sequence;
@@ -174,15 +176,21 @@ class Endpoint::State {
     return tables_;
   }
 
-  Remote& remote(const std::string& name) {
+  static std::string tooManyRemotes() {
+    return "more remote endpoints than the limit of " + std::to_string(kMaxRemotes);
+  }
+
+  // Null when it would be one too many.
+  Remote* remote(const std::string& name) {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto found = remotes_.find(name);
-    if (found != remotes_.end()) return *found->second;
+    if (found != remotes_.end()) return found->second.get();
+    if (remotes_.size() >= kMaxRemotes) return nullptr;
     std::string path;
     std::string problem = socketPath(options_.runtimeDir, name, path);
     if (problem.empty() && !nameProblem_.empty()) problem = "own name: " + nameProblem_;
     auto made = std::make_unique<Remote>(name, path, problem, hello_, options_.maxConnections);
-    return *remotes_.emplace(name, std::move(made)).first->second;
+    return remotes_.emplace(name, std::move(made)).first->second.get();
   }
 
   void deliverFrom(Remote& remote) {

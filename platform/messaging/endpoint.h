@@ -22,6 +22,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "platform/messaging/pb_utils.h"
@@ -43,12 +44,17 @@ enum CallStatus : int {
   kCallBrokenAnswer = 5,
   // The request is no message of the protocol or larger than 16 MiB.
   kCallBadRequest = 6,
-  // The endpoint's name cannot be used (see runtime_dir.h), or the system is out of resources.
+  // The endpoint's name cannot be used (see runtime_dir.h), it is one more than kMaxRemotes, or the
+  // system is out of resources.
   kCallBadEndpoint = 7,
 };
 
 // One line for people.
 __attribute__((visibility("default"))) const char* describe(CallStatus status);
+
+// Remote endpoints that one endpoint may have to do with. A process has at most two services to talk
+// to; whoever asks for names without end gets kCallBadEndpoint.
+constexpr std::size_t kMaxRemotes = 64;
 
 struct EndpointOptions {
   // Empty: the default of runtime_dir.h.

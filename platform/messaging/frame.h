@@ -103,6 +103,10 @@ struct Welcome {
   std::uint64_t epoch = 0;
 };
 
+// Errors of refusals, as CommonIF has them: ERROR_DENIED, and ERROR_LIMIT.
+constexpr std::uint32_t kRefusedByRight = 3;
+constexpr std::uint32_t kRefusedByLimit = 11;
+
 // Payload of a Refusal: error code (4 bytes, little-endian, CommonIF::eErrorType), then the text.
 struct Refusal {
   std::uint32_t error = 0;

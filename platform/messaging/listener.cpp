@@ -17,7 +17,6 @@ namespace {
 // Everybody may connect; what they may do is decided by who the kernel says they are.
 constexpr mode_t kSocketMode = 0666;
 constexpr mode_t kDirectoryMode = 0755;
-constexpr int kBacklog = 128;
 
 std::string because(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -96,6 +95,7 @@ std::string Listener::adopt(int fd) {
 
 UniqueFd Listener::accept(bool& exhausted) {
   exhausted = false;
+  if (!spare_) spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   for (;;) {
     UniqueFd connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (connection) return connection;
@@ -103,9 +103,7 @@ UniqueFd Listener::accept(bool& exhausted) {
     if ((errno != EMFILE && errno != ENFILE) || !spare_) return {};
     exhausted = true;
     spare_.reset();
-    UniqueFd(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
-    spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    return {};
+    return UniqueFd(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   }
 }
 

@@ -12,6 +12,8 @@ namespace {
 
 // As much as a Unix socket usually takes at once.
 constexpr std::size_t kStageBytes = std::size_t{64} * 1024;
+// What one large answer made grow is given back above this size.
+constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;
 
 }  // namespace
 
@@ -48,6 +50,7 @@ Outbox::Written Outbox::writeTo(int fd) {
     stage();
     if (written_ == bytes_.size()) {
       bytes_.clear();
+      if (bytes_.capacity() > kKeptBytes) std::string().swap(bytes_);
       written_ = 0;
       return Written::All;
     }

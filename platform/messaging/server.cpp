@@ -15,6 +15,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -32,6 +33,7 @@
 #include "platform/messaging/internal/frame_bytes.h"
 #include "platform/messaging/internal/listener.h"
 #include "platform/messaging/internal/outbox.h"
+#include "platform/messaging/internal/quotas.h"
 #include "platform/messaging/internal/timers.h"
 #include "platform/messaging/internal/turn.h"
 #include "platform/schema/message_ids.h"
@@ -50,12 +52,29 @@ constexpr std::uint64_t kFirstConnectionKey = 6;
 constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
 constexpr int kEventsAtOnce = 64;
 constexpr int kToldBeforeAnswers = 8;
-// Who has connected has this long to say who it is.
-constexpr std::chrono::seconds kGreetingDeadline(10);
+// Connections that are taken in before it is the others' turn.
+constexpr int kAcceptsAtOnce = 64;
 // A greeting is no longer than its name makes it.
 constexpr std::size_t kMaxHelloBytes = 256;
+// A buffer that one large frame made grow is given back above this size.
+constexpr std::size_t kKeptBufferBytes = std::size_t{64} * 1024;
 
 struct PeerState;
+
+// Whether a connection is listened to.
+enum class Intake {
+  Open,
+  // It has more to say than one turn takes; its next turn is noted.
+  Queued,
+  // Its next request waits until there is room.
+  Held,
+};
+
+// The rest of a request, which waits for room.
+struct Postponed {
+  RequestId request;
+  std::function<void()> run;
+};
 
 struct Connection {
   std::uint64_t key = 0;
@@ -65,11 +84,19 @@ struct Connection {
   // Null until the greeting.
   PeerState* peer = nullptr;
   std::uint64_t greetingTimer = 0;
+  std::uint64_t frameTimer = 0;
   std::string incoming;
+  Intake intake = Intake::Open;
   Outbox outbox;
   bool waitsForRoom = false;
   // It is in Server::Impl::toFlush_.
   bool willFlush = false;
+  std::deque<Postponed> whenRoom;
+  // What epoll was told to watch for, and whether it watches at all.
+  std::uint32_t events = EPOLLIN;
+  bool watched = true;
+  // Its part of bufferedBytes_.
+  std::size_t bufferedBytes = 0;
   bool dead = false;
 };
 
@@ -82,6 +109,8 @@ struct PeerState {
   std::uint32_t lastQuestion = 0;
   // An answer to it waits to be flushed.
   bool isAnswered = false;
+  unsigned openRequests = 0;
+  std::size_t openRequestBytes = 0;
 };
 
 std::string nameOf(const Connection& connection) {
@@ -110,7 +139,8 @@ class Server::Impl {
       : options_(std::move(options)),
         handler_(handler),
         turn_([this] { settle(); }),
-        readBuffer_(kReadBytes) {}
+        readBuffer_(kReadBytes),
+        quotas_(::geteuid()) {}
 
   std::string open();
   void run();
@@ -121,6 +151,8 @@ class Server::Impl {
   void notify(PeerId peer, const MessageLite& notice, std::uint64_t revision,
               const std::string& key);
   std::uint32_t ask(PeerId peer, const MessageLite& question, std::uint64_t revision);
+  bool hasRoom(const RequestId& request) const;
+  void whenRoom(const RequestId& request, std::function<void()> task);
   void post(std::function<void()> task) { turn_.post(std::move(task)); }
   void aside(std::function<void()> work, std::function<void()> done);
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);
@@ -163,14 +195,27 @@ class Server::Impl {
   void handleConnection(const epoll_event& event);
   void acceptAll();
   void begin(UniqueFd fd);
+  void refuseConnection(int fd, const ucred& who, const std::string& text);
   void readFrom(Connection& connection);
-  // Takes every whole frame of the bytes; returns how many bytes that was.
+  // Takes the whole frames of the bytes, as many as are due now; returns how many bytes that was.
   std::size_t takeFrames(Connection& connection, std::string_view bytes);
+  void takeTurns();
+  void queueTurn(Connection& connection);
+  bool isFull(const Connection& connection) const;
+  bool mustWait(const Connection& connection, const FrameHeader& header) const;
+  void letGoOn(Connection& connection);
+  void letGoOn(PeerState& peer);
+  void endRequest(const RequestId& request);
+  void watchFrame(Connection& connection, bool isNewFrame);
+  void watchFor(Connection& connection);
+  void stopWatching(Connection& connection);
+  void countBuffered(Connection& connection);
+  void keepWithinBuffers();
   void take(Connection& connection, const FrameHeader& header, std::string_view payload);
   void greet(Connection& connection, std::string_view payload);
-  PeerState* peerFor(Connection& connection, const Hello& hello, std::string& problem);
-  PeerState* newPeer(const Connection& connection, const Hello& hello, std::string& refusal);
-  void refuseGreeting(Connection& connection, const std::string& text, const std::string& toLog);
+  PeerState* peerFor(const Connection& connection, const Hello& hello, Refusal& refusal);
+  PeerState* newPeer(const Connection& connection, const Hello& hello, Refusal& refusal);
+  void refuseGreeting(Connection& connection, const Refusal& refusal);
   void becomeDelivery(Connection& connection);
   void request(Connection& connection, const FrameHeader& header, std::string_view payload);
   void answer(Connection& connection, const FrameHeader& header, std::string_view payload);
@@ -179,7 +224,11 @@ class Server::Impl {
   void flushAll();
   void sortToFlush();
   void checkBacklog(Connection& connection);
-  void close(Connection& connection, const std::string& why);
+  void sendRefusal(Connection& connection, const RequestId& request, std::uint32_t error,
+                   const std::string& text);
+  void close(Connection& connection) { markDead(connection); }
+  void close(Connection& connection, Fault kind, const std::string& why);
+  void markDead(Connection& connection);
   void reap();
   void end(Connection& connection);
   void endQuestions(PeerState& peer);
@@ -209,19 +258,23 @@ class Server::Impl {
   bool leadIsOffered_ = false;
   std::thread::id leadingThread_;
   std::deque<Aside> aside_;
-  // Whether there are any; the leader looks at it before it waits.
-  std::atomic<bool> hasAside_{false};
+  // Whether there is work aside, or a connection's turn; the leader looks before it waits.
+  std::atomic<bool> hasMore_{false};
   Timers timers_;
   Timers::Clock::time_point timerArmedFor_ = Timers::kNever;
   std::vector<char> readBuffer_;
   std::string scratch_;
-  bool refusingConnections_ = false;
+  Quotas quotas_;
+  // Connections whose next turn has come.
+  std::vector<std::uint64_t> turns_;
+  std::size_t bufferedBytes_ = 0;
 
   std::uint64_t nextKey_ = kFirstConnectionKey;
   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> connections_;
   std::vector<std::uint64_t> dead_;
   // Connections that something was written to since the last event.
   std::vector<Connection*> toFlush_;
+  std::vector<Connection*> flushing_;
   PeerId lastPeer_ = 0;
   std::map<EndpointToken, std::unique_ptr<PeerState>> peers_;
   std::unordered_map<PeerId, PeerState*> peersById_;
@@ -271,7 +324,7 @@ void Server::Impl::serve(Seat seat) {
 
 void Server::Impl::lead(Seat seat) {
   epoll_event events[kEventsAtOnce];
-  const int ready = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, hasAside_ ? 0 : -1);
+  const int ready = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, hasMore_ ? 0 : -1);
   turn_.lock();
   if (handleEvents(seat, events, ready)) return stepAside(seat);
   turn_.unlock();
@@ -283,6 +336,7 @@ bool Server::Impl::handleEvents(Seat seat, const epoll_event* events, int count)
   if (leadIsOffered_) withdrawOffer();
   leadingThread_ = std::this_thread::get_id();
   for (int i = 0; i < count; ++i) handleEvent(events[i]);
+  if (!turns_.empty()) takeTurns();
   reap();
   return !aside_.empty();
 }
@@ -299,7 +353,6 @@ void Server::Impl::standBy(Seat seat) {
 
 void Server::Impl::aside(std::function<void()> work, std::function<void()> done) {
   aside_.push_back({std::move(work), std::move(done)});
-  hasAside_ = true;
 }
 
 // Comes with the turn and leaves without. Whoever has the lead again afterwards looks for events
@@ -309,8 +362,9 @@ void Server::Impl::stepAside(Seat seat) {
   for (;;) {
     const Aside job = std::move(aside_.front());
     aside_.pop_front();
-    hasAside_ = !aside_.empty();
     if (leader_ == seat) offerLead();
+    // Of these no event tells the other thread.
+    if (!turns_.empty()) signalEvent(wakeUp_.get());
     turn_.unlock();
     job.work();
     if (!turn_.tryLock()) return turn_.post(job.done);
@@ -346,7 +400,9 @@ void Server::Impl::startStandIn() {
 void Server::Impl::settle() {
   flushAll();
   reap();
-  if (!aside_.empty() && leadingThread_ != std::this_thread::get_id()) signalEvent(wakeUp_.get());
+  flushAll();
+  hasMore_ = !aside_.empty() || !turns_.empty();
+  if (hasMore_ && leadingThread_ != std::this_thread::get_id()) signalEvent(wakeUp_.get());
 }
 
 // --- Timers ---
@@ -398,42 +454,52 @@ void Server::Impl::handleConnection(const epoll_event& event) {
   Connection* connection = find(event.data.u64);
   if (connection == nullptr) return;
   if ((event.events & EPOLLOUT) != 0) flush(*connection);
-  if (!connection->dead && (event.events & ~EPOLLOUT) != 0) readFrom(*connection);
+  if (connection->dead || (event.events & ~EPOLLOUT) == 0) return flushAll();
+  if (connection->intake == Intake::Open) readFrom(*connection);
+  // Its other end is closed, which epoll goes on telling; what it sent is still to be taken.
+  else if (connection->intake == Intake::Held)
+    stopWatching(*connection);
   flushAll();
 }
 
 void Server::Impl::acceptAll() {
-  for (;;) {
+  for (int i = 0; i < kAcceptsAtOnce; ++i) {
     bool exhausted = false;
     UniqueFd fd = listener_.accept(exhausted);
-    if (exhausted) handler_.onLog("out of file descriptors: refused a connection");
-    if (!fd) {
-      if (exhausted) continue;
-      return;
+    if (!fd) return;
+    if (exhausted) {
+      refuseConnection(fd.get(), ucred{}, "the service is out of file descriptors");
+    } else {
+      begin(std::move(fd));
     }
-    begin(std::move(fd));
   }
 }
 
+// Told why at once, before it has said anything: it waits for an answer to its greeting.
+void Server::Impl::refuseConnection(int fd, const ucred& who, const std::string& text) {
+  FrameHeader header;
+  header.kind = FrameKind::Refusal;
+  std::string frame;
+  appendFrame(header, encode(Refusal{kRefusedByLimit, text}), frame);
+  static_cast<void>(!::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
+  handler_.onFault(Fault::Refused, "refused a connection of pid " + std::to_string(who.pid) +
+                                       ", uid " + std::to_string(who.uid) + ": " + text);
+}
+
 void Server::Impl::begin(UniqueFd fd) {
-  if (connections_.size() >= options_.maxConnections) {
-    if (!std::exchange(refusingConnections_, true)) {
-      handler_.onLog("refusing connections: all " + std::to_string(options_.maxConnections) +
-                     " are in use");
-    }
-    return;
-  }
-  refusingConnections_ = false;
   auto connection = std::make_unique<Connection>();
   socklen_t size = sizeof connection->who;
   if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &connection->who, &size) != 0) return;
+  const std::string refusal = quotas_.refusal(connection->who, options_);
+  if (!refusal.empty()) return refuseConnection(fd.get(), connection->who, refusal);
   connection->key = nextKey_++;
   connection->fd = std::move(fd);
   if (!watch(connection->fd.get(), connection->key, EPOLLIN)) return;
+  quotas_.add(connection->who);
   const std::uint64_t key = connection->key;
-  connection->greetingTimer = after(kGreetingDeadline, [this, key] {
+  connection->greetingTimer = after(options_.greetingDeadline, [this, key] {
     Connection* silent = find(key);
-    if (silent != nullptr) close(*silent, "it did not greet in time");
+    if (silent != nullptr) close(*silent, Fault::NoGreeting, "it did not greet in time");
   });
   connections_.emplace(key, std::move(connection));
 }
@@ -443,29 +509,171 @@ void Server::Impl::readFrom(Connection& connection) {
       ::recv(connection.fd.get(), readBuffer_.data(), readBuffer_.size(), MSG_DONTWAIT);
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
   if (got <= 0) {
-    return close(connection, connection.incoming.empty() ? "" : "it left in the middle of a frame");
+    if (connection.incoming.empty()) return close(connection);
+    return close(connection, Fault::HalfFrame, "it left in the middle of a frame");
   }
   const std::string_view bytes(readBuffer_.data(), static_cast<std::size_t>(got));
   if (connection.incoming.empty()) {
-    connection.incoming.append(bytes.substr(takeFrames(connection, bytes)));
-    return;
+    const std::size_t taken = takeFrames(connection, bytes);
+    if (taken == bytes.size()) return;
+    connection.incoming.append(bytes.substr(taken));
+    return watchFrame(connection, true);
   }
   connection.incoming.append(bytes);
-  connection.incoming.erase(0, takeFrames(connection, connection.incoming));
+  const std::size_t taken = takeFrames(connection, connection.incoming);
+  connection.incoming.erase(0, taken);
+  watchFrame(connection, taken > 0);
 }
+
+// --- Turns and room ---
+
+void Server::Impl::queueTurn(Connection& connection) {
+  connection.intake = Intake::Queued;
+  turns_.push_back(connection.key);
+}
+
+void Server::Impl::takeTurns() {
+  const std::vector<std::uint64_t> turns = std::exchange(turns_, {});
+  for (const std::uint64_t key : turns) {
+    Connection* connection = find(key);
+    if (connection == nullptr) continue;
+    connection->intake = Intake::Open;
+    connection->incoming.erase(0, takeFrames(*connection, connection->incoming));
+    watchFrame(*connection, true);
+    flushAll();
+  }
+}
+
+bool Server::Impl::isFull(const Connection& connection) const {
+  return connection.outbox.waitingBytes() > options_.roomBytes;
+}
+
+bool Server::Impl::mustWait(const Connection& connection, const FrameHeader& header) const {
+  if (header.kind != FrameKind::Request && header.kind != FrameKind::OneWay) return false;
+  if (connection.peer == nullptr) return false;
+  if (isFull(connection) || !connection.whenRoom.empty()) return true;
+  if ((header.flags & kFlagInsideReceiver) != 0) return false;
+  return connection.peer->openRequests >= options_.maxOpenRequests ||
+         connection.peer->openRequestBytes >= options_.maxOpenRequestBytes;
+}
+
+// What waited for room goes on: first what was begun, then what the peer says next.
+void Server::Impl::letGoOn(Connection& connection) {
+  while (!connection.dead && !connection.whenRoom.empty() && !isFull(connection)) {
+    const Postponed rest = std::move(connection.whenRoom.front());
+    connection.whenRoom.pop_front();
+    rest.run();
+  }
+  const bool waits = isFull(connection) || !connection.whenRoom.empty();
+  if (!connection.dead && connection.intake == Intake::Held && !waits) queueTurn(connection);
+}
+
+void Server::Impl::letGoOn(PeerState& peer) {
+  for (Connection* connection : peer.connections) {
+    if (connection->intake == Intake::Held) letGoOn(*connection);
+  }
+}
+
+void Server::Impl::endRequest(const RequestId& request) {
+  PeerState* peer = findPeer(request.peer);
+  if (peer == nullptr || peer->openRequests == 0) return;
+  const bool othersWait = peer->openRequests >= options_.maxOpenRequests ||
+                          peer->openRequestBytes >= options_.maxOpenRequestBytes;
+  --peer->openRequests;
+  peer->openRequestBytes -= std::min(request.bytes, peer->openRequestBytes);
+  if (othersWait) letGoOn(*peer);
+}
+
+// After frames were taken: what is left is a frame that has not come whole, or waits.
+void Server::Impl::watchFrame(Connection& connection, bool isNewFrame) {
+  if (connection.dead) return;
+  if (isNewFrame) timers_.cancel(std::exchange(connection.frameTimer, 0));
+  if (connection.incoming.empty() && connection.incoming.capacity() > kKeptBufferBytes) {
+    std::string().swap(connection.incoming);
+  }
+  const bool isHalf = !connection.incoming.empty() && connection.intake == Intake::Open;
+  if (!isHalf) {
+    timers_.cancel(std::exchange(connection.frameTimer, 0));
+  } else if (connection.frameTimer == 0) {
+    connection.frameTimer = after(options_.frameDeadline, [this, key = connection.key] {
+      Connection* slow = find(key);
+      if (slow != nullptr) close(*slow, Fault::HalfFrame, "it did not end a frame in time");
+    });
+  }
+  watchFor(connection);
+  countBuffered(connection);
+  keepWithinBuffers();
+}
+
+void Server::Impl::watchFor(Connection& connection) {
+  std::uint32_t events = connection.intake == Intake::Held ? 0U : EPOLLIN;
+  if (connection.waitsForRoom) events |= EPOLLOUT;
+  const bool added = !connection.watched && (events & EPOLLIN) != 0;
+  if (!added && (events == connection.events || !connection.watched)) return;
+  connection.events = events;
+  connection.watched = true;
+  watch(connection.fd.get(), connection.key, events, added ? EPOLL_CTL_ADD : EPOLL_CTL_MOD);
+}
+
+void Server::Impl::stopWatching(Connection& connection) {
+  // Nobody will ever read what waits for it.
+  if (connection.outbox.waitingBytes() > 0) return close(connection);
+  connection.watched = false;
+  watch(connection.fd.get(), connection.key, 0, EPOLL_CTL_DEL);
+}
+
+void Server::Impl::countBuffered(Connection& connection) {
+  const std::size_t now =
+      connection.dead ? 0 : connection.incoming.size() + connection.outbox.memoryBytes();
+  bufferedBytes_ += now - connection.bufferedBytes;
+  connection.bufferedBytes = now;
+}
+
+void Server::Impl::keepWithinBuffers() {
+  while (bufferedBytes_ > options_.maxBufferedBytes) {
+    const auto greediest = std::max_element(
+        connections_.begin(), connections_.end(), [](const auto& a, const auto& b) {
+          return a.second->bufferedBytes < b.second->bufferedBytes;
+        });
+    close(*greediest->second, Fault::NotReading,
+          "of all that waits for readers and for the rest of frames, most is its own");
+  }
+}
+
+bool Server::Impl::hasRoom(const RequestId& request) const {
+  const Connection* connection = find(request.connection);
+  return connection != nullptr && !isFull(*connection);
+}
+
+void Server::Impl::whenRoom(const RequestId& request, std::function<void()> task) {
+  Connection* connection = find(request.connection);
+  if (connection == nullptr) return endRequest(request);
+  connection->whenRoom.push_back({request, std::move(task)});
+}
+
+// --- Frames ---
 
 std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view bytes) {
   std::size_t taken = 0;
+  unsigned left = options_.framesPerTurn;
   while (!connection.dead && bytes.size() - taken >= kFrameHeaderBytes) {
     FrameHeader header;
     const char* frame = bytes.data() + taken;
     const std::string problem = decodeHeader(reinterpret_cast<const unsigned char*>(frame), header);
     const bool tooLong = connection.peer == nullptr && header.payloadBytes > kMaxHelloBytes;
     if (!problem.empty() || tooLong) {
-      close(connection, tooLong ? "its greeting is too long" : problem);
+      close(connection, Fault::BadFrame, tooLong ? "its greeting is too long" : problem);
       break;
     }
     if (bytes.size() - taken < kFrameHeaderBytes + header.payloadBytes) break;
+    if (mustWait(connection, header)) {
+      connection.intake = Intake::Held;
+      break;
+    }
+    if (left-- == 0) {
+      queueTurn(connection);
+      break;
+    }
     taken += kFrameHeaderBytes + header.payloadBytes;
     take(connection, header, {frame + kFrameHeaderBytes, header.payloadBytes});
   }
@@ -476,7 +684,7 @@ void Server::Impl::take(Connection& connection, const FrameHeader& header,
                         std::string_view payload) {
   if (connection.peer == nullptr) {
     if (header.kind == FrameKind::Hello) return greet(connection, payload);
-    return close(connection, "it did not greet first");
+    return close(connection, Fault::NoGreeting, "it did not greet first");
   }
   switch (header.kind) {
     case FrameKind::Request:
@@ -486,21 +694,20 @@ void Server::Impl::take(Connection& connection, const FrameHeader& header,
     case FrameKind::Done:
       return answer(connection, header, payload);
     default:
-      return close(connection, "it sent a frame of kind " +
-                                   std::to_string(static_cast<int>(header.kind)) +
-                                   ", which clients do not send");
+      return close(connection, Fault::BadFrame,
+                   "it sent a frame of kind " + std::to_string(static_cast<int>(header.kind)) +
+                       ", which clients do not send");
   }
 }
 
 void Server::Impl::greet(Connection& connection, std::string_view payload) {
   Hello hello;
-  std::string problem = decode(payload, hello);
-  if (!problem.empty()) return close(connection, problem);
-  std::string refusal;
-  const bool isNew = peers_.count(hello.token) == 0;
-  PeerState* peer =
-      isNew ? newPeer(connection, hello, refusal) : peerFor(connection, hello, problem);
-  if (peer == nullptr) return refuseGreeting(connection, isNew ? refusal : problem, problem);
+  const std::string problem = decode(payload, hello);
+  if (!problem.empty()) return close(connection, Fault::BadFrame, problem);
+  Refusal refusal;
+  PeerState* peer = peers_.count(hello.token) == 0 ? newPeer(connection, hello, refusal)
+                                                   : peerFor(connection, hello, refusal);
+  if (peer == nullptr) return refuseGreeting(connection, refusal);
   timers_.cancel(connection.greetingTimer);
   connection.use = hello.use;
   connection.peer = peer;
@@ -513,22 +720,22 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   flush(connection);
 }
 
-void Server::Impl::refuseGreeting(Connection& connection, const std::string& text,
-                                  const std::string& toLog) {
+void Server::Impl::refuseGreeting(Connection& connection, const Refusal& refusal) {
   FrameHeader header;
   header.kind = FrameKind::Refusal;
-  connection.outbox.add(header, encode(Refusal{0, text}));
+  connection.outbox.add(header, encode(refusal));
   flush(connection);
-  close(connection, toLog);
+  close(connection);
 }
 
+// What the handler refuses, it has logged itself.
 PeerState* Server::Impl::newPeer(const Connection& connection, const Hello& hello,
-                                 std::string& refusal) {
+                                 Refusal& refusal) {
   auto state = std::make_unique<PeerState>();
   state->token = hello.token;
   state->peer = {0, hello.name, connection.who.uid, connection.who.gid, connection.who.pid};
-  refusal = handler_.onGreeting(state->peer);
-  if (!refusal.empty()) return nullptr;
+  refusal = {kRefusedByRight, handler_.onGreeting(state->peer)};
+  if (!refusal.text.empty()) return nullptr;
   state->peer.id = ++lastPeer_;
   PeerState* peer = state.get();
   peersById_.emplace(peer->peer.id, peer);
@@ -537,16 +744,20 @@ PeerState* Server::Impl::newPeer(const Connection& connection, const Hello& hell
   return peer;
 }
 
-PeerState* Server::Impl::peerFor(Connection& connection, const Hello& hello, std::string& problem) {
+PeerState* Server::Impl::peerFor(const Connection& connection, const Hello& hello,
+                                 Refusal& refusal) {
   PeerState* peer = peers_.find(hello.token)->second.get();
   if (peer->peer.pid != connection.who.pid || peer->peer.uid != connection.who.uid ||
       peer->peer.gid != connection.who.gid || peer->peer.name != hello.name) {
-    problem = "it claims to be client \"" + peer->peer.name + "\" of another process";
+    refusal = {kRefusedByRight,
+               "it claims to be client \"" + peer->peer.name + "\" of another process"};
+    handler_.onFault(Fault::Refused,
+                     "closed the connection of " + nameOf(connection) + ": " + refusal.text);
     return nullptr;
   }
   if (peer->connections.size() >= options_.maxConnectionsPerPeer) {
-    problem = "it has " + std::to_string(options_.maxConnectionsPerPeer) +
-              " connections already, which is the limit";
+    refusal = {kRefusedByLimit, "it has " + std::to_string(options_.maxConnectionsPerPeer) +
+                                    " connections already, which is the limit"};
     return nullptr;
   }
   return peer;
@@ -555,16 +766,20 @@ PeerState* Server::Impl::peerFor(Connection& connection, const Hello& hello, std
 void Server::Impl::becomeDelivery(Connection& connection) {
   PeerState& peer = *connection.peer;
   Connection* former = std::exchange(peer.delivery, &connection);
-  if (former != nullptr) close(*former, "");
+  if (former != nullptr) close(*former);
   if (former != nullptr) endQuestions(peer);
   handler_.onDeliveryReady(peer.peer);
 }
 
 void Server::Impl::request(Connection& connection, const FrameHeader& header,
                            std::string_view payload) {
-  const RequestId id{connection.key, header.sequence, header.kind == FrameKind::OneWay};
-  handler_.onRequest({id, connection.peer->peer, header.messageId,
-                      (header.flags & kFlagInsideReceiver) != 0, header.revision, payload});
+  PeerState& peer = *connection.peer;
+  const RequestId id{connection.key, header.sequence, header.kind == FrameKind::OneWay,
+                     peer.peer.id, payload.size()};
+  ++peer.openRequests;
+  peer.openRequestBytes += payload.size();
+  handler_.onRequest({id, peer.peer, header.messageId, (header.flags & kFlagInsideReceiver) != 0,
+                      header.revision, payload, peer.delivery == &connection});
 }
 
 void Server::Impl::answer(Connection& connection, const FrameHeader& header,
@@ -572,7 +787,7 @@ void Server::Impl::answer(Connection& connection, const FrameHeader& header,
   PeerState& peer = *connection.peer;
   const auto question = peer.openQuestions.find(header.sequence);
   if (peer.delivery != &connection || question == peer.openQuestions.end()) {
-    return close(connection, "it answered a question that it was not asked");
+    return close(connection, Fault::BadFrame, "it answered a question that it was not asked");
   }
   if (header.kind == FrameKind::Answer) {
     return handler_.onAnswer(peer.peer.id, header.sequence, header.messageId, payload);
@@ -583,11 +798,11 @@ void Server::Impl::answer(Connection& connection, const FrameHeader& header,
 
 void Server::Impl::flush(Connection& connection) {
   const Outbox::Written written = connection.outbox.writeTo(connection.fd.get());
-  if (written == Outbox::Written::Failed) return close(connection, "");
-  const bool waits = written == Outbox::Written::Some;
-  if (waits == connection.waitsForRoom) return;
-  connection.waitsForRoom = waits;
-  watch(connection.fd.get(), connection.key, waits ? EPOLLIN | EPOLLOUT : EPOLLIN, EPOLL_CTL_MOD);
+  if (written == Outbox::Written::Failed) return close(connection);
+  connection.waitsForRoom = written == Outbox::Written::Some;
+  if (connection.intake == Intake::Held || !connection.whenRoom.empty()) letGoOn(connection);
+  watchFor(connection);
+  if (connection.waitsForRoom || connection.bufferedBytes > 0) countBuffered(connection);
 }
 
 // Bytes leave at the end of the event that they are for: several notices to one peer in one go.
@@ -595,15 +810,20 @@ void Server::Impl::flushLater(Connection& connection) {
   if (!std::exchange(connection.willFlush, true)) toFlush_.push_back(&connection);
 }
 
+// What is flushed makes room, and what waited for room writes more.
 void Server::Impl::flushAll() {
-  if (toFlush_.size() > 1) sortToFlush();
-  for (Connection* connection : toFlush_) {
-    connection->willFlush = false;
-    if (connection->dead) continue;
-    if (!connection->waitsForRoom) flush(*connection);
-    checkBacklog(*connection);
+  while (!toFlush_.empty()) {
+    if (toFlush_.size() > 1) sortToFlush();
+    flushing_.swap(toFlush_);
+    for (Connection* connection : flushing_) {
+      connection->willFlush = false;
+      if (connection->dead) continue;
+      connection->waitsForRoom ? countBuffered(*connection) : flush(*connection);
+      checkBacklog(*connection);
+    }
+    flushing_.clear();
   }
-  toFlush_.clear();
+  keepWithinBuffers();
 }
 
 // The first few who are told of a change hear of it before its writer does, whose answer would only
@@ -620,11 +840,16 @@ void Server::Impl::sortToFlush() {
   for (Connection* one : toFlush_) one->peer->isAnswered = false;
 }
 
-void Server::Impl::close(Connection& connection, const std::string& why) {
+void Server::Impl::close(Connection& connection, Fault kind, const std::string& why) {
   if (connection.dead) return;
-  if (!why.empty()) handler_.onLog("closed the connection of " + nameOf(connection) + ": " + why);
-  connection.dead = true;
+  handler_.onFault(kind, "closed the connection of " + nameOf(connection) + ": " + why);
+  markDead(connection);
+}
+
+void Server::Impl::markDead(Connection& connection) {
+  if (std::exchange(connection.dead, true)) return;
   dead_.push_back(connection.key);
+  countBuffered(connection);
 }
 
 void Server::Impl::reap() {
@@ -641,6 +866,9 @@ void Server::Impl::reap() {
 
 void Server::Impl::end(Connection& connection) {
   timers_.cancel(connection.greetingTimer);
+  timers_.cancel(connection.frameTimer);
+  quotas_.remove(connection.who);
+  for (const Postponed& rest : connection.whenRoom) endRequest(rest.request);
   PeerState* peer = connection.peer;
   if (peer == nullptr) return;
   peer->connections.erase(&connection);
@@ -680,13 +908,14 @@ std::vector<ConnectedPeer> Server::Impl::peers() const {
 void Server::Impl::respond(const RequestId& request, const MessageLite& response,
                            std::uint64_t revision) {
   Connection* connection = find(request.connection);
+  endRequest(request);
   if (request.oneWay || connection == nullptr) return;
   FrameHeader header;
   header.kind = FrameKind::Response;
   header.sequence = request.sequence;
   header.revision = revision;
   if (!encodeFrame(header, response, scratch_)) {
-    return refuse(request, 0, "the answer is larger than 16 MiB");
+    return sendRefusal(*connection, request, kRefusedByLimit, "the answer is larger than 16 MiB");
   }
   connection->outbox.add(scratch_);
   flushLater(*connection);
@@ -696,19 +925,25 @@ void Server::Impl::checkBacklog(Connection& connection) {
   const bool notices = connection.outbox.queuedMessages() > options_.maxNotices;
   if (!notices && connection.outbox.waitingBytes() <= options_.maxAnswerBytes) return;
   if (connection.use == ConnectionUse::Requests) {
-    return close(connection, "it does not read its answers");
+    return close(connection, Fault::NotReading, "it does not read its answers");
   }
-  close(connection, "it does not read its notices; it is brought up to date when it reconnects");
+  close(connection, Fault::NotReading,
+        "it does not read its notices; it is brought up to date when it reconnects");
 }
 
 void Server::Impl::refuse(const RequestId& request, std::uint32_t error, const std::string& text) {
   Connection* connection = find(request.connection);
-  if (request.oneWay || connection == nullptr) return;
+  endRequest(request);
+  if (!request.oneWay && connection != nullptr) sendRefusal(*connection, request, error, text);
+}
+
+void Server::Impl::sendRefusal(Connection& connection, const RequestId& request,
+                               std::uint32_t error, const std::string& text) {
   FrameHeader header;
   header.kind = FrameKind::Refusal;
   header.sequence = request.sequence;
-  connection->outbox.add(header, encode(Refusal{error, text}));
-  flush(*connection);
+  connection.outbox.add(header, encode(Refusal{error, text}));
+  flush(connection);
 }
 
 void Server::Impl::notify(PeerId id, const MessageLite& notice, std::uint64_t revision,
@@ -721,7 +956,8 @@ void Server::Impl::notify(PeerId id, const MessageLite& notice, std::uint64_t re
   header.revision = revision;
   std::string frame;
   if (!encodeFrame(header, notice, frame)) {
-    return handler_.onLog("a notice for " + nameOf(connection) + " is larger than 16 MiB");
+    return handler_.onFault(Fault::Resources,
+                            "a notice for " + nameOf(connection) + " is larger than 16 MiB");
   }
   connection.outbox.queue(std::move(frame), key);
   flushLater(connection);
@@ -731,6 +967,12 @@ std::uint32_t Server::Impl::ask(PeerId id, const MessageLite& question, std::uin
   PeerState* peer = findPeer(id);
   if (peer == nullptr || peer->delivery == nullptr || peer->delivery->dead) return 0;
   Connection& connection = *peer->delivery;
+  if (peer->openQuestions.size() >= options_.maxOpenQuestions) {
+    handler_.onFault(Fault::NotAnswering, nameOf(connection) + " has " +
+                                              std::to_string(options_.maxOpenQuestions) +
+                                              " questions to answer and is asked nothing more");
+    return 0;
+  }
   if (++peer->lastQuestion == 0) ++peer->lastQuestion;
   FrameHeader header;
   header.kind = FrameKind::Question;
@@ -768,6 +1010,12 @@ void Server::notify(PeerId peer, const MessageLite& notice, std::uint64_t revisi
 
 std::uint32_t Server::ask(PeerId peer, const MessageLite& question, std::uint64_t revision) {
   return impl_->ask(peer, question, revision);
+}
+
+bool Server::hasRoom(const RequestId& request) const { return impl_->hasRoom(request); }
+
+void Server::whenRoom(const RequestId& request, std::function<void()> task) {
+  impl_->whenRoom(request, std::move(task));
 }
 
 void Server::post(std::function<void()> task) { impl_->post(std::move(task)); }

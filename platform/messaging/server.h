@@ -7,8 +7,15 @@
 //
 // Peers    all connections of one endpoint of one process make one peer: they share a token and the
 //          kernel's word (uid, pid) for who is there. Only a peer's own connections answer for it.
+// Turns    each connection that has something to say is listened to for a few frames at a time, so
+//          that one that says much delays the others by a turn and no more.
+// Room     what a peer does not read is not piled up for it: as long as its answers wait, its next
+//          requests wait too, in its own socket. So do those of a peer that has too many requests
+//          under way; it is slowed down, and nothing of what it sent is lost. Answers to questions
+//          never wait.
 // Errors   a peer that sends what is no frame, half a frame, or more than it may, loses that
 //          connection; one line says why. Nothing a peer does stops the server.
+// Limits   ServerOptions; docs/limits.md has them all.
 // Threads  post() and stop() from any thread, stop() also from a signal handler; all else from
 //          handlers and posted tasks, or before run().
 #pragma once
@@ -56,6 +63,9 @@ struct RequestId {
   std::uint32_t sequence = 0;
   // Nobody waits: answers to it are dropped.
   bool oneWay = false;
+  // Whose it is, and how long it was: for the peer's count of requests under way.
+  PeerId peer = 0;
+  std::size_t bytes = 0;
 };
 
 struct IncomingRequest {
@@ -68,12 +78,33 @@ struct IncomingRequest {
   std::uint64_t revision;
   // Valid until the call returns.
   std::string_view payload;
+  // It came over the peer's delivery connection.
+  bool overDelivery = false;
+};
+
+// What a line about a peer is about: of one kind, there may be many alike.
+enum class Fault {
+  // It sent what is no frame, or no frame that clients send.
+  BadFrame,
+  // It did not say who it is.
+  NoGreeting,
+  // It went away, or stopped, in the middle of a frame.
+  HalfFrame,
+  // It was refused: its name, its token, a limit on connections.
+  Refused,
+  // It does not read what is for it.
+  NotReading,
+  // It does not answer what it is asked.
+  NotAnswering,
+  // The process or the system is out of something.
+  Resources,
 };
 
 class ServerHandler {
  public:
   virtual ~ServerHandler() = default;
-  // Answer now or later, once, with respond() or refuse().
+  // Answer now or later, once, with respond() or refuse(); also a one-way request, whose answer is
+  // dropped.
   virtual void onRequest(const IncomingRequest& request) = 0;
   // One of the answers to a question; the payload is valid until the call returns.
   virtual void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
@@ -94,7 +125,7 @@ class ServerHandler {
   // The peer can be sent notices and questions from now on; it repeats its registrations next.
   virtual void onDeliveryReady(const Peer& peer) { static_cast<void>(peer); }
   // One line about a fault that was dealt with; no line break.
-  virtual void onLog(const std::string& line) = 0;
+  virtual void onFault(Fault kind, const std::string& line) = 0;
 };
 
 struct ServerOptions {
@@ -105,13 +136,35 @@ struct ServerOptions {
   int listenFd = -1;
   // Revisions of this epoch compare; see Welcome.
   std::uint64_t epoch = 0;
-  // Limits. What goes past one is refused and logged.
+  // Limits. What goes past one is refused, or waits where this says so, and is logged.
   unsigned maxConnections = 1024;
+  // Of these, only root and the service's own user get the last ones.
+  unsigned reservedConnections = 64;
+  // Of one user; root and the service's own user may have all.
+  unsigned maxConnectionsPerUser = 768;
+  unsigned maxConnectionsPerProcess = 256;
   unsigned maxConnectionsPerPeer = 64;
-  // Bytes of answers that may wait for one connection's reader before it is closed.
+  // Who has connected has this long to say who it is.
+  std::chrono::milliseconds greetingDeadline = std::chrono::seconds(10);
+  // Who has begun a frame has this long to end it.
+  std::chrono::milliseconds frameDeadline = std::chrono::seconds(30);
+  // Frames of one connection that are taken before it is the others' turn.
+  unsigned framesPerTurn = 32;
+  // Requests of one peer that were taken and not answered yet, and their bytes: the next ones wait.
+  // Those from inside a receiver do not, for its peer's questions may wait for them.
+  unsigned maxOpenRequests = 1024;
+  std::size_t maxOpenRequestBytes = std::size_t{16} * 1024 * 1024;
+  // Questions to one peer that it has not done with: it is asked nothing more.
+  unsigned maxOpenQuestions = 1024;
+  // While more bytes than these wait for a connection's reader, its requests wait.
+  std::size_t roomBytes = std::size_t{256} * 1024;
+  // Bytes that may wait for one connection's reader before it is closed.
   std::size_t maxAnswerBytes = std::size_t{32} * 1024 * 1024;
   // Notices that may wait for one peer; only the newest for each coalescing key counts.
   std::size_t maxNotices = 65536;
+  // Bytes that all connections together may make the server keep: unfinished frames, and what waits
+  // for readers. Past it, the connection that has most is closed.
+  std::size_t maxBufferedBytes = std::size_t{64} * 1024 * 1024;
 };
 
 class Server {
@@ -136,6 +189,13 @@ class Server {
   // Answers that the request cannot be taken at all; the call then fails at the client.
   void refuse(const RequestId& request, std::uint32_t error, const std::string& text);
 
+  // Whether the connection of a request has room for more: see "Room" above.
+  bool hasRoom(const RequestId& request) const;
+  // Runs a task once the connection of a request has room, before any further request of it is
+  // taken; never, when the connection ends first. For what would otherwise queue without end: stop
+  // when hasRoom() is false, and go on from here.
+  void whenRoom(const RequestId& request, std::function<void()> task);
+
   // Queues a notice for a peer. Of several waiting notices with one non-empty coalescing key only
   // the newest is kept, at the place of the newest. A peer without a delivery connection gets
   // nothing: it is brought up to date when it repeats its registrations. When the queue is full the
@@ -143,7 +203,8 @@ class Server {
   void notify(PeerId peer, const google::protobuf::MessageLite& notice, std::uint64_t revision,
               const std::string& coalescingKey);
 
-  // Asks a peer. The question's number, or 0 when the peer has no delivery connection.
+  // Asks a peer. The question's number, or 0 when the peer has no delivery connection or as many
+  // open questions as the limit allows.
   std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question,
                     std::uint64_t revision);
 

@@ -62,6 +62,8 @@ void Serving::answer(const Request& request) {
     response.add_values(read.client_name());
     return server_->respond(request.id, response, revision);
   }
+  // Nobody hears it, but it tells the server that the request has ended.
+  if (request.id.oneWay) return server_->respond(request.id, ConfigIF::WriteRsp(), revision);
   if (PlatformSchema::isRepeatedOnReconnect(request.messageId)) {
     server_->respond(request.id, ConfigIF::RegisterClientCallbackRsp(), revision);
   }
@@ -108,7 +110,7 @@ void Serving::onDeliveryReady(const PbUtility::Peer& peer) {
   readyPeer_ = peer.id;
 }
 
-void Serving::onLog(const std::string& line) {
+void Serving::onFault(PbUtility::Fault /*kind*/, const std::string& line) {
   const std::lock_guard<std::mutex> guard(mutex_);
   log_.push_back(line);
 }

@@ -36,7 +36,7 @@ class Serving : public PbUtility::ServerHandler {
   ~Serving() override;
 
   // How requests are answered, on the serving thread; by default a read is answered with its
-  // client name, a registration with success, and all else not at all. To be set before clients
+  // client name, a registration and a one-way request with success, and all else not at all. To be set before clients
   // come, or from onServer.
   std::function<void(PbUtility::Server&, const Request&)> onRequestDo;
   std::uint64_t revision = 7;
@@ -58,7 +58,7 @@ class Serving : public PbUtility::ServerHandler {
   void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone) override;
   void onPeerGone(const PbUtility::Peer& peer) override;
   void onDeliveryReady(const PbUtility::Peer& peer) override;
-  void onLog(const std::string& line) override;
+  void onFault(PbUtility::Fault kind, const std::string& line) override;
 
  private:
   void answer(const Request& request);

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,9 @@ struct RequestContext {
 
 class Requests {
  public:
+  // A client's name is for logs and for providers to read; what is longer than this is cut.
+  static constexpr std::size_t kMaxClientName = 256;
+
   explicit Requests(RequestContext context);
 
   void handle(const PbUtility::IncomingRequest& request);
@@ -62,6 +66,8 @@ class Requests {
     Requester by;
     // FrameHeader::revision.
     std::uint64_t knownRevision;
+    // IncomingRequest::overDelivery.
+    bool overDelivery;
   };
 
   static Handler handlerOf(std::uint32_t messageId);
@@ -145,6 +151,9 @@ class Requests {
   bool mayProvideAny(const Call& call, const std::string& name) const;
   void refuseProvider(const Call& call, const Registration& registration);
   void registerCallback(const Call&, const ConfigIF::RegisterClientCallbackReq&);
+  // A registration that is repeated, on its way to being answered.
+  struct CatchUp;
+  void catchUp(const std::shared_ptr<CatchUp>& catchUp);
   void unregisterCallback(const Call&, const ConfigIF::UnregisterClientCallbackReq&,
                           ConfigIF::UnregisterClientCallbackRsp&);
   void unregisterAll(const Incoming& incoming);

@@ -12,6 +12,9 @@ namespace PbUtility {
 
 class Listener {
  public:
+  // Connections that may wait to be taken in; who comes then waits in connect(2).
+  static constexpr int kBacklog = 128;
+
   Listener() = default;
   ~Listener();
   Listener(const Listener&) = delete;
@@ -24,7 +27,8 @@ class Listener {
 
   int fd() const { return socket_.get(); }
   // The next connection, non-blocking; empty when none waits. When the process is out of
-  // descriptors, the next connection is closed at once, and `exhausted` tells.
+  // descriptors, the one it returns is the spare one's, as `exhausted` tells: it has to be closed
+  // again before the next call.
   UniqueFd accept(bool& exhausted);
 
  private:

@@ -32,6 +32,8 @@ class Outbox {
 
   bool isEmpty() const { return waitingBytes() == 0; }
   std::size_t waitingBytes() const { return bytes_.size() - written_ + queuedBytes_; }
+  // What all of it takes in memory, about: a queued message is more than its bytes.
+  std::size_t memoryBytes() const { return waitingBytes() + messages_.size() * kMessageBytes; }
   std::size_t queuedMessages() const { return messages_.size(); }
 
  private:
@@ -39,6 +41,9 @@ class Outbox {
     std::string frame;
     std::string key;
   };
+  // A message's part in list, map and strings.
+  static constexpr std::size_t kMessageBytes = 256;
+
   // Moves messages into the bytes to be written, a few at a time, so that the rest can still be
   // replaced by newer ones.
   void stage();

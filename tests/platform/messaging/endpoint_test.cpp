@@ -229,6 +229,21 @@ TEST_F(EndpointTest, ThreadsShareAFewConnections) {
   EXPECT_LE(connections.size(), 3U);
 }
 
+TEST_F(EndpointTest, OneRemoteMoreThanTheLimitIsRefusedAndTheOthersServeOn) {
+  Serving serving(dir.path());
+  Endpoint endpoint("ui", options());
+  EXPECT_EQ(read(endpoint), 0);
+  ConfigIF::ReadRsp response;
+  for (std::size_t i = 1; i < kMaxRemotes; ++i) {
+    EXPECT_EQ(endpoint.sendWaitResponse(ConfigIF::ReadReq(), &response, std::to_string(i)),
+              kCallNoService);
+  }
+  EXPECT_EQ(endpoint.sendWaitResponse(ConfigIF::ReadReq(), &response, "more"), kCallBadEndpoint);
+  EXPECT_EQ(endpoint.lastRefusal(), "more remote endpoints than the limit of 64");
+  endpoint.addRemoteEndpoint("more", -1);
+  EXPECT_EQ(read(endpoint), 0);
+}
+
 TEST_F(EndpointTest, OneWayRequestsOfAThreadArriveInTheirOrderWhateverOthersDo) {
   Serving serving(dir.path());
   Endpoint endpoint("ui", options());

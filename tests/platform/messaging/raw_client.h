@@ -14,13 +14,19 @@ namespace TestSupport {
 
 class RawClient {
  public:
-  explicit RawClient(const std::string& path)
-      : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
+  enum class Connect { Now, Later };
+
+  explicit RawClient(const std::string& path, Connect when = Connect::Now)
+      : path_(path), fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     const timeval patience{20, 0};
     ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    if (when == Connect::Now) connect();
+  }
+
+  void connect() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.data(), path_.size());
     connected_ = ::connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   }
 
@@ -69,6 +75,7 @@ class RawClient {
   }
 
  private:
+  std::string path_;
   PbUtility::UniqueFd fd_;
   bool connected_ = false;
 };

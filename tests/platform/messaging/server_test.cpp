@@ -1,9 +1,16 @@
 #include "platform/messaging/server.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <fstream>
+#include <future>
+#include <memory>
+#include <thread>
 
 #include "platform/messaging/endpoint.h"
 #include "platform/schema/config_if.pb.h"
@@ -220,7 +227,22 @@ TEST_F(ServerTest, ATokenUnderAnotherNameIsRefused) {
   EXPECT_TRUE(eventually([&] { return linesAbout(serving, "of another process") == 1; }));
 }
 
-TEST_F(ServerTest, ConnectionsBeyondTheLimitAreRefusedAndLoggedOnce) {
+// The refusal that this connection got, as "error: text".
+std::string refusalTo(RawClient& client) {
+  std::string bytes;
+  for (std::string more = client.receive(); !more.empty(); more = client.receive()) bytes += more;
+  FrameHeader header;
+  if (bytes.size() < kFrameHeaderBytes) return "nothing came";
+  if (!decodeHeader(reinterpret_cast<const unsigned char*>(bytes.data()), header).empty() ||
+      header.kind != FrameKind::Refusal) {
+    return "no refusal came";
+  }
+  Refusal refusal;
+  EXPECT_EQ(decode(bytes.substr(kFrameHeaderBytes), refusal), "");
+  return std::to_string(refusal.error) + ": " + refusal.text;
+}
+
+TEST_F(ServerTest, ConnectionsBeyondTheLimitAreToldSoAndLogged) {
   ServerOptions limited = options();
   limited.maxConnections = 2;
   Serving serving(limited);
@@ -228,14 +250,80 @@ TEST_F(ServerTest, ConnectionsBeyondTheLimitAreRefusedAndLoggedOnce) {
   RawClient second(socketFile());
   ASSERT_TRUE(second.send(RawClient::hello("second")));
   ASSERT_FALSE(second.receive().empty());
-  EXPECT_TRUE(RawClient(socketFile()).isClosedByService());
-  EXPECT_TRUE(RawClient(socketFile()).isClosedByService());
-  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "refusing connections") == 1; }));
+  RawClient third(socketFile());
+  EXPECT_EQ(refusalTo(third), "11: all 2 connections of the service are in use");
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "refused a connection of pid") == 1; }));
   first.close();
   EXPECT_TRUE(eventually([&] {
     RawClient again(socketFile());
     return again.send(RawClient::hello("again", 3)) && !again.receive().empty();
   }));
+}
+
+TEST_F(ServerTest, ConnectionsOfOneProcessBeyondTheLimitAreToldSo) {
+  ServerOptions limited = options();
+  limited.maxConnectionsPerProcess = 1;
+  Serving serving(limited);
+  RawClient first(socketFile());
+  RawClient second(socketFile());
+  EXPECT_EQ(refusalTo(second), "11: all 1 connections that one process may have are in use");
+}
+
+TEST_F(ServerTest, AnEndpointThatIsRefusedTellsItsCallerWhy) {
+  ServerOptions limited = options();
+  limited.maxConnections = 1;
+  Serving serving(limited);
+  RawClient first(socketFile());
+  ASSERT_TRUE(first.send(RawClient::hello("first")));
+  ASSERT_FALSE(first.receive().empty());
+  EndpointOptions own;
+  own.runtimeDir = dir.path();
+  for (int i = 0; i < 50; ++i) {
+    Endpoint endpoint("second", own);
+    ConfigIF::ReadRsp response;
+    ASSERT_EQ(endpoint.sendWaitResponse(ConfigIF::ReadReq(), &response, "ConfigSrvc"),
+              kCallRefused);
+    EXPECT_EQ(endpoint.lastRefusal(), "all 1 connections of the service are in use");
+  }
+}
+
+TEST_F(ServerTest, WithoutDescriptorsConnectionsAreToldSoAndServedAgainLater) {
+  Serving serving(dir.path());
+  expectServed();
+  const auto waiting = std::make_unique<RawClient>(socketFile());
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  RawClient unlucky(socketFile(), RawClient::Connect::Later);
+  std::vector<UniqueFd> taken;
+  const rlimit few{static_cast<rlim_t>(unlucky.fd()) + 8, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+  while (taken.empty() || taken.back()) taken.emplace_back(::open("/dev/null", O_RDONLY));
+  unlucky.connect();
+  EXPECT_EQ(refusalTo(unlucky), "11: the service is out of file descriptors");
+  taken.clear();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  expectServed();
+}
+
+TEST_F(ServerTest, WhoDoesNotGreetInTimeIsClosed) {
+  ServerOptions hasty = options();
+  hasty.greetingDeadline = std::chrono::milliseconds(20);
+  Serving serving(hasty);
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("slow").substr(0, 30)));
+  EXPECT_TRUE(client.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "did not greet in time") == 1; }));
+}
+
+TEST_F(ServerTest, AFrameThatIsNotEndedInTimeEndsItsConnection) {
+  ServerOptions hasty = options();
+  hasty.frameDeadline = std::chrono::milliseconds(20);
+  Serving serving(hasty);
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("slow") + request(0x1A0110, "payload").substr(0, 27)));
+  EXPECT_TRUE(client.isClosedByService());
+  EXPECT_TRUE(eventually([&] { return linesAbout(serving, "did not end a frame in time") == 1; }));
+  expectServed();
 }
 
 TEST_F(ServerTest, ConnectionsOfOnePeerBeyondTheLimitAreRefused) {
@@ -251,20 +339,221 @@ TEST_F(ServerTest, ConnectionsOfOnePeerBeyondTheLimitAreRefused) {
   EXPECT_EQ(linesAbout(serving, "which is the limit"), 1U);
 }
 
-TEST_F(ServerTest, WhoNeverReadsItsAnswersIsClosedAtTheLimit) {
+constexpr std::size_t kLongAnswer = 300000;
+
+void answerAtLength(Server& server, const Serving::Request& read) {
+  ConfigIF::ReadRsp response;
+  response.add_values(std::string(kLongAnswer, 'x'));
+  server.respond(read.id, response, 1);
+}
+
+TEST_F(ServerTest, WhoDoesNotReadItsAnswersIsNotListenedToUntilItDoes) {
+  Serving serving(dir.path());
+  serving.onRequestDo = answerAtLength;
+  RawClient client(socketFile());
+  std::string bytes = RawClient::hello("deaf");
+  for (int i = 0; i < 200; ++i) bytes += request(0x1A0110, "");
+  ASSERT_TRUE(client.send(bytes));
+  ASSERT_TRUE(eventually([&] { return !serving.requests().empty(); }));
+  serving.onServer([](Server&) {});
+  // One answer fills the socket, the next the room; a few may pass while they are written.
+  EXPECT_LT(serving.requests().size(), 8U);
+  std::size_t read = 0;
+  while (read < 200 * kLongAnswer) read += client.receive().size();
+  EXPECT_EQ(serving.requests().size(), 200U);
+  EXPECT_TRUE(serving.log().empty());
+}
+
+TEST_F(ServerTest, WhoseAnswersPileUpIsClosedAtTheLimit) {
   ServerOptions limited = options();
   limited.maxAnswerBytes = 1 << 20;
   Serving serving(limited);
-  serving.onRequestDo = [](Server& server, const Serving::Request& read) {
-    ConfigIF::ReadRsp response;
-    response.add_values(std::string(300000, 'x'));
-    server.respond(read.id, response, 1);
-  };
+  serving.onRequestDo = [](Server&, const Serving::Request&) {};
   RawClient client(socketFile());
   std::string bytes = RawClient::hello("deaf");
   for (int i = 0; i < 20; ++i) bytes += request(0x1A0110, "");
   ASSERT_TRUE(client.send(bytes));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 20; }));
+  serving.onServer([&](Server& server) {
+    for (const Serving::Request& read : serving.requests()) answerAtLength(server, read);
+  });
   EXPECT_TRUE(eventually([&] { return linesAbout(serving, "does not read its answers") == 1; }));
+}
+
+TEST_F(ServerTest, OfAllThatWaitsTheGreediestConnectionIsClosedAndTheOthersAreNot) {
+  ServerOptions limited = options();
+  limited.maxBufferedBytes = 1 << 20;
+  Serving serving(limited);
+  serving.onRequestDo = answerAtLength;
+  RawClient modest(socketFile());
+  ASSERT_TRUE(modest.send(RawClient::hello("modest", 1) + request(0x1A0110, "")));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 1; }));
+  RawClient greedy(socketFile());
+  std::string frame = request(0x1A0110, std::string(std::size_t{2} << 20, 'x'));
+  ASSERT_TRUE(greedy.send(RawClient::hello("greedy", 2)));
+  ASSERT_FALSE(greedy.receive().empty());
+  std::thread sender([&] { greedy.send(frame.substr(0, frame.size() - 1)); });
+  EXPECT_TRUE(greedy.isClosedByService());
+  sender.join();
+  EXPECT_EQ(linesAbout(serving, "\"greedy\""), 1U);
+  EXPECT_EQ(linesAbout(serving, "\"modest\""), 0U);
+  std::size_t read = 0;
+  while (read < kLongAnswer) read += modest.receive().size();
+}
+
+TEST_F(ServerTest, WhoFloodsTheServerDelaysOthersByATurnAlone) {
+  Serving serving(dir.path());
+  std::promise<void> bothHaveSent;
+  std::shared_future<void> released = bothHaveSent.get_future().share();
+  serving.onRequestDo = [released](Server& server, const Serving::Request& read) {
+    released.wait();
+    server.respond(read.id, ConfigIF::ReadRsp(), 1);
+  };
+  RawClient flooder(socketFile());
+  std::string bytes = RawClient::hello("flooder", 1);
+  for (int i = 0; i < 2000; ++i) bytes += request(0x1A0110, "");
+  ASSERT_TRUE(flooder.send(bytes));
+  RawClient other(socketFile());
+  ASSERT_TRUE(other.send(RawClient::hello("other", 2) + request(0x1A0110, "")));
+  bothHaveSent.set_value();
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 2001; }));
+  const std::vector<Serving::Request> requests = serving.requests();
+  const auto itsTurn =
+      std::find_if(requests.begin(), requests.end(),
+                   [](const Serving::Request& request) { return request.peer.name == "other"; });
+  ASSERT_NE(itsTurn, requests.end());
+  EXPECT_LT(itsTurn - requests.begin(), 4 * 32);
+}
+
+// Requests that a handler has taken and does not answer until it is told to.
+class OpenRequestsTest : public ServerTest {
+ protected:
+  static std::string oneWay(int number) {
+    FrameHeader header;
+    header.kind = FrameKind::OneWay;
+    header.messageId = 0x1A0140;
+    header.sequence = static_cast<std::uint32_t>(number);
+    return RawClient::frame(header, "");
+  }
+  static std::string oneWays(int count) {
+    std::string bytes;
+    for (int i = 0; i < count; ++i) bytes += oneWay(i);
+    return bytes;
+  }
+  static void answerLater(Server& server, const Serving::Request& taken) {
+    server.after(std::chrono::milliseconds(1),
+                 [&server, id = taken.id] { server.respond(id, ConfigIF::WriteRsp(), 1); });
+  }
+};
+
+TEST_F(OpenRequestsTest, PastTheLimitOfAPeerWaitAndTheOtherPeersDoNot) {
+  ServerOptions limited = options();
+  limited.maxOpenRequests = 4;
+  Serving serving(limited);
+  serving.onRequestDo = [](Server& server, const Serving::Request& taken) {
+    if (taken.messageId == 0x1A0110) server.respond(taken.id, ConfigIF::ReadRsp(), 1);
+  };
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("flooder", 1) + oneWays(10)));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 4; }));
+  RawClient other(socketFile());
+  ASSERT_TRUE(other.send(RawClient::hello("other", 2) + request(0x1A0110, "")));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 5; }));
+  EXPECT_EQ(serving.requests()[4].peer.name, "other");
+  for (std::size_t answered = 0; answered < 4; ++answered) {
+    serving.onServer([&](Server& server) {
+      server.respond(serving.requests()[answered].id, ConfigIF::WriteRsp(), 1);
+    });
+    EXPECT_TRUE(eventually([&] { return serving.requests().size() == 6 + answered; }));
+  }
+}
+
+TEST_F(OpenRequestsTest, PastTheirBytesWaitToo) {
+  ServerOptions limited = options();
+  limited.maxOpenRequestBytes = 1000;
+  Serving serving(limited);
+  serving.onRequestDo = answerLater;
+  RawClient client(socketFile());
+  std::string bytes = RawClient::hello("flooder");
+  for (int i = 0; i < 10; ++i) bytes += request(0x1A0140, std::string(900, 'x'));
+  ASSERT_TRUE(client.send(bytes));
+  EXPECT_TRUE(eventually([&] { return serving.requests().size() == 10; }));
+}
+
+TEST_F(OpenRequestsTest, FromInsideAReceiverDoNotWait) {
+  ServerOptions limited = options();
+  limited.maxOpenRequests = 2;
+  Serving serving(limited);
+  serving.onRequestDo = [](Server&, const Serving::Request&) {};
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("provider", 1) + oneWays(10)));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 2; }));
+  FrameHeader header;
+  header.kind = FrameKind::Request;
+  header.flags = kFlagInsideReceiver;
+  header.messageId = 0x1A0110;
+  RawClient inside(socketFile());
+  ASSERT_TRUE(inside.send(RawClient::hello("provider", 1) + RawClient::frame(header, "")));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 3; }));
+  EXPECT_TRUE(serving.requests()[2].insideReceiver);
+}
+
+TEST_F(OpenRequestsTest, OfAClientThatSendsAndLeavesAreAllTaken) {
+  ServerOptions limited = options();
+  limited.maxOpenRequests = 16;
+  Serving serving(limited);
+  serving.onRequestDo = answerLater;
+  {
+    RawClient client(socketFile());
+    ASSERT_TRUE(client.send(RawClient::hello("hurried")));
+    ASSERT_FALSE(client.receive().empty());
+    ASSERT_TRUE(client.send(oneWays(1000)));
+  }
+  EXPECT_TRUE(eventually([&] { return serving.requests().size() == 1000; }));
+  EXPECT_TRUE(eventually([&] { return serving.gone().size() == 1; }));
+  EXPECT_TRUE(serving.log().empty());
+}
+
+TEST_F(ServerTest, AProviderThatDoesNotAnswerIsAskedNoMoreThanTheLimit) {
+  ServerOptions limited = options();
+  limited.maxOpenQuestions = 2;
+  Serving serving(limited);
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("mute", 1, ConnectionUse::Delivery)));
+  ASSERT_TRUE(eventually([&] { return serving.readyPeer() != 0; }));
+  const std::uint32_t first = serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq());
+  EXPECT_NE(serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq()), 0U);
+  EXPECT_EQ(serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq()), 0U);
+  EXPECT_EQ(linesAbout(serving, "has 2 questions to answer"), 1U);
+  FrameHeader done;
+  done.kind = FrameKind::Done;
+  done.sequence = first;
+  ASSERT_TRUE(client.send(RawClient::frame(done, "")));
+  ASSERT_TRUE(eventually([&] { return !serving.questions().empty(); }));
+  EXPECT_NE(serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq()), 0U);
+}
+
+TEST_F(ServerTest, ATaskThatWaitsForRoomRunsOnceThereIsSomeAndBeforeTheNextRequest) {
+  Serving serving(dir.path());
+  std::atomic<bool> ran{false};
+  std::atomic<std::size_t> requestsBefore{0};
+  serving.onRequestDo = [&](Server& server, const Serving::Request& taken) {
+    if (serving.requests().size() > 1) return answerAtLength(server, taken);
+    while (server.hasRoom(taken.id)) answerAtLength(server, taken);
+    server.whenRoom(taken.id, [&] {
+      requestsBefore = serving.requests().size();
+      ran = true;
+    });
+  };
+  RawClient client(socketFile());
+  ASSERT_TRUE(
+      client.send(RawClient::hello("slow") + request(0x1A0110, "") + request(0x1A0110, "")));
+  ASSERT_TRUE(eventually([&] { return serving.requests().size() == 1; }));
+  serving.onServer([](Server&) {});
+  EXPECT_FALSE(ran);
+  while (!ran) ASSERT_FALSE(client.receive().empty());
+  EXPECT_EQ(requestsBefore, 1U);
+  while (serving.requests().size() < 2) ASSERT_FALSE(client.receive().empty());
 }
 
 TEST_F(ServerTest, WhoNeverReadsItsNoticesIsClosedAtTheLimit) {
