@@ -31,8 +31,8 @@ struct Requests::CatchUp {
 //
 // Over the delivery connection, where registrations are repeated, it goes last: whoever repeats many
 // may be owed more than may wait for a reader, so each is told no faster than its client reads, and
-// the next is not taken before. The client counts itself up to date from the answer on, so it must
-// not come before all that was owed.
+// the next is not taken before. The client counts itself up to date once it is told anything newer
+// than the answer, so all that was owed has to be queued before.
 void Requests::registerCallback(const Call& call,
                                 const ConfigIF::RegisterClientCallbackReq& request) {
   ConfigIF::RegisterClientCallbackRsp response;
