@@ -311,6 +311,71 @@ TEST(LimitTest, AFloodOfOneWayWritesIsSlowedDownAndNotLost) {
   EXPECT_EQ(service.linesWith("failed with error"), 0) << service.log();
 }
 
+TEST(LimitTest, AListingThatIsTooLongIsRefusedWithTheWayToGetIt) {
+  constexpr std::size_t kVariables = 13;
+  std::string definitions = loadDefinitions(kVariables);
+  definitions += "[variable.\"small.one\"]\ntype = \"string\"\ndefault = \"-\"\n";
+  ServiceProcess service(definitions);
+  service.start();
+  LoadConnection writer(service.socket(), "writer", 1, ConnectionUse::Requests);
+  writeAll(writer, kVariables, std::string(kMiB, 'x'));
+  TestClient client("client", service.runtimeDir());
+  ConfigIF::ListRsp response;
+  const Outcome all = client.request(ConfigIF::ListReq(), &response);
+  EXPECT_EQ(all.error, CommonIF::ERROR_LIMIT);
+  EXPECT_EQ(all.text,
+            "the listing would be longer than 12582912 bytes: list, or export, group by group\n");
+  EXPECT_EQ(response.records_size(), 0);
+  ConfigIF::ListReq group;
+  group.set_prefix("small");
+  EXPECT_TRUE(client.request(group, &response).ok());
+  EXPECT_EQ(response.records_size(), 1);
+}
+
+TEST(LimitTest, AClientNameThatIsTooLongIsCutInTheLog) {
+  ServiceProcess service(loadDefinitions(1));
+  service.start();
+  LoadConnection writer(service.socket(), "writer", 1, ConnectionUse::Requests);
+  ConfigIF::WriteReq request = writeOf("load", "missing", "x");
+  request.set_client_name(std::string(300, 'n'));
+  writer.add(request, FrameKind::OneWay);
+  ASSERT_TRUE(writer.send());
+  EXPECT_TRUE(service.waitForLog("a one-way write by " + std::string(256, 'n') + " failed"));
+}
+
+TEST(LimitTest, AMonitorsNameThatIsTooLongIsRefused) {
+  ServiceProcess service(loadDefinitions(1));
+  service.start();
+  TestClient client("client", service.runtimeDir());
+  ConfigIF::MonitorReq request;
+  ConfigIF::MonitorRsp response;
+  request.set_prefix(std::string(1024, 'n'));
+  EXPECT_TRUE(client.request(request, &response).ok());
+  request.set_prefix(std::string(1025, 'n'));
+  const Outcome tooLong = client.request(request, &response);
+  EXPECT_EQ(tooLong.error, CommonIF::ERROR_LIMIT);
+  EXPECT_EQ(tooLong.text, "a name of 1025 bytes is longer than the limit of 1024\n");
+}
+
+TEST(LimitTest, OfAGroupWhoseResetIsRefusedTheFirstReasonsAreTold) {
+  constexpr std::size_t kVariables = 70;
+  ServiceProcess service(loadDefinitions(kVariables));
+  service.start();
+  LoadConnection writer(service.socket(), "writer", 1, ConnectionUse::Requests);
+  writeAll(writer, kVariables, "changed");
+  TestClient provider("provider", service.runtimeDir());
+  provider.provide("load", [](const ProviderQuestion& question) {
+    return question.values.front() == "-" ? veto("no") : consent();
+  });
+  TestClient client("client", service.runtimeDir());
+  ConfigIF::ResetNodeValueReq request;
+  request.set_name("load");
+  ConfigIF::ResetNodeValueRsp response;
+  EXPECT_EQ(client.request(request, &response).error, CommonIF::ERROR_VETOED);
+  EXPECT_EQ(response.result().messages_size(), 20);
+  EXPECT_EQ(response.changed(), 0U);
+}
+
 bool anotherProcessIsServed(const ServiceProcess& service) {
   const pid_t child = fork();
   if (child == 0) {
