@@ -151,7 +151,7 @@ class Server::Impl {
   void notify(PeerId peer, const MessageLite& notice, std::uint64_t revision,
               const std::string& key);
   std::uint32_t ask(PeerId peer, const MessageLite& question, std::uint64_t revision);
-  bool hasRoom(const RequestId& request) const;
+  bool hasRoom(const RequestId& request);
   void whenRoom(const RequestId& request, std::function<void()> task);
   void post(std::function<void()> task) { turn_.post(std::move(task)); }
   void aside(std::function<void()> work, std::function<void()> done);
@@ -215,7 +215,6 @@ class Server::Impl {
   void greet(Connection& connection, std::string_view payload);
   PeerState* peerFor(const Connection& connection, const Hello& hello, Refusal& refusal);
   PeerState* newPeer(const Connection& connection, const Hello& hello, Refusal& refusal);
-  void refuseGreeting(Connection& connection, const Refusal& refusal);
   void becomeDelivery(Connection& connection);
   void request(Connection& connection, const FrameHeader& header, std::string_view payload);
   void answer(Connection& connection, const FrameHeader& header, std::string_view payload);
@@ -640,9 +639,12 @@ void Server::Impl::keepWithinBuffers() {
   }
 }
 
-bool Server::Impl::hasRoom(const RequestId& request) const {
-  const Connection* connection = find(request.connection);
-  return connection != nullptr && !isFull(*connection);
+// What has not been flushed yet does not say that the peer does not read.
+bool Server::Impl::hasRoom(const RequestId& request) {
+  Connection* connection = find(request.connection);
+  if (connection == nullptr) return false;
+  if (isFull(*connection) && !connection->waitsForRoom) flush(*connection);
+  return !connection->dead && !isFull(*connection);
 }
 
 void Server::Impl::whenRoom(const RequestId& request, std::function<void()> task) {
@@ -705,9 +707,13 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   const std::string problem = decode(payload, hello);
   if (!problem.empty()) return close(connection, Fault::BadFrame, problem);
   Refusal refusal;
-  PeerState* peer = peers_.count(hello.token) == 0 ? newPeer(connection, hello, refusal)
-                                                   : peerFor(connection, hello, refusal);
-  if (peer == nullptr) return refuseGreeting(connection, refusal);
+  const bool isNew = peers_.count(hello.token) == 0;
+  PeerState* peer =
+      isNew ? newPeer(connection, hello, refusal) : peerFor(connection, hello, refusal);
+  if (peer == nullptr) {
+    sendRefusal(connection, {}, refusal.error, refusal.text);
+    return isNew ? close(connection) : close(connection, Fault::Refused, refusal.text);
+  }
   timers_.cancel(connection.greetingTimer);
   connection.use = hello.use;
   connection.peer = peer;
@@ -718,14 +724,6 @@ void Server::Impl::greet(Connection& connection, std::string_view payload) {
   // Before the welcome leaves: who has read it can be notified and asked.
   if (hello.use == ConnectionUse::Delivery) becomeDelivery(connection);
   flush(connection);
-}
-
-void Server::Impl::refuseGreeting(Connection& connection, const Refusal& refusal) {
-  FrameHeader header;
-  header.kind = FrameKind::Refusal;
-  connection.outbox.add(header, encode(refusal));
-  flush(connection);
-  close(connection);
 }
 
 // What the handler refuses, it has logged itself.
@@ -751,8 +749,6 @@ PeerState* Server::Impl::peerFor(const Connection& connection, const Hello& hell
       peer->peer.gid != connection.who.gid || peer->peer.name != hello.name) {
     refusal = {kRefusedByRight,
                "it claims to be client \"" + peer->peer.name + "\" of another process"};
-    handler_.onFault(Fault::Refused,
-                     "closed the connection of " + nameOf(connection) + ": " + refusal.text);
     return nullptr;
   }
   if (peer->connections.size() >= options_.maxConnectionsPerPeer) {
@@ -1012,7 +1008,7 @@ std::uint32_t Server::ask(PeerId peer, const MessageLite& question, std::uint64_
   return impl_->ask(peer, question, revision);
 }
 
-bool Server::hasRoom(const RequestId& request) const { return impl_->hasRoom(request); }
+bool Server::hasRoom(const RequestId& request) { return impl_->hasRoom(request); }
 
 void Server::whenRoom(const RequestId& request, std::function<void()> task) {
   impl_->whenRoom(request, std::move(task));

@@ -190,7 +190,7 @@ class Server {
   void refuse(const RequestId& request, std::uint32_t error, const std::string& text);
 
   // Whether the connection of a request has room for more: see "Room" above.
-  bool hasRoom(const RequestId& request) const;
+  bool hasRoom(const RequestId& request);
   // Runs a task once the connection of a request has room, before any further request of it is
   // taken; never, when the connection ends first. For what would otherwise queue without end: stop
   // when hasRoom() is false, and go on from here.
