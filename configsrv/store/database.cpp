@@ -11,7 +11,7 @@ namespace {
 
 bool isFullDisk(int code, int systemError) {
   if (code == SQLITE_FULL) return true;
-  if ((code & 0xFF) != SQLITE_IOERR) return false;
+  if ((code & 0xFF) != SQLITE_IOERR && (code & 0xFF) != SQLITE_CANTOPEN) return false;
   // SQLite tells ENOSPC apart, but not a quota, nor a limit on the size of files.
   return systemError == EDQUOT || systemError == EFBIG || systemError == ENOSPC;
 }
@@ -46,6 +46,7 @@ int systemErrno(sqlite3* handle) {
 
 StoreCode storeCode(int code, int systemError) {
   if (isFullDisk(code, systemError)) return StoreCode::kDiskFull;
+  if (systemError == EIO) return StoreCode::kIo;
   switch (code & 0xFF) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:

@@ -33,15 +33,20 @@
 
 namespace ConfigSrv {
 
+class FileSystem;
 struct OpenedStore;
 
 struct StoreOptions {
   std::string file;
-  // The SQLite VFS that reads and writes the store's database files; empty for the default. The
-  // lock file, and the renaming and copying of whole files, do not go through it.
+  // The SQLite VFS that reads and writes the store's database files; empty for the default.
   std::string vfs{};
+  // Who locks, renames and copies whole files; null for the system. Outlives the store.
+  FileSystem* fileSystem = nullptr;
   // The size that the file may grow to; beyond it commits fail with kDiskFull.
   std::uint64_t maxBytes = std::uint64_t{64} << 20;
+  // The log is copied into the file once it has this many pages, and never kept larger than that.
+  static constexpr int kLogPages = 1000;
+  int logPages = kLogPages;
 };
 
 struct [[nodiscard]] CommitResult {
@@ -55,8 +60,6 @@ class Store {
  public:
   // The damaged files that are kept, so that a failing disk does not fill itself with them.
   static constexpr int kMaxSetAside = 3;
-  // The log is copied into the file once it has this many pages, and never kept larger than that.
-  static constexpr int kLogPages = 1000;
 
   // Reads and checks the whole file. Fails with kInUse, kNewerFormat, kUnusable, kIo, or kDiskFull
   // (when a new file has to be begun and cannot be). A failure leaves the file as it was, except

@@ -1,13 +1,8 @@
 // A move is: finish the new file and sync it, rename it, sync the directory. Setting aside renames
-// the main file before its companions: if power fails in between, the next start finds companions
-// without a main file and sets those aside too, so a stranger's log is never replayed into a
-// restored file.
+// the main file before its companions, and makes that durable first: if power fails in between, the
+// next start finds companions without a main file and sets those aside too, so a stranger's log is
+// never replayed into a restored file, nor a file served without its log.
 #include "configsrv/store/internal/store_files.h"
-
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -17,7 +12,6 @@
 #include <functional>
 #include <set>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "configsrv/store/store.h"
@@ -47,59 +41,6 @@ StoreStatus systemFailure(const std::string& doing, const std::string& path, int
                     "; " + advice};
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-  bool isOpen() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
-
-int openAgain(const std::string& path, int flags, mode_t mode = 0) {
-  int fd = -1;
-  do {
-    fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
-
-StoreStatus syncPath(const std::string& path, int flags) {
-  const Descriptor fd(openAgain(path, flags));
-  if (!fd.isOpen() || ::fsync(fd.get()) != 0) return systemFailure("sync", path, errno);
-  return {};
-}
-
-bool writeAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = ::write(fd, data, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
-StoreStatus copyBytes(const std::string& from, int in, const std::string& to, int out) {
-  std::array<char, 65536> buffer;
-  for (;;) {
-    const ssize_t got = ::read(in, buffer.data(), buffer.size());
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return systemFailure("read", from, errno);
-    if (got == 0) return {};
-    if (!writeAll(out, buffer.data(), static_cast<std::size_t>(got))) {
-      return systemFailure("write", to, errno);
-    }
-  }
-}
-
 std::string utcNow() {
   const std::time_t now = std::time(nullptr);
   std::tm parts{};
@@ -107,17 +48,6 @@ std::string utcNow() {
   std::array<char, 32> text{};
   const std::size_t size = std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &parts);
   return std::string(text.data(), size);
-}
-
-// Whether a file with something in it is there.
-bool hasContent(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && status.st_size > 0;
-}
-
-bool exists(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0;
 }
 
 // The files of one name: the main file and its companions.
@@ -143,27 +73,6 @@ std::string stem(const std::string& path) {
 
 }  // namespace
 
-FileLock::FileLock(FileLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-FileLock& FileLock::operator=(FileLock&& other) noexcept {
-  std::swap(fd_, other.fd_);
-  return *this;
-}
-
-FileLock::~FileLock() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-StoreStatus FileLock::take(const std::string& lockFile, const std::string& store) {
-  fd_ = openAgain(lockFile, O_RDWR | O_CREAT, 0600);
-  if (fd_ < 0) return systemFailure("open the lock file", lockFile, errno);
-  if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return {};
-  if (errno != EWOULDBLOCK) return systemFailure("lock", lockFile, errno);
-  return {StoreCode::kInUse, "the store " + store +
-                                 " is in use by another service: end that one (fuser " + lockFile +
-                                 " names it), or give this one a file of its own"};
-}
-
 std::string StoreFiles::directory() const {
   const fs::path parent = fs::path(file_).parent_path();
   return parent.empty() ? "." : parent.string();
@@ -173,43 +82,73 @@ StoreStatus StoreFiles::makeDirectory() const {
   fs::path path;
   for (const fs::path& part : fs::path(directory())) {
     path /= part;
-    if (::mkdir(path.c_str(), 0700) == 0) continue;
-    const int error = errno;
+    const int error = system_->makeDirectory(path.string());
+    if (error == 0) continue;
     // On a read-only file system even a directory that is there may answer EROFS.
-    std::error_code ignored;
-    if (!fs::is_directory(path, ignored)) {
+    FileFacts facts;
+    if (system_->facts(path.string(), &facts) != 0 || !facts.isDirectory) {
       return systemFailure("make the directory", path.string(), error == EEXIST ? ENOTDIR : error);
     }
   }
   return {};
 }
 
+// Whoever made them: it may have died before they were safe.
+StoreStatus StoreFiles::syncDirectories() const {
+  for (fs::path path = directory();; path = path.parent_path()) {
+    const std::string name = path.empty() ? "." : path.string();
+    const int error = system_->syncDirectory(name);
+    // We made nothing in a directory that we may not read or that cannot be written.
+    const bool isForeign = error == EACCES || error == EROFS || error == EINVAL;
+    if (error != 0 && !isForeign) return systemFailure("sync", name, error);
+    if (path.empty() || path == path.parent_path()) return {};
+  }
+}
+
+StoreStatus StoreFiles::takeLock(FileLock* lock) const {
+  const int error = system_->lock(lockFile(), lock);
+  if (error == 0) return {};
+  if (error != EWOULDBLOCK) return systemFailure("lock", lockFile(), error);
+  return {StoreCode::kInUse, "the store " + file_ +
+                                 " is in use by another service: end that one (fuser " +
+                                 lockFile() + " names it), or give this one a file of its own"};
+}
+
 StoreStatus StoreFiles::inspect(Presence* presence) const {
-  struct stat status {};
-  const int result = ::stat(file_.c_str(), &status);
-  if (result != 0 && errno != ENOENT) return systemFailure("open the store", file_, errno);
-  if (result == 0 && !S_ISREG(status.st_mode)) {
+  FileFacts facts;
+  const int error = system_->facts(file_, &facts);
+  if (error != 0 && error != ENOENT) return systemFailure("open the store", file_, error);
+  if (error == 0 && !facts.isRegular) {
     return {StoreCode::kUnusable,
             "cannot open the store " + file_ +
                 ": it is not a regular file; give the store a path of its own"};
   }
-  if (result != 0 || status.st_size == 0) {
+  if (facts.bytes == 0) {
     const bool leftOver = hasSnapshot() || hasContent(file_ + "-wal");
     *presence = leftOver ? Presence::kMainGone : Presence::kNothing;
     return {};
   }
   *presence = Presence::kThere;
-  const Descriptor fd(openAgain(file_, O_RDWR));
-  return fd.isOpen() ? StoreStatus() : systemFailure("open the store", file_, errno);
+  const int refused = system_->probe(file_);
+  return refused == 0 ? StoreStatus() : systemFailure("open the store", file_, refused);
+}
+
+bool StoreFiles::hasContent(const std::string& path) const {
+  FileFacts facts;
+  return system_->facts(path, &facts) == 0 && facts.bytes > 0;
+}
+
+bool StoreFiles::exists(const std::string& path) const {
+  FileFacts facts;
+  return system_->facts(path, &facts) == 0;
 }
 
 bool StoreFiles::hasSnapshot() const { return hasContent(snapshotFile()); }
 
 StoreStatus StoreFiles::create(const std::string& path) const {
   discard(path);
-  const Descriptor fd(openAgain(path, O_RDWR | O_CREAT | O_EXCL, 0600));
-  if (!fd.isOpen()) return systemFailure("create", path, errno);
-  return syncDirectory();
+  const int error = system_->create(path);
+  return error == 0 ? syncDirectory() : systemFailure("create", path, error);
 }
 
 StoreStatus StoreFiles::setAside(std::string* name) const {
@@ -230,19 +169,22 @@ StoreStatus StoreFiles::renameAside(const std::string& path, const std::string& 
   const std::vector<std::string> from = family(path);
   const std::vector<std::string> to = family(name);
   for (std::size_t i = 0; i < from.size(); ++i) {
-    if (::rename(from[i].c_str(), to[i].c_str()) != 0 && errno != ENOENT) {
-      return systemFailure("rename to " + to[i] + " the damaged", from[i], errno);
-    }
+    const int error = system_->rename(from[i], to[i]);
+    if (error == ENOENT) continue;
+    if (error != 0) return systemFailure("rename to " + to[i] + " the damaged", from[i], error);
+    StoreStatus synced = syncDirectory();
+    if (!synced.ok()) return synced;
   }
-  return syncDirectory();
+  return {};
 }
 
 std::string StoreFiles::unusedAsideName(const std::string& path) const {
   const std::string base = path + ".damaged-" + utcNow();
   std::string name = base;
-  const auto taken = [](const std::string& candidate) {
+  const auto taken = [this](const std::string& candidate) {
     const std::vector<std::string> paths = family(candidate);
-    return std::any_of(paths.begin(), paths.end(), exists);
+    return std::any_of(paths.begin(), paths.end(),
+                       [this](const std::string& part) { return exists(part); });
   };
   for (int i = 2; taken(name); ++i) name = base + "." + std::to_string(i);
   return name;
@@ -250,11 +192,11 @@ std::string StoreFiles::unusedAsideName(const std::string& path) const {
 
 // A clock that starts anew with each boot misorders the names; the newest stays all the same.
 void StoreFiles::forgetOldest(const std::string& path, const std::string& newest) const {
+  std::vector<std::string> all;
+  system_->list(directory(), &all);
   std::set<std::string, std::greater<>> names;
-  std::error_code error;
-  for (fs::directory_iterator entry(directory(), error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string name = (fs::path(path).parent_path() / entry->path().filename()).string();
+  for (const std::string& one : all) {
+    const std::string name = (fs::path(path).parent_path() / one).string();
     if (startsWith(name, path + ".damaged-")) names.insert(stem(name));
   }
   names.erase(newest);
@@ -265,28 +207,42 @@ void StoreFiles::forgetOldest(const std::string& path, const std::string& newest
 }
 
 StoreStatus StoreFiles::copySnapshotTo(const std::string& path) const {
-  const Descriptor in(openAgain(snapshotFile(), O_RDONLY));
-  if (!in.isOpen()) return systemFailure("open the snapshot", snapshotFile(), errno);
   StoreStatus created = create(path);
-  if (!created.ok()) return created;
-  const Descriptor out(openAgain(path, O_WRONLY));
-  if (!out.isOpen()) return systemFailure("open", path, errno);
-  return copyBytes(snapshotFile(), in.get(), path, out.get());
+  return created.ok() ? copy(snapshotFile(), path) : created;
+}
+
+StoreStatus StoreFiles::copy(const std::string& from, const std::string& to) const {
+  constexpr std::size_t kPieceBytes = 65536;
+  std::string bytes;
+  for (std::uint64_t offset = 0;; offset += bytes.size()) {
+    const int readError = system_->read(from, offset, kPieceBytes, &bytes);
+    if (readError != 0) return systemFailure("read", from, readError);
+    if (bytes.empty()) return {};
+    const int writeError = system_->append(to, bytes);
+    if (writeError != 0) return systemFailure("write", to, writeError);
+  }
 }
 
 StoreStatus StoreFiles::install(const std::string& from, const std::string& to) const {
-  StoreStatus synced = syncPath(from, O_RDONLY);
-  if (!synced.ok()) return synced;
-  if (::rename(from.c_str(), to.c_str()) != 0) return systemFailure("put in place", to, errno);
-  return syncDirectory();
+  const int syncError = system_->sync(from);
+  if (syncError != 0) return systemFailure("sync", from, syncError);
+  const int error = system_->rename(from, to);
+  return error == 0 ? syncDirectory() : systemFailure("put in place", to, error);
 }
 
 void StoreFiles::discard(const std::string& path) const {
-  for (const std::string& part : family(path)) ::unlink(part.c_str());
+  for (const std::string& part : family(path)) system_->remove(part);
+}
+
+StoreStatus StoreFiles::syncLog() const {
+  const std::string log = file_ + "-wal";
+  const int error = hasContent(log) ? system_->sync(log) : 0;
+  return error == 0 ? syncDirectory() : systemFailure("sync", log, error);
 }
 
 StoreStatus StoreFiles::syncDirectory() const {
-  return syncPath(directory(), O_RDONLY | O_DIRECTORY);
+  const int error = system_->syncDirectory(directory());
+  return error == 0 ? StoreStatus() : systemFailure("sync", directory(), error);
 }
 
 }  // namespace ConfigSrv

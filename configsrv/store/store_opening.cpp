@@ -46,7 +46,7 @@ StoreContents notOpened(const Database& database) {
 
 StoreStatus StoreOpening::run() {
   StoreStatus status = files_.makeDirectory();
-  if (status.ok()) status = lock_.take(files_.lockFile(), files_.file());
+  if (status.ok()) status = files_.takeLock(&lock_);
   if (status.ok()) status = open();
   return status;
 }
@@ -67,7 +67,8 @@ StoreStatus StoreOpening::open() {
 }
 
 StoreStatus StoreOpening::beginEmpty() {
-  StoreStatus status = files_.create(files_.newFile());
+  StoreStatus status = files_.syncDirectories();
+  if (status.ok()) status = files_.create(files_.newFile());
   if (status.ok()) status = makeEmpty();
   if (status.ok()) status = files_.install(files_.newFile(), files_.file());
   if (status.ok()) return load();
@@ -84,12 +85,14 @@ StoreStatus StoreOpening::makeEmpty() {
   return made ? StoreStatus() : database.lastFailure("begin");
 }
 
+// What seems damaged is read once more: a disk that failed a read, and would not fail it again, must
+// not cost what is stored.
 StoreStatus StoreOpening::load() {
   contents_ = openAndRead();
+  if (contents_.condition == Condition::kDamaged) contents_ = openAndRead();
   switch (contents_.condition) {
     case Condition::kGood:
-      database_->keepLogOnClose(false);
-      return {};
+      return keepWhatWasRead();
     case Condition::kDamaged:
       return recover("it is damaged (" + contents_.damage + ")");
     case Condition::kNewerFormat:
@@ -97,6 +100,13 @@ StoreStatus StoreOpening::load() {
       break;
   }
   return contents_.status;
+}
+
+// A process that was killed may have left the log, or its name, to the system's memory alone. Who
+// has read them will see them again, whatever happens next.
+StoreStatus StoreOpening::keepWhatWasRead() {
+  database_->keepLogOnClose(false);
+  return files_.syncLog();
 }
 
 StoreContents StoreOpening::openAndRead() {
@@ -122,10 +132,10 @@ bool StoreOpening::useLog() {
     return false;
   }
   const std::uint64_t maxPages = options_.maxBytes / static_cast<std::uint64_t>(pageBytes);
-  const std::int64_t logBytes = pageBytes * Store::kLogPages;
+  const std::int64_t logBytes = pageBytes * options_.logPages;
   return database_->run("PRAGMA synchronous=FULL") && database_->run("PRAGMA temp_store=MEMORY") &&
          database_->run("PRAGMA cell_size_check=ON") &&
-         database_->run("PRAGMA wal_autocheckpoint=" + std::to_string(Store::kLogPages)) &&
+         database_->run("PRAGMA wal_autocheckpoint=" + std::to_string(options_.logPages)) &&
          database_->run("PRAGMA journal_size_limit=" + std::to_string(logBytes)) &&
          database_->run("PRAGMA max_page_count=" + std::to_string(maxPages));
 }

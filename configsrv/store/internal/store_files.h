@@ -6,25 +6,13 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "configsrv/store/internal/file_system.h"
 #include "configsrv/store/store_status.h"
 
 namespace ConfigSrv {
-
-// Holds an advisory lock until destruction. The lock file itself stays: removing it would let two
-// processes lock two files of the same name.
-class FileLock {
- public:
-  FileLock() = default;
-  FileLock(FileLock&& other) noexcept;
-  FileLock& operator=(FileLock&& other) noexcept;
-  ~FileLock();
-
-  StoreStatus take(const std::string& lockFile, const std::string& store);
-
- private:
-  int fd_ = -1;
-};
 
 class StoreFiles {
  public:
@@ -34,7 +22,8 @@ class StoreFiles {
     kThere,     // A regular file that can be read and written.
   };
 
-  explicit StoreFiles(std::string file) : file_(std::move(file)) {}
+  // The file system has to outlive this.
+  StoreFiles(std::string file, FileSystem& system) : file_(std::move(file)), system_(&system) {}
 
   const std::string& file() const { return file_; }
   std::string lockFile() const { return file_ + ".lock"; }
@@ -44,6 +33,9 @@ class StoreFiles {
   std::string newFile() const { return file_ + ".new"; }
 
   StoreStatus makeDirectory() const;
+  // The directory and those above it: without them the file is lost with the power.
+  StoreStatus syncDirectories() const;
+  StoreStatus takeLock(FileLock* lock) const;
   StoreStatus inspect(Presence* presence) const;
   bool hasSnapshot() const;
 
@@ -62,6 +54,9 @@ class StoreFiles {
 
   void discard(const std::string& path) const;
 
+  // The log and its name, and the file's own.
+  StoreStatus syncLog() const;
+
  private:
   std::string directory() const;
   StoreStatus syncDirectory() const;
@@ -69,7 +64,12 @@ class StoreFiles {
   std::string unusedAsideName(const std::string& path) const;
   void forgetOldest(const std::string& path, const std::string& newest) const;
 
+  StoreStatus copy(const std::string& from, const std::string& to) const;
+  bool hasContent(const std::string& path) const;
+  bool exists(const std::string& path) const;
+
   std::string file_;
+  FileSystem* system_;
 };
 
 }  // namespace ConfigSrv

@@ -18,7 +18,8 @@ namespace ConfigSrv {
 
 class StoreOpening {
  public:
-  explicit StoreOpening(const StoreOptions& options) : options_(options), files_(options.file) {}
+  explicit StoreOpening(const StoreOptions& options)
+      : options_(options), files_(options.file, fileSystemOf(options)) {}
 
   StoreStatus run();
 
@@ -31,11 +32,15 @@ class StoreOpening {
   std::uint64_t snapshotRevision() const;
 
  private:
+  static FileSystem& fileSystemOf(const StoreOptions& options) {
+    return options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem();
+  }
   // What is there: nothing, a store, or something to recover from.
   StoreStatus open();
   StoreStatus beginEmpty();
   StoreStatus makeEmpty();
   StoreStatus load();
+  StoreStatus keepWhatWasRead();
   StoreContents openAndRead();
   bool useLog();
 

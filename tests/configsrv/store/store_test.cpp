@@ -179,7 +179,7 @@ TEST_F(StoreTest, APathWithoutADirectoryIsInTheWorkingDirectory) {
 }
 
 TEST_F(StoreTest, TheLogDoesNotGrowBeyondItsLimit) {
-  const auto limit = static_cast<std::uintmax_t>(Store::kLogPages) * (4096 + 24) + 32;
+  const auto limit = static_cast<std::uintmax_t>(StoreOptions::kLogPages) * (4096 + 24) + 32;
   open();
   // One transaction larger than the log's limit; what it took is given back once it is copied.
   set("large", std::string(2 * limit, 'x'));
@@ -189,13 +189,13 @@ TEST_F(StoreTest, TheLogDoesNotGrowBeyondItsLimit) {
 }
 
 TEST_F(StoreTest, ThousandsOfCommitsFitIntoTheLog) {
-  const auto limit = static_cast<std::uintmax_t>(Store::kLogPages) * (4096 + 24) + 32;
+  const auto limit = static_cast<std::uintmax_t>(StoreOptions::kLogPages) * (4096 + 24) + 32;
   TempDirectory fast(std::filesystem::exists("/dev/shm") ? "/dev/shm" : testing::TempDir());
   file_ = fast.path() + "/store.db";
   open();
-  for (int i = 0; i < 3 * Store::kLogPages; ++i) set("a", std::to_string(i));
+  for (int i = 0; i < 3 * StoreOptions::kLogPages; ++i) set("a", std::to_string(i));
   EXPECT_LE(std::filesystem::file_size(file_ + "-wal"), limit + std::uintmax_t{16} * 4120);
-  EXPECT_EQ(open().revision(), 3U * Store::kLogPages);
+  EXPECT_EQ(open().revision(), 3U * StoreOptions::kLogPages);
   close();
 }
 
