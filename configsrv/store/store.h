@@ -8,7 +8,9 @@
 // Faults   a damaged file never keeps open() from succeeding: it is set aside as
 //          FILE.damaged-<UTC time> with its companions (the newest kMaxSetAside are kept), the
 //          snapshot takes its place, or else an empty store, and OpenedStore::notice says so. The
-//          same goes for a file that is missing beside a snapshot.
+//          same goes for a file that may not be read, for one that is missing beside a snapshot, or
+//          older than it, and for a directory in its place. Damage inside the log costs the commits
+//          behind it; it is said as well, unless it is in the last two or three of them.
 //          A file written by a newer version is refused and not touched.
 // Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
 //          has it, it is the queue's.

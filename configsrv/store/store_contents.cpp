@@ -250,6 +250,11 @@ bool replaceStoreId(Database& database, std::uint64_t storeId) {
          insertMeta(database, storeId) && database.run("COMMIT");
 }
 
+void emptyLog(Database& database) {
+  const bool emptied = database.run("PRAGMA wal_checkpoint(TRUNCATE)");
+  static_cast<void>(emptied);
+}
+
 bool readNewestRevision(Database& database, std::uint64_t* revision) {
   std::int64_t number = 0;
   const bool read = database.readNumber(

@@ -114,23 +114,39 @@ StoreStatus StoreFiles::takeLock(FileLock* lock) const {
                                  lockFile() + " names it), or give this one a file of its own"};
 }
 
-StoreStatus StoreFiles::inspect(Presence* presence) const {
+// Something else in place of a file is a mistake in the path, unless a store has been there.
+StoreStatus StoreFiles::inspect(Presence* presence, std::string* blocked) const {
   FileFacts facts;
   const int error = system_->facts(file_, &facts);
   if (error != 0 && error != ENOENT) return systemFailure("open the store", file_, error);
-  if (error == 0 && !facts.isRegular) {
+  if (error == 0 && !facts.isRegular && !hasSnapshot()) {
     return {StoreCode::kUnusable,
             "cannot open the store " + file_ +
                 ": it is not a regular file; give the store a path of its own"};
   }
+  for (const std::string& path : {file_, logFile()}) {
+    *blocked = whatBlocks(path);
+    *presence = Presence::kBlocked;
+    if (!blocked->empty()) return {};
+  }
   if (facts.bytes == 0) {
-    const bool leftOver = hasSnapshot() || hasContent(file_ + "-wal");
+    const bool leftOver = hasSnapshot() || hasContent(logFile());
     *presence = leftOver ? Presence::kMainGone : Presence::kNothing;
     return {};
   }
   *presence = Presence::kThere;
   const int refused = system_->probe(file_);
   return refused == 0 ? StoreStatus() : systemFailure("open the store", file_, refused);
+}
+
+// Only what renaming cures: a read-only file system, or a failing disk, is none of it.
+std::string StoreFiles::whatBlocks(const std::string& path) const {
+  FileFacts facts;
+  if (system_->facts(path, &facts) != 0) return {};
+  if (!facts.isRegular) return path + " is not a regular file";
+  const int error = system_->probe(path);
+  const bool isRefused = error == EACCES || error == EPERM;
+  return isRefused ? path + ": " + std::generic_category().message(error) : std::string();
 }
 
 bool StoreFiles::hasContent(const std::string& path) const {
@@ -206,16 +222,28 @@ void StoreFiles::forgetOldest(const std::string& path, const std::string& newest
   }
 }
 
-StoreStatus StoreFiles::copySnapshotTo(const std::string& path) const {
-  StoreStatus created = create(path);
-  return created.ok() ? copy(snapshotFile(), path) : created;
+StoreStatus StoreFiles::copyLogAside(std::string* name) const {
+  const std::string base = unusedAsideName(file_);
+  *name = base + "-wal";
+  bool readable = true;
+  StoreStatus status = create(*name);
+  if (status.ok()) status = copy(logFile(), *name, &readable);
+  if (status.ok()) forgetOldest(file_, base);
+  if (!status.ok()) system_->remove(*name);
+  return status;
 }
 
-StoreStatus StoreFiles::copy(const std::string& from, const std::string& to) const {
+StoreStatus StoreFiles::copySnapshotTo(const std::string& path, bool* readable) const {
+  StoreStatus created = create(path);
+  return created.ok() ? copy(snapshotFile(), path, readable) : created;
+}
+
+StoreStatus StoreFiles::copy(const std::string& from, const std::string& to, bool* readable) const {
   constexpr std::size_t kPieceBytes = 65536;
   std::string bytes;
   for (std::uint64_t offset = 0;; offset += bytes.size()) {
     const int readError = system_->read(from, offset, kPieceBytes, &bytes);
+    *readable = readError == 0;
     if (readError != 0) return systemFailure("read", from, readError);
     if (bytes.empty()) return {};
     const int writeError = system_->append(to, bytes);
@@ -235,9 +263,8 @@ void StoreFiles::discard(const std::string& path) const {
 }
 
 StoreStatus StoreFiles::syncLog() const {
-  const std::string log = file_ + "-wal";
-  const int error = hasContent(log) ? system_->sync(log) : 0;
-  return error == 0 ? syncDirectory() : systemFailure("sync", log, error);
+  const int error = hasContent(logFile()) ? system_->sync(logFile()) : 0;
+  return error == 0 ? syncDirectory() : systemFailure("sync", logFile(), error);
 }
 
 StoreStatus StoreFiles::syncDirectory() const {

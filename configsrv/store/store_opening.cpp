@@ -9,7 +9,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
+
+#include "configsrv/store/internal/log_scan.h"
 
 namespace ConfigSrv {
 namespace {
@@ -53,13 +54,16 @@ StoreStatus StoreOpening::run() {
 
 StoreStatus StoreOpening::open() {
   StoreFiles::Presence presence = StoreFiles::Presence::kNothing;
-  StoreStatus status = files_.inspect(&presence);
+  std::string blocked;
+  StoreStatus status = files_.inspect(&presence, &blocked);
   if (!status.ok()) return status;
   switch (presence) {
     case StoreFiles::Presence::kNothing:
       return beginEmpty();
     case StoreFiles::Presence::kMainGone:
       return recover("it is missing or empty");
+    case StoreFiles::Presence::kBlocked:
+      return recover(blocked);
     case StoreFiles::Presence::kThere:
       return load();
   }
@@ -86,13 +90,16 @@ StoreStatus StoreOpening::makeEmpty() {
 }
 
 // What seems damaged is read once more: a disk that failed a read, and would not fail it again, must
-// not cost what is stored.
+// not cost what is stored. The log is looked at first, for opening the file begins to change it.
 StoreStatus StoreOpening::load() {
+  commitsAreLost_ = logHasLostCommits(files_.system(), files_.logFile());
   contents_ = openAndRead();
   if (contents_.condition == Condition::kDamaged) contents_ = openAndRead();
   switch (contents_.condition) {
     case Condition::kGood:
-      return keepWhatWasRead();
+      return isBehindSnapshot() ? recover("it has revision " + std::to_string(contents_.revision) +
+                                          " and its snapshot a newer one, so its log is lost")
+                                : keepWhatWasRead();
     case Condition::kDamaged:
       return recover("it is damaged (" + contents_.damage + ")");
     case Condition::kNewerFormat:
@@ -106,7 +113,35 @@ StoreStatus StoreOpening::load() {
 // has read them will see them again, whatever happens next.
 StoreStatus StoreOpening::keepWhatWasRead() {
   database_->keepLogOnClose(false);
-  return files_.syncLog();
+  StoreStatus status = files_.syncLog();
+  if (status.ok() && commitsAreLost_) status = goOnWithoutLostCommits();
+  return status;
+}
+
+// What is a snapshot of this store and has a newer revision has seen commits that are gone from it.
+bool StoreOpening::isBehindSnapshot() {
+  if (recovering_ || !files_.hasSnapshot()) return false;
+  Database snapshot(files_.snapshotFile(), options_.vfs, Database::Access::kReadOnly);
+  std::uint64_t revision = 0;
+  if (!snapshot.isOpen() || !readNewestRevision(snapshot, &revision)) return false;
+  if (revision <= contents_.revision) return false;
+  const StoreContents newer = readContents(snapshot);
+  return newer.condition == Condition::kGood && newer.storeId == contents_.storeId;
+}
+
+// Revisions have gone back, so the id has to be another. The log goes last: its damage, found once
+// more, is the reason for all this when power fails in between.
+StoreStatus StoreOpening::goOnWithoutLostCommits() {
+  std::string aside;
+  const StoreStatus kept = files_.copyLogAside(&aside);
+  contents_.storeId = makeStoreId();
+  if (!replaceStoreId(*database_, contents_.storeId)) return database_->lastFailure("repair");
+  emptyLog(*database_);
+  notice_ = "the log of the store " + files_.file() +
+            " is damaged: what was committed after revision " + std::to_string(contents_.revision) +
+            " is lost; the damaged log is " +
+            (kept.ok() ? "kept as " + aside : "not kept, for " + kept.text);
+  return {};
 }
 
 StoreContents StoreOpening::openAndRead() {
@@ -167,9 +202,10 @@ StoreStatus StoreOpening::replaceDamaged() {
 
 StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
   if (!files_.hasSnapshot()) return {};
-  StoreStatus copied = files_.copySnapshotTo(files_.newFile());
-  if (!copied.ok()) return copied;
-  const StoreContents contents = makeRestored();
+  bool readable = true;
+  StoreStatus copied = files_.copySnapshotTo(files_.newFile(), &readable);
+  if (!copied.ok() && readable) return copied;
+  const StoreContents contents = copied.ok() ? makeRestored() : damagedContents(copied.text);
   if (contents.condition == Condition::kFailed) return contents.status;
   if (contents.condition == Condition::kGood) {
     *restored = true;

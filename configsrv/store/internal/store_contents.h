@@ -48,6 +48,9 @@ StoreContents readContents(Database& database);
 
 [[nodiscard]] bool replaceStoreId(Database& database, std::uint64_t storeId);
 
+// Forgets the log, after what can be read of it was copied into the file. No harm when it fails.
+void emptyLog(Database& database);
+
 [[nodiscard]] bool readNewestRevision(Database& database, std::uint64_t* revision);
 
 // The rows of `variable`, one at a time. After a kFailed, Database::lastFailure() says why.

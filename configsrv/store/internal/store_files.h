@@ -19,6 +19,7 @@ class StoreFiles {
   enum class Presence {
     kNothing,   // A new store: no file, or an empty one with nothing beside it.
     kMainGone,  // No file, or an empty one, but a log or a snapshot that belonged to one.
+    kBlocked,   // Something that is no file, or may not be read, stands where the store was.
     kThere,     // A regular file that can be read and written.
   };
 
@@ -26,6 +27,8 @@ class StoreFiles {
   StoreFiles(std::string file, FileSystem& system) : file_(std::move(file)), system_(&system) {}
 
   const std::string& file() const { return file_; }
+  FileSystem& system() const { return *system_; }
+  std::string logFile() const { return file_ + "-wal"; }
   std::string lockFile() const { return file_ + ".lock"; }
   std::string snapshotFile() const { return file_ + ".snapshot"; }
   // Half-made files; what is found under these names is left from an interrupted attempt.
@@ -36,7 +39,8 @@ class StoreFiles {
   // The directory and those above it: without them the file is lost with the power.
   StoreStatus syncDirectories() const;
   StoreStatus takeLock(FileLock* lock) const;
-  StoreStatus inspect(Presence* presence) const;
+  // Sets `blocked` to what is wrong when something blocks the way.
+  StoreStatus inspect(Presence* presence, std::string* blocked) const;
   bool hasSnapshot() const;
 
   // An empty file of mode 0600 in place of whatever has that name.
@@ -47,7 +51,11 @@ class StoreFiles {
   StoreStatus setAside(std::string* name) const;
   StoreStatus setSnapshotAside(std::string* name) const;
 
-  StoreStatus copySnapshotTo(const std::string& path) const;
+  // Keeps a copy of the log under a name like those of setAside, and leaves it in place.
+  StoreStatus copyLogAside(std::string* name) const;
+
+  // `readable` is false when the failure is the snapshot's.
+  StoreStatus copySnapshotTo(const std::string& path, bool* readable) const;
 
   // Makes the finished file `from` durable under the name `to`, replacing what is there.
   StoreStatus install(const std::string& from, const std::string& to) const;
@@ -64,7 +72,8 @@ class StoreFiles {
   std::string unusedAsideName(const std::string& path) const;
   void forgetOldest(const std::string& path, const std::string& newest) const;
 
-  StoreStatus copy(const std::string& from, const std::string& to) const;
+  StoreStatus copy(const std::string& from, const std::string& to, bool* readable) const;
+  std::string whatBlocks(const std::string& path) const;
   bool hasContent(const std::string& path) const;
   bool exists(const std::string& path) const;
 

@@ -41,6 +41,8 @@ class StoreOpening {
   StoreStatus makeEmpty();
   StoreStatus load();
   StoreStatus keepWhatWasRead();
+  bool isBehindSnapshot();
+  StoreStatus goOnWithoutLostCommits();
   StoreContents openAndRead();
   bool useLog();
 
@@ -57,6 +59,7 @@ class StoreOpening {
   StoreContents contents_;
   std::string notice_;
   bool recovering_ = false;
+  bool commitsAreLost_ = false;
 };
 
 }  // namespace ConfigSrv

@@ -113,14 +113,63 @@ TEST_F(StoreFaultTest, AnUnwritableDirectoryIsNamed) {
   ASSERT_EQ(::chmod(directory_.path().c_str(), 0700), 0);
 }
 
-TEST_F(StoreFaultTest, AFileOfAnotherUserIsRefusedAndNotSetAside) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file that another user owns";
+// What is unreadable may be readable for somebody else; it is kept, and the device starts.
+TEST_F(StoreFaultTest, AFileThatMayNotBeReadIsSetAsideAndTheSnapshotUsed) {
   open();
+  set("a", "1");
+  ASSERT_TRUE(store().snapshot().ok());
+  set("a", "2");
   close();
   ASSERT_EQ(::chmod(directory_.path().c_str(), 0777), 0);
   ASSERT_EQ(::chmod((file_ + ".lock").c_str(), 0666), 0);
+  ASSERT_EQ(::chmod((file_ + ".snapshot").c_str(), 0644), 0);
+  ASSERT_EQ(::chmod(file_.c_str(), 0), 0);
+  EXPECT_TRUE(asNobody([&] {
+    const OpenedStore opened = Store::open({file_});
+    return opened.status.ok() && valueIn(opened.variables, "a") == "1" &&
+           opened.notice.find("Permission denied") != std::string::npos;
+  }));
+  EXPECT_EQ(filesNamed("store.db.damaged").size(), 1U);
+}
+
+TEST_F(StoreFaultTest, AFileThatMayNotBeReadInADirectoryOfOthersIsRefused) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file that another user owns";
+  open();
+  close();
+  ASSERT_EQ(::chmod(directory_.path().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod((file_ + ".lock").c_str(), 0666), 0);
   EXPECT_TRUE(asNobody([&] { return refusal().code == StoreCode::kUnusable; }));
   EXPECT_TRUE(filesNamed("damaged").empty());
+}
+
+TEST_F(StoreFaultTest, ADirectoryWhereAStoreWasIsSetAsideAndTheSnapshotUsed) {
+  for (const char* companion : {"", "-wal"}) {
+    open();
+    set("a", "1");
+    ASSERT_TRUE(store().snapshot().ok());
+    close();
+    std::filesystem::remove(file_ + companion);
+    std::filesystem::create_directory(file_ + companion);
+    writeFile(file_ + companion + "/precious", "x");
+    open();
+    EXPECT_EQ(value("a"), "1");
+    EXPECT_NE(notice().find(file_ + companion + " is not a regular file"), std::string::npos)
+        << notice();
+  }
+  EXPECT_EQ(filesNamed("store.db.damaged").size(), 3U);  // A directory; a file and a directory.
+}
+
+TEST_F(StoreFaultTest, ASnapshotThatCannotBeReadIsSetAsideToo) {
+  open();
+  set("a", "1");
+  close();
+  writeFile(file_, "damaged");
+  std::filesystem::create_directory(file_ + ".snapshot");
+  open();
+  EXPECT_TRUE(variables().empty());
+  EXPECT_NE(notice().find("the snapshot cannot be used either"), std::string::npos) << notice();
+  EXPECT_EQ(filesNamed("store.db.snapshot.damaged").size(), 1U);
+  set("a", "2");
 }
 
 TEST_F(StoreFaultTest, AnUnknownVfsIsAClearFailureAndSetsNothingAside) {

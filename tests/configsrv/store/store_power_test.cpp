@@ -204,6 +204,37 @@ TEST_F(StorePowerTest, ACutWhileADamagedFileIsReplacedLeavesTheSnapshotToTheNext
   }
 }
 
+TEST_F(StorePowerTest, ACutWhileDamageInTheLogIsDealtWithNeverBringsTheOldIdBack) {
+  std::uint64_t id = 0;
+  {
+    const OpenedStore opened = Store::open(disk_.options());
+    id = opened.store->storeId();
+    for (int i = 0; i < 20; ++i) {
+      ASSERT_TRUE(opened.store->commit({{setting("a", std::to_string(i))}}).status.ok());
+    }
+    disk_.cutAt(1);
+  }
+  disk_.restart(Survivors::kEverything, 0);
+  std::string log = disk_.bytesOf(std::string(kFile) + "-wal");
+  log[log.size() / 2] = static_cast<char>(log[log.size() / 2] ^ 1);
+  disk_.place(std::string(kFile) + "-wal", log);
+  const FaultyDisk::Contents damaged = disk_.contents();
+  for (const Outage& outage : outages(isExhaustive() ? 200 : 10)) {
+    for (long step = 1;; ++step) {
+      disk_.restore(damaged);
+      disk_.cutAt(step);
+      { const OpenedStore cut = Store::open(disk_.options()); }
+      if (!disk_.isCut()) break;
+      ++cuts_, ++recoveryCuts_;
+      disk_.restart(outage.survivors, outage.seed + static_cast<std::uint32_t>(step));
+      const OpenedStore opened = Store::open(disk_.options());
+      ASSERT_TRUE(opened.status.ok()) << opened.status.text;
+      ASSERT_NE(opened.store->storeId(), id) << "cut at step " << step << ", " << text(outage);
+      ASSERT_EQ(valueIn(opened.variables, "a"), std::to_string(opened.store->revision() - 1));
+    }
+  }
+}
+
 struct Fault {
   const char* name;
   int error;
