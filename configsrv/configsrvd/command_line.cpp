@@ -12,8 +12,8 @@ using ConfigSrv::LogLevel;
 
 const char* const kFooter =
     "Exit codes: 0 stopped by SIGTERM or SIGINT, or nothing wrong with --check; 1 other failure;\n"
-    "2 usage; 3 mistakes in the definitions or the table of roles; 4 the store cannot be used;\n"
-    "5 the socket cannot be made.";
+    "2 usage; 3 mistakes in the definitions or the table of roles; 4 the store cannot be used\n"
+    "(rights, another service, a newer version's); 5 the socket cannot be made.";
 
 void addServiceOptions(CLI::App& app, CommandLine& line) {
   app.add_option("--definitions", line.service.definitionsDir,

@@ -124,7 +124,9 @@ int main(int argc, char** argv) {
 
   // A reader of our output that went away must not end the service; and whoever may connect is
   // decided by roles, so directories are made for everybody to enter.
+  // A limit on the size of files is a full disk, and no reason to end either.
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
   umask(S_IWGRP | S_IWOTH);
   StopSignals signals;
   const Log log(line.logLevel, Log::toStandardError());

@@ -77,6 +77,19 @@ void keepUsableValue(StoredVariable& stored, const VariableShape& shape,
   stored.value.reset();
 }
 
+// Names the first few: a product that drops a group must not fill the log.
+std::string lineOfUndefined(const std::vector<ConfigVar>& keys) {
+  constexpr std::size_t kNamed = 8;
+  std::string names;
+  for (std::size_t i = 0; i < std::min(kNamed, keys.size()); ++i)
+    names += (i == 0 ? "" : ", ") + formatKey(keys[i]);
+  if (keys.size() > kNamed) names += ", ...";
+  const bool one = keys.size() == 1;
+  return std::to_string(keys.size()) + " stored variable" + (one ? " has" : "s have") +
+         " no definition; what was stored is kept until " + (one ? "it" : "they") + " come" +
+         (one ? "s" : "") + " back: " + names;
+}
+
 [[noreturn]] void stopForUnknown(const ConfigVar& key) {
   std::fprintf(stderr, "a change of %s was applied, which is no variable of this model\n",
                formatKey(key).c_str());
@@ -126,17 +139,15 @@ std::vector<std::string> Model::restore(std::vector<StoredVariable> stored,
                                         std::uint64_t revision) {
   revision_ = revision;
   std::vector<std::string> lines;
-  std::size_t undefined = 0;
+  std::vector<ConfigVar> undefined;
   for (StoredVariable& record : stored) {
     Variable* variable = findMutable(record.key);
     if (variable == nullptr)
-      ++undefined;
+      undefined.push_back(record.key);
     else
       restoreOne(*variable, std::move(record), lines);
   }
-  if (undefined > 0)
-    lines.push_back(std::to_string(undefined) +
-                    " stored variables have no definition; their records are kept");
+  if (!undefined.empty()) lines.push_back(lineOfUndefined(undefined));
   return lines;
 }
 

@@ -156,7 +156,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
                    server_.notify(to, notice, model_.revision(), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_, providers_, audit_.get()}),
+                   server_, providers_, audit_.get(), *store_}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {

@@ -73,6 +73,11 @@ void Requests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusR
   response.set_unchanged_writes(counters.unchanged);
   response.set_refused_writes(counters.refused);
   response.set_notices(with_.announcer.notices());
+  const StoreCounters store = with_.store.counters();
+  response.set_store_writes(store.writes);
+  response.set_store_bytes(store.bytes);
+  response.set_snapshots(store.snapshots);
+  response.set_failed_snapshots(store.failedSnapshots);
   response.set_definitions_dir(with_.options.definitionsDir);
   response.set_store_file(with_.options.storeFile);
 }

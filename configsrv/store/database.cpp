@@ -149,6 +149,14 @@ StoreStatus Database::lastFailure(const std::string& doing) const {
 
 bool Database::isReadOnly() const { return sqlite3_db_readonly(handle(), "main") == 1; }
 
+std::uint64_t Database::takePagesWritten() {
+  int pages = 0;
+  int unused = 0;
+  constexpr int kStartAnew = 1;
+  sqlite3_db_status(handle(), SQLITE_DBSTATUS_CACHE_WRITE, &pages, &unused, kStartAnew);
+  return static_cast<std::uint64_t>(pages);
+}
+
 void Database::keepLogOnClose(bool keep) {
   sqlite3_db_config(handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, keep ? 1 : 0, nullptr);
 }

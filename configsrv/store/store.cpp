@@ -14,6 +14,9 @@
 namespace ConfigSrv {
 namespace {
 
+// A page and its header.
+constexpr std::uint64_t kLogFrameBytes = 4096 + 24;
+
 bool changeNothing(const std::vector<StoreTransaction>& transactions) {
   return std::all_of(transactions.begin(), transactions.end(),
                      [](const StoreTransaction& transaction) { return transaction.empty(); });
@@ -40,7 +43,8 @@ const char* storeCodeName(StoreCode code) {
 }
 
 Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
-                  std::uint64_t revision, std::uint64_t snapshotRevision)
+                  std::uint64_t revision, std::uint64_t snapshotRevision,
+                  Clock::duration snapshotEvery)
     : files_(std::move(files)),
       lock_(std::move(lock)),
       database_(std::move(database)),
@@ -50,7 +54,10 @@ Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, std::uint6
       rollBack_(database_, "ROLLBACK"),
       storeId_(storeId),
       revision_(revision),
-      snapshotRevision_(snapshotRevision) {}
+      snapshotRevision_(snapshotRevision),
+      snapshotEvery_(snapshotEvery) {
+  database_.takePagesWritten();  // What opening wrote is no commit's.
+}
 
 bool Store::Impl::isReady() const {
   return table_.isReady() && begin_.isReady() && commit_.isReady() && rollBack_.isReady();
@@ -70,6 +77,8 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
   result.status = writeAll(transactions, &result.revisions);
   if (result.status.ok()) {
     revision_ = result.revisions.back();
+    countWrite();
+    snapshotWhenDue();
   } else {
     rollBack();
     result.revisions.clear();
@@ -119,7 +128,35 @@ void Store::Impl::rollBack() {
   static_cast<void>(rolledBack);
 }
 
+void Store::Impl::countWrite() {
+  const std::uint64_t pages = database_.takePagesWritten();
+  writes_.fetch_add(1, std::memory_order_relaxed);
+  bytes_.fetch_add(pages * kLogFrameBytes, std::memory_order_relaxed);
+}
+
+StoreCounters Store::Impl::counters() const {
+  const auto load = [](const std::atomic<std::uint64_t>& counter) {
+    return counter.load(std::memory_order_relaxed);
+  };
+  return {load(writes_), load(bytes_), load(snapshots_), load(failedSnapshots_)};
+}
+
+// A device that runs for years must not fall back to the day it was started. Once a day costs less
+// flash than a hundred commits; its failure is no failure of the commit, and is counted.
+void Store::Impl::snapshotWhenDue() {
+  if (Clock::now() - snapshotTriedAt_ < snapshotEvery_) return;
+  const StoreStatus status = snapshot();
+  static_cast<void>(status);
+}
+
 StoreStatus Store::Impl::snapshot() {
+  snapshotTriedAt_ = Clock::now();
+  StoreStatus status = makeSnapshot();
+  ++(status.ok() ? snapshots_ : failedSnapshots_);
+  return status;
+}
+
+StoreStatus Store::Impl::makeSnapshot() {
   const std::string file = files_.newSnapshotFile();
   StoreStatus status = files_.create(file);
   if (status.ok()) status = copyInto(file);
@@ -148,9 +185,9 @@ OpenedStore Store::open(const StoreOptions& options) {
   opened.notice = opening.notice();
   if (!opened.status.ok()) return opened;
   StoreContents& contents = opening.contents();
-  auto impl =
-      std::make_unique<Impl>(opening.files(), opening.takeLock(), opening.takeDatabase(),
-                             contents.storeId, contents.revision, opening.snapshotRevision());
+  auto impl = std::make_unique<Impl>(opening.files(), opening.takeLock(), opening.takeDatabase(),
+                                     contents.storeId, contents.revision,
+                                     opening.snapshotRevision(), options.snapshotEvery);
   if (!impl->isReady()) {
     opened.status = impl->database().lastFailure("prepare");
     return opened;
@@ -166,6 +203,7 @@ CommitResult Store::commit(const std::vector<StoreTransaction>& transactions) {
   return impl_->commit(transactions);
 }
 StoreStatus Store::snapshot() { return impl_->snapshot(); }
+StoreCounters Store::counters() const { return impl_->counters(); }
 std::uint64_t Store::commitsSinceSnapshot() const { return impl_->commitsSinceSnapshot(); }
 
 }  // namespace ConfigSrv

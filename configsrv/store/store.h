@@ -11,7 +11,8 @@
 //          same goes for a file that may not be read, for one that is missing beside a snapshot, or
 //          older than it, and for a directory in its place. Damage inside the log costs the commits
 //          behind it; it is said as well, unless it is in the last two or three of them.
-//          A file written by a newer version is refused and not touched.
+//          A file written by a newer version is refused and not touched; one of an older version
+//          is brought to the present format, in one transaction.
 // Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
 //          has it, it is the queue's.
 // Owns     its files, from open() to destruction; a second open() of the same file is refused, in
@@ -25,6 +26,7 @@
 //   if (result.status.ok()) answer(result.revisions);  // For instance 8, 9.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -36,6 +38,7 @@
 namespace ConfigSrv {
 
 class FileSystem;
+struct StoreFormats;
 struct OpenedStore;
 
 struct StoreOptions {
@@ -49,6 +52,20 @@ struct StoreOptions {
   // The log is copied into the file once it has this many pages, and never kept larger than that.
   static constexpr int kLogPages = 1000;
   int logPages = kLogPages;
+  // The commit that finds the last snapshot, or the opening, this long ago takes one.
+  std::chrono::steady_clock::duration snapshotEvery = std::chrono::hours(24);
+  // The formats that are known; null for those of this version. Outlives the store.
+  const StoreFormats* formats = nullptr;
+};
+
+// What the store did since it was opened.
+struct StoreCounters {
+  // Times that something was committed to the disk, and what that added to the log. Transactions
+  // that came together share one. What the log takes, the file takes once more at most.
+  std::uint64_t writes = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t snapshots = 0;
+  std::uint64_t failedSnapshots = 0;
 };
 
 struct [[nodiscard]] CommitResult {
@@ -80,7 +97,8 @@ class Store {
   // The newest committed revision; 0 in an empty store.
   std::uint64_t revision() const;
 
-  // Makes the transactions durable, all of them or none, by one write to the disk. Fails with
+  // Makes the transactions durable, all of them or none, by one write to the disk; none when they
+  // are empty. Takes a snapshot as well when it is time for one. Fails with
   // kDiskFull or kIo: nothing of it is visible then, revision() is as before, and the store is
   // usable again as soon as the disk is. After a kIo, a loss of power before the next successful
   // commit may bring the failed transactions back, whole: the disk may have them despite its
@@ -90,6 +108,9 @@ class Store {
   // Replaces FILE.snapshot by a copy of the store as it is now. A failure (kDiskFull, kIo) leaves
   // the previous snapshot in place. Takes time in proportion to the store's size.
   StoreStatus snapshot();
+
+  // From any thread.
+  StoreCounters counters() const;
 
   // The revisions made since the snapshot; all of them when there is none.
   std::uint64_t commitsSinceSnapshot() const;

@@ -44,12 +44,15 @@ const char kWriteOne[] =
     "ON CONFLICT DO UPDATE SET value=?6, options=?7, default_index=?8, read_role=?9, "
     "write_role=?10, value_at=?11, options_at=?12, access_at=?13, checksum=?14";
 
-StoreContents newerFormat(const Database& database, std::int64_t format) {
+// What createContents makes; later formats are made of it, by their steps.
+constexpr std::int64_t kFirstFormat = 1;
+
+StoreContents newerFormat(const Database& database, std::int64_t format, std::int64_t newest) {
   StoreContents contents;
   contents.condition = Condition::kNewerFormat;
   contents.status = {StoreCode::kNewerFormat,
                      "the store " + database.file() + " has format " + std::to_string(format) +
-                         ", and this version knows formats up to " + std::to_string(kStoreFormat) +
+                         ", and this version knows formats up to " + std::to_string(newest) +
                          "; it was not touched: install the newer version again, or move the file "
                          "away to begin an empty store"};
   return contents;
@@ -162,7 +165,7 @@ bool readMeta(Database& database, StoreContents* contents) {
   if (!row.isReady() || row.step() != Statement::Step::kRow) return false;
   const std::int64_t format = row.number(0).value_or(0);
   contents->storeId = static_cast<std::uint64_t>(row.number(1).value_or(0));
-  return format == kStoreFormat && contents->storeId != 0 &&
+  return format == contents->format && contents->storeId != 0 &&
          row.number(2) == std::int64_t{metaChecksum(format, contents->storeId)};
 }
 
@@ -184,10 +187,10 @@ StoreContents readVariables(const Database& database, StoreContents contents) {
   return step == Statement::Step::kDone ? std::move(contents) : contentsAfterFailure(database);
 }
 
-bool insertMeta(Database& database, std::uint64_t storeId) {
-  return database.run("INSERT INTO meta VALUES (" + std::to_string(kStoreFormat) + "," +
+bool insertMeta(Database& database, std::int64_t format, std::uint64_t storeId) {
+  return database.run("INSERT INTO meta VALUES (" + std::to_string(format) + "," +
                       std::to_string(static_cast<std::int64_t>(storeId)) + "," +
-                      std::to_string(metaChecksum(kStoreFormat, storeId)) + ")");
+                      std::to_string(metaChecksum(format, storeId)) + ")");
 }
 
 }  // namespace
@@ -210,12 +213,12 @@ StoreContents contentsAfterFailure(const Database& database) {
 bool createContents(Database& database, std::uint64_t storeId) {
   return database.run("BEGIN IMMEDIATE") &&
          database.run("PRAGMA application_id=" + std::to_string(kApplicationId)) &&
-         database.run("PRAGMA user_version=" + std::to_string(kStoreFormat)) &&
+         database.run("PRAGMA user_version=" + std::to_string(kFirstFormat)) &&
          database.run(kMetaTable) && database.run(kVariableTable) &&
-         insertMeta(database, storeId) && database.run("COMMIT");
+         insertMeta(database, kFirstFormat, storeId) && database.run("COMMIT");
 }
 
-StoreContents checkFormat(Database& database) {
+StoreContents checkFormat(Database& database, const StoreFormats& formats) {
   std::int64_t version = 0;
   std::int64_t application = 0;
   if (!database.readNumber("PRAGMA user_version", &version) ||
@@ -223,15 +226,19 @@ StoreContents checkFormat(Database& database) {
     return contentsAfterFailure(database);
   }
   if (application != kApplicationId) return damagedContents("it is not a configuration store");
-  if (version == kStoreFormat) return {};
+  StoreContents contents;
+  contents.format = version;
+  if (version == formats.newest) return contents;
   std::int64_t format = 0;
-  const bool known = database.readNumber("SELECT format FROM meta", &format);
-  if (known && format == version && version > kStoreFormat) return newerFormat(database, version);
+  const bool known = database.readNumber("SELECT format FROM meta", &format) && format == version;
+  if (known && version > formats.newest) return newerFormat(database, version, formats.newest);
+  contents.condition = Condition::kOlderFormat;
+  if (known && version >= kFirstFormat) return contents;
   return damagedContents("its header names format " + std::to_string(version));
 }
 
-StoreContents readContents(Database& database) {
-  StoreContents contents = checkFormat(database);
+StoreContents readContents(Database& database, const StoreFormats& formats) {
+  StoreContents contents = checkFormat(database, formats);
   if (contents.condition != Condition::kGood) return contents;
   std::string check;
   if (!database.readText("PRAGMA quick_check(1)", &check)) return contentsAfterFailure(database);
@@ -245,9 +252,9 @@ StoreContents readContents(Database& database) {
   return readVariables(database, std::move(contents));
 }
 
-bool replaceStoreId(Database& database, std::uint64_t storeId) {
+bool replaceStoreId(Database& database, std::int64_t format, std::uint64_t storeId) {
   return database.run("BEGIN IMMEDIATE") && database.run("DELETE FROM meta") &&
-         insertMeta(database, storeId) && database.run("COMMIT");
+         insertMeta(database, format, storeId) && database.run("COMMIT");
 }
 
 void emptyLog(Database& database) {

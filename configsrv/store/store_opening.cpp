@@ -102,6 +102,7 @@ StoreStatus StoreOpening::load() {
                                 : keepWhatWasRead();
     case Condition::kDamaged:
       return recover("it is damaged (" + contents_.damage + ")");
+    case Condition::kOlderFormat:
     case Condition::kNewerFormat:
     case Condition::kFailed:
       break;
@@ -125,7 +126,7 @@ bool StoreOpening::isBehindSnapshot() {
   std::uint64_t revision = 0;
   if (!snapshot.isOpen() || !readNewestRevision(snapshot, &revision)) return false;
   if (revision <= contents_.revision) return false;
-  const StoreContents newer = readContents(snapshot);
+  const StoreContents newer = readContents(snapshot, formats());
   return newer.condition == Condition::kGood && newer.storeId == contents_.storeId;
 }
 
@@ -135,7 +136,8 @@ StoreStatus StoreOpening::goOnWithoutLostCommits() {
   std::string aside;
   const StoreStatus kept = files_.copyLogAside(&aside);
   contents_.storeId = makeStoreId();
-  if (!replaceStoreId(*database_, contents_.storeId)) return database_->lastFailure("repair");
+  if (!replaceStoreId(*database_, contents_.format, contents_.storeId))
+    return database_->lastFailure("repair");
   emptyLog(*database_);
   notice_ = "the log of the store " + files_.file() +
             " is damaged: what was committed after revision " + std::to_string(contents_.revision) +
@@ -151,12 +153,19 @@ StoreContents StoreOpening::openAndRead() {
   database_->keepLogOnClose(true);
   // Before the first read: so the log's index is in memory and no file is shared with anybody.
   if (!database_->run("PRAGMA locking_mode=EXCLUSIVE")) return contentsAfterFailure(*database_);
-  StoreContents contents = checkFormat(*database_);
-  if (contents.condition != Condition::kGood) return contents;
+  const StoreContents contents = checkFormat(*database_, formats());
+  const bool isOlder = contents.condition == Condition::kOlderFormat;
+  if (contents.condition != Condition::kGood && !isOlder) return contents;
   // The file could be opened for writing, or this would not have been reached.
   if (database_->isReadOnly()) return damagedContents("its header says that it is read-only");
   if (!useLog()) return contentsAfterFailure(*database_);
-  return readContents(*database_);
+  return isOlder ? upgradeAndRead(*database_, contents.format)
+                 : readContents(*database_, formats());
+}
+
+StoreContents StoreOpening::upgradeAndRead(Database& database, std::int64_t format) const {
+  return upgrade(database, format, formats()) ? readContents(database, formats())
+                                              : contentsAfterFailure(database);
 }
 
 bool StoreOpening::useLog() {
@@ -223,9 +232,13 @@ StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
 StoreContents StoreOpening::makeRestored() {
   Database database(files_.newFile(), options_.vfs, Database::Access::kReadWrite);
   if (!database.isOpen()) return notOpened(database);
-  StoreContents contents = readContents(database);
+  StoreContents contents = readContents(database, formats());
+  if (contents.condition == Condition::kOlderFormat) {
+    contents = upgradeAndRead(database, contents.format);
+  }
   if (contents.condition != Condition::kGood) return contents;
-  if (!replaceStoreId(database, makeStoreId())) return contentsAfterFailure(database);
+  if (!replaceStoreId(database, contents.format, makeStoreId()))
+    return contentsAfterFailure(database);
   return contents;
 }
 

@@ -16,6 +16,8 @@ Record recordOf(const Session& session, const ConfigIF::StatusRsp& s) {
   record.count("registrations", s.registrations()).count("reads", s.reads());
   record.count("commits", s.commits()).count("unchanged_writes", s.unchanged_writes());
   record.count("refused_writes", s.refused_writes()).count("notices", s.notices());
+  record.count("store_writes", s.store_writes()).count("store_bytes", s.store_bytes());
+  record.count("snapshots", s.snapshots()).count("failed_snapshots", s.failed_snapshots());
   record.text("definitions_dir", s.definitions_dir()).text("store_file", s.store_file());
   return record;
 }
@@ -34,6 +36,10 @@ std::string table(const Session& session, const ConfigIF::StatusRsp& s) {
       {"unchanged writes", std::to_string(s.unchanged_writes())},
       {"refused writes", std::to_string(s.refused_writes())},
       {"notices", std::to_string(s.notices())},
+      {"store writes",
+       std::to_string(s.store_writes()) + ", " + std::to_string(s.store_bytes()) + " bytes"},
+      {"snapshots",
+       std::to_string(s.snapshots()) + ", " + std::to_string(s.failed_snapshots()) + " failed"},
       {"definitions", escapeLine(s.definitions_dir())},
       {"store", escapeLine(s.store_file())},
   });

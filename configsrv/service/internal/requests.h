@@ -25,6 +25,7 @@
 #include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/change_batch.h"
 #include "configsrv/service/service.h"
+#include "configsrv/store/store.h"
 #include "configsrv/subscriptions/subscriptions.h"
 #include "platform/messaging/server.h"
 #include "platform/schema/config_if.pb.h"
@@ -45,6 +46,8 @@ struct RequestContext {
   ProviderMemory& providers;
   // Null: nothing is recorded.
   AuditTrail* audit;
+  // For its counters alone; all else of it is another thread's.
+  const Store& store;
 };
 
 class Requests {

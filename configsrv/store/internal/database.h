@@ -44,6 +44,9 @@ class Database {
   // Whether the file, or its own header, keeps it from being written.
   bool isReadOnly() const;
 
+  // Pages written to the log, or the file, since the last call.
+  std::uint64_t takePagesWritten();
+
   // Leaves the log beside the file when closing, instead of copying it into the file.
   void keepLogOnClose(bool keep);
 

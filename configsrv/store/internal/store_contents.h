@@ -5,9 +5,6 @@
 // row: the format and the store's id. The newest revision is stored nowhere: each transaction
 // leaves its revision in a row, rows are never deleted, so it is the largest in the table, and a
 // commit writes one page less.
-//
-// Every future format keeps a table `meta` with a column `format`, which must agree with
-// user_version: so a flipped bit in the latter is told from a newer version's file.
 #pragma once
 
 #include <cstdint>
@@ -15,18 +12,18 @@
 #include <vector>
 
 #include "configsrv/store/internal/database.h"
+#include "configsrv/store/internal/store_format.h"
 #include "configsrv/store/stored_variable.h"
 
 namespace ConfigSrv {
 
-constexpr std::int64_t kStoreFormat = 1;
-
 struct StoreContents {
-  enum class Condition { kGood, kDamaged, kNewerFormat, kFailed };
+  enum class Condition { kGood, kDamaged, kOlderFormat, kNewerFormat, kFailed };
 
   Condition condition = Condition::kGood;
   std::string damage;  // What is wrong with it, when it is damaged.
   StoreStatus status;  // Why it could not be read, when that failed; or why it is refused.
+  std::int64_t format = 0;
   std::uint64_t storeId = 0;
   std::uint64_t revision = 0;
   std::vector<StoredVariable> variables;
@@ -36,17 +33,17 @@ struct StoreContents {
 [[nodiscard]] bool createContents(Database& database, std::uint64_t storeId);
 
 // Only the format: what must be known before anything else may touch the file.
-StoreContents checkFormat(Database& database);
+StoreContents checkFormat(Database& database, const StoreFormats& formats);
 
 StoreContents damagedContents(const std::string& damage);
 
 // What the database's last failure makes of it: damaged, or not readable for another reason.
 StoreContents contentsAfterFailure(const Database& database);
 
-// Checks and reads everything.
-StoreContents readContents(Database& database);
+// Checks and reads everything. An older format is not read: upgrade() comes first.
+StoreContents readContents(Database& database, const StoreFormats& formats);
 
-[[nodiscard]] bool replaceStoreId(Database& database, std::uint64_t storeId);
+[[nodiscard]] bool replaceStoreId(Database& database, std::int64_t format, std::uint64_t storeId);
 
 // Forgets the log, after what can be read of it was copied into the file. No harm when it fails.
 void emptyLog(Database& database);

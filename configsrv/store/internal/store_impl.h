@@ -1,6 +1,8 @@
 // Store::Impl: an open store: its lock, its connection and the statements that a commit reuses.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,7 +17,8 @@ namespace ConfigSrv {
 class Store::Impl {
  public:
   Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
-       std::uint64_t revision, std::uint64_t snapshotRevision);
+       std::uint64_t revision, std::uint64_t snapshotRevision,
+       std::chrono::steady_clock::duration snapshotEvery);
 
   bool isReady() const;
   const Database& database() const { return database_; }
@@ -26,8 +29,14 @@ class Store::Impl {
 
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
   StoreStatus snapshot();
+  StoreCounters counters() const;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  StoreStatus makeSnapshot();
+  void snapshotWhenDue();
+  void countWrite();
   StoreStatus writeAll(const std::vector<StoreTransaction>& transactions,
                        std::vector<std::uint64_t>* revisions);
   StoreStatus writeChange(const StoreChange& change, std::uint64_t revision);
@@ -45,6 +54,13 @@ class Store::Impl {
   const std::uint64_t storeId_;
   std::uint64_t revision_;
   std::uint64_t snapshotRevision_;
+  const Clock::duration snapshotEvery_;
+  Clock::time_point snapshotTriedAt_ = Clock::now();
+  // Written by the one thread that uses the store, read by any.
+  std::atomic<std::uint64_t> writes_{0};
+  std::atomic<std::uint64_t> bytes_{0};
+  std::atomic<std::uint64_t> snapshots_{0};
+  std::atomic<std::uint64_t> failedSnapshots_{0};
 };
 
 }  // namespace ConfigSrv

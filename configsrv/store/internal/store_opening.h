@@ -35,6 +35,9 @@ class StoreOpening {
   static FileSystem& fileSystemOf(const StoreOptions& options) {
     return options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem();
   }
+  const StoreFormats& formats() const {
+    return options_.formats != nullptr ? *options_.formats : presentFormats();
+  }
   // What is there: nothing, a store, or something to recover from.
   StoreStatus open();
   StoreStatus beginEmpty();
@@ -44,6 +47,7 @@ class StoreOpening {
   bool isBehindSnapshot();
   StoreStatus goOnWithoutLostCommits();
   StoreContents openAndRead();
+  StoreContents upgradeAndRead(Database& database, std::int64_t format) const;
   bool useLog();
 
   StoreStatus recover(const std::string& whatIsWrong);

@@ -212,7 +212,8 @@ TEST_F(ModelTest, AStoredNumberThatIsNoRoleIsLeftOut) {
 
 TEST_F(ModelTest, StoredVariablesWithoutADefinitionAreReportedTogether) {
   EXPECT_THAT(model_.restore({StoredVariable(keyOf("a.b")), StoredVariable(keyOf("a.c"))}, 1),
-              ElementsAre(HasSubstr("2 stored variables have no definition")));
+              ElementsAre(AllOf(HasSubstr("2 stored variables have no definition"),
+                                HasSubstr("a.b, a.c"))));
 }
 
 TEST_F(ModelTest, PositionsFollowTheOrderOfTheKeys) {

@@ -118,7 +118,7 @@ TEST_F(StorePowerTest, ACutAtAnyStepLosesNothingAcknowledgedAndMixesNothing) {
   for (long step = 1;; ++step) {
     StoreLife life(disk_);
     if (!liveUntilCut(&life, step)) return;
-    for (const Outage& outage : outages(isExhaustive() ? 100 : 6)) {
+    for (const Outage& outage : outages(isExhaustive() ? 100 : 3)) {
       restartAfterCut(outage, step);
       ASSERT_EQ(reopen(life.ledger()), "") << "cut at step " << step << ", " << text(outage);
     }

@@ -145,5 +145,33 @@ TEST_F(StoreSnapshotTest, CommitsSinceTheSnapshotAreCountedAcrossReopenings) {
   EXPECT_EQ(open().commitsSinceSnapshot(), 3U);
 }
 
+TEST_F(StoreSnapshotTest, ACommitTakesASnapshotWhenTheLastOneIsOldEnough) {
+  StoreOptions options{file_};
+  options.snapshotEvery = std::chrono::seconds(0);
+  opened_ = Store::open(options);
+  set("a", "1");
+  EXPECT_EQ(store().counters().snapshots, 1U);
+  EXPECT_EQ(store().commitsSinceSnapshot(), 0U);
+  set("a", "2");
+  close();
+  damage(file_);
+  open();
+  EXPECT_EQ(value("a"), "2");
+  set("a", "3");
+  EXPECT_EQ(store().counters().snapshots, 0U);
+}
+
+TEST_F(StoreSnapshotTest, AnOldSnapshotThatCannotBeReplacedFailsNoCommitAndIsCounted) {
+  StoreOptions options{file_};
+  options.snapshotEvery = std::chrono::seconds(0);
+  opened_ = Store::open(options);
+  std::filesystem::create_directories(file_ + ".snapshot.new/in-the-way");
+  set("a", "1");
+  EXPECT_EQ(store().counters().snapshots, 0U);
+  EXPECT_EQ(store().counters().failedSnapshots, 1U);
+  open();
+  EXPECT_EQ(value("a"), "1");
+}
+
 }  // namespace
 }  // namespace ConfigSrv

@@ -208,5 +208,25 @@ TEST_F(StoreTest, EveryCodeHasAName) {
   EXPECT_STREQ(storeCodeName(StoreCode::kUnusable), "unusable path");
 }
 
+TEST_F(StoreTest, WritesAndTheirBytesAreCountedAndTransactionsThatComeTogetherShareOne) {
+  open();
+  EXPECT_EQ(store().counters().writes, 0U);
+  const std::uintmax_t before = std::filesystem::file_size(file_ + "-wal");
+  ASSERT_TRUE(store().commit({{setting("a", "1")}, {setting("b", "2")}}).status.ok());
+  set("a", std::string(20000, 'x'));
+  EXPECT_EQ(store().counters().writes, 2U);
+  // The log begins with a header that belongs to no commit.
+  EXPECT_EQ(store().counters().bytes + 32, std::filesystem::file_size(file_ + "-wal") - before);
+}
+
+TEST_F(StoreTest, ACommitOfNothingWritesNothing) {
+  open();
+  set("a", "1");
+  const StoreCounters before = store().counters();
+  EXPECT_TRUE(store().commit({{}, {}}).status.ok());
+  EXPECT_EQ(store().counters().writes, before.writes);
+  EXPECT_EQ(store().counters().bytes, before.bytes);
+}
+
 }  // namespace
 }  // namespace ConfigSrv

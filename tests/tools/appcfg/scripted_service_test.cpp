@@ -492,15 +492,20 @@ TEST_F(ScriptedServiceTest, StatusShowsEveryFigure) {
   status.set_unchanged_writes(19);
   status.set_refused_writes(20);
   status.set_notices(21);
+  status.set_store_writes(22);
+  status.set_store_bytes(23);
+  status.set_snapshots(24);
+  status.set_failed_snapshots(25);
   status.set_definitions_dir("/etc/defs");
   status.set_store_file("/var/store");
   answer<ConfigIF::StatusReq>(status);
   EXPECT_EQ(printed({"status", "--json"}), Json::parse(R"({"service":"ConfigSrvc","version":"1.2",
       "pid":10,"uptime_seconds":11,"revision":12,"variables":13,"changed_variables":14,
       "clients":15,"registrations":16,"reads":17,"commits":18,"unchanged_writes":19,
-      "refused_writes":20,"notices":21,"definitions_dir":"/etc/defs","store_file":"/var/store"})"));
+      "refused_writes":20,"notices":21,"store_writes":22,"store_bytes":23,"snapshots":24,
+      "failed_snapshots":25,"definitions_dir":"/etc/defs","store_file":"/var/store"})"));
   const std::string text = appcfg_({"status"}).out;
-  for (int figure = 10; figure <= 21; ++figure)
+  for (int figure = 10; figure <= 25; ++figure)
     EXPECT_THAT(text, HasSubstr(std::to_string(figure)));
   EXPECT_THAT(text, HasSubstr("/etc/defs"));
   EXPECT_THAT(text, HasSubstr("/var/store"));
