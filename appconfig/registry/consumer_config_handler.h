@@ -4,6 +4,9 @@
 // Arguments  every operation starts with the variable it is about: group, group instance, name,
 //            name instance, lower case. Every notice but attributeChanged ends with the callback
 //            identity: the name of the link that asked for the notice, as the service echoes it.
+// Repeats    when the service or the connection was away, the handler is told the newest value of what
+//            may have changed meanwhile: perhaps one that it has been told, never one before that. A
+//            handler that was registered while the service was away is told all values when it comes.
 // Threads    called on the endpoint's delivery thread, one notice after another; a slow handler
 //            delays the next notice. It may read, write, register and unregister, itself included.
 // Owns       nothing: the application keeps the handler alive until it has unregistered it and no

@@ -52,6 +52,7 @@ struct Delivery::Remote {
   std::uint64_t attemptsBegun = 0;
   std::uint64_t attemptsEnded = 0;
   bool kicked = false;
+  bool abandoned = false;
 };
 
 Delivery::Delivery(Hello hello, std::function<std::vector<MSG_Callback>()> receivers)
@@ -181,23 +182,38 @@ bool Delivery::takeWelcome(Remote& remote, const FrameHeader& header, std::strin
   remote.greeted = true;
   remote.delay = kShortestDelay;
   remote.epoch = welcome.epoch;
-  setCondition(remote, Condition::Repeating);
+  // Before anybody who waits for the connection goes on: what they register is theirs to send.
+  repeat(remote, remote.registrations->beginConnection(remote.epoch));
   endAttempt(remote);
-  repeatRegistrations(remote);
   return true;
 }
 
-void Delivery::repeatRegistrations(Remote& remote) {
+void Delivery::repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats) {
   FrameHeader header;
   header.kind = FrameKind::Request;
-  for (KeptRegistrations::Repeat& repeat : remote.registrations->beginConnection(remote.epoch)) {
-    header.messageId = repeat.messageId;
+  for (KeptRegistrations::Repeat& each : repeats) {
+    header.messageId = each.messageId;
     header.sequence = ++remote.lastSequence;
-    header.revision = repeat.revision;
-    appendFrame(header, repeat.payload, remote.outgoing);
-    remote.awaited.emplace(header.sequence, std::move(repeat.key));
+    header.revision = each.revision;
+    appendFrame(header, each.payload, remote.outgoing);
+    remote.awaited.emplace(header.sequence, std::move(each.key));
   }
-  if (remote.awaited.empty()) setCondition(remote, Condition::Standing);
+  setCondition(remote, remote.awaited.empty() ? Condition::Standing : Condition::Repeating);
+}
+
+void Delivery::repeatAbandoned(const std::string& name) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto found = remotes_.find(name);
+    if (found == remotes_.end()) return;
+    found->second->abandoned = true;
+  }
+  wake();
+}
+
+bool Delivery::takeAbandonedMark(Remote& remote) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return std::exchange(remote.abandoned, false);
 }
 
 // Writes as much as the socket takes: the rest waits for poll, since a service that is itself
@@ -236,7 +252,9 @@ void Delivery::noteResponse(Remote& remote, const FrameHeader& header) {
   const auto found = remote.awaited.find(header.sequence);
   if (found == remote.awaited.end()) return;
   if (header.kind == FrameKind::Response) {
-    remote.registrations->acknowledge(found->second, remote.epoch, header.revision);
+    KeptRegistrations& registrations = *remote.registrations;
+    registrations.acknowledge(found->second, registrations.connection(), remote.epoch,
+                              header.revision);
   }
   remote.awaited.erase(found);
   if (remote.awaited.empty()) setCondition(remote, Condition::Standing);
@@ -249,6 +267,7 @@ bool Delivery::take(Remote& remote, const FrameHeader& header, std::string_view 
     return true;
   }
   if (header.kind != FrameKind::Notice && header.kind != FrameKind::Question) return false;
+  if (header.kind == FrameKind::Question) remote.registrations->questioned();
   remote.outgoing += dispatch({header, payload, &remote.name, remote.sender}, receivers_());
   if (header.kind == FrameKind::Notice) remote.registrations->delivered(header.revision);
   return true;
@@ -327,6 +346,8 @@ void Delivery::run() {
     poll(all);
     for (Remote* remote : all) {
       if (stopping_) return;
+      if (remote->greeted && takeAbandonedMark(*remote))
+        repeat(*remote, remote->registrations->takeAbandoned());
       if (remote->stream.isOpen() && !writePending(*remote)) lose(*remote);
       if (remote->stream.isOpen()) readFrom(*remote);
     }

@@ -211,6 +211,7 @@ class Endpoint::State {
     const CallStatus status = remote.pool.call(request, response, exchange);
     if (status == kCallOk && response != nullptr) {
       lastAnswer = {remote.number, exchange.epoch, exchange.answerRevision};
+      remote.registrations.answered(exchange.epoch);
     }
     return status;
   }
@@ -224,14 +225,22 @@ class Endpoint::State {
       exchange.revision = lastAnswer.revision;
       exchange.knownEpoch = lastAnswer.epoch;
     }
+    // Waited for before it is kept, so that it is not repeated by the very connection it waits for.
+    delivery_.waitForAttempt(remote.name, exchange.deadline);
     std::string payload = request.SerializeAsString();
     const std::string key = PlatformSchema::registrationKey(exchange.messageId, payload);
-    remote.registrations.keep(key, exchange.messageId, std::move(payload), exchange.knownEpoch,
-                              exchange.revision);
-    delivery_.waitForAttempt(remote.name, exchange.deadline);
+    KeptRegistrations& kept = remote.registrations;
+    const auto connection = kept.keep(key, exchange.messageId, std::move(payload),
+                                      exchange.knownEpoch, exchange.revision);
     const CallStatus status = remote.pool.call(request, response, exchange);
     if (status == kCallOk && response != nullptr) {
-      remote.registrations.acknowledge(key, exchange.epoch, exchange.answerRevision);
+      kept.acknowledge(key, connection, exchange.epoch, exchange.answerRevision);
+    } else if (status == kCallBadRequest) {
+      kept.withdraw(key);
+    } else {
+      // The delivery connection may be as good as before, and nobody would ask again.
+      kept.abandon(key, connection);
+      delivery_.repeatAbandoned(remote.name);
     }
     return status;
   }

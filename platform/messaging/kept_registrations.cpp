@@ -1,29 +1,71 @@
 #include "platform/messaging/internal/kept_registrations.h"
 
-namespace PbUtility {
+#include <algorithm>
 
-void KeptRegistrations::keep(const std::string& key, std::uint32_t messageId, std::string payload,
-                             std::uint64_t epoch, std::uint64_t revision) {
-  const std::lock_guard<std::mutex> guard(mutex_);
-  // Another epoch's revision means nothing here: the service is asked for everything.
-  if (epoch_ != 0 && epoch != epoch_ && revision != kRevisionNow) revision = kRevisionNone;
-  const auto [position, isNew] = registrations_.try_emplace(key);
-  position->second.messageId = messageId;
-  position->second.payload = std::move(payload);
-  // What an earlier one is still owed must not be forgotten when it is made again.
-  if (isNew) position->second.since = revision;
+#include "platform/schema/registration_key.h"
+
+namespace PbUtility {
+namespace {
+
+bool isNumber(std::uint64_t revision) {
+  return revision != kRevisionNow && revision != kRevisionNone;
 }
 
-void KeptRegistrations::acknowledge(const std::string& key, std::uint64_t epoch,
-                                    std::uint64_t revision) {
+// Who knows less has to be told more.
+std::uint64_t lesser(std::uint64_t a, std::uint64_t b) {
+  return a == kRevisionNone || b == kRevisionNone ? kRevisionNone : std::min(a, b);
+}
+
+}  // namespace
+
+KeptRegistrations::Connection KeptRegistrations::keep(const std::string& key,
+                                                      std::uint32_t messageId, std::string payload,
+                                                      std::uint64_t epoch, std::uint64_t revision) {
   const std::lock_guard<std::mutex> guard(mutex_);
+  // Another epoch's revision means nothing here: the service is asked for everything.
+  if (epoch_ != 0 && epoch != epoch_ && isNumber(revision)) revision = kRevisionNone;
+  const auto [position, isNew] = registrations_.try_emplace(key);
+  Registration& registration = position->second;
+  registration.messageId = messageId;
+  registration.toldOnChange = PlatformSchema::isToldOnChange(messageId, payload);
+  registration.payload = std::move(payload);
+  // What an earlier one is still owed must not be forgotten when it is made again, nor what the
+  // caller of this one did not see.
+  const std::uint64_t known = isNew ? kRevisionNow : knownBy(registration);
+  const bool comparable = !isNumber(known) || !isNumber(revision) || registration.epoch == epoch;
+  registration.since = comparable ? lesser(known, revision) : kRevisionNone;
+  registration.epoch = isNumber(revision) ? epoch : registration.epoch;
+  registration.acknowledged = false;
+  ++registration.unanswered;
+  return connection_;
+}
+
+// Null when it was sent before this connection began: it is repeated on this one, whose answer
+// counts.
+KeptRegistrations::Registration* KeptRegistrations::answeredOne(const std::string& key,
+                                                                Connection connection) {
   const auto found = registrations_.find(key);
-  if (found == registrations_.end() || (epoch_ != 0 && epoch != epoch_)) return;
+  if (found == registrations_.end() || connection != connection_) return nullptr;
   Registration& registration = found->second;
-  if (registration.acknowledged) registration.since = knownBy(registration);
-  registration.acknowledged = true;
-  registration.acknowledgedAt = revision;
-  if (registration.since == kRevisionNow) registration.since = revision;
+  if (registration.unanswered > 0) --registration.unanswered;
+  return &registration;
+}
+
+void KeptRegistrations::acknowledge(const std::string& key, Connection connection,
+                                    std::uint64_t epoch, std::uint64_t revision) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Registration* const registration = answeredOne(key, connection);
+  if (registration == nullptr || (epoch_ != 0 && epoch != epoch_)) return;
+  registration->acknowledgedAt = std::max(registration->acknowledgedAt, revision);
+  registration->acknowledged = registration->unanswered == 0;
+  if (registration->since != kRevisionNow) return;
+  registration->since = revision;
+  registration->epoch = epoch;
+}
+
+void KeptRegistrations::abandon(const std::string& key, Connection connection) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  answeredOne(key, connection);
 }
 
 void KeptRegistrations::withdraw(const std::string& key) {
@@ -46,29 +88,76 @@ void KeptRegistrations::delivered(std::uint64_t revision) {
   if (revision > delivered_) delivered_ = revision;
 }
 
+void KeptRegistrations::questioned() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  questioned_ = true;
+}
+
+void KeptRegistrations::answered(std::uint64_t epoch) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (epoch_ != 0 && epoch != epoch_) otherEpochAnswered_ = true;
+}
+
 std::uint64_t KeptRegistrations::knownBy(const Registration& registration) const {
-  if (!anyDelivered_) return registration.since;
-  // Equal is not enough: of two notices of one revision the second may have been lost.
-  if (registration.acknowledged && delivered_ > registration.acknowledgedAt) return delivered_;
-  return registration.since == kRevisionNow ? delivered_ : registration.since;
+  const bool proven =
+      registration.acknowledged && anyDelivered_ && delivered_ > registration.acknowledgedAt;
+  return proven ? delivered_ - 1 : registration.since;
+}
+
+// What is known when a connection of this epoch begins.
+std::uint64_t KeptRegistrations::repeatedWith(const Registration& registration,
+                                              std::uint64_t epoch) const {
+  if (otherEpochAnswered_ || (epoch_ != 0 && epoch != epoch_)) return kRevisionNone;
+  if (registration.toldOnChange && questioned_) return kRevisionNone;
+  const std::uint64_t known = knownBy(registration);
+  // Made before the first connection, it may know of a service that was there before this one.
+  if (known == kRevisionNow || registration.epoch != epoch) return kRevisionNone;
+  return known;
+}
+
+KeptRegistrations::Repeat KeptRegistrations::repeat(const std::string& key,
+                                                    Registration& registration,
+                                                    std::uint64_t revision, std::uint64_t epoch) {
+  registration.since = revision;
+  registration.epoch = epoch;
+  registration.acknowledged = false;
+  registration.acknowledgedAt = 0;
+  registration.unanswered = 1;
+  return {key, registration.messageId, registration.payload, revision};
 }
 
 std::vector<KeptRegistrations::Repeat> KeptRegistrations::beginConnection(std::uint64_t epoch) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  const bool sameEpoch = epoch_ == 0 || epoch == epoch_;
   std::vector<Repeat> repeats;
   repeats.reserve(registrations_.size());
-  for (auto& [key, registration] : registrations_) {
-    registration.since = sameEpoch ? knownBy(registration) : kRevisionNone;
-    registration.acknowledged = false;
-    repeats.push_back({key, registration.messageId, registration.payload, registration.since});
-  }
-  if (!sameEpoch) {
+  for (auto& [key, registration] : registrations_)
+    repeats.push_back(repeat(key, registration, repeatedWith(registration, epoch), epoch));
+  if (epoch_ != epoch) {
     anyDelivered_ = false;
     delivered_ = 0;
   }
+  ++connection_;
   epoch_ = epoch;
+  otherEpochAnswered_ = false;
+  questioned_ = false;
   return repeats;
+}
+
+std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeAbandoned() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Repeat> repeats;
+  for (auto& [key, registration] : registrations_) {
+    if (registration.acknowledged || registration.unanswered > 0) continue;
+    const std::uint64_t known = registration.since;
+    repeats.push_back(
+        repeat(key, registration, known == kRevisionNow ? kRevisionNone : known, epoch_));
+  }
+  return repeats;
+}
+
+KeptRegistrations::Connection KeptRegistrations::connection() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return connection_;
 }
 
 std::size_t KeptRegistrations::size() const {
@@ -79,10 +168,15 @@ std::size_t KeptRegistrations::size() const {
 void KeptRegistrations::copyTo(KeptRegistrations& other) const {
   const std::lock_guard<std::mutex> guard(mutex_);
   for (const auto& [key, registration] : registrations_) {
-    other.registrations_[key] = {registration.messageId, registration.payload,
-                                 knownBy(registration), 0, false};
+    Registration& copy = other.registrations_[key];
+    copy = registration;
+    copy.since = knownBy(registration);
+    copy.acknowledged = false;
+    copy.unanswered = 0;
   }
   other.epoch_ = epoch_;
+  other.otherEpochAnswered_ = otherEpochAnswered_;
+  other.questioned_ = questioned_;
 }
 
 }  // namespace PbUtility

@@ -49,4 +49,10 @@ std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
   return parse(request, payload) ? clientPart(request.client_name()) : std::string();
 }
 
+bool isToldOnChange(std::uint32_t messageId, std::string_view payload) {
+  if (messageId == kMonitor || !isRepeatedOnReconnect(messageId)) return false;
+  ConfigIF::RegisterClientCallbackReq request;
+  return parse(request, payload) && request.type() == ConfigIF::CALLBACK_ON_CHANGE;
+}
+
 }  // namespace PlatformSchema

@@ -15,4 +15,8 @@ namespace PlatformSchema {
 // the payload cannot be parsed or is another message.
 std::string registrationKey(std::uint32_t messageId, std::string_view payload);
 
+// Whether it is a registration of a provider that is told on change: it hears of values that may
+// still not come to be.
+bool isToldOnChange(std::uint32_t messageId, std::string_view payload);
+
 }  // namespace PlatformSchema

@@ -3,6 +3,7 @@
 
 #include "tests/integration/application.h"
 #include "tests/integration/fixture.h"
+#include "tests/support/cut_connections.h"
 
 namespace TestSupport {
 namespace {
@@ -125,6 +126,53 @@ TEST_F(LibraryTest, AHandlerMayReadAndWriteOtherVariables) {
   ASSERT_TRUE(other_.write("net.mtu", "1400").ok());
   EXPECT_TRUE(eventually([&] { return busy.written.load(); }));
   EXPECT_EQ(other_.read("net.name").values.at(0), "1400");
+}
+
+// Does something when it is told of a change, before it has answered.
+class InterruptedProvider final : public ProviderConfigHandler {
+ public:
+  bool dynamicValidate(const std::string&, int, const std::string&, int,
+                       const std::list<std::string>&, AppConfig::SecurityRole,
+                       ConfigResult*) override {
+    return true;
+  }
+  bool onChange(const std::string&, int, const std::string&, int, const std::list<std::string>&,
+                AppConfig::SecurityRole, ConfigResult*) override {
+    interruption();
+    return true;
+  }
+  std::function<void()> interruption;
+};
+
+TEST_F(LibraryTest, AValueOnItsWayWhenTheServiceDiedIsNotLeftInAProvidersCache) {
+  static InterruptedProvider provider;
+  static std::atomic<bool> killed{false};
+  provider.interruption = [this] {
+    service_.kill();
+    killed = true;
+  };
+  registerHandler("net", "mtu", &provider);
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  EXPECT_FALSE(other_.write("net.mtu", "1400").ok());
+  ASSERT_TRUE(eventually([] { return killed.load(); }));
+  service_.start();
+  EXPECT_TRUE(eventually([&] { return config_->getConfigVarInt("net", 0, "mtu", 0) == 1500; }));
+}
+
+TEST_F(LibraryTest, AValueOnItsWayWhenTheConnectionWasCutIsNotLeftInAProvidersCache) {
+  static InterruptedProvider provider;
+  provider.interruption = [] { cutConnectionsToServices(); };
+  registerHandler("net", "mtu", &provider);
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  EXPECT_FALSE(other_.write("net.mtu", "1400").ok());
+  EXPECT_TRUE(eventually([&] { return config_->getConfigVarInt("net", 0, "mtu", 0) == 1500; }));
+}
+
+TEST_F(LibraryTest, AHandlerMadeBeforeTheServiceCameHearsWhatItMissed) {
+  service_.kill();
+  registerHandler("net", "mtu", &consumer_);
+  service_.start();
+  EXPECT_TRUE(consumer_.waitFor("value net.mtu = 1500"));
 }
 
 TEST_F(LibraryTest, OptionsAndAccessLevelsAreReadSetAndAnnounced) {

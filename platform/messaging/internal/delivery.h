@@ -46,6 +46,9 @@ class Delivery {
   // The remote was just seen alive: do not wait out the delay.
   void kick(const std::string& name);
 
+  // Some registrations were abandoned: repeat them on the connection that is there.
+  void repeatAbandoned(const std::string& name);
+
   // Waits until the connection stands, or an attempt that began after the call has failed.
   void waitForAttempt(const std::string& name, Clock::time_point deadline);
   // Waits until the connection stands and every registration is acknowledged.
@@ -62,7 +65,8 @@ class Delivery {
   std::string greeting() const;
   bool takeWelcome(Remote& remote, const FrameHeader& header, std::string_view payload);
   void endAttempt(Remote& remote);
-  void repeatRegistrations(Remote& remote);
+  void repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats);
+  bool takeAbandonedMark(Remote& remote);
   void readFrom(Remote& remote);
   bool consume(Remote& remote);
   bool take(Remote& remote, const FrameHeader& header, std::string_view payload);

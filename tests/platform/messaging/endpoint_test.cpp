@@ -409,6 +409,33 @@ TEST_F(EndpointTest, RegistrationsAreRepeatedToARestartedServiceAlsoThoseItNever
   EXPECT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
 }
 
+// The delivery connection is as good as before, so nothing else would make it known.
+TEST_F(EndpointTest, ARegistrationWithoutAnAnswerIsRepeatedOnTheDeliveryConnection) {
+  Serving serving(dir.path());
+  EndpointOptions impatient = options();
+  impatient.deadline = milliseconds(200);
+  Endpoint endpoint("ui", impatient);
+  ASSERT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
+  serving.onServer([&](Server&) { serving.onRequestDo = [](Server&, const Serving::Request&) {}; });
+  EXPECT_EQ(registerFor(endpoint, "a"), kCallTimedOut);
+  serving.onServer([&](Server&) { serving.onRequestDo = nullptr; });
+  ASSERT_TRUE(eventually([&] { return registrations(serving).size() == 2; }));
+  EXPECT_EQ(registrations(serving)[0].payload, registrations(serving)[1].payload);
+}
+
+TEST_F(EndpointTest, ARegistrationThatCannotBeSentIsNotRepeatedEither) {
+  Endpoint endpoint("ui", options());
+  const std::string tooLong(kMaxPayloadBytes, 'x');
+  {
+    Serving first(dir.path());
+    EXPECT_EQ(registerFor(endpoint, tooLong), kCallBadRequest);
+    ASSERT_EQ(registerFor(endpoint, "a"), 0);
+  }
+  Serving second(dir.path());
+  EXPECT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
+  EXPECT_EQ(registrations(second).size(), 1U);
+}
+
 TEST_F(EndpointTest, AServiceOfAnotherEpochIsAskedForEverything) {
   Endpoint endpoint("ui", options());
   {

@@ -2,89 +2,199 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/schema/config_if.pb.h"
+
 namespace PbUtility {
 namespace {
 
 constexpr std::uint64_t kEpoch = 5;
 
-// The revision with which the only registration is repeated on a new connection.
-std::uint64_t repeatedWith(KeptRegistrations& kept, std::uint64_t epoch = kEpoch) {
-  const auto repeats = kept.beginConnection(epoch);
-  return repeats.size() == 1 ? repeats[0].revision : 12345678;
-}
+constexpr std::uint32_t kRegister = 0x1A0210;
 
-TEST(KeptRegistrationsTest, ARegistrationMadeAfterAReadIsRepeatedWithTheReadsRevision) {
+// One registration of one remote, and what becomes of it.
+class KeptRegistrationsTest : public testing::Test {
+ protected:
+  using Connection = KeptRegistrations::Connection;
+
+  Connection keep(std::uint64_t revision, std::uint64_t epoch = kEpoch) {
+    return kept.keep("k", kRegister, "payload", epoch, revision);
+  }
+  void begin(std::uint64_t epoch = kEpoch) { kept.beginConnection(epoch); }
+  void acknowledge(std::uint64_t revision) {
+    kept.acknowledge("k", kept.connection(), kEpoch, revision);
+  }
+  // The revision with which the only registration is repeated on a new connection.
+  std::uint64_t repeatedWith(std::uint64_t epoch = kEpoch) {
+    return onlyOf(kept.beginConnection(epoch));
+  }
+  static std::uint64_t onlyOf(const std::vector<KeptRegistrations::Repeat>& repeats) {
+    return repeats.size() == 1 ? repeats[0].revision : 12345678;
+  }
+
   KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "payload", kEpoch, 3);
+};
+
+TEST_F(KeptRegistrationsTest, ARegistrationMadeAfterAReadIsRepeatedWithTheReadsRevision) {
+  keep(3);
   const auto repeats = kept.beginConnection(kEpoch);
   ASSERT_EQ(repeats.size(), 1U);
-  EXPECT_EQ(repeats[0].messageId, 0x1A0210U);
+  EXPECT_EQ(repeats[0].messageId, kRegister);
   EXPECT_EQ(repeats[0].payload, "payload");
   EXPECT_EQ(repeats[0].revision, 3U);
 }
 
-TEST(KeptRegistrationsTest, ARegistrationMadeWithoutKnowledgeAsksForChangesFromItsAnswerOn) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", 0, kRevisionNow);
-  EXPECT_EQ(repeatedWith(kept), kRevisionNow);
-  kept.acknowledge("k", kEpoch, 9);
-  EXPECT_EQ(repeatedWith(kept), 9U);
+TEST_F(KeptRegistrationsTest, ARegistrationMadeWithoutKnowledgeAsksForChangesFromItsAnswerOn) {
+  const Connection connection = keep(kRevisionNow, 0);
+  kept.acknowledge("k", connection, kEpoch, 9);
+  EXPECT_EQ(repeatedWith(), 9U);
 }
 
-TEST(KeptRegistrationsTest, TheRevisionOfAStoreThatNothingWasCommittedToIsOneLikeAnyOther) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", 0, kRevisionNow);
-  kept.beginConnection(kEpoch);
-  kept.acknowledge("k", kEpoch, 0);
-  EXPECT_EQ(repeatedWith(kept), 0U);
+// Whoever found the variable registered read it without registering, and may have read anything.
+TEST_F(KeptRegistrationsTest,
+       ARegistrationMadeWithoutKnowledgeThatNobodyAnsweredAsksForEverything) {
+  keep(kRevisionNow, 0);
+  EXPECT_EQ(repeatedWith(), kRevisionNone);
 }
 
-TEST(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllOwedWasDelivered) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
-  kept.beginConnection(kEpoch);
-  kept.acknowledge("k", kEpoch, 9);
-  kept.delivered(10);
-  EXPECT_EQ(repeatedWith(kept), 10U);
+TEST_F(KeptRegistrationsTest, TheRevisionOfAStoreThatNothingWasCommittedToIsOneLikeAnyOther) {
+  begin();
+  keep(kRevisionNow, 0);
+  acknowledge(0);
+  EXPECT_EQ(repeatedWith(), 0U);
 }
 
-TEST(KeptRegistrationsTest, ANoticeOfTheAnswersOwnRevisionProvesNothing) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
-  kept.beginConnection(kEpoch);
-  kept.acknowledge("k", kEpoch, 9);
+TEST_F(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllBeforeItWasDelivered) {
+  keep(3);
+  begin();
+  acknowledge(9);
+  kept.delivered(12);
+  EXPECT_EQ(repeatedWith(), 11U) << "another notice of revision 12 may be missing";
+}
+
+TEST_F(KeptRegistrationsTest, ANoticeOfTheAnswersOwnRevisionProvesNothing) {
+  keep(3);
+  begin();
+  acknowledge(9);
   kept.delivered(9);
-  EXPECT_EQ(repeatedWith(kept), 3U);
+  EXPECT_EQ(repeatedWith(), 3U);
 }
 
-TEST(KeptRegistrationsTest, NoticesForOthersDoNotHideWhatAnUnansweredRepeatIsOwed) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
-  kept.beginConnection(kEpoch);
+TEST_F(KeptRegistrationsTest, NoticesForOthersDoNotHideWhatAnUnansweredRepeatIsOwed) {
+  keep(3);
+  begin();
   kept.delivered(11);
-  EXPECT_EQ(repeatedWith(kept), 3U);
+  EXPECT_EQ(repeatedWith(), 3U);
 }
 
-TEST(KeptRegistrationsTest, AnotherEpochMakesEveryRegistrationAskForEverything) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
-  kept.beginConnection(kEpoch);
-  kept.acknowledge("k", kEpoch, 9);
+TEST_F(KeptRegistrationsTest, AnotherEpochMakesEveryRegistrationAskForEverything) {
+  keep(3);
+  begin();
+  acknowledge(9);
   kept.delivered(10);
-  EXPECT_EQ(repeatedWith(kept, kEpoch + 1), kRevisionNone);
+  EXPECT_EQ(repeatedWith(kEpoch + 1), kRevisionNone);
 }
 
-TEST(KeptRegistrationsTest, MakingARegistrationAgainForgetsNothingOwed) {
-  KeptRegistrations kept;
-  kept.keep("k", 0x1A0210, "p", kEpoch, 3);
-  kept.beginConnection(kEpoch);
-  kept.keep("k", 0x1A0210, "p", kEpoch, 8);
-  EXPECT_EQ(repeatedWith(kept), 3U);
+TEST_F(KeptRegistrationsTest, WhatIsKnownOfAServiceBeforeTheFirstConnectionIsHeldAgainstItsEpoch) {
+  keep(3, kEpoch - 1);
+  EXPECT_EQ(repeatedWith(), kRevisionNone);
 }
 
-TEST(KeptRegistrationsTest, WithdrawnRegistrationsAreNotRepeated) {
-  KeptRegistrations kept;
-  for (const char* key : {"a1", "a2", "b1"}) kept.keep(key, 0x1A0210, key, kEpoch, 1);
+// The service was another for a moment, in which no delivery connection came about.
+TEST_F(KeptRegistrationsTest, AnAnswerFromAnotherEpochMakesEveryRegistrationAskForEverything) {
+  keep(3);
+  begin();
+  acknowledge(9);
+  kept.answered(kEpoch);
+  kept.answered(kEpoch + 1);
+  EXPECT_EQ(repeatedWith(), kRevisionNone);
+}
+
+TEST_F(KeptRegistrationsTest, MakingARegistrationAgainForgetsNothingOwed) {
+  keep(3);
+  begin();
+  keep(8);
+  EXPECT_EQ(repeatedWith(), 3U);
+}
+
+TEST_F(KeptRegistrationsTest, MakingARegistrationAgainAsksForWhatTheSecondCallerDidNotSee) {
+  begin();
+  keep(8);
+  acknowledge(9);
+  kept.delivered(20);
+  keep(5);
+  EXPECT_EQ(repeatedWith(), 5U);
+}
+
+TEST_F(KeptRegistrationsTest, OfARegistrationMadeTwiceAtOnceBothAnswersAreNeeded) {
+  begin();
+  keep(8);
+  keep(5);
+  acknowledge(9);
+  kept.delivered(20);
+  EXPECT_EQ(repeatedWith(), 5U) << "what the second is owed may come after notice 20";
+}
+
+TEST_F(KeptRegistrationsTest, AnAnswerFromBeforeTheConnectionSaysNothingAboutItsRepeat) {
+  begin();
+  const Connection before = keep(3);
+  begin();
+  kept.acknowledge("k", before, kEpoch, 9);
+  kept.delivered(20);
+  EXPECT_EQ(repeatedWith(), 3U);
+}
+
+TEST_F(KeptRegistrationsTest, AnAbandonedRegistrationIsRepeatedOnTheConnectionThatIsThere) {
+  begin();
+  kept.abandon("k", keep(3));
+  EXPECT_EQ(onlyOf(kept.takeAbandoned()), 3U);
+  EXPECT_TRUE(kept.takeAbandoned().empty()) << "it is on its way";
+  acknowledge(9);
+  EXPECT_TRUE(kept.takeAbandoned().empty());
+}
+
+TEST_F(KeptRegistrationsTest, AnAbandonedRegistrationMadeWithoutKnowledgeAsksForEverything) {
+  begin();
+  kept.abandon("k", keep(kRevisionNow, 0));
+  EXPECT_EQ(onlyOf(kept.takeAbandoned()), kRevisionNone);
+}
+
+TEST_F(KeptRegistrationsTest, WhatAnotherConnectionRepeatedIsNotAbandonedByALateFailure) {
+  begin();
+  const Connection before = keep(3);
+  begin();
+  kept.abandon("k", before);
+  EXPECT_TRUE(kept.takeAbandoned().empty());
+}
+
+std::string registrationOf(ConfigIF::CallbackType type) {
+  ConfigIF::RegisterClientCallbackReq request;
+  request.set_client_name("me");
+  request.set_role(CommonIF::SECURITY_ROLE_USER);
+  request.set_name("net.mtu");
+  request.set_type(type);
+  return request.SerializeAsString();
+}
+
+// Its value may have been taken over, and the change may have failed while nobody could say so.
+TEST_F(KeptRegistrationsTest, AfterAQuestionWhoIsToldOnChangeAsksForEverythingOnce) {
+  begin();
+  for (const auto type : {ConfigIF::CALLBACK_ON_CHANGE, ConfigIF::CALLBACK_VALUE_CHANGED}) {
+    const std::string key = std::to_string(type);
+    kept.acknowledge(key, kept.keep(key, kRegister, registrationOf(type), kEpoch, 3), kEpoch, 9);
+  }
+  kept.questioned();
+  const auto repeats = kept.beginConnection(kEpoch);
+  ASSERT_EQ(repeats.size(), 2U);
+  EXPECT_EQ(repeats[0].revision, kRevisionNone);
+  EXPECT_EQ(repeats[1].revision, 3U);
+  for (const auto& repeat : repeats) kept.acknowledge(repeat.key, kept.connection(), kEpoch, 9);
+  kept.delivered(12);
+  EXPECT_EQ(kept.beginConnection(kEpoch)[0].revision, 11U);
+}
+
+TEST_F(KeptRegistrationsTest, WithdrawnRegistrationsAreNotRepeated) {
+  for (const char* key : {"a1", "a2", "b1"})
+    kept.abandon(key, kept.keep(key, kRegister, key, kEpoch, 1));
   kept.withdraw("b1");
   EXPECT_EQ(kept.size(), 2U);
   kept.withdrawAll("a");

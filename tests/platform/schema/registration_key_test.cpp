@@ -81,6 +81,18 @@ TEST(RegistrationKeyTest, AMonitorTakesThePlaceOfTheSameClientsFormerOneAndOfNoR
   EXPECT_NE(keyOf(stop), keyOf(monitor));
 }
 
+TEST(RegistrationKeyTest, OnlyAProvidersRegistrationForChangesIsToldOfValuesToCome) {
+  const auto isTold = [](ConfigIF::CallbackType type) {
+    const auto request = filled<ConfigIF::RegisterClientCallbackReq>("ui", "net.mtu", type, "link");
+    return isToldOnChange(messageIdOf(request), request.SerializeAsString());
+  };
+  EXPECT_TRUE(isTold(ConfigIF::CALLBACK_ON_CHANGE));
+  EXPECT_FALSE(isTold(ConfigIF::CALLBACK_DYNAMIC_VALIDATE));
+  EXPECT_FALSE(isTold(ConfigIF::CALLBACK_VALUE_CHANGED));
+  EXPECT_FALSE(isToldOnChange(0x1A0210, "\xFF\xFF\xFF"));
+  EXPECT_FALSE(isToldOnChange(messageIdOf(ConfigIF::MonitorReq()), ""));
+}
+
 TEST(RegistrationKeyTest, OtherMessagesAndRubbishHaveNone) {
   EXPECT_EQ(keyOf(ConfigIF::ReadReq()), "");
   EXPECT_EQ(registrationKey(0x1A0210, "\xFF\xFF\xFF"), "");
