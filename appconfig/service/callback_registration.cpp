@@ -63,10 +63,13 @@ void PlatformCfgService::unregisterAllCallbacks() {
 // Both take a copy, for what they are given may be the key of an entry that is about to change.
 // NOLINTBEGIN(performance-unnecessary-value-param)
 bool PlatformCfgService::registerHandlerProactively(ConfigVar var, ConsumerCallbackType type) {
-  if (isHandlerRegistered(var, type)) return true;
-  registerCallback(var, enumTranslate(type));
-  ConfigRegistrar::registerHandler(var, nullptr, type);
+  if (!isHandlerRegistered(var, type)) registerForAnswer(var, type);
   return true;
+}
+
+void PlatformCfgService::registerForAnswer(const ConfigVar& var, ConsumerCallbackType type) {
+  registerCallback(var, enumTranslate(type));
+  if (!isHandlerRegistered(var, type)) ConfigRegistrar::registerHandler(var, nullptr, type);
 }
 
 void PlatformCfgService::registerHandlerRequested(ConfigVar var, ConsumerConfigHandler* handler,

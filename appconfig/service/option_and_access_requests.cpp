@@ -50,12 +50,13 @@ std::list<std::string>& PlatformCfgService::getConfigOptions(const ConfigVar& va
                                                              unsigned int& defaultIndex) {
   options.clear();
   if (!pb_) return options;
+  const bool wasRegistered = isHandlerRegistered(var, eOptionsChanged);
   ConfigIF::GetAttributeOptionsRsp response;
   if (!ask(ProtobufMessageHelper::getGetOptionsRequest(getSelfFQName(), securityRole_, var),
            &response))
     return options;
-  if (takeOptions(response, options, defaultIndex))
-    registerHandlerProactively(var, eOptionsChanged);
+  if (takeOptions(response, options, defaultIndex) && !wasRegistered)
+    registerForAnswer(var, eOptionsChanged);
   return options;
 }
 
@@ -88,6 +89,7 @@ bool PlatformCfgService::getAccessLevels(const ConfigVar& var, SecurityRole* rea
                                          SecurityRole* writeRole) {
   if (!pb_) return false;
   const ConfigVar key = keyForRequest(var);
+  const bool wasRegistered = isHandlerRegistered(key, eAccessLevelsChanged);
   ConfigIF::GetAccessLevelsRsp response;
   if (!ask(ProtobufMessageHelper::getGetAccessLevelsReq(getSelfFQName(), securityRole_, key),
            &response))
@@ -95,7 +97,7 @@ bool PlatformCfgService::getAccessLevels(const ConfigVar& var, SecurityRole* rea
   if (response.result().error() != CommonIF::ERROR_NONE) return false;
   if (readRole) *readRole = enumTranslate(response.read_role());
   if (writeRole) *writeRole = enumTranslate(response.write_role());
-  registerHandlerProactively(key, eAccessLevelsChanged);
+  if (!wasRegistered) registerForAnswer(key, eAccessLevelsChanged);
   return true;
 }
 

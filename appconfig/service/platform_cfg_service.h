@@ -251,6 +251,9 @@ class PlatformCfgService : public ConfigRegistrar {
   // names no variable is skipped.
   void takeAccessLevelsRecord(const ConfigIF::AccessLevelsRecord& record,
                               std::list<std::pair<ConfigVar, eErrorT>>& errors);
+  // Registers the library's own interest after an answer whose request was sent while nothing
+  // covered the variable; also when something does by now, for what that is told begins later.
+  void registerForAnswer(const ConfigVar& var, ConsumerCallbackType type);
   // Sends and waits. False without an endpoint and when the send failed.
   bool ask(const google::protobuf::MessageLite& request,
            google::protobuf::MessageLite* response) const;

@@ -1,5 +1,8 @@
 // Reads, writes, validates and resets one variable's value at the service.
 //
+// Who has to register is settled before the request is sent. A registration that another thread
+// made while the answer was on its way covers what that thread has read, not what is in this answer.
+//
 // The writes differ in when they register for changes. The one-way write does it before it sends,
 // for nobody will tell whether the write arrived; the others once the service has said yes.
 
@@ -24,13 +27,14 @@ bool report(const ConfigIF::ReturnMessage& message, ConfigResult* result) {
 std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, bool& isDefault) {
   if (!pb_) return {};
   const ConfigVar key = keyForRequest(var);
+  const bool wasRegistered = isHandlerRegistered(key, eValueChanged);
   ConfigIF::ReadRsp response;
   if (!ask(ProtobufMessageHelper::getReadRequest(getSelfFQName(), securityRole_, key), &response))
     return {};
   if (response.result().error() != CommonIF::ERROR_NONE) return {};
   std::list<std::string> value(response.values().begin(), response.values().end());
   isDefault = response.is_default();
-  registerHandlerProactively(key, eValueChanged);
+  if (!wasRegistered) registerForAnswer(key, eValueChanged);
   return value;
 }
 
@@ -47,12 +51,13 @@ bool PlatformCfgService::setConfigVar(const ConfigVar& var, std::list<std::strin
                                       ConfigResult* result) {
   if (!pb_) return false;
   const ConfigVar key = keyForRequest(var);
+  const bool wasRegistered = isHandlerRegistered(key, eValueChanged);
   ConfigIF::WriteRsp response;
   if (!ask(ProtobufMessageHelper::getWriteRequest(getSelfFQName(), securityRole_, key, value),
            &response))
     return false;
   const bool accepted = report(response.result(), result);
-  if (accepted) registerHandlerProactively(key, eValueChanged);
+  if (accepted && !wasRegistered) registerForAnswer(key, eValueChanged);
   return accepted;
 }
 // NOLINTEND(performance-unnecessary-value-param)

@@ -35,6 +35,28 @@ TEST_F(ValueRequestsTest, AReadReturnsTheValuesInOrderAndTheDefaultFlag) {
   EXPECT_FALSE(sent[0].isOneWay);
 }
 
+// The other's registration begins where its own answer ended, which may be after a change that this
+// answer does not hold.
+TEST_F(ValueRequestsTest, AReadRegistersAlsoWhenAnotherDidWhileItWasOnItsWay) {
+  pb.answer<ConfigIF::ReadReq, ConfigIF::ReadRsp>([this](const auto&, auto& response) {
+    link->registerHandlerProactively(ConfigVar("net", 0, "", 0), ConfigRegistrar::eValueChanged);
+    response.add_values("1500");
+  });
+  bool isDefault = false;
+  link->getConfigVar(mtu, isDefault);
+  EXPECT_EQ(registrations(), 2U);
+  link->getConfigVar(mtu, isDefault);
+  EXPECT_EQ(registrations(), 2U);
+}
+
+TEST_F(ValueRequestsTest, AWriteRegistersAlsoWhenAnotherDidWhileItWasOnItsWay) {
+  pb.answer<ConfigIF::WriteReq, ConfigIF::WriteRsp>([this](const auto&, auto&) {
+    link->registerHandlerProactively(mtu, ConfigRegistrar::eValueChanged);
+  });
+  EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, nullptr));
+  EXPECT_EQ(registrations(), 2U);
+}
+
 TEST_F(ValueRequestsTest, RequestsGoToTheServiceByItsFullNameAndNameTheClientByItsOwn) {
   link = std::make_unique<Link>(0, "/engine/", "/ui");
   link->setPbInterface(&pb);
