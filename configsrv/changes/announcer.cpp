@@ -37,6 +37,21 @@ void Announcer::valueChanged(const Variable& variable) {
   }
 }
 
+void Announcer::valueMissedOnChange(const Variable& variable, const std::vector<PeerId>& told) {
+  const std::string name = variable.key().dottedName();
+  const auto providers = subscriptions_.covering(name, ConfigIF::CALLBACK_ON_CHANGE);
+  if (providers.empty()) return;
+  const auto subscribers = subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED);
+  for (const Subscriber& to : providers) {
+    const auto isSame = [&to](const Subscriber& other) {
+      return other.peer == to.peer && other.identity == to.identity;
+    };
+    const bool knows = std::find(told.begin(), told.end(), to.peer) != told.end() ||
+                       std::any_of(subscribers.begin(), subscribers.end(), isSame);
+    if (!knows && mayRead(to, variable)) tellValue(to.peer, to.identity, variable);
+  }
+}
+
 void Announcer::optionsChanged(const Variable& variable) {
   const std::string name = variable.key().dottedName();
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_OPTIONS_CHANGED)) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "appconfig/core/security_role.h"
 #include "configsrv/changes/host.h"
@@ -35,6 +36,9 @@ class Announcer {
 
   // What was applied to the model, to everybody concerned.
   void valueChanged(const Variable& variable);
+  // The changed value, to providers that were not told it on change and are no subscribers either:
+  // they came while the change was on its way, and may have cached the value before it.
+  void valueMissedOnChange(const Variable& variable, const std::vector<PbUtility::PeerId>& told);
   void optionsChanged(const Variable& variable);
   // Also tells value and options to those who may read them only now: they may have missed changes.
   void accessLevelsChanged(const Variable& variable, Roles before);

@@ -106,6 +106,7 @@ class Changes::Impl {
                 std::string_view payload);
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone);
   void providersCame();
+  void onDeliveryReady(PeerId peer);
   void stop();
   std::size_t underWay() const { return changes_.size(); }
   const ChangeCounters& counters() const { return counters_; }
@@ -132,7 +133,8 @@ class Changes::Impl {
   void commit(Change& change);
   void onCommitted(Number number, const StoreStatus& status, std::uint64_t revision);
   void applyAndAnnounce(Change& change, std::uint64_t revision);
-  void announce(const Variable& variable, const StoreChange& what, Announcer::Roles before);
+  void announce(const Variable& variable, const StoreChange& what, Announcer::Roles before,
+                const std::vector<PeerId>& told);
 
   // Questions.
   Change* findAsking(PeerId peer, std::uint32_t question);
@@ -385,13 +387,17 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   outcome.revision = revision;
   record(change, outcome);
   model_.apply(what, revision);
+  const std::vector<PeerId> told = std::move(change.told);
   end(change, outcome);
-  announce(variable, what, before);
+  announce(variable, what, before, told);
 }
 
 void Changes::Impl::announce(const Variable& variable, const StoreChange& what,
-                             Announcer::Roles before) {
-  if (changesValue(what)) return announcer_.valueChanged(variable);
+                             Announcer::Roles before, const std::vector<PeerId>& told) {
+  if (changesValue(what)) {
+    announcer_.valueChanged(variable);
+    return announcer_.valueMissedOnChange(variable, told);
+  }
   if (std::holds_alternative<StoreChange::SetOptions>(what.what))
     return announcer_.optionsChanged(variable);
   announcer_.accessLevelsChanged(variable, before);
@@ -453,6 +459,14 @@ void Changes::Impl::onQuestionDone(PeerId peer, std::uint32_t question, bool pee
     askNext(*change);
   }
   workOffReleased();
+}
+
+// What it was told on change it forgets again: the value that still holds comes after it.
+void Changes::Impl::onDeliveryReady(PeerId peer) {
+  for (const auto& [number, change] : changes_) {
+    std::vector<PeerId>& told = change->told;
+    told.erase(std::remove(told.begin(), told.end(), peer), told.end());
+  }
 }
 
 void Changes::Impl::onDeadline(Number number) {
@@ -613,6 +627,7 @@ void Changes::onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone)
   impl_->onQuestionDone(peer, question, peerGone);
 }
 void Changes::providersCame() { impl_->providersCame(); }
+void Changes::onDeliveryReady(PeerId peer) { impl_->onDeliveryReady(peer); }
 void Changes::stop() { impl_->stop(); }
 std::size_t Changes::underWay() const { return impl_->underWay(); }
 const ChangeCounters& Changes::counters() const { return impl_->counters(); }

@@ -75,6 +75,9 @@ class Changes {
                 std::string_view payload);
   void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone);
 
+  // The peer has a new delivery connection, and is about to be told what holds now.
+  void onDeliveryReady(PbUtility::PeerId peer);
+
   // From now on every change fails, those that wait or ask at once. What is being committed ends
   // well; it is over when underWay() is 0.
   void stop();

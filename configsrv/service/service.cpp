@@ -218,6 +218,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     names_.came(peer.name, peer.uid, peer.gid);
     if (monitor_.isActive()) monitor_.peerCame(peer);
   }
+  void onDeliveryReady(const PbUtility::Peer& peer) override { changes_.onDeliveryReady(peer.id); }
   void onPeerGone(const PbUtility::Peer& peer) override {
     names_.went(peer.name, peer.uid);
     providers_.gone(peer.id);

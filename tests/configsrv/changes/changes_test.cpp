@@ -340,6 +340,31 @@ TEST_F(ChangesTest, AFailedCommitTellsTheOldValueToEverybodyToldTheNewOne) {
   EXPECT_THAT(host_.notices, ElementsAre("value 2/link net.mtu = 1500 (default)"));
 }
 
+// It may have cached the value before, and is told the next one only when that changes.
+TEST_F(ChangesTest, AProviderThatCameWhileTheChangeWasOnItsWayIsToldTheValue) {
+  provide(kProvider, "net.mtu");
+  write("net.mtu", "1400");
+  agree();
+  agree();
+  provide(kSecondProvider, "net.mtu");
+  registerFor(kWriter, ConfigIF::CALLBACK_ON_CHANGE, "net.mtu");
+  registerFor(kWriter, ConfigIF::CALLBACK_VALUE_CHANGED, "net.mtu");
+  host_.finishCommit();
+  EXPECT_THAT(host_.notices,
+              ElementsAre("value 1/link net.mtu = 1400", "value 3/link net.mtu = 1400"));
+}
+
+// What it is told when it has connected again is the value that still holds.
+TEST_F(ChangesTest, AProviderThatConnectedAgainAfterItWasToldIsToldTheValueOnceMore) {
+  provide(kProvider, "net.mtu");
+  provide(kSecondProvider, "net.mtu");
+  write("net.mtu", "1400");
+  for (int question = 0; question < 4; ++question) agree();
+  changes_->onDeliveryReady(kProvider);
+  host_.finishCommit();
+  EXPECT_THAT(host_.notices, ElementsAre("value 2/link net.mtu = 1400"));
+}
+
 TEST_F(ChangesTest, AVetoBeforeAnybodyWasToldTellsNobody) {
   provide(kProvider, "net.mtu");
   write("net.mtu", "1400");
