@@ -36,8 +36,8 @@ class Announcer {
 
   // What was applied to the model, to everybody concerned.
   void valueChanged(const Variable& variable);
-  // The changed value, to providers that were not told it on change and are no subscribers either:
-  // they came while the change was on its way, and may have cached the value before it.
+  // The changed value, to providers that know it from on change only in part or not at all, and that
+  // are no subscribers either: all of the variable's but those of `told`.
   void valueMissedOnChange(const Variable& variable, const std::vector<PbUtility::PeerId>& told);
   void optionsChanged(const Variable& variable);
   // Also tells value and options to those who may read them only now: they may have missed changes.

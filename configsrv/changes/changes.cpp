@@ -383,11 +383,14 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   const Variable& variable = *change.variable;
   const StoreChange what = asStored(variable, change.request.what);
   const Announcer::Roles before{variable.readRole(), variable.writeRole()};
+  const bool wasDefault = variable.isDefault();
   ChangeOutcome outcome;
   outcome.revision = revision;
   record(change, outcome);
   model_.apply(what, revision);
-  const std::vector<PeerId> told = std::move(change.told);
+  // On change they heard the value and not whether it is the default.
+  const bool flagIsNews = variable.isDefault() != wasDefault;
+  const std::vector<PeerId> told = flagIsNews ? std::vector<PeerId>() : std::move(change.told);
   end(change, outcome);
   announce(variable, what, before, told);
 }

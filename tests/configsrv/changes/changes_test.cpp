@@ -340,8 +340,22 @@ TEST_F(ChangesTest, AFailedCommitTellsTheOldValueToEverybodyToldTheNewOne) {
   EXPECT_THAT(host_.notices, ElementsAre("value 2/link net.mtu = 1500 (default)"));
 }
 
+// On change it hears the value alone.
+TEST_F(ChangesTest, AProviderIsToldWhenTheValueBecomesTheDefaultOrCeasesToBeIt) {
+  provide(kProvider, "net.mtu");
+  for (const char* value : {"1400", "1300", "1500"}) {
+    write("net.mtu", value);
+    agree();
+    agree();
+    host_.finishCommit();
+  }
+  EXPECT_THAT(host_.notices,
+              ElementsAre("value 2/link net.mtu = 1400", "value 2/link net.mtu = 1500 (default)"));
+}
+
 // It may have cached the value before, and is told the next one only when that changes.
 TEST_F(ChangesTest, AProviderThatCameWhileTheChangeWasOnItsWayIsToldTheValue) {
+  written("net.mtu", "1600");
   provide(kProvider, "net.mtu");
   write("net.mtu", "1400");
   agree();
@@ -356,6 +370,7 @@ TEST_F(ChangesTest, AProviderThatCameWhileTheChangeWasOnItsWayIsToldTheValue) {
 
 // What it is told when it has connected again is the value that still holds.
 TEST_F(ChangesTest, AProviderThatConnectedAgainAfterItWasToldIsToldTheValueOnceMore) {
+  written("net.mtu", "1600");
   provide(kProvider, "net.mtu");
   provide(kSecondProvider, "net.mtu");
   write("net.mtu", "1400");
