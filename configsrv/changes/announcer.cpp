@@ -22,6 +22,15 @@ std::uint64_t shownAt(std::uint64_t changedAt, const Variable& variable) {
   return std::max(changedAt, variable.accessChangedAt());
 }
 
+// Subscribers are sorted by peer. Of a peer with two identities both notices count as one of several,
+// so that nothing depends on which is the last.
+Host::Knows knowsAfter(const std::vector<Subscriber>& subscribers, std::size_t i) {
+  const PeerId peer = subscribers[i].peer;
+  const bool isOneOfSeveral = (i > 0 && subscribers[i - 1].peer == peer) ||
+                              (i + 1 < subscribers.size() && subscribers[i + 1].peer == peer);
+  return isOneOfSeveral ? Host::Knows::AllBefore : Host::Knows::AllOfThis;
+}
+
 std::string lowerCase(std::string text) {
   const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
   std::transform(text.begin(), text.end(), text.begin(), lower);
@@ -32,8 +41,11 @@ std::string lowerCase(std::string text) {
 
 void Announcer::valueChanged(const Variable& variable) {
   const std::string name = variable.key().dottedName();
-  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED)) {
-    if (mayRead(to, variable)) tellValue(to.peer, to.identity, variable);
+  const auto subscribers = subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED);
+  for (std::size_t i = 0; i < subscribers.size(); ++i) {
+    const Subscriber& to = subscribers[i];
+    if (mayRead(to, variable))
+      tellValue(to.peer, to.identity, variable, knowsAfter(subscribers, i));
   }
 }
 
@@ -48,14 +60,19 @@ void Announcer::valueMissedOnChange(const Variable& variable, const std::vector<
     };
     const bool knows = std::find(told.begin(), told.end(), to.peer) != told.end() ||
                        std::any_of(subscribers.begin(), subscribers.end(), isSame);
-    if (!knows && mayRead(to, variable)) tellValue(to.peer, to.identity, variable);
+    if (!knows && mayRead(to, variable))
+      tellValue(to.peer, to.identity, variable, Knows::AllBefore);
   }
 }
 
-void Announcer::optionsChanged(const Variable& variable) {
+void Announcer::optionsChanged(const Variable& variable, Knows knows) {
   const std::string name = variable.key().dottedName();
-  for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_OPTIONS_CHANGED)) {
-    if (mayRead(to, variable)) tellOptions(to.peer, to.identity, variable);
+  const auto subscribers = subscriptions_.covering(name, ConfigIF::CALLBACK_OPTIONS_CHANGED);
+  for (std::size_t i = 0; i < subscribers.size(); ++i) {
+    const Subscriber& to = subscribers[i];
+    const bool isAll = knows == Knows::AllOfThis;
+    if (mayRead(to, variable))
+      tellOptions(to.peer, to.identity, variable, isAll ? knowsAfter(subscribers, i) : knows);
   }
 }
 
@@ -63,7 +80,7 @@ void Announcer::accessLevelsChanged(const Variable& variable, Roles before) {
   const std::string name = variable.key().dottedName();
   for (const Subscriber& to :
        subscriptions_.covering(name, ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED))
-    tellAccessLevels(to.peer, to.identity, variable);
+    tellAccessLevels(to.peer, to.identity, variable, Knows::AllBefore);
   if (variable.readRole() < before.read) tellNewReaders(variable, before.read);
 }
 
@@ -73,10 +90,10 @@ void Announcer::tellNewReaders(const Variable& variable, SecurityRole before) {
     return mayRead(to, variable) && to.role < before;
   };
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED)) {
-    if (isNew(to)) tellValue(to.peer, to.identity, variable);
+    if (isNew(to)) tellValue(to.peer, to.identity, variable, Knows::AllBefore);
   }
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_OPTIONS_CHANGED)) {
-    if (isNew(to)) tellOptions(to.peer, to.identity, variable);
+    if (isNew(to)) tellOptions(to.peer, to.identity, variable, Knows::AllBefore);
   }
 }
 
@@ -86,7 +103,7 @@ void Announcer::attributesReset(const Variable& variable) {
   fillInst(notice.mutable_inst(), variable.key());
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_ATTRIBUTE_CHANGED)) {
     notice.set_callback_identity(std::string(to.identity));
-    notify(to.peer, notice, 't', to.identity, variable);
+    notify(to.peer, notice, 't', to.identity, variable, Knows::AllBefore);
   }
 }
 
@@ -99,7 +116,7 @@ void Announcer::submitted(const Variable& variable, ConfigIF::SubmitType type) {
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_SUBMIT)) {
     notice.set_callback_identity(std::string(to.identity));
     ++notices_;
-    host_.notify(to.peer, notice, {});
+    host_.notify(to.peer, notice, {}, Knows::AllOfThis);
   }
 }
 
@@ -149,45 +166,48 @@ void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
   }
 }
 
-void Announcer::tellValue(PeerId peer, std::string_view identity, const Variable& variable) {
+void Announcer::tellValue(PeerId peer, std::string_view identity, const Variable& variable,
+                          Knows knows) {
   ConfigIF::ConfigChangedNtfy notice;
   notice.set_callback_identity(std::string(identity));
   fillInst(notice.mutable_value()->mutable_inst(), variable.key());
   for (const std::string& element : variable.value()) notice.mutable_value()->add_values(element);
   notice.set_is_default(variable.isDefault());
-  notify(peer, notice, 'v', identity, variable);
+  notify(peer, notice, 'v', identity, variable, knows);
 }
 
-void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variable& variable) {
+void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variable& variable,
+                            Knows knows) {
   ConfigIF::OptionsChangedNtfy notice;
   notice.set_callback_identity(std::string(identity));
   fillInst(notice.mutable_inst(), variable.key());
   for (const std::string& option : variable.options()) notice.add_options(option);
   notice.set_default_index(variable.defaultIndex());
-  notify(peer, notice, 'o', identity, variable);
+  notify(peer, notice, 'o', identity, variable, knows);
 }
 
 // The kind tells which roles a notice carries: one that carries only the write role must not take
 // the place of a waiting one that carries only the read role.
 // Both roles, also when one is as it was: handlers are called with both, and a newer notice may
 // take the place of one that still waits.
-void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable) {
+void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable,
+                                 Knows knows) {
   ConfigIF::AccessLevelChangedNtfy notice;
   notice.set_callback_identity(std::string(identity));
   fillInst(notice.mutable_inst(), variable.key());
   notice.set_read_role(toWire(variable.readRole()));
   notice.set_write_role(toWire(variable.writeRole()));
-  notify(peer, notice, 'a', identity, variable);
+  notify(peer, notice, 'a', identity, variable, knows);
 }
 
 void Announcer::notify(PeerId peer, const google::protobuf::MessageLite& notice, char kind,
-                       std::string_view identity, const Variable& variable) {
+                       std::string_view identity, const Variable& variable, Knows knows) {
   ++notices_;
   std::string key(1, kind);
   key += std::to_string(model_.indexOf(variable));
   key += ' ';
   key += identity;
-  host_.notify(peer, notice, key);
+  host_.notify(peer, notice, key, knows);
 }
 
 }  // namespace ConfigSrv

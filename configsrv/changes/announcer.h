@@ -34,12 +34,15 @@ class Announcer {
   Announcer(const Model& model, const Subscriptions& subscriptions, Host& host)
       : model_(model), subscriptions_(subscriptions), host_(host) {}
 
+  using Knows = Host::Knows;
+
   // What was applied to the model, to everybody concerned.
   void valueChanged(const Variable& variable);
   // The changed value, to providers that know it from on change only in part or not at all, and that
-  // are no subscribers either: all of the variable's but those of `told`.
+  // are no subscribers either: all of the variable's but those of `told`. Before valueChanged, after
+  // which a peer knows all.
   void valueMissedOnChange(const Variable& variable, const std::vector<PbUtility::PeerId>& told);
-  void optionsChanged(const Variable& variable);
+  void optionsChanged(const Variable& variable, Knows knows = Knows::AllOfThis);
   // Also tells value and options to those who may read them only now: they may have missed changes.
   void accessLevelsChanged(const Variable& variable, Roles before);
   void attributesReset(const Variable& variable);
@@ -64,13 +67,15 @@ class Announcer {
  private:
   using Type = ConfigIF::CallbackType;
 
-  void tellValue(PbUtility::PeerId peer, std::string_view identity, const Variable& variable);
-  void tellOptions(PbUtility::PeerId peer, std::string_view identity, const Variable& variable);
-  void tellAccessLevels(PbUtility::PeerId peer, std::string_view identity,
-                        const Variable& variable);
+  void tellValue(PbUtility::PeerId peer, std::string_view identity, const Variable& variable,
+                 Knows knows = Knows::AllOfThis);
+  void tellOptions(PbUtility::PeerId peer, std::string_view identity, const Variable& variable,
+                   Knows knows = Knows::AllOfThis);
+  void tellAccessLevels(PbUtility::PeerId peer, std::string_view identity, const Variable& variable,
+                        Knows knows = Knows::AllOfThis);
   void tellNewReaders(const Variable& variable, AppConfig::SecurityRole before);
   void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice, char kind,
-              std::string_view identity, const Variable& variable);
+              std::string_view identity, const Variable& variable, Knows knows);
 
   const Model& model_;
   const Subscriptions& subscriptions_;

@@ -398,14 +398,14 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
 void Changes::Impl::announce(const Variable& variable, const StoreChange& what,
                              Announcer::Roles before, const std::vector<PeerId>& told) {
   if (changesValue(what)) {
-    announcer_.valueChanged(variable);
-    return announcer_.valueMissedOnChange(variable, told);
+    announcer_.valueMissedOnChange(variable, told);
+    return announcer_.valueChanged(variable);
   }
   if (std::holds_alternative<StoreChange::SetOptions>(what.what))
     return announcer_.optionsChanged(variable);
   announcer_.accessLevelsChanged(variable, before);
   if (!std::holds_alternative<StoreChange::ResetAttributes>(what.what)) return;
-  announcer_.optionsChanged(variable);
+  announcer_.optionsChanged(variable, Announcer::Knows::AllBefore);
   announcer_.attributesReset(variable);
 }
 

@@ -26,9 +26,12 @@ class Host {
   // Asks a peer. The question's number, or 0 when the peer cannot be reached.
   virtual std::uint32_t ask(PbUtility::PeerId peer,
                             const google::protobuf::MessageLite& question) = 0;
+  // What a peer knows once it has been told: all up to the present revision, or all before it since
+  // another notice of the same change may follow. A connection may be lost between the two.
+  enum class Knows { AllOfThis, AllBefore };
   // Queues a notice for a peer; of waiting ones with the same key only the newest counts.
   virtual void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice,
-                      const std::string& coalescingKey) = 0;
+                      const std::string& coalescingKey, Knows knows) = 0;
 
   // Whether the kernel's word for the peer is good enough to be asked about changes of the variable:
   // who may refuse every value of it has to be one who may write it.

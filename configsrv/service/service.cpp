@@ -152,8 +152,9 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
                               model_.size()),
                 *this),
         monitor_(model_,
+                 // A report of a notice goes before the notice.
                  [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-                   server_.notify(to, notice, model_.revision(), {});
+                   server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
                    server_, providers_, audit_.get(), *store_}),
@@ -183,6 +184,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return result;
   }
 
+  std::uint64_t revisionThat(Knows knows) const {
+    const std::uint64_t present = model_.revision();
+    return knows == Knows::AllOfThis || present == 0 ? present : present - 1;
+  }
   void reportNotice(PeerId peer, const google::protobuf::MessageLite& notice) {
     const PbUtility::Peer* to = server_.peer(peer);
     if (to != nullptr) monitor_.noticeLeaves(*to, notice);
@@ -239,9 +244,9 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return number;
   }
   void notify(PeerId peer, const google::protobuf::MessageLite& notice,
-              const std::string& coalescingKey) override {
+              const std::string& coalescingKey, Knows knows) override {
     if (monitor_.isActive()) reportNotice(peer, notice);
-    server_.notify(peer, notice, model_.revision(), coalescingKey);
+    server_.notify(peer, notice, revisionThat(knows), coalescingKey);
   }
   bool mayProvide(PeerId id, const Variable& variable) const override {
     const PbUtility::Peer* peer = server_.peer(id);

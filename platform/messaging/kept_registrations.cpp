@@ -101,7 +101,7 @@ void KeptRegistrations::answered(std::uint64_t epoch) {
 std::uint64_t KeptRegistrations::knownBy(const Registration& registration) const {
   const bool proven =
       registration.acknowledged && anyDelivered_ && delivered_ > registration.acknowledgedAt;
-  return proven ? delivered_ - 1 : registration.since;
+  return proven ? delivered_ : registration.since;
 }
 
 // What is known when a connection of this epoch begins.

@@ -8,8 +8,7 @@
 // What is known is a revision. A registration starts with the revision of the answer that its
 // thread saw last (a read, say): the service announces what changed after it. Once notices have
 // come that are younger than the service's answers to the registration, all owed to it has been
-// delivered, and the revision before that of the last delivered notice takes its place: of the
-// notices of one revision the last may be missing.
+// delivered, and the revision of the last delivered notice takes its place.
 //
 // Nothing is known (kRevisionNone), and everything is asked for, when
 //   - the registration was made by who knew nothing and no answer says since when the service has it:
@@ -56,7 +55,7 @@ class KeptRegistrations {
   // Withdraws all whose key starts like this: all of one client name.
   void withdrawAll(const std::string& keyPrefix);
 
-  // All notices before this revision have been delivered, and one of it.
+  // All notices up to this revision have been delivered.
   void delivered(std::uint64_t revision);
   // A question was delivered.
   void questioned();

@@ -88,8 +88,8 @@ TEST_F(AnnouncerTest, ARoleThatMayNotReadIsToldNothing) {
 TEST_F(AnnouncerTest, AValueNoticeCarriesIdentityValueAndDefaultFlagAndNoScopeWithoutANamespace) {
   class Keeper : public ScriptedHost {
    public:
-    void notify(PbUtility::PeerId, const google::protobuf::MessageLite& notice,
-                const std::string&) override {
+    void notify(PbUtility::PeerId, const google::protobuf::MessageLite& notice, const std::string&,
+                Knows) override {
       bytes = notice.SerializeAsString();
     }
     std::string bytes;

@@ -340,6 +340,20 @@ TEST_F(ChangesTest, AFailedCommitTellsTheOldValueToEverybodyToldTheNewOne) {
   EXPECT_THAT(host_.notices, ElementsAre("value 2/link net.mtu = 1500 (default)"));
 }
 
+// The connection may be lost after the first of two: what the peer then asks for must hold both.
+TEST_F(ChangesTest, ANoticeThatMayBeOneOfSeveralOfItsChangeDoesNotCountAsAllOfIt) {
+  using Knows = Host::Knows;
+  registerFor(kWriter, ConfigIF::CALLBACK_VALUE_CHANGED, "net");
+  registerFor(kProvider, ConfigIF::CALLBACK_VALUE_CHANGED, "net", eRoleUser, "link");
+  registerFor(kProvider, ConfigIF::CALLBACK_VALUE_CHANGED, "net", eRoleUser, "other link");
+  written("net.mtu", "1600");
+  EXPECT_THAT(host_.known, ElementsAre(Knows::AllOfThis, Knows::AllBefore, Knows::AllBefore));
+  host_.known.clear();
+  submit(writer(eRoleFactory), {keyOf("net.secret"), StoreChange::SetAccess{eRoleUser, {}}});
+  host_.finishCommit();
+  EXPECT_THAT(host_.known, ElementsAre(Knows::AllBefore, Knows::AllBefore, Knows::AllBefore));
+}
+
 // On change it hears the value alone.
 TEST_F(ChangesTest, AProviderIsToldWhenTheValueBecomesTheDefaultOrCeasesToBeIt) {
   provide(kProvider, "net.mtu");
@@ -365,7 +379,7 @@ TEST_F(ChangesTest, AProviderThatCameWhileTheChangeWasOnItsWayIsToldTheValue) {
   registerFor(kWriter, ConfigIF::CALLBACK_VALUE_CHANGED, "net.mtu");
   host_.finishCommit();
   EXPECT_THAT(host_.notices,
-              ElementsAre("value 1/link net.mtu = 1400", "value 3/link net.mtu = 1400"));
+              ElementsAre("value 3/link net.mtu = 1400", "value 1/link net.mtu = 1400"));
 }
 
 // What it is told when it has connected again is the value that still holds.

@@ -49,8 +49,9 @@ class ScriptedHost : public Host {
   }
 
   void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice,
-              const std::string& coalescingKey) override {
+              const std::string& coalescingKey, Knows knows) override {
     notices.push_back(describe(peer, notice));
+    known.push_back(knows);
     coalescingKeys.push_back(coalescingKey);
   }
 
@@ -99,6 +100,7 @@ class ScriptedHost : public Host {
   std::vector<Asked> questions;
   std::vector<std::string> notices;
   std::vector<std::string> coalescingKeys;
+  std::vector<Knows> known;  // after each notice
   std::map<std::uint64_t, std::function<void()>> timers;
   std::deque<std::pair<StoreTransaction, CommitDone>> commits;
   std::uint64_t revision = 100;

@@ -432,6 +432,7 @@ TEST_F(EndpointTest, ARegistrationThatCannotBeSentIsNotRepeatedEither) {
     ASSERT_EQ(registerFor(endpoint, "a"), 0);
   }
   Serving second(dir.path());
+  ASSERT_TRUE(eventually([&] { return !registrations(second).empty(); }));
   EXPECT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
   EXPECT_EQ(registrations(second).size(), 1U);
 }

@@ -63,12 +63,12 @@ TEST_F(KeptRegistrationsTest, TheRevisionOfAStoreThatNothingWasCommittedToIsOneL
   EXPECT_EQ(repeatedWith(), 0U);
 }
 
-TEST_F(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllBeforeItWasDelivered) {
+TEST_F(KeptRegistrationsTest, ANoticeYoungerThanTheAnswerProvesThatAllOwedWasDelivered) {
   keep(3);
   begin();
   acknowledge(9);
   kept.delivered(12);
-  EXPECT_EQ(repeatedWith(), 11U) << "another notice of revision 12 may be missing";
+  EXPECT_EQ(repeatedWith(), 12U);
 }
 
 TEST_F(KeptRegistrationsTest, ANoticeOfTheAnswersOwnRevisionProvesNothing) {
@@ -189,7 +189,7 @@ TEST_F(KeptRegistrationsTest, AfterAQuestionWhoIsToldOnChangeAsksForEverythingOn
   EXPECT_EQ(repeats[1].revision, 3U);
   for (const auto& repeat : repeats) kept.acknowledge(repeat.key, kept.connection(), kEpoch, 9);
   kept.delivered(12);
-  EXPECT_EQ(kept.beginConnection(kEpoch)[0].revision, 11U);
+  EXPECT_EQ(kept.beginConnection(kEpoch)[0].revision, 12U);
 }
 
 TEST_F(KeptRegistrationsTest, WithdrawnRegistrationsAreNotRepeated) {
