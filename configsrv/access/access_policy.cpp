@@ -217,14 +217,15 @@ void AccessReader::read(const TomlValue& root) {
     } else if (entry.name == "names") {
       readNames(entry);
     } else {
-      const std::string_view nearest =
-          nearestName(entry.name, {"default", "users", "groups", "names"});
+      const std::string_view nearest = nearestName(entry.name, accessFileKeys());
       report(entry, quoted(entry.name) + " is not known here" +
                         (nearest.empty() ? ": a file holds default, [users], [groups] and [names]"
                                          : ", did you mean " + quoted(nearest) + "?"));
     }
   }
 }
+
+std::vector<std::string_view> accessFileKeys() { return {"default", "users", "groups", "names"}; }
 
 AccessPolicy::AccessPolicy(uid_t ownUid)
     : ownUid_(ownUid),

@@ -30,6 +30,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "appconfig/core/security_role.h"
@@ -55,6 +56,9 @@ const UserDatabase& systemUserDatabase();
 inline constexpr std::chrono::seconds kGroupsRemembered{60};
 
 struct AccessLoadResult;
+
+// What may stand at the top of the file. On a device appconfig-roles(5) describes it.
+std::vector<std::string_view> accessFileKeys();
 
 class AccessPolicy {
  public:

@@ -2,7 +2,8 @@
 //
 // Read from the TOML files of one directory, in the byte order of their names. A later file changes
 // single fields of a variable that an earlier one defined, so that a vendor's layer holds only what
-// the vendor wants otherwise. docs/definitions.md is the reference of the format.
+// the vendor wants otherwise. docs/definitions.md is the reference of the format;
+// appconfig-definitions(5) is what a device has of it.
 //
 //   LoadResult loaded = loadDefinitions("/etc/appconfig/definitions.d");
 //   if (!loaded.mistakes.empty()) fail(formatMistakes(loaded.mistakes));

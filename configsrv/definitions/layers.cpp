@@ -54,10 +54,8 @@ const FieldRule* ruleOf(std::string_view name) {
 std::string quoted(std::string_view name) { return '"' + std::string(name) + '"'; }
 
 std::string nearestField(std::string_view name) {
-  std::vector<std::string_view> names;
-  for (const FieldRule& rule : kFieldRules) names.push_back(rule.name);
-  const std::string_view nearest = nearestName(name, names);
-  return nearest.empty() ? ": docs/definitions.md lists the fields"
+  const std::string_view nearest = nearestName(name, fieldNames());
+  return nearest.empty() ? ": appconfig-definitions(5) lists the fields"
                          : ", did you mean " + quoted(nearest) + "?";
 }
 
@@ -318,6 +316,12 @@ void LayerReader::keep(const TomlEntry& entry, WrittenDefinition definition) {
 }
 
 }  // namespace
+
+std::vector<std::string_view> fieldNames() {
+  std::vector<std::string_view> names;
+  for (const FieldRule& rule : kFieldRules) names.push_back(rule.name);
+  return names;
+}
 
 void layFields(Fields& fields, const Fields& later) {
   if (later.count("default") + later.count("default-index") > 0) {

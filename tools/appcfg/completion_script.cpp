@@ -57,6 +57,8 @@ _appcfg() {
 complete -F _appcfg appcfg
 )sh";
 
+// zsh reads the script in two ways: as a file of completion functions, whose text is then the function's
+// first call, or by "source".
 const char* const kZsh = R"sh(#compdef appcfg
 # zsh completion for appcfg: source <(appcfg completion zsh)
 _appcfg() {
@@ -72,7 +74,11 @@ _appcfg() {
   answers=("${(@)answers:#}")
   (( ${#answers} )) && compadd -U -a answers
 }
-compdef _appcfg appcfg
+if [[ ${funcstack[1]} == _appcfg ]]; then
+  _appcfg "$@"
+else
+  compdef _appcfg appcfg
+fi
 )sh";
 
 }  // namespace

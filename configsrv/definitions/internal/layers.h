@@ -63,6 +63,9 @@ struct Layer {
   TomlValue root;
 };
 
+// Every field that a definition may have.
+std::vector<std::string_view> fieldNames();
+
 // Definitions in the order in which they were written first. They refer to the layers.
 std::vector<WrittenDefinition> readLayers(const std::vector<Layer>& layers,
                                           std::vector<Mistake>& mistakes);

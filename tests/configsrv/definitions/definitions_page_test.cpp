@@ -1,7 +1,11 @@
 // The TOML of the reference page works: its blocks are loaded as files that follow each other.
 #include <gtest/gtest.h>
 
+#include <set>
+
+#include "configsrv/definitions/internal/layers.h"
 #include "tests/configsrv/definitions/definitions_dir.h"
+#include "tests/support/man_page.h"
 
 namespace ConfigSrv {
 namespace {
@@ -42,26 +46,43 @@ TEST(DefinitionsPageTest, EveryBlockLoadsOnTopOfTheOnesBefore) {
   EXPECT_NE(definitions.find(keyOf("4:engine.speed")), nullptr);
 }
 
-// Whoever adds a field writes it into the page: the loader suggests only fields that it knows.
-TEST(DefinitionsPageTest, TheFieldsItListsAreKnown) {
-  const std::string page = readFile(DEFINITIONS_PAGE);
-  for (const char* field :
-       {"type", "default", "min", "max", "max-length", "max-elements", "pattern", "options",
-        "default-index", "read-role", "write-role", "read-only", "secret", "namespace",
-        "group-instances", "instances", "description"}) {
-    EXPECT_NE(page.find('`' + std::string(field) + '`'), std::string::npos) << field;
-    DefinitionsDir directory;
-    directory.with("a.toml", "[variable.\"a.b\"]\n" + std::string(field) + " = 1.5\n");
-    EXPECT_EQ(directory.mistakes().find("is no field"), std::string::npos) << field;
+// The first column of the table of fields.
+std::set<std::string> fieldsOfTable(const std::string& page) {
+  std::set<std::string> fields;
+  std::istringstream table(
+      page.substr(page.find("## Fields"), page.find("## Values") - page.find("## Fields")));
+  for (std::string line; std::getline(table, line);) {
+    if (line.rfind("| `", 0) != 0) continue;
+    std::istringstream cell(line.substr(0, line.find('|', 1)));
+    for (std::string piece; std::getline(cell, piece, '`');) {
+      if (std::getline(cell, piece, '`')) fields.insert(piece);
+    }
   }
+  return fields;
 }
 
-// What the page says in numbers.
+std::set<std::string> knownFields() {
+  const std::vector<std::string_view> names = fieldNames();
+  return {names.begin(), names.end()};
+}
+
+// Whoever adds a field writes it into both pages, and whoever drops one takes it out.
+TEST(DefinitionsPageTest, ItsTableHasTheFieldsThatAreKnownAndNoOthers) {
+  EXPECT_EQ(fieldsOfTable(readFile(DEFINITIONS_PAGE)), knownFields());
+}
+
+TEST(DefinitionsPageTest, TheManualPageHasTheFieldsThatAreKnownAndNoOthers) {
+  EXPECT_EQ(TestSupport::manPageTags(readFile(DEFINITIONS_MAN_PAGE), "FIELDS"), knownFields());
+}
+
+// What the pages say in numbers.
 TEST(DefinitionsPageTest, ItsLimitsAreTheOnesInForce) {
-  const std::string page = readFile(DEFINITIONS_PAGE);
-  for (const std::size_t limit :
-       {kMaxValueBytes, kMaxElements, kMaxDescriptionBytes, kMaxInstances, kMaxVariables}) {
-    EXPECT_NE(page.find(std::to_string(limit)), std::string::npos) << limit;
+  for (const char* name : {DEFINITIONS_PAGE, DEFINITIONS_MAN_PAGE}) {
+    const std::string page = readFile(name);
+    for (const std::size_t limit :
+         {kMaxValueBytes, kMaxElements, kMaxDescriptionBytes, kMaxInstances, kMaxVariables}) {
+      EXPECT_NE(page.find(std::to_string(limit)), std::string::npos) << name << ": " << limit;
+    }
   }
 }
 
