@@ -16,6 +16,9 @@ SOURCE_DIR, BUILD_DIR = (os.path.abspath(argument) for argument in sys.argv[1:3]
 INSTALL_PREFIX, CMAKE, CXX, CXX_FLAGS = sys.argv[3:7]
 HERE = os.path.dirname(os.path.abspath(__file__))
 DEADLINE = 120
+with open(os.path.join(SOURCE_DIR, "VERSION"), encoding="utf-8") as version_file:
+    VERSION = version_file.read().strip()
+MINOR_VERSION = VERSION.rsplit(".", 1)[0]
 DEFINITION = '[variable."room.target"]\ntype = "int"\ndefault = 20\nmax = 30\n'
 # What applications include; what that brings along is installed as well, and nothing else.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/registry/registration.h",
@@ -95,7 +98,8 @@ class InstallTest(unittest.TestCase):
     def configure_consumer(self, prefix, *arguments, code=0):
         build = os.path.join(self.place, "build")
         output = run(CMAKE, "-S", os.path.join(HERE, "with_cmake"), "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
-                     f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_CXX_FLAGS={CXX_FLAGS}", *arguments, code=code)
+                     f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_CXX_FLAGS={CXX_FLAGS}",
+                     f"-DWANTED_VERSION={MINOR_VERSION}", *arguments, code=code)
         return build, output
 
     def pkg_config(self, library_dir, *arguments):
@@ -147,8 +151,7 @@ class InstallTest(unittest.TestCase):
         self.expect_to_be_told(program, library_dir)
 
     def test_pkg_config_knows_the_version_and_where_it_is_now(self):
-        with open(os.path.join(SOURCE_DIR, "VERSION"), encoding="utf-8") as file:
-            self.assertEqual([file.read().strip()], self.pkg_config(self.library_dir, "--modversion"))
+        self.assertEqual([VERSION], self.pkg_config(self.library_dir, "--modversion"))
         for word in self.pkg_config(self.library_dir, "--variable=includedir"):
             self.assertEqual(os.path.join(self.prefix, "include", "appconfig-1"), os.path.realpath(word))
 

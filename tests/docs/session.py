@@ -55,11 +55,12 @@ def steps(text, first_line=1):
 
 
 class Shell:
-    """A bash in a directory, and everything that it starts, until close()."""
+    """A bash in a directory, and everything that it starts, until close(). The command in front of it
+    may put it somewhere else, into another root for instance."""
 
-    def __init__(self, directory, environment):
+    def __init__(self, directory, environment, command=()):
         self._process = subprocess.Popen(
-            ["bash", "--noprofile", "--norc"], cwd=directory, env=environment, stdin=subprocess.PIPE,
+            [*command, "bash", "--noprofile", "--norc"], cwd=directory, env=environment, stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
         self._unread = b""
         self._selector = selectors.DefaultSelector()

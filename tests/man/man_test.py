@@ -122,6 +122,11 @@ class ManTest(unittest.TestCase):
                               capture_output=True, text=True, timeout=DEADLINE, check=False)
         self.assertEqual(("4 variables, no mistakes\n", ""), (done.stdout, done.stderr))
 
+    def test_the_library_is_asked_for_in_its_present_version(self):
+        with open(os.path.join(SOURCE_DIR, "VERSION"), encoding="utf-8") as file:
+            minor = file.read().strip().rsplit(".", 1)[0]
+        self.assertIn(f"find_package(appconfig {minor} REQUIRED)", text_of("libappconfig.3"))
+
     def test_the_program_of_the_page_is_one(self):
         program = self.file("program.cpp", examples("libappconfig.3")[1])
         done = subprocess.run([CXX, "-std=c++17", "-fsyntax-only", "-I", SOURCE_DIR, program], capture_output=True,

@@ -7,6 +7,9 @@ A block's first line may say more than its language; a reader of the page does n
     ```cpp from examples/a/main.cpp      a piece of that file, which is compiled elsewhere
     ```toml definitions.d/heating.toml   a file of that name
     ```sh                                a shell session
+    ```sh debian                         a shell session for a bare Debian system, which
+                                         `scripts/package --test` goes through
+    ```cmake CMakeLists.txt              a file of that name, for such a session
 
 Usage: pages.py PAGE DIR    writes each whole program to DIR/NAME.cpp and prints the names, as CMake
                             wants a list
@@ -27,6 +30,10 @@ class Block(NamedTuple):
     @property
     def is_quoted(self):
         return self.words[:1] == ["from"]
+
+    @property
+    def is_for_debian(self):
+        return self.language == "cmake" or self.words == ["debian"]
 
 
 def blocks(page):
