@@ -28,6 +28,10 @@ add_library(appconfig_flags INTERFACE)
 target_compile_options(appconfig_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
   -Wold-style-cast -Woverloaded-virtual -Wnull-dereference -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  # Notes that GCC before 7.1 passed some arguments in other registers: no such code is about.
+  target_compile_options(appconfig_flags INTERFACE -Wno-psabi)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND APPCONFIG_SANITIZE)
   # Sanitizer instrumentation makes GCC 12 see null pointers that no execution has.
   target_compile_options(appconfig_flags INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
@@ -48,6 +52,11 @@ add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_compile_definitions(_TIME_BITS=64)
 endif()
+
+# What is shipped: nothing that nobody calls, no library that nothing is used of, and no table of
+# addresses that stays writable. docs/footprint.md says what is left.
+add_compile_options($<$<NOT:$<CONFIG:Debug>>:-ffunction-sections> $<$<NOT:$<CONFIG:Debug>>:-fdata-sections>)
+add_link_options($<$<NOT:$<CONFIG:Debug>>:LINKER:--gc-sections,--as-needed,-z,relro,-z,now>)
 
 if(APPCONFIG_SANITIZE)
   add_compile_options(-fsanitize=${APPCONFIG_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

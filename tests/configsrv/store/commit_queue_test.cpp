@@ -129,7 +129,7 @@ TEST_F(CommitQueueTest, AGroupFailsAsAWholeAndTheNextOneSucceeds) {
   ASSERT_NE(opened_.store, nullptr) << opened_.status.text;
   startHeld();
   submit("a", "2");
-  submit("b", std::string(options.maxBytes, 'x'));
+  submit("b", std::string(std::size_t{256} << 10, 'x'));
   release();
   finish();
   submit("c", "3");

@@ -234,8 +234,8 @@ TEST_F(StoreFaultTest, AFullStoreFailsTheCommitAndTakesSmallerOnes) {
   opened_ = Store::open(options);
   ASSERT_NE(opened_.store, nullptr) << opened_.status.text;
   set("a", "1");
-  const CommitResult result =
-      store().commit({{setting("a", "2")}, {setting("b", std::string(options.maxBytes, 'x'))}});
+  const CommitResult result = store().commit(
+      {{setting("a", "2")}, {setting("b", std::string(std::size_t{256} << 10, 'x'))}});
   EXPECT_EQ(result.status.code, StoreCode::kDiskFull);
   EXPECT_NE(result.status.text.find(file_), std::string::npos) << result.status.text;
   EXPECT_TRUE(result.revisions.empty());
