@@ -275,20 +275,20 @@ class APPCONFIG_EXPORT AppCfgManager {
   // Stores the index that came with announced options.
   friend class PlatformCfgService;
 
-  bool isCacheable(const ConfigVar& var) const;
-  bool copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const;
-  bool copyCachedFirstString(const ConfigVar& var, std::string& out) const;
+  APPCONFIG_LOCAL bool isCacheable(const ConfigVar& var) const;
+  APPCONFIG_LOCAL bool copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const;
+  APPCONFIG_LOCAL bool copyCachedFirstString(const ConfigVar& var, std::string& out) const;
   // {""} when the service has no value for us.
-  std::list<std::string> readFromService(const ConfigVar& var);
-  std::string firstString(const ConfigVar& var);
+  APPCONFIG_LOCAL std::list<std::string> readFromService(const ConfigVar& var);
+  APPCONFIG_LOCAL std::string firstString(const ConfigVar& var);
   // The record, after a value read when there is none yet; false when there is none then either.
-  bool copyRecordAfterRead(const ConfigVar& key, ConfigValue& out);
-  unsigned int cachedDefaultIndex(const ConfigVar& key) const;
-  bool loadAccessLevels(const ConfigVar& var, ConfigAccessLevels& levels);
-  void updateOptionDefaultIndex(const ConfigVar& var, unsigned int defaultIndex);
+  APPCONFIG_LOCAL bool copyRecordAfterRead(const ConfigVar& key, ConfigValue& out);
+  APPCONFIG_LOCAL unsigned int cachedDefaultIndex(const ConfigVar& key) const;
+  APPCONFIG_LOCAL bool loadAccessLevels(const ConfigVar& var, ConfigAccessLevels& levels);
+  APPCONFIG_LOCAL void updateOptionDefaultIndex(const ConfigVar& var, unsigned int defaultIndex);
 
-  static std::atomic<AppCfgManager*> ms_instance;
-  static std::atomic<AppCfgManager*> ms_localInstance;
+  APPCONFIG_LOCAL static std::atomic<AppCfgManager*> ms_instance;
+  APPCONFIG_LOCAL static std::atomic<AppCfgManager*> ms_localInstance;
 
   ConfigCache cache_;
   PlatformCfgService* const service_;

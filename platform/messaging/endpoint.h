@@ -93,7 +93,7 @@ class __attribute__((visibility("default"))) Endpoint final : public PbUtils {
  private:
   class __attribute__((visibility("hidden"))) State;
   // A child after fork makes itself a new state and leaves the parent's as it was.
-  State& state() const;
+  __attribute__((visibility("hidden"))) State& state() const;
   mutable std::atomic<State*> state_;
 };
 

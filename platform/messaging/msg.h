@@ -4,7 +4,8 @@
 // takes the message's id, one after another, on the endpoint's delivery thread. A message lives
 // until the receiver returns. A receiver may call anything, other requests included.
 //
-// A device with a message layer of its own provides these functions itself.
+// A device with a message layer of its own provides these functions itself, all of them: those of a
+// program that links the shared library take the place of the library's.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +31,9 @@ struct MSG_Callback {
   std::uintptr_t reserved;
 };
 
+// Visible outside of the shared library that this folder becomes a part of, and replaceable there.
+#pragma GCC visibility push(default)
+
 // Payload of an incoming message and its length in bytes; never null.
 const void* MSG_GetPayload(const MSG_Message* message);
 int MSG_GetPayloadBytes(const MSG_Message* message);
@@ -51,3 +55,5 @@ MSG_Message* msgUtil_buildMsgWithHeader(const google::protobuf::MessageLite& res
 // Sends a reply and disposes of it, sent or not. 0 when it was handed over; non-zero when the
 // connection is gone (the service then asks again or fails the change) or the reply is null.
 int MSG_SendMsg(const char* ownerName, MSG_Sender sender, MSG_Message* reply);
+
+#pragma GCC visibility pop
