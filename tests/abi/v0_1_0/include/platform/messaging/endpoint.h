@@ -1,0 +1,94 @@
+// Endpoint: the messaging endpoint of an application, over Unix sockets.
+//
+//   PbUtility::Endpoint endpoint("thermostat-ui");
+//   AppConfig::AppCfgManager::getInstance()->setPbInterface(&endpoint);
+//
+// Requests run on the calling thread: it takes a connection from a small pool, writes one frame and
+// reads the answer itself. Incoming messages are read by one delivery thread, which calls the
+// receivers in order of arrival; it starts with the first remote endpoint.
+//
+// Start    any order: a service that is not there yet makes requests fail at once; the endpoint
+//          finds it when it comes, and repeats its callback registrations whenever it comes back,
+//          so that no change in between goes untold.
+// Errors   send and sendWaitResponse return a CallStatus; nothing here throws or raises SIGPIPE.
+// Threads  all operations from any thread, also from inside receivers. Only one delivery thread
+//          runs receivers, so a receiver that blocks holds up all later messages.
+// Forking  a child's first call opens connections and starts a delivery thread of its own; the
+//          parent's stay the parent's.
+// Owns     its sockets and its thread. The destructor waits for a running receiver to return, so
+//          never destroy an endpoint inside one. Links keep a pointer to their endpoint: it has to
+//          outlive their use, and usually lives as long as the process.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <string>
+
+#include "platform/messaging/pb_utils.h"
+
+namespace PbUtility {
+
+// Why a call ended. 0 is success.
+enum CallStatus : int {
+  kCallOk = 0,
+  // No such service, or it refuses connections: it is not running.
+  kCallNoService = 1,
+  // The service went away before it answered; whether it acted on the request is not known.
+  kCallServiceDied = 2,
+  // No answer within the deadline; whether the service acts on the request is not known.
+  kCallTimedOut = 3,
+  // The service would not take the request; lastRefusal tells why.
+  kCallRefused = 4,
+  // The answer was no frame or no message of the expected kind.
+  kCallBrokenAnswer = 5,
+  // The request is no message of the protocol or larger than 16 MiB.
+  kCallBadRequest = 6,
+  // The endpoint's name cannot be used (see runtime_dir.h), or the system is out of resources.
+  kCallBadEndpoint = 7,
+};
+
+// One line for people.
+__attribute__((visibility("default"))) const char* describe(CallStatus status);
+
+struct EndpointOptions {
+  // Empty: the default of runtime_dir.h.
+  std::string runtimeDir;
+  // How long a call may take, connecting included.
+  std::chrono::milliseconds deadline = std::chrono::seconds(30);
+  // Most connections for requests to one service; further callers wait for one to be free.
+  unsigned maxConnections = 8;
+};
+
+// Visible outside of the shared library that this folder becomes a part of; its insides are not.
+class __attribute__((visibility("default"))) Endpoint final : public PbUtils {
+ public:
+  // The name appears in the service's logs and in `appcfg clients`. Opens nothing yet.
+  explicit Endpoint(std::string name, EndpointOptions options = {});
+  ~Endpoint() override;
+  Endpoint(const Endpoint&) = delete;
+  Endpoint& operator=(const Endpoint&) = delete;
+
+  void addRemoteEndpoint(const std::string& endpointName, int instance) override;
+  void addHandlers(const MSG_Callback* table) override;
+  std::string localEndpoint() const override;
+  int send(const google::protobuf::MessageLite& request, const std::string& endpointName,
+           unsigned int* sequence) override;
+  int sendWaitResponse(const google::protobuf::MessageLite& request,
+                       google::protobuf::MessageLite* response,
+                       const std::string& endpointName) override;
+
+  // Text of the last refusal or failure that this thread met; empty when there was none.
+  std::string lastRefusal() const;
+
+  // Waits until the delivery connection to this remote stands and every registration made so far
+  // is known to the service, at most `atMost`. Tools and tests use it; applications need not.
+  bool waitUntilConnected(const std::string& endpointName, std::chrono::milliseconds atMost);
+
+ private:
+  class __attribute__((visibility("hidden"))) State;
+  // A child after fork makes itself a new state and leaves the parent's as it was.
+  __attribute__((visibility("hidden"))) State& state() const;
+  mutable std::atomic<State*> state_;
+};
+
+}  // namespace PbUtility
