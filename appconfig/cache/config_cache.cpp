@@ -8,7 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <utility>
+
+#include "appconfig/core/internal/fork_lock.h"
 
 namespace AppConfig {
 
@@ -34,15 +38,55 @@ class Guard {
   pthread_mutex_t& lock_;
 };
 
+// The locks of all caches, for the sake of fork alone: a cache's own size is part of the binary
+// interface. The set goes with its last cache, so that nothing is left to be destroyed at exit, when
+// threads may still be running.
+std::mutex cachesMutex;
+std::set<pthread_mutex_t*>* cacheLocks = nullptr;
+
+void note(pthread_mutex_t& lock) {
+  const std::lock_guard<std::mutex> guard(cachesMutex);
+  if (!cacheLocks) cacheLocks = new std::set<pthread_mutex_t*>;
+  cacheLocks->insert(&lock);
+}
+
+void forget(pthread_mutex_t& lock) {
+  const std::lock_guard<std::mutex> guard(cachesMutex);
+  cacheLocks->erase(&lock);
+  if (!cacheLocks->empty()) return;
+  delete cacheLocks;
+  cacheLocks = nullptr;
+}
+
+void holdAll() {
+  cachesMutex.lock();
+  if (!cacheLocks) return;
+  for (pthread_mutex_t* lock : *cacheLocks) check(pthread_mutex_lock(lock), "pthread_mutex_lock");
+}
+
+void releaseAll() {
+  if (cacheLocks) {
+    for (pthread_mutex_t* lock : *cacheLocks)
+      check(pthread_mutex_unlock(lock), "pthread_mutex_unlock");
+  }
+  cachesMutex.unlock();
+}
+
+const ForkLock atFork(ForkLock::kCaches, {holdAll, releaseAll, releaseAll});
+
 }  // namespace
 
 ConfigCache::ConfigCache() {
   check(pthread_mutexattr_init(&lockAttributes_), "pthread_mutexattr_init");
   check(pthread_mutex_init(&lock_, &lockAttributes_), "pthread_mutex_init");
   check(pthread_mutexattr_destroy(&lockAttributes_), "pthread_mutexattr_destroy");
+  note(lock_);
 }
 
-ConfigCache::~ConfigCache() { check(pthread_mutex_destroy(&lock_), "pthread_mutex_destroy"); }
+ConfigCache::~ConfigCache() {
+  forget(lock_);
+  check(pthread_mutex_destroy(&lock_), "pthread_mutex_destroy");
+}
 
 void ConfigCache::reset() {
   const Guard guard(lock_);

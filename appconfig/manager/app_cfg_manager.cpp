@@ -6,6 +6,7 @@
 
 #include <mutex>
 
+#include "appconfig/core/internal/fork_lock.h"
 #include "appconfig/service/platform_cfg_service.h"
 
 namespace AppConfig {
@@ -15,6 +16,9 @@ namespace {
 // Guards the making of the instances and the replacing of the primary. The link's mutex of the same
 // purpose is taken while it is held; the message layer is not called under it.
 std::mutex instancesMutex;
+const ForkLock atFork(ForkLock::kFacades,
+                      {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
+                       [] { instancesMutex.unlock(); }});
 
 }  // namespace
 

@@ -16,12 +16,17 @@
 #include <string_view>
 #include <utility>
 
+#include "appconfig/core/internal/fork_lock.h"
+
 namespace {
 
 // Serialises every operation of every registrar. One for the process and no member, so that it is
 // no part of a registrar's layout; registrations are rare and lookups are short. Held for work on
 // the maps alone: no handler is called and no other lock is taken while it is held.
 std::mutex guard;
+const AppConfig::ForkLock atFork(AppConfig::ForkLock::kRegistry,
+                                 {[] { guard.lock(); }, [] { guard.unlock(); },
+                                  [] { guard.unlock(); }});
 
 template <typename T>
 using HandlerMap = ConfigRegistrar::HandlerMap<T>;

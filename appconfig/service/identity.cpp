@@ -9,6 +9,7 @@
 #include <iterator>
 #include <mutex>
 
+#include "appconfig/core/internal/fork_lock.h"
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "platform/messaging/msg.h"
@@ -24,6 +25,9 @@ constexpr int kTheOnlyInstance = -1;
 // Guards the making and replacing of the two instances. Taken after the facade's mutex of the same
 // purpose; nothing else is taken and nothing outside this file is called while it is held.
 std::mutex instancesMutex;
+const ForkLock atFork(ForkLock::kLinks,
+                      {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
+                       [] { instancesMutex.unlock(); }});
 
 // std::to_string rather than a stream: a locale that groups digits must not get into the name.
 std::string nameOfLink(int nameSpace) {

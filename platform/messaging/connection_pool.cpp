@@ -22,6 +22,8 @@ CallStatus statusOf(StreamStatus status) {
       return kCallNoService;
     case StreamStatus::Broken:
       return kCallBrokenAnswer;
+    case StreamStatus::Exhausted:
+      return kCallBadEndpoint;
   }
   return kCallBrokenAnswer;
 }
@@ -51,12 +53,20 @@ ConnectionPool::ConnectionPool(std::string path, Hello hello, unsigned maxConnec
       hello_(std::move(hello)),
       maxConnections_(maxConnections == 0 ? 1 : maxConnections) {}
 
-bool ConnectionPool::findIdle(std::thread::id caller, Position& connection, bool& mustWait) {
+bool ConnectionPool::isFull() const {
+  std::size_t limited = 0;
+  for (const Connection& connection : connections_) limited += connection.forReceivers ? 0 : 1;
+  return limited >= maxConnections_;
+}
+
+bool ConnectionPool::findIdle(bool insideReceiver, Position& connection, bool& mustWait) {
+  const std::thread::id caller = std::this_thread::get_id();
   const std::thread::id nobody;
   mustWait = false;
-  const bool full = connections_.size() >= maxConnections_;
+  const bool full = !insideReceiver && isFull();
   Position found = connections_.end();
   for (auto position = connections_.begin(); position != connections_.end(); ++position) {
+    if (position->forReceivers != insideReceiver) continue;
     if (position->oneWayBy == caller) {
       mustWait = position->busy;
       connection = position;
@@ -70,13 +80,13 @@ bool ConnectionPool::findIdle(std::thread::id caller, Position& connection, bool
 }
 
 CallStatus ConnectionPool::take(Exchange& exchange, Position& connection) {
-  const std::thread::id caller = std::this_thread::get_id();
   std::unique_lock<std::mutex> guard(mutex_);
   for (;;) {
     bool mustWait = false;
-    if (findIdle(caller, connection, mustWait)) break;
-    if (!mustWait && connections_.size() < maxConnections_) {
+    if (findIdle(exchange.insideReceiver, connection, mustWait)) break;
+    if (!mustWait && (exchange.insideReceiver || !isFull())) {
       connection = connections_.emplace(connections_.begin());
+      connection->forReceivers = exchange.insideReceiver;
       break;
     }
     if (freed_.wait_until(guard, exchange.deadline) == std::cv_status::timeout) {
@@ -110,7 +120,10 @@ void ConnectionPool::closeIdle() {
 CallStatus ConnectionPool::welcome(Connection& connection, Exchange& exchange) {
   FrameHeader header;
   const StreamStatus status = connection.stream.receiveFrame(header, exchange.deadline);
-  if (status != StreamStatus::Ok) return statusOf(status);
+  if (status != StreamStatus::Ok) {
+    exchange.problem = path_ + ": " + connection.stream.problem();
+    return statusOf(status);
+  }
   if (header.kind == FrameKind::Refusal) {
     Refusal refusal;
     exchange.problem = decode(connection.stream.payload(), refusal);

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
+#include <utility>
 
 #include "platform/messaging/internal/dispatch.h"
 #include "platform/messaging/internal/frame_bytes.h"
@@ -21,6 +23,10 @@ constexpr milliseconds kLongestDelay(250);
 // How long connecting may hold up the other remotes: it waits only while a backlog is full.
 constexpr std::chrono::seconds kConnectDeadline(1);
 constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
+// How soon the thread looks for what it was told when the system had no descriptor to wake it by.
+constexpr milliseconds kUnwakenedPoll(20);
+
+thread_local const Delivery* deliveryOfThisThread = nullptr;
 
 MSG_Sender nextSender() {
   static std::atomic<MSG_Sender> last{0};
@@ -61,8 +67,9 @@ Delivery::Delivery(Hello hello, std::function<std::vector<MSG_Callback>()> recei
         return std::move(hello);
       }()),
       receivers_(std::move(receivers)),
-      wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      readBuffer_(kReadBytes) {}
+      readBuffer_(kReadBytes) {
+  wakeUp_.make([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
+}
 
 Delivery::~Delivery() {
   stopping_ = true;
@@ -86,19 +93,43 @@ void Delivery::add(const std::string& name, const std::string& path,
     remote->name = name;
     remote->path = path;
     remote->registrations = &registrations;
-    if (!thread_.joinable()) startThread();
+    startThread();
   }
   wake();
 }
 
-// Signals are the application's: its handlers must not find themselves on this thread.
-void Delivery::startThread() {
+// False when the system has no thread to give: whoever needs it next tries again. Also when the end
+// has begun, which others may not have noticed when a receiver ends the program. Signals are the
+// application's: its handlers must not find themselves on this thread.
+bool Delivery::startThread() {
+  if (stopping_ || thread_.joinable()) return !stopping_;
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread([this] { run(); });
+  try {
+    thread_ = std::thread([this] { runOnThread(); });
+  } catch (const std::system_error&) {
+    // The one way in which std::thread says no.
+  }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return thread_.joinable();
+}
+
+void Delivery::runOnThread() {
+  deliveryOfThisThread = this;
+  run();
+  // Moved out, for it may destroy this object.
+  if (const std::function<void()> after = std::move(afterEnd_)) after();
+}
+
+bool Delivery::isOnItsThread() const { return deliveryOfThisThread == this; }
+
+void Delivery::endByItself(std::function<void()> after) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  afterEnd_ = std::move(after);
+  stopping_ = true;
+  thread_.detach();
 }
 
 void Delivery::kick(const std::string& name) {
@@ -111,13 +142,13 @@ void Delivery::kick(const std::string& name) {
   wake();
 }
 
-void Delivery::waitForAttempt(const std::string& name, Clock::time_point deadline) {
+bool Delivery::waitForAttempt(const std::string& name, Clock::time_point deadline) {
   // The delivery thread itself cannot wait for what it alone brings about.
-  if (std::this_thread::get_id() == thread_.get_id()) return;
+  if (isOnItsThread()) return true;
   kick(name);
   std::unique_lock<std::mutex> guard(mutex_);
   const auto found = remotes_.find(name);
-  if (found == remotes_.end()) return;
+  if (found == remotes_.end() || !startThread()) return false;
   const Remote& remote = *found->second;
   const std::uint64_t begun = remote.attemptsBegun;
   changed_.wait_until(guard, deadline, [&remote, begun] {
@@ -125,13 +156,14 @@ void Delivery::waitForAttempt(const std::string& name, Clock::time_point deadlin
         remote.condition == Condition::Repeating || remote.condition == Condition::Standing;
     return connected || remote.attemptsEnded > begun;
   });
+  return true;
 }
 
 bool Delivery::waitUntilStanding(const std::string& name, Clock::time_point deadline) {
   kick(name);
   std::unique_lock<std::mutex> guard(mutex_);
   const auto found = remotes_.find(name);
-  if (found == remotes_.end()) return false;
+  if (found == remotes_.end() || isOnItsThread() || !startThread()) return false;
   const Remote& remote = *found->second;
   return changed_.wait_until(guard, deadline,
                              [&remote] { return remote.condition == Condition::Standing; });
@@ -316,7 +348,7 @@ std::vector<Delivery::Remote*> Delivery::remotes() {
 // Waits for something to do: 0 when only time has passed.
 int Delivery::poll(const std::vector<Remote*>& remotes) {
   std::vector<pollfd> waiting{{wakeUp_.get(), POLLIN, 0}};
-  auto wait = milliseconds(-1);
+  auto wait = wakeUp_ ? milliseconds(-1) : kUnwakenedPoll;
   const Clock::time_point now = Clock::now();
   for (const Remote* remote : remotes) {
     if (remote->stream.isOpen()) {

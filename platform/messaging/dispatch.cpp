@@ -37,6 +37,8 @@ bool takes(const MSG_Callback& record, std::uint32_t messageId) {
 
 bool isInsideReceiver() { return current != nullptr; }
 
+void forgetDispatch() { current = nullptr; }
+
 std::string dispatch(const IncomingMessage& incoming, const std::vector<MSG_Callback>& receivers) {
   MSG_Message message;
   message.header = incoming.header;

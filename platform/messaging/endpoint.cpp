@@ -1,8 +1,9 @@
 // An endpoint is a pool of connections for requests and one delivery for each process it is used
 // in. State is that process's part: a child after fork has the parent's memory but none of its
 // threads, and must not speak on its connections. So State is remade there, from what the parent
-// knew (names, receivers, registrations), and the parent's is left alone: its locks may be held by
-// threads that the child does not have.
+// knew (names, receivers, registrations). Of the parent's, fork waits until what will be copied is
+// whole (State::holdForFork) and the child closes the descriptors; the rest is left alone for ever,
+// since its locks may be held by threads that the child does not have.
 #include "platform/messaging/endpoint.h"
 
 #include <google/protobuf/message_lite.h>
@@ -17,6 +18,7 @@
 #include "platform/messaging/internal/connection_pool.h"
 #include "platform/messaging/internal/delivery.h"
 #include "platform/messaging/internal/dispatch.h"
+#include "platform/messaging/internal/private_fd.h"
 #include "platform/messaging/runtime_dir.h"
 #include "platform/schema/message_ids.h"
 #include "platform/schema/registration_key.h"
@@ -27,10 +29,10 @@ namespace {
 // Grows by one in each child: tells a state of another process without a system call.
 std::atomic<unsigned> forkGeneration{0};
 
-void watchForks() {
-  static std::once_flag once;
-  std::call_once(once, [] { pthread_atfork(nullptr, nullptr, [] { ++forkGeneration; }); });
-}
+// Held while a child replaces a state that it has of its parent. The next is taken while it is held.
+std::mutex remakeMutex;
+// Guards the list of all states. The locks of the states are taken while it is held, by fork alone.
+std::mutex statesMutex;
 
 // What this thread was told last: the revision of the answer, and by whom. A registration that
 // follows a read carries it, so that a change between the two is told.
@@ -85,7 +87,7 @@ const char* describe(CallStatus status) {
     case kCallBadRequest:
       return "the request cannot be sent";
     case kCallBadEndpoint:
-      return "the endpoint's name cannot be used";
+      return "the endpoint's name cannot be used, or the system is out of resources";
   }
   return "unknown status";
 }
@@ -99,7 +101,11 @@ class Endpoint::State {
         nameProblem_(nameProblem(hello_.name)),
         delivery_(hello_, [this] { return receivers(); }) {
     if (options_.runtimeDir.empty()) options_.runtimeDir = defaultRuntimeDir();
+    joinList();
   }
+  ~State() { leaveList(); }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
 
   // For a child after fork.
   State(const State& parent, unsigned generation) : State(parent.hello_.name, parent.options_) {
@@ -111,6 +117,21 @@ class Endpoint::State {
       remote->registrations.copyTo(own->registrations);
       if (remote->hasDelivery) deliverFrom(*own);
     }
+  }
+
+  // The first endpoint of a process begins to watch its forks. pthread_atfork is called once, also
+  // when a fork comes in between.
+  static void watchForks() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once,
+                 [] { pthread_atfork(holdAllForFork, releaseAllInParent, leaveAllToParent); });
+  }
+
+  // Disposes of a state, at once or, on its own delivery thread, as soon as the receiver that the
+  // endpoint was destroyed in has returned. A program that calls exit in a receiver gets here.
+  static void end(State* state) {
+    if (!state->delivery_.isOnItsThread()) return delete state;
+    state->delivery_.endByItself([state] { delete state; });
   }
 
   bool isOfThisProcess() const { return generation_ == forkGeneration; }
@@ -171,6 +192,51 @@ class Endpoint::State {
     bool hasDelivery = false;
   };
 
+  void joinList() {
+    const std::lock_guard<std::mutex> guard(statesMutex);
+    next_ = first_;
+    if (next_ != nullptr) next_->previous_ = this;
+    first_ = this;
+  }
+  void leaveList() {
+    const std::lock_guard<std::mutex> guard(statesMutex);
+    (previous_ != nullptr ? previous_->next_ : first_) = next_;
+    if (next_ != nullptr) next_->previous_ = previous_;
+  }
+
+  static void holdAllForFork() {
+    remakeMutex.lock();
+    statesMutex.lock();
+    for (State* state = first_; state != nullptr; state = state->next_) state->holdForFork();
+    PrivateFd::holdForFork();
+  }
+  static void releaseAllInParent() {
+    PrivateFd::releaseInParent();
+    for (State* state = first_; state != nullptr; state = state->next_) state->releaseAfterFork();
+    statesMutex.unlock();
+    remakeMutex.unlock();
+  }
+  static void leaveAllToParent() {
+    ++forkGeneration;
+    PrivateFd::closeAllInChild();
+    forgetDispatch();
+    for (State* state = first_; state != nullptr; state = state->next_) {
+      state->delivery_.abandon();
+      state->releaseAfterFork();
+    }
+    statesMutex.unlock();
+    remakeMutex.unlock();
+  }
+  // What a child copies is neither half changed nor locked when it does.
+  void holdForFork() {
+    mutex_.lock();
+    for (const auto& [name, remote] : remotes_) remote->registrations.holdForFork();
+  }
+  void releaseAfterFork() {
+    for (const auto& [name, remote] : remotes_) remote->registrations.releaseAfterFork();
+    mutex_.unlock();
+  }
+
   std::vector<MSG_Callback> receivers() {
     const std::lock_guard<std::mutex> guard(mutex_);
     return tables_;
@@ -197,8 +263,9 @@ class Endpoint::State {
     if (!remote.problem.empty()) return;
     {
       const std::lock_guard<std::mutex> guard(mutex_);
-      if (std::exchange(remote.hasDelivery, true)) return;
+      remote.hasDelivery = true;
     }
+    // Also when another thread is just doing it: both go on once it is done.
     delivery_.add(remote.name, remote.path, remote.registrations);
   }
 
@@ -226,12 +293,17 @@ class Endpoint::State {
       exchange.knownEpoch = lastAnswer.epoch;
     }
     // Waited for before it is kept, so that it is not repeated by the very connection it waits for.
-    delivery_.waitForAttempt(remote.name, exchange.deadline);
+    const bool isDelivered = delivery_.waitForAttempt(remote.name, exchange.deadline);
     std::string payload = request.SerializeAsString();
     const std::string key = PlatformSchema::registrationKey(exchange.messageId, payload);
     KeptRegistrations& kept = remote.registrations;
     const auto connection = kept.keep(key, exchange.messageId, std::move(payload),
                                       exchange.knownEpoch, exchange.revision);
+    if (!isDelivered) {
+      kept.abandon(key, connection);
+      exchange.problem = "the system has no thread to deliver messages on";
+      return kCallBadEndpoint;
+    }
     const CallStatus status = remote.pool.call(request, response, exchange);
     if (status == kCallOk && response != nullptr) {
       kept.acknowledge(key, connection, exchange.epoch, exchange.answerRevision);
@@ -253,6 +325,10 @@ class Endpoint::State {
     one ? remote.registrations.withdraw(key) : remote.registrations.withdrawAll(key);
   }
 
+  // All states of the process, and in a child those of its parent too.
+  static State* first_;
+  State* previous_ = nullptr;
+  State* next_ = nullptr;
   unsigned generation_;
   EndpointOptions options_;
   const Hello hello_;
@@ -264,21 +340,22 @@ class Endpoint::State {
   Delivery delivery_;
 };
 
+Endpoint::State* Endpoint::State::first_ = nullptr;
+
 Endpoint::Endpoint(std::string name, EndpointOptions options) : state_(nullptr) {
-  watchForks();
+  State::watchForks();
   state_ = new State(std::move(name), std::move(options));
 }
 
 Endpoint::~Endpoint() {
   State* state = state_;
-  if (state->isOfThisProcess()) delete state;
+  if (state->isOfThisProcess()) State::end(state);
 }
 
 Endpoint::State& Endpoint::state() const {
   State* state = state_.load(std::memory_order_acquire);
   if (state->isOfThisProcess()) return *state;
-  static std::mutex mutex;
-  const std::lock_guard<std::mutex> guard(mutex);
+  const std::lock_guard<std::mutex> guard(remakeMutex);
   state = state_;
   if (state->isOfThisProcess()) return *state;
   state_ = new State(*state, forkGeneration);

@@ -13,11 +13,14 @@
 // Errors   send and sendWaitResponse return a CallStatus; nothing here throws or raises SIGPIPE.
 // Threads  all operations from any thread, also from inside receivers. Only one delivery thread
 //          runs receivers, so a receiver that blocks holds up all later messages.
-// Forking  a child's first call opens connections and starts a delivery thread of its own; the
-//          parent's stay the parent's.
-// Owns     its sockets and its thread. The destructor waits for a running receiver to return, so
-//          never destroy an endpoint inside one. Links keep a pointer to their endpoint: it has to
-//          outlive their use, and usually lives as long as the process.
+// Forking  any thread may, at any moment. A child's first call opens connections and starts a
+//          delivery thread of its own, which repeats the parent's registrations; the parent's
+//          connections are closed in it. A child that returns from the receiver it was made in ends
+//          there, with exit(0).
+// Owns     its sockets and its thread. The destructor waits for a running receiver to return; called
+//          inside one, it leaves that to the thread. Links keep a pointer to their endpoint: it has
+//          to outlive their use, and usually lives as long as the process. A program whose threads
+//          go on calling while it ends does not destroy it at all.
 #pragma once
 
 #include <atomic>
@@ -61,7 +64,8 @@ struct EndpointOptions {
   std::string runtimeDir;
   // How long a call may take, connecting included.
   std::chrono::milliseconds deadline = std::chrono::seconds(30);
-  // Most connections for requests to one service; further callers wait for one to be free.
+  // Most connections for requests to one service; further callers wait for one to be free. Requests
+  // made inside receivers do not count: they have a connection of their own.
   unsigned maxConnections = 8;
 };
 

@@ -22,7 +22,8 @@ constexpr int kTimeoutSlackParts = 16;
 }  // namespace
 
 bool Stream::armTimeout(Direction direction, Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
+  // Rounded up: a call ends at its deadline, never before it.
+  const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
   if (left.count() <= 0) return false;
   milliseconds& armed = armed_[static_cast<int>(direction)];
   if (armed >= left && armed - left <= armed / kTimeoutSlackParts) return true;
@@ -38,12 +39,15 @@ StreamStatus Stream::fail(int error) {
   problem_ = std::strerror(error);
   if (error == EAGAIN || error == EWOULDBLOCK) return StreamStatus::TimedOut;
   if (error == ENOENT || error == ECONNREFUSED || error == ENOTDIR) return StreamStatus::NoListener;
+  if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
+    return StreamStatus::Exhausted;
+  }
   if (error == EPIPE || error == ECONNRESET || error == ENOTCONN) return StreamStatus::Closed;
   return StreamStatus::Broken;
 }
 
 StreamStatus Stream::connect(const std::string& path, Clock::time_point deadline) {
-  fd_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  fd_.make([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
   armed_[0] = armed_[1] = milliseconds(-1);
   if (!fd_) return fail(errno);
   sockaddr_un address{};

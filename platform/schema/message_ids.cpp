@@ -1,6 +1,8 @@
 #include "platform/schema/message_ids.h"
 
+#include <atomic>
 #include <cstdio>
+#include <memory>
 #include <typeindex>
 #include <unordered_map>
 
@@ -81,13 +83,18 @@ const Entry kMessages[] = {
 
 #undef MESSAGE
 
-const std::unordered_map<std::type_index, std::uint32_t>& idsByType() {
-  static const auto* ids = [] {
-    auto* map = new std::unordered_map<std::type_index, std::uint32_t>;
-    for (const Entry& entry : kMessages) map->emplace(entry.type, entry.id);
-    return map;
-  }();
-  return *ids;
+using IdsByType = std::unordered_map<std::type_index, std::uint32_t>;
+
+// Made by whoever needs it first, without a lock: a child could wait for ever for a thread that was
+// making it when the process forked.
+const IdsByType& idsByType() {
+  static std::atomic<const IdsByType*> made{nullptr};
+  if (const IdsByType* ids = made.load(std::memory_order_acquire)) return *ids;
+  auto own = std::make_unique<IdsByType>();
+  for (const Entry& entry : kMessages) own->emplace(entry.type, entry.id);
+  const IdsByType* first = nullptr;
+  if (made.compare_exchange_strong(first, own.get())) return *own.release();
+  return *first;
 }
 
 }  // namespace

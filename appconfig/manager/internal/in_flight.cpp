@@ -1,5 +1,7 @@
 #include "appconfig/manager/internal/in_flight.h"
 
+#include "appconfig/core/internal/fork_lock.h"
+
 namespace AppConfig {
 
 namespace {
@@ -15,15 +17,56 @@ Flight* openFlights = nullptr;
 
 }  // namespace
 
+// Before the fork the list is put in order, own flights first; the child then has only to cut it,
+// and looks at nothing that lies on a stack which it does not have.
+struct FlightsAtFork {
+  static inline Flight* lastOwn = nullptr;
+
+  static void hold() {
+    flightsMutex.lock();
+    lastOwn = nullptr;
+    for (Flight* flight = openFlights; flight != nullptr;) {
+      Flight* const next = flight->next_;
+      if (flight->thread_ == std::this_thread::get_id()) moveBehindOwn(*flight);
+      flight = next;
+    }
+  }
+  static void release() { flightsMutex.unlock(); }
+  static void enter() {
+    (lastOwn != nullptr ? lastOwn->next_ : openFlights) = nullptr;
+    flightsMutex.unlock();
+  }
+
+ private:
+  static void moveBehindOwn(Flight& flight) {
+    flight.leaveList();
+    flight.joinList(lastOwn);
+    lastOwn = &flight;
+  }
+};
+
+static const ForkLock atFork(ForkLock::kFlights,
+                             {FlightsAtFork::hold, FlightsAtFork::release, FlightsAtFork::enter});
+
 Flight::Flight(ConfigCache& cache, const ConfigVar& key) : cache_(cache), key_(key) {
   const std::lock_guard<std::mutex> guard(flightsMutex);
-  next_ = openFlights;
-  if (next_) next_->previous_ = this;
-  openFlights = this;
+  joinList(nullptr);
 }
 
 Flight::~Flight() {
   const std::lock_guard<std::mutex> guard(flightsMutex);
+  leaveList();
+}
+
+void Flight::joinList(Flight* before) {
+  Flight*& place = before ? before->next_ : openFlights;
+  previous_ = before;
+  next_ = place;
+  if (next_) next_->previous_ = this;
+  place = this;
+}
+
+void Flight::leaveList() {
   (previous_ ? previous_->next_ : openFlights) = next_;
   if (next_) next_->previous_ = previous_;
 }

@@ -19,6 +19,8 @@
 // Threads  any. All flights of the process, of all caches, are in one list under one mutex,
 //          which is held for a store and never during a request. A hit of the cache comes nowhere
 //          near it.
+// Forking  a child has the flights of the thread that forked, and no others: the threads of the
+//          others, and the stacks on which those flights live, are the parent's.
 // Owns     nothing. A flight lives on the stack of the thread that asks, the cache outlives it.
 //
 //   Flight flight(cache, key);
@@ -30,6 +32,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "appconfig/cache/config_cache.h"
@@ -65,15 +68,20 @@ class Flight {
 
  private:
   friend class NoticeStore;
+  friend struct FlightsAtFork;
 
   bool isOvertakenIn(Parts part) const { return (overtaken_ & part) != 0; }
   bool isSameEntryAs(const ConfigCache& cache, const ConfigVar& key) const;
   // Whether the value now stands in the cache. The mutex is held.
   bool landValue(const std::list<std::string>& value);
   void contestOthers() const;
+  // The mutex is held. Joins behind another flight, or as the first.
+  void joinList(Flight* before);
+  void leaveList();
 
   ConfigCache& cache_;
   const ConfigVar key_;
+  const std::thread::id thread_ = std::this_thread::get_id();
   // All below is guarded by the mutex of the list.
   Parts overtaken_ = 0;     // parts that a notice has stored since this flight began
   bool contested_ = false;  // whether another flight has landed a value since then

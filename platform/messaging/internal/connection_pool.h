@@ -6,6 +6,8 @@
 // Order    requests that nobody answers must not overtake each other, nor be overtaken by their own
 //          thread's next request. So a thread whose last one-way request has not been followed by
 //          an answer on its connection goes on with that very connection.
+// Receivers  have a connection of their own, beyond the limit: all others may be waiting for an
+//          answer that the service has only once the receiver has returned.
 // Threads  any.
 #pragma once
 
@@ -56,6 +58,7 @@ class ConnectionPool {
     std::uint32_t lastSequence = 0;
     std::uint64_t epoch = 0;
     bool busy = false;
+    bool forReceivers = false;
     // Thread whose one-way request may still be unread by the service; none: default id.
     std::thread::id oneWayBy;
   };
@@ -63,7 +66,8 @@ class ConnectionPool {
   class Lease;
 
   CallStatus take(Exchange& exchange, Position& connection);
-  bool findIdle(std::thread::id caller, Position& connection, bool& mustWait);
+  bool findIdle(bool insideReceiver, Position& connection, bool& mustWait);
+  bool isFull() const;
   void giveBack(Position connection, bool usable);
   void closeIdle();
   CallStatus open(Connection& connection, Exchange& exchange);
@@ -76,8 +80,8 @@ class ConnectionPool {
   const std::string path_;
   const Hello hello_;
   const unsigned maxConnections_;
-  // Guards connections_ and the busy and oneWayBy fields in it; nothing is taken while it is held,
-  // and no input or output happens.
+  // Guards connections_ and the busy, forReceivers and oneWayBy fields in it; nothing is taken while
+  // it is held, and no input or output happens.
   std::mutex mutex_;
   std::condition_variable freed_;
   std::list<Connection> connections_;

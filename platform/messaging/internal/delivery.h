@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/messaging/internal/kept_registrations.h"
+#include "platform/messaging/internal/private_fd.h"
 #include "platform/messaging/internal/stream.h"
 #include "platform/messaging/msg.h"
 
@@ -40,7 +41,8 @@ class Delivery {
   Delivery(const Delivery&) = delete;
   Delivery& operator=(const Delivery&) = delete;
 
-  // Starts to look for a remote. The registrations outlive this object.
+  // Starts to look for a remote; one that is known already is left as it is. The registrations
+  // outlive this object.
   void add(const std::string& name, const std::string& path, KeptRegistrations& registrations);
 
   // The remote was just seen alive: do not wait out the delay.
@@ -49,16 +51,27 @@ class Delivery {
   // Some registrations were abandoned: repeat them on the connection that is there.
   void repeatAbandoned(const std::string& name);
 
-  // Waits until the connection stands, or an attempt that began after the call has failed.
-  void waitForAttempt(const std::string& name, Clock::time_point deadline);
+  // Waits until the connection stands, or an attempt that began after the call has failed. False,
+  // at once, when the system has no thread to deliver on.
+  bool waitForAttempt(const std::string& name, Clock::time_point deadline);
   // Waits until the connection stands and every registration is acknowledged.
   bool waitUntilStanding(const std::string& name, Clock::time_point deadline);
+
+  // Whether the calling thread is the delivery thread, which cannot wait for its own end.
+  bool isOnItsThread() const;
+  // On the delivery thread: it ends once the running receivers have returned, and the last that it
+  // does is to call `after`, which may destroy this object.
+  void endByItself(std::function<void()> after);
+  // In a child after fork, which has this object but not its thread. A child that was made inside a
+  // receiver has come back from there on what looks like the thread: it ends, and says nothing.
+  void abandon() { stopping_ = true; }
 
  private:
   enum class Condition { Away, Greeting, Repeating, Standing };
   struct Remote;
 
-  void startThread();
+  bool startThread();
+  void runOnThread();
   void run();
   void wake();
   void tryConnect(Remote& remote);
@@ -79,7 +92,7 @@ class Delivery {
 
   const Hello hello_;
   const std::function<std::vector<MSG_Callback>()> receivers_;
-  const UniqueFd wakeUp_;
+  PrivateFd wakeUp_;
   std::atomic<bool> stopping_{false};
   // Guards remotes_ (the map, not what the delivery thread owns in a Remote) and the conditions,
   // attempt counts and kicks in it.
@@ -88,6 +101,8 @@ class Delivery {
   std::map<std::string, std::unique_ptr<Remote>> remotes_;
   // The delivery thread's own.
   std::vector<char> readBuffer_;
+  std::function<void()> afterEnd_;
+  // Behind the mutex, except in the destructor.
   std::thread thread_;
 };
 

@@ -27,4 +27,8 @@ std::string dispatch(const IncomingMessage& message, const std::vector<MSG_Callb
 // Whether this thread is inside a receiver.
 bool isInsideReceiver();
 
+// In a child after fork: the message that this thread was about is the parent's to answer, and the
+// receivers it is in are no part of a dispatch any more.
+void forgetDispatch();
+
 }  // namespace PbUtility

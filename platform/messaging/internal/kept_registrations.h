@@ -73,6 +73,10 @@ class KeptRegistrations {
   // Copies to a child after fork, whose service connections know nothing yet.
   void copyTo(KeptRegistrations& other) const;
 
+  // Around fork: what is copied must not be half of a change.
+  void holdForFork() const { mutex_.lock(); }
+  void releaseAfterFork() const { mutex_.unlock(); }
+
  private:
   struct Registration {
     std::uint32_t messageId = 0;

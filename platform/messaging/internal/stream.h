@@ -10,7 +10,7 @@
 #include <string>
 
 #include "platform/messaging/frame.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/internal/private_fd.h"
 
 namespace PbUtility {
 
@@ -23,8 +23,10 @@ enum class StreamStatus {
   TimedOut,
   // Nobody listens at the path.
   NoListener,
-  // What came is no frame, or the system is out of something; problem() tells.
+  // What came is no frame; problem() tells.
   Broken,
+  // The system is out of something; problem() tells.
+  Exhausted,
 };
 
 class Stream {
@@ -53,7 +55,7 @@ class Stream {
   // Reads until `wanted` bytes stand in the buffer, and perhaps more.
   StreamStatus fill(std::size_t& have, std::size_t wanted, Clock::time_point deadline);
 
-  UniqueFd fd_;
+  PrivateFd fd_;
   std::string problem_;
   std::string buffer_;
   std::size_t payloadBytes_ = 0;
