@@ -384,8 +384,8 @@ class Trap {
     task();
     set(done_);
   }
-  bool waitUntilBegun() { return waitFor(begun_); }
-  bool waitUntilDone() { return waitFor(done_); }
+  bool waitUntilBegun(milliseconds atMost = kPatience) { return waitFor(begun_, atMost); }
+  bool waitUntilDone() { return waitFor(done_, 2 * kPatience); }
 
  private:
   std::function<void()> take(Kind kind) {
@@ -400,9 +400,9 @@ class Trap {
     flag = true;
     changed_.notify_all();
   }
-  bool waitFor(const bool& flag) {
+  bool waitFor(const bool& flag, milliseconds atMost) {
     std::unique_lock<std::mutex> guard(mutex_);
-    return changed_.wait_for(guard, 2 * kPatience, [&flag] { return flag; });
+    return changed_.wait_for(guard, atMost, [&flag] { return flag; });
   }
 
   std::mutex mutex_;
@@ -514,6 +514,14 @@ class HandlerCallsFixture : public testing::Test {
         return changeValue();
     }
   }
+  // A write that nobody waited for may arrive just before, so that there is nothing to change.
+  bool provokeUntilItBegins(Kind kind) {
+    bool accepted = false;
+    do {
+      accepted = provoke(kind);
+    } while (!trap_.waitUntilBegun(milliseconds(500)));
+    return accepted;
+  }
   bool changeValue() {
     const Outcome now = writer_.read("net.own");
     const bool isAuto = !now.values.empty() && now.values[0] == "auto";
@@ -554,7 +562,8 @@ class HandlerCallsFixture : public testing::Test {
     watchdog_.step(what);
     const Call call{config_, &endpoint_, &consumer_, &provider_, variable};
     trap_.arm(kind, [&operation, &call] { operation.run(call); });
-    auto provoked = std::async(std::launch::async, [this, kind] { return provoke(kind); });
+    auto provoked =
+        std::async(std::launch::async, [this, kind] { return provokeUntilItBegins(kind); });
     if (twice && trap_.waitUntilBegun()) operation.run(call);
     ASSERT_TRUE(trap_.waitUntilDone()) << "never called, or never back";
     // A write by the other thread may have changed the very thing in between.
