@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
 
@@ -119,6 +120,9 @@ bool Delivery::startThread() {
 void Delivery::runOnThread() {
   deliveryOfThisThread = this;
   run();
+  // As the end of a process's last thread would, whatever a sanitizer makes of a thread that ends in
+  // a process which never started it.
+  if (abandoned_) std::exit(0);
   // Moved out, for it may destroy this object.
   if (const std::function<void()> after = std::move(afterEnd_)) after();
 }

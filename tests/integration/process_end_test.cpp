@@ -127,10 +127,15 @@ TEST_F(ProcessEndTest, OtherThreadsGoOnCallingWhileTheProgramEnds) {
 TEST_F(ProcessEndTest, AHandlerEndsTheProgram) {
   expectEnd(
       [this] {
-        static Doing consumer([] { std::exit(kCode); });
+        // No other thread may be calling by then: the endpoint is about to be destroyed.
+        static std::atomic<bool> registered{false};
+        static Doing consumer([] {
+          if (registered) std::exit(kCode);
+        });
         static PbUtility::Endpoint endpoint("ending", here());
         attach(endpoint);
         registerHandler("net", "name", &consumer);
+        registered = true;
         for (;;) ::pause();
       },
       kCode);

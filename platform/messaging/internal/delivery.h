@@ -64,7 +64,7 @@ class Delivery {
   void endByItself(std::function<void()> after);
   // In a child after fork, which has this object but not its thread. A child that was made inside a
   // receiver has come back from there on what looks like the thread: it ends, and says nothing.
-  void abandon() { stopping_ = true; }
+  void abandon() { stopping_ = abandoned_ = true; }
 
  private:
   enum class Condition { Away, Greeting, Repeating, Standing };
@@ -94,6 +94,7 @@ class Delivery {
   const std::function<std::vector<MSG_Callback>()> receivers_;
   PrivateFd wakeUp_;
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> abandoned_{false};
   // Guards remotes_ (the map, not what the delivery thread owns in a Remote) and the conditions,
   // attempt counts and kicks in it.
   std::mutex mutex_;
