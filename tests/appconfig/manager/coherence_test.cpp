@@ -3,10 +3,12 @@
 // exactly the one that the test names.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -334,8 +336,12 @@ class LivingService {
     if (request.type() == ConfigIF::CALLBACK_OPTIONS_CHANGED) announceOptions(name);
   }
 
+  // Spins, since a thread that gave way would be gone for as long as others have work to do.
   void linger() {
-    for (int turn = 0; turn < delay; ++turn) std::this_thread::yield();
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::nanoseconds(300) * delay.load();
+    while (std::chrono::steady_clock::now() < end) {
+    }
   }
 
   // The mutex is held.
@@ -382,12 +388,17 @@ class LivingService {
 };
 
 void runAtOnce(const std::vector<std::function<void()>>& actions) {
-  std::atomic<std::size_t> ready{0};
+  std::mutex mutex;
+  std::condition_variable allReady;
+  std::size_t ready = 0;
   std::vector<std::thread> threads;
   for (const auto& action : actions) {
     threads.emplace_back([&, action] {
-      ++ready;
-      while (ready < actions.size()) std::this_thread::yield();
+      {
+        std::unique_lock<std::mutex> guard(mutex);
+        if (++ready == actions.size()) allReady.notify_all();
+        allReady.wait(guard, [&] { return ready == actions.size(); });
+      }
       action();
     });
   }
