@@ -44,8 +44,8 @@ class KeptRegistrations {
   // A registration is about to be sent for the first time, or again. Keys are those of
   // platform/schema/registration_key.h. To be followed by acknowledge or abandon, with the
   // connection that is handed back.
-  Connection keep(const std::string& key, std::uint32_t messageId,
-                                std::string payload, std::uint64_t epoch, std::uint64_t revision);
+  Connection keep(const std::string& key, std::uint32_t messageId, std::string payload,
+                  std::uint64_t epoch, std::uint64_t revision);
   // The service has it since this revision.
   void acknowledge(const std::string& key, Connection connection, std::uint64_t epoch,
                    std::uint64_t revision);
