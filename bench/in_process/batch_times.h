@@ -1,14 +1,15 @@
-// BatchTimes: how long operations took that are too short for a clock around each of them.
+// BatchTimes: how long operations took that are too short for a clock around each of them. What each
+// took in instructions is read from outside: scripts/bench runs the program below callgrind and looks
+// for the calls of countedOperation.
 //
 // Operations are timed in batches of kBatch, and one sample is a batch's mean. So p99 tells of
 // stalls (a lock that was held, a core that was taken away), not of single slow operations. The
-// first batches, which fill the processor's caches, are left out when there are enough others.
+// first batches, which fill the processor's caches, are left out when there are enough others. One
+// batch before all of them is neither timed nor counted, so that what happens once in a process (the
+// first use of a symbol, the allocator's first block of a size) is in no figure.
 //
 //   BatchTimes times(state);
-//   while (times.nextBatch()) {
-//     for (int i = 0; i < BatchTimes::kBatch; ++i) benchmark::DoNotOptimize(operation(i));
-//   }
-//   times.report();  // counters p50 and p99, in ns
+//   times.measure([&] { benchmark::DoNotOptimize(operation(next++)); });  // counters p50, p99, in ns
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -20,9 +21,30 @@
 
 class BatchTimes {
  public:
-  static constexpr int kBatch = 64;
-
   explicit BatchTimes(benchmark::State& state) : state_(state) { samples_.reserve(kMaxSamples); }
+
+  template <typename Operation>
+  void measure(Operation operation) {
+    for (int i = 0; i < kBatch; ++i) operation();
+    while (nextBatch()) {
+      for (int i = 0; i < kBatch; ++i) countedOperation(operation);
+    }
+    report();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr int kBatch = 64;
+  static constexpr int kWarmUpBatches = 32;
+  // Room is taken beforehand, so that no batch pays for its growth.
+  static constexpr std::size_t kMaxSamples = 100'000;
+
+  // Not inlined, so that callgrind sees each operation as one call. bench/report/instructions.py knows
+  // the name. The call itself costs every benchmark and every floor the same.
+  template <typename Operation>
+  [[gnu::noinline]] static void countedOperation(Operation& operation) {
+    operation();
+  }
 
   bool nextBatch() {
     const Clock::time_point now = Clock::now();
@@ -40,12 +62,6 @@ class BatchTimes {
     state_.counters["p50"] = Counter(percentile(0.50), Counter::kAvgThreads);
     state_.counters["p99"] = Counter(percentile(0.99), Counter::kAvgThreads);
   }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  static constexpr int kWarmUpBatches = 32;
-  // Room is taken beforehand, so that no batch pays for its growth.
-  static constexpr std::size_t kMaxSamples = 100'000;
 
   // In ns for one operation.
   double percentile(double part) {

@@ -123,12 +123,7 @@ void readAll(benchmark::State& state, Read read) {
   const std::vector<ConfigVar> picked = pickedOf(state.range(0));
   // Threads start apart from each other, as they would in an application.
   std::size_t next = static_cast<std::size_t>(state.thread_index()) * 97;
-  BatchTimes times(state);
-  while (times.nextBatch()) {
-    for (int i = 0; i < BatchTimes::kBatch; ++i)
-      benchmark::DoNotOptimize(read(picked[next++ % kPicked]));
-  }
-  times.report();
+  BatchTimes(state).measure([&] { benchmark::DoNotOptimize(read(picked[next++ % kPicked])); });
 }
 
 // Stores notices, as the delivery thread does, for as long as it lives.

@@ -87,11 +87,7 @@ void BM_DispatchNotice(benchmark::State& state) {
   const std::vector<std::string> picked = pickedOf(state.range(0));
   const std::int64_t before = handler().calls;
   std::size_t next = 0;
-  BatchTimes times(state);
-  while (times.nextBatch()) {
-    for (int i = 0; i < BatchTimes::kBatch; ++i) dispatch(picked[next++ % kPicked], link);
-  }
-  times.report();
+  BatchTimes(state).measure([&] { dispatch(picked[next++ % kPicked], link); });
   if (handler().calls - before != static_cast<std::int64_t>(next))
     state.SkipWithError("a notice did not reach the handler");
 }

@@ -57,14 +57,12 @@ template <typename Find>
 void findAll(benchmark::State& state, const std::vector<Names>& picked, std::size_t expected,
              const Find& find) {
   std::size_t next = 0;
-  BatchTimes times(state);
-  while (times.nextBatch()) {
-    for (int i = 0; i < BatchTimes::kBatch; ++i) {
-      const auto found = find(picked[next++ % kPicked]);
-      if (found.size() != expected) return state.SkipWithError("found the wrong handlers");
-    }
-  }
-  times.report();
+  bool right = true;
+  BatchTimes(state).measure([&] {
+    const auto found = find(picked[next++ % kPicked]);
+    right = right && found.size() == expected;
+  });
+  if (!right) state.SkipWithError("found the wrong handlers");
 }
 
 void findConsumers(benchmark::State& state, ConfigRegistrar& registrar, const std::string& suffix,
@@ -112,15 +110,11 @@ void BM_Register(benchmark::State& state) {
   for (const Names& names : pickedOf(state.range(0), ""))
     picked.emplace_back(names.group, 0, names.name, 0);
   std::size_t next = 0;
-  BatchTimes times(state);
-  while (times.nextBatch()) {
-    for (int i = 0; i < BatchTimes::kBatch; ++i) {
-      const ConfigVar& var = picked[next++ % kPicked];
-      registrar.registerHandler(var, nullptr, ConfigRegistrar::eValueChanged);
-      registrar.unregisterHandler(var, nullptr, ConfigRegistrar::eValueChanged);
-    }
-  }
-  times.report();
+  BatchTimes(state).measure([&] {
+    const ConfigVar& var = picked[next++ % kPicked];
+    registrar.registerHandler(var, nullptr, ConfigRegistrar::eValueChanged);
+    registrar.unregisterHandler(var, nullptr, ConfigRegistrar::eValueChanged);
+  });
 }
 
 void sizes(benchmark::internal::Benchmark* benchmark) {

@@ -41,15 +41,13 @@ void findAll(benchmark::State& state, const std::string& suffix, std::size_t exp
   for (std::size_t i = 0; i < kPicked; ++i)
     picked.push_back(nthName(static_cast<std::int64_t>(i) * 7919 % state.range(0)) + suffix);
   std::size_t next = 0;
-  BatchTimes times(state);
-  while (times.nextBatch()) {
-    for (int i = 0; i < BatchTimes::kBatch; ++i) {
-      const auto found =
-          subscriptions.covering(picked[next++ % kPicked], ConfigIF::CALLBACK_VALUE_CHANGED);
-      if (found.size() != expected) return state.SkipWithError("found the wrong subscribers");
-    }
-  }
-  times.report();
+  bool right = true;
+  BatchTimes(state).measure([&] {
+    const auto found =
+        subscriptions.covering(picked[next++ % kPicked], ConfigIF::CALLBACK_VALUE_CHANGED);
+    right = right && found.size() == expected;
+  });
+  if (!right) state.SkipWithError("found the wrong subscribers");
 }
 
 void BM_FindSubscriber(benchmark::State& state) { findAll(state, "", 1); }

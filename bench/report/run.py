@@ -4,7 +4,8 @@
 Rounds: each row is measured once in each round, its floor beside it and in changing order, so that
 what the machine does meanwhile meets both. Each side of each case runs in a process of its own. A
 figure is the median over the rounds; a ratio is the median of the rounds' ratios, and its spread the
-distance between the largest and the smallest of them, in parts of that median.
+distance between the largest and the smallest of them, in parts of that median. Instructions are
+counted once, after the rounds: they are the same in each run.
 
 Missing a limit is reported and is no failure of the run; a benchmark that cannot run is one.
 """
@@ -19,6 +20,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import instructions  # noqa: E402
 import rows  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -34,6 +36,10 @@ class Effort:
         self.rounds = 1 if quick else 5
         self.case_milliseconds = 20 if quick else 300
         self.benchmark_seconds = 0.001 if quick else 0.03
+        self.counts_all = not quick
+
+    def counts(self, row):
+        return row.counted and (self.counts_all or row.counted_briefly)
 
 
 class Runner:
@@ -116,6 +122,14 @@ def keep(measured, key, ours, floor):
         measured.setdefault(key, []).append((ours, floor))
 
 
+def count_instructions(runner, say):
+    """By (program, benchmark): a floor that several rows share is counted once."""
+    say("instructions")
+    counted = [row for row in rows.IN_PROCESS if runner.effort.counts(row)]
+    wanted = {(row.program, benchmark) for row in counted for benchmark in (row.ours, row.floor)}
+    return instructions.count(runner, sorted(wanted))
+
+
 # ---- From rounds to rows --------------------------------------------------------------------------
 
 
@@ -156,6 +170,8 @@ def finished_row(name, unit, placement, pairs, limit, compared="p50"):
         "samples": sum(ours.get("samples", 0) for ours, _ in pairs) or None,
         "switches": switches_of([ours for ours, _ in pairs]),
         "floor_switches": switches_of([floor for _, floor in pairs if floor]),
+        "instructions": None,
+        "floor_instructions": None,
     }
     row["kept"] = limit.is_kept(row) if applies else None
     return row
@@ -173,11 +189,19 @@ def switches_row(row, placement, pairs):
     return finished_row(row.case + "_switches", "switches", placement, counted, row.switches)
 
 
-def table_rows(measured):
+def in_process_row(row, pairs, counts):
+    finished = finished_row(row.name, row.unit, None, pairs, row.limit)
+    if row.counted:
+        finished["instructions"] = counts.get((row.program, row.ours))
+        finished["floor_instructions"] = counts.get((row.program, row.floor))
+    return finished
+
+
+def table_rows(measured, counts):
     finished = []
     for (row, placement), pairs in measured.items():
         if isinstance(row, rows.InProcessRow):
-            finished.append(finished_row(row.name, row.unit, None, pairs, row.limit))
+            finished.append(in_process_row(row, pairs, counts))
             continue
         finished.append(finished_row(row.case, row.unit, placement, pairs, row.limit, row.compared))
         if row.switches:
@@ -188,7 +212,7 @@ def table_rows(measured):
 # ---- The table ------------------------------------------------------------------------------------
 
 HEADINGS = ("operation", "unit", "p50", "p99", "floor p50", "ratio", "spread", "limit", "", "switches",
-            "of floor")
+            "of floor", "instructions", "of floor")
 TO_THE_LEFT = {0, 1, 7, 8}
 
 
@@ -207,7 +231,8 @@ def cells(row, judge):
         ratio += f" ({row['ratio_of']})"
     part = "-" if row["spread"] is None else f"{100 * row['spread']:.0f} %"
     return (row["name"], row["unit"], short(row["p50"]), short(row["p99"]), short(row["floor_p50"]), ratio,
-            part, row["limit_text"] or "-", kept, short(row["switches"]), short(row["floor_switches"]))
+            part, row["limit_text"] or "-", kept, short(row["switches"]), short(row["floor_switches"]),
+            short(row["instructions"]), short(row["floor_instructions"]))
 
 
 def print_table(finished, judge):
@@ -272,6 +297,7 @@ def versions():
         "protobuf": first_line(["protoc", "--version"]),
         "sqlite": first_line(["pkg-config", "--modversion", "sqlite3"]),
         "benchmark": first_line(["pkg-config", "--modversion", "benchmark"]),
+        "valgrind": first_line(["valgrind", "--version"]),
     }
 
 
@@ -300,8 +326,12 @@ def check(runner, listed):
 
 def report(runner, arguments):
     before = load()
-    measured = measure(runner, lambda text: print(text, file=sys.stderr, flush=True))
-    finished = table_rows(measured)
+    def say(text):
+        print(text, file=sys.stderr, flush=True)
+
+    measured = measure(runner, say)
+    after = load()
+    finished = table_rows(measured, count_instructions(runner, say))
     print_table(finished, not arguments.quick)
     if arguments.quick:
         print("\nOne brief round: this shows that everything runs. The figures mean nothing.")
@@ -314,7 +344,7 @@ def report(runner, arguments):
         with open(arguments.json, "w", encoding="utf-8") as file:
             json.dump({"machine": machine(runner), "versions": versions(),
                        "repetitions": runner.effort.rounds, "quick": arguments.quick,
-                       "load_before": before, "load_after": load(), "rows": finished}, file, indent=2)
+                       "load_before": before, "load_after": after, "rows": finished}, file, indent=2)
             file.write("\n")
     for problem in runner.broken:
         print(f"bench: {problem}", file=sys.stderr)

@@ -6,6 +6,7 @@ import unittest
 
 SOURCE_DIR = os.path.abspath(sys.argv[1])
 sys.path.insert(0, os.path.join(SOURCE_DIR, "bench", "report"))
+import page  # noqa: E402
 import rows  # noqa: E402
 import run  # noqa: E402
 
@@ -83,9 +84,46 @@ class TableTest(unittest.TestCase):
     def test_counted_switches_make_a_row_of_their_own(self):
         read = next(r for r in rows.PROCESSES if r.switches)
         pairs = [(figures(10, switches=2.04), figures(9, switches=2))]
-        finished = run.table_rows({(read, rows.PINNED): pairs})
+        finished = run.table_rows({(read, rows.PINNED): pairs}, {})
         self.assertEqual([read.case + "_pinned", read.case + "_switches_pinned"], [r["name"] for r in finished])
         self.assertEqual((2.04, True), (finished[1]["p50"], finished[1]["kept"]))
+
+
+class InstructionsTest(unittest.TestCase):
+    TEXT = next(r for r in rows.IN_PROCESS if r.name == "cached_text_1000_threads_1")
+    COUNTS = {(TEXT.program, TEXT.ours): 1074.4, (TEXT.program, TEXT.floor): 996.36}
+
+    def finished(self, measured_row, counts):
+        [finished] = run.table_rows({(measured_row, None): [(figures(12), figures(10))]}, counts)
+        return finished
+
+    def test_a_row_has_its_own_and_its_floors(self):
+        finished = self.finished(self.TEXT, self.COUNTS)
+        self.assertEqual((1074.4, 996.36), (finished["instructions"], finished["floor_instructions"]))
+
+    def test_what_was_not_counted_is_absent(self):
+        finished = self.finished(self.TEXT, {})
+        self.assertEqual((None, None), (finished["instructions"], finished["floor_instructions"]))
+
+    def test_a_row_between_processes_has_none(self):
+        finished = row([(figures(10), figures(10))])
+        self.assertEqual((None, None), (finished["instructions"], finished["floor_instructions"]))
+
+    def test_no_row_with_several_threads_is_counted(self):
+        for measured_row in rows.IN_PROCESS:
+            with self.subTest(measured_row.name):
+                several = "threads_4" in measured_row.name or "while_notices" in measured_row.name
+                self.assertIs(not several, measured_row.counted)
+
+    def test_a_brief_run_counts_one_row_of_each_program(self):
+        effort = run.Effort(quick=True)
+        programs = [r.program for r in rows.IN_PROCESS if effort.counts(r)]
+        self.assertEqual(sorted({r.program for r in rows.IN_PROCESS}), sorted(programs))
+
+    def test_the_page_has_both(self):
+        heading, _, line = page.table([self.finished(self.TEXT, self.COUNTS)]).splitlines()
+        self.assertTrue(heading.endswith("| instructions | of floor |"), heading)
+        self.assertTrue(line.endswith("| 1,074 | 996 |"), line)
 
 
 if __name__ == "__main__":
