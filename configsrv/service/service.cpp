@@ -98,7 +98,8 @@ void warnOfDistrusted(const std::string& directory, const Log& log) {
   std::vector<std::string> paths{directory};
   if (DIR* stream = ::opendir(directory.c_str())) {
     while (const dirent* entry = ::readdir(stream)) {
-      if (entry->d_name[0] != '.') paths.push_back(directory + '/' + entry->d_name);
+      if (entry->d_name[0] != '.')
+        paths.push_back(std::string(directory).append("/").append(entry->d_name));
     }
     ::closedir(stream);
   }

@@ -153,7 +153,7 @@ StoreContents StoreOpening::openAndRead() {
   database_->keepLogOnClose(true);
   // Before the first read: so the log's index is in memory and no file is shared with anybody.
   if (!database_->run("PRAGMA locking_mode=EXCLUSIVE")) return contentsAfterFailure(*database_);
-  const StoreContents contents = checkFormat(*database_, formats());
+  StoreContents contents = checkFormat(*database_, formats());
   const bool isOlder = contents.condition == Condition::kOlderFormat;
   if (contents.condition != Condition::kGood && !isOlder) return contents;
   // The file could be opened for writing, or this would not have been reached.

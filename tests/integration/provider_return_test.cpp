@@ -14,7 +14,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // A provider in a process of its own that refuses every change of what it covers.
 class Refuser : public Child {
