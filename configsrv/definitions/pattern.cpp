@@ -21,7 +21,8 @@ namespace ConfigSrv {
 namespace {
 
 // Reads a pattern far enough to count the single-character matchers that it expands to: the C
-// library copies what is repeated, so that "((a{255}){255}){255}" would take gigabytes.
+// library copies what is repeated, so that "((a{255}){255}){255}" would take gigabytes. Where nothing
+// stands it makes a node all the same, so that counts as one: "((){255}){255}" is no less.
 class AtomCounter {
  public:
   // Nothing above kMaxPatternAtoms is told apart.
@@ -33,6 +34,7 @@ class AtomCounter {
   void atom() { last_ = 1, sums_.back() = capped(sums_.back() + 1); }
   void open();
   void close();
+  void endAlternative();
   void repeat(std::size_t times);
   std::size_t afterBracket(std::string_view pattern, std::size_t at);
   std::size_t afterBrace(std::string_view pattern, std::size_t at);
@@ -40,7 +42,9 @@ class AtomCounter {
     return n > kMaxPatternAtoms ? kMaxPatternAtoms + 1 : n;
   }
 
-  std::vector<std::size_t> sums_{0};  // one for each group that is open
+  // One for each group that is open: the sum so far, and what it was where the alternative began.
+  std::vector<std::size_t> sums_{0};
+  std::vector<std::size_t> begins_{0};
   std::size_t last_ = 0;              // of the atom or group that a repetition would repeat
   bool backReference_ = false;
   bool unmatchedClosing_ = false;
@@ -48,7 +52,13 @@ class AtomCounter {
 
 void AtomCounter::open() {
   sums_.push_back(0);
+  begins_.push_back(0);
   last_ = 0;
+}
+
+void AtomCounter::endAlternative() {
+  if (sums_.back() == begins_.back()) sums_.back() = capped(sums_.back() + 1);
+  begins_.back() = sums_.back();
 }
 
 void AtomCounter::close() {
@@ -56,8 +66,10 @@ void AtomCounter::close() {
     unmatchedClosing_ = true;
     return;
   }
+  endAlternative();
   last_ = sums_.back();
   sums_.pop_back();
+  begins_.pop_back();
   sums_.back() = capped(sums_.back() + last_);
 }
 
@@ -114,7 +126,9 @@ std::size_t AtomCounter::count(std::string_view pattern) {
       close();
     } else if (c == '+') {
       repeat(2);
-    } else if (c != '*' && c != '?' && c != '|') {
+    } else if (c == '|') {
+      endAlternative();
+    } else if (c != '*' && c != '?') {
       atom();
     }
   }

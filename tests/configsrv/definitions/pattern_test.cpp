@@ -89,6 +89,16 @@ TEST(PatternTest, RepetitionsExpandToNoMoreThanTheLimit) {
   EXPECT_EQ(whyRefused("a{99999999999999999999}"), reason);
 }
 
+// The C library makes a node of what is empty too, and copies it as often.
+TEST(PatternTest, RepetitionsOfNothingExpandToNoMoreThanTheLimit) {
+  const std::string reason =
+      "its repetitions expand to more than 500 characters: let \"max-length\" limit the length";
+  EXPECT_EQ(whyRefused("((((){255}){255}){255}){255}"), reason);
+  EXPECT_EQ(whyRefused("(){8}+{9}{9}"), reason);
+  EXPECT_EQ(whyRefused("(||||){255}"), reason);
+  EXPECT_TRUE(matches("(){3}a(|b){2}", "abb"));
+}
+
 TEST(PatternTest, AStringLongerThanIsMatchedDoesNotMatch) {
   EXPECT_TRUE(matches("a*", std::string(kMaxMatchedBytes, 'a')));
   EXPECT_FALSE(matches("a*", std::string(kMaxMatchedBytes + 1, 'a')));
