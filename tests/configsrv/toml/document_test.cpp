@@ -53,6 +53,16 @@ TEST(TomlDocumentTest, WhatIsNotTomlIsReportedWithItsPlace) {
   EXPECT_EQ(mistakeIn(parseToml("a = 1\nb = \n", "x.toml")).substr(0, 11), "x.toml:2:5:");
 }
 
+// The parser's own table of blanks has no answer for these, which its compiler was told never come.
+TEST(TomlDocumentTest, ALetterOfAnyAlphabetIsNoBlank) {
+  for (const char* letter : {"\u00fc", "\u03b1", "\u2e80", "\u30a2", "\ufdf0"}) {
+    const TomlValue root = rootOf(std::string("a = \"\"\"\\\n  ") + letter + "\"\"\"\n");
+    EXPECT_EQ(root.table.at(0).value.string, letter);
+    EXPECT_NE(mistakeIn(parseToml(std::string("x = 1\n") + letter + " = 2\n", "test.toml")),
+              "no mistake");
+  }
+}
+
 TEST(TomlDocumentTest, DepthByBracketsAndByDotsIsRefused) {
   const auto repeated = [](const std::string& text, int times) {
     std::string out;

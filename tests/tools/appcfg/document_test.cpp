@@ -126,6 +126,14 @@ TEST(DocumentTest, ATextThatIsNoDocumentIsRefusedWithItsPlace) {
   }
 }
 
+TEST(DocumentTest, ALetterOfAnyAlphabetIsNoBlank) {
+  for (const char* letter : {"\u00fc", "\u03b1", "\u2e80", "\u30a2", "\ufdf0"}) {
+    const Document document = read(std::string("\"a.b\" = \"\"\"\\\n  ") + letter + "\"\"\"\n");
+    ASSERT_EQ(document.size(), 1U);
+    EXPECT_EQ(document[0].value, Value{letter});
+  }
+}
+
 TEST(DocumentTest, BothOfTwoEntriesOfOneKeyAreReadFromJson) {
   EXPECT_EQ(read(R"({"a.b": 1, "a.b": 2})").size(), 2U);
 }
