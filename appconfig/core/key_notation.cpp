@@ -90,7 +90,7 @@ bool KeyReader::readNumber(std::string_view digits, std::int32_t lowest, const c
                            std::int32_t& number) {
   const char* const end = digits.data() + digits.size();
   const auto [stop, error] = std::from_chars(digits.data(), end, number);
-  const bool whole = error == std::errc() && stop == end && !digits.empty();
+  const bool whole = error == std::errc() && stop == end;
   if (whole && number >= lowest) return true;
   return fail(digits, std::string(what) + " is a whole number from " + std::to_string(lowest) +
                           " to 2147483647");
