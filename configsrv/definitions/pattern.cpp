@@ -20,69 +20,145 @@
 namespace ConfigSrv {
 namespace {
 
-// Reads a pattern far enough to count the single-character matchers that it expands to: the C
-// library copies what is repeated, so that "((a{255}){255}){255}" would take gigabytes. Where nothing
-// stands it makes a node all the same, so that counts as one: "((){255}){255}" is no less.
-class AtomCounter {
+// How often the empty text matches, and how the C library would walk there: see PatternCounter.
+struct EmptyWays {
+  // From the beginning to the end.
+  std::size_t through = 1;
+  // The most from the beginning to any place, from any place to the end, and between any two.
+  std::size_t in = 1;
+  std::size_t out = 1;
+  std::size_t most = 1;
+};
+
+constexpr EmptyWays kThroughACharacter{0, 1, 1, 1};
+
+// Nothing above is told apart.
+std::size_t cappedWays(std::size_t n) { return std::min(n, kMaxEmptyWays + 1); }
+
+EmptyWays inSequence(const EmptyWays& a, const EmptyWays& b) {
+  return {cappedWays(a.through * b.through), cappedWays(std::max(a.in, a.through * b.in)),
+          cappedWays(std::max(b.out, a.out * b.through)),
+          cappedWays(std::max({a.most, b.most, a.out * b.in}))};
+}
+
+EmptyWays alternatively(const EmptyWays& a, const EmptyWays& b) {
+  const std::size_t through = cappedWays(a.through + b.through);
+  return {through, std::max({a.in, b.in, through}), std::max({a.out, b.out, through}),
+          std::max({a.most, b.most, through})};
+}
+
+// "?"
+EmptyWays orNothing(const EmptyWays& a) { return alternatively(a, EmptyWays()); }
+
+// "*": from any place round to any other.
+EmptyWays anyTimes(const EmptyWays& a) {
+  const EmptyWays once = orNothing(a);
+  const EmptyWays twice = inSequence(once, once);
+  return {once.through, twice.in, twice.out, std::max(twice.most, once.most)};
+}
+
+EmptyWays times(const EmptyWays& a, std::size_t least, std::size_t most, bool endless) {
+  EmptyWays optional = endless ? anyTimes(a) : EmptyWays();
+  for (std::size_t i = least; i < most; ++i) optional = orNothing(inSequence(a, optional));
+  EmptyWays all;
+  for (std::size_t i = 0; i < least; ++i) all = inSequence(all, a);
+  return inSequence(all, optional);
+}
+
+// Reads a pattern far enough to tell what the C library would make of it.
+//
+// It copies what is repeated, so that "((a{255}){255}){255}" would take gigabytes; hence the number of
+// single-character matchers that a pattern expands to. Where nothing stands it makes a node all the
+// same, which its recursion visits, so that counts as one: "((){255}){255}" is no less.
+//
+// And inside a repetition it walks each way in which nothing matches, each time anew: those of a
+// sequence multiply, "((a?)?(b?)?)+", and each "+" behind another squares them, "a?+++++".
+class PatternCounter {
  public:
-  // Nothing above kMaxPatternAtoms is told apart.
-  std::size_t count(std::string_view pattern);
+  void count(std::string_view pattern);
+  // Nothing above the limits is told apart.
+  std::size_t atoms() const { return groups_.back().atoms; }
+  std::size_t emptyWays() const { return groups_.back().closed.most; }
   bool hasBackReference() const { return backReference_; }
   bool hasUnmatchedClosing() const { return unmatchedClosing_; }
 
  private:
-  void atom() { last_ = 1, sums_.back() = capped(sums_.back() + 1); }
+  struct Group {
+    std::size_t atoms = 0;
+    std::size_t atomsBefore = 0;  // the alternative that is being read
+    // The alternatives that are read, the present one, and that without what stands last in it.
+    EmptyWays closed{0, 1, 1, 1};
+    EmptyWays present;
+    EmptyWays beforeLast;
+  };
+
+  void add(std::size_t atoms, const EmptyWays& ways);
+  void atom() { add(1, kThroughACharacter); }
   void open();
   void close();
   void endAlternative();
-  void repeat(std::size_t times);
+  void repeat(std::size_t copies, const EmptyWays& ways);
   std::size_t afterBracket(std::string_view pattern, std::size_t at);
   std::size_t afterBrace(std::string_view pattern, std::size_t at);
   static std::size_t capped(std::size_t n) {
     return n > kMaxPatternAtoms ? kMaxPatternAtoms + 1 : n;
   }
 
-  // One for each group that is open: the sum so far, and what it was where the alternative began.
-  std::vector<std::size_t> sums_{0};
-  std::vector<std::size_t> begins_{0};
-  std::size_t last_ = 0;              // of the atom or group that a repetition would repeat
+  std::vector<Group> groups_{1};  // those that are open; the first is the whole
+  std::size_t last_ = 0;          // atoms of what a repetition would repeat
+  EmptyWays lastWays_;
   bool backReference_ = false;
   bool unmatchedClosing_ = false;
 };
 
-void AtomCounter::open() {
-  sums_.push_back(0);
-  begins_.push_back(0);
+void PatternCounter::add(std::size_t atoms, const EmptyWays& ways) {
+  Group& group = groups_.back();
+  group.atoms = capped(group.atoms + atoms);
+  group.beforeLast = group.present;
+  group.present = inSequence(group.present, ways);
+  last_ = atoms;
+  lastWays_ = ways;
+}
+
+void PatternCounter::open() {
+  groups_.emplace_back();
+  last_ = 0;
+  lastWays_ = EmptyWays();
+}
+
+void PatternCounter::endAlternative() {
+  Group& group = groups_.back();
+  if (group.atoms == group.atomsBefore) group.atoms = capped(group.atoms + 1);
+  group.atomsBefore = group.atoms;
+  group.closed = alternatively(group.closed, group.present);
+  group.present = group.beforeLast = lastWays_ = EmptyWays();
   last_ = 0;
 }
 
-void AtomCounter::endAlternative() {
-  if (sums_.back() == begins_.back()) sums_.back() = capped(sums_.back() + 1);
-  begins_.back() = sums_.back();
-}
-
-void AtomCounter::close() {
-  if (sums_.size() == 1) {
+void PatternCounter::close() {
+  if (groups_.size() == 1) {
     unmatchedClosing_ = true;
     return;
   }
   endAlternative();
-  last_ = sums_.back();
-  sums_.pop_back();
-  begins_.pop_back();
-  sums_.back() = capped(sums_.back() + last_);
+  const Group group = groups_.back();
+  groups_.pop_back();
+  add(group.atoms, group.closed);
 }
 
-void AtomCounter::repeat(std::size_t times) {
-  if (times < 2) return;
-  const std::size_t all = capped(last_ * times);
-  sums_.back() = capped(sums_.back() - std::min(sums_.back(), last_) + all);
-  last_ = all;
+void PatternCounter::repeat(std::size_t copies, const EmptyWays& ways) {
+  Group& group = groups_.back();
+  if (copies >= 2) {
+    const std::size_t all = capped(last_ * copies);
+    group.atoms = capped(group.atoms - std::min(group.atoms, last_) + all);
+    last_ = all;
+  }
+  lastWays_ = ways;
+  group.present = inSequence(group.beforeLast, ways);
 }
 
-// The "]" that ends a bracket expression is not its first character, nor inside [: :], [. .], [=
-// =].
-std::size_t AtomCounter::afterBracket(std::string_view pattern, std::size_t at) {
+// The "]" that ends a bracket expression is not its first character, nor inside [: :], [. .], [= =].
+std::size_t PatternCounter::afterBracket(std::string_view pattern, std::size_t at) {
   if (at < pattern.size() && pattern[at] == '^') ++at;
   if (at < pattern.size() && pattern[at] == ']') ++at;
   while (at < pattern.size() && pattern[at] != ']') {
@@ -95,20 +171,31 @@ std::size_t AtomCounter::afterBracket(std::string_view pattern, std::size_t at) 
   return at + 1;
 }
 
-// The larger of the numbers in "{2,5}", one more than the lower one for "{2,}".
-std::size_t AtomCounter::afterBrace(std::string_view pattern, std::size_t at) {
-  std::size_t largest = 0;
+// The number that a text begins with, 0 when it begins with none.
+std::size_t leadingNumber(std::string_view text) {
   std::size_t number = 0;
-  for (; at < pattern.size() && pattern[at] != '}'; ++at) {
-    const bool digit = pattern[at] >= '0' && pattern[at] <= '9';
-    number = digit ? capped(number * 10 + static_cast<std::size_t>(pattern[at] - '0')) : 0;
-    largest = std::max(largest, number);
+  for (const char c : text) {
+    if (c < '0' || c > '9') break;
+    number = std::min(number * 10 + static_cast<std::size_t>(c - '0'), kMaxPatternAtoms + 1);
   }
-  repeat(largest + 1);
-  return at + 1;
+  return number;
 }
 
-std::size_t AtomCounter::count(std::string_view pattern) {
+// "{2}", "{2,5}" or "{2,}", of which the last makes one copy more than its number.
+std::size_t PatternCounter::afterBrace(std::string_view pattern, std::size_t at) {
+  const std::size_t end = std::min(pattern.find('}', at), pattern.size());
+  const std::string_view inside = pattern.substr(at, end - at);
+  const std::size_t comma = inside.find(',');
+  const std::size_t least = leadingNumber(inside);
+  const bool endless = comma + 1 == inside.size();
+  const std::size_t most = comma == std::string_view::npos ? least
+                           : endless                       ? least
+                                     : leadingNumber(inside.substr(comma + 1));
+  repeat(std::max(least, most) + 1, times(lastWays_, least, most, endless));
+  return end + 1;
+}
+
+void PatternCounter::count(std::string_view pattern) {
   std::size_t at = 0;
   while (at < pattern.size()) {
     const char c = pattern[at++];
@@ -124,16 +211,20 @@ std::size_t AtomCounter::count(std::string_view pattern) {
       open();
     } else if (c == ')') {
       close();
-    } else if (c == '+') {
-      repeat(2);
     } else if (c == '|') {
       endAlternative();
-    } else if (c != '*' && c != '?') {
+    } else if (c == '+') {
+      repeat(2, times(lastWays_, 1, 1, true));
+    } else if (c == '*') {
+      repeat(1, anyTimes(lastWays_));
+    } else if (c == '?') {
+      repeat(1, orNothing(lastWays_));
+    } else {
       atom();
     }
   }
-  while (sums_.size() > 1) close();
-  return sums_.back();
+  while (groups_.size() > 1) close();
+  endAlternative();
 }
 
 std::string whyRefused(const std::string& text) {
@@ -141,10 +232,15 @@ std::string whyRefused(const std::string& text) {
     return "it is longer than " + std::to_string(kMaxPatternBytes) + " bytes";
   }
   if (text.find('\0') != std::string::npos) return "it holds a zero byte";
-  AtomCounter counter;
-  if (counter.count(text) > kMaxPatternAtoms) {
+  PatternCounter counter;
+  counter.count(text);
+  if (counter.atoms() > kMaxPatternAtoms) {
     return "its repetitions expand to more than " + std::to_string(kMaxPatternAtoms) +
            " characters: let \"max-length\" limit the length";
+  }
+  if (counter.emptyWays() > kMaxEmptyWays) {
+    return "its parts match nothing in more than " + std::to_string(kMaxEmptyWays) +
+           " ways: repeat only what holds a character, as in a* for (a?)*";
   }
   if (counter.hasUnmatchedClosing()) return "a \")\" has no \"(\": write \\) for the character";
   if (counter.hasBackReference()) return "back-references such as \\1 are not supported";

@@ -99,6 +99,22 @@ TEST(PatternTest, RepetitionsOfNothingExpandToNoMoreThanTheLimit) {
   EXPECT_TRUE(matches("(){3}a(|b){2}", "abb"));
 }
 
+// The C library walks through all of them when it compiles: the first two took it longer than anybody
+// would wait for a service to start.
+TEST(PatternTest, APatternThatMatchesNothingInManyWaysIsRefused) {
+  const std::string reason =
+      "its parts match nothing in more than 64 ways: repeat only what holds a character, as in a* "
+      "for (a?)*";
+  EXPECT_EQ(whyRefused("x?+++++++"), reason);
+  EXPECT_EQ(whyRefused("b?????????+++"), reason);
+  EXPECT_EQ(whyRefused("((a?)?(b?)?(c?)?(d?)?(e?)?(f?)?(g?)?)+"), reason);
+  EXPECT_EQ(whyRefused("((a|b?|c?){9})*"), reason);
+  EXPECT_TRUE(matches("(a?b?c?d?e?f?)*", "abcabc"));
+  EXPECT_TRUE(matches("(([a-z]*)(-[a-z]*)*\\.)*[a-z]+", "a-b.c-.de"));
+  EXPECT_TRUE(matches("(a*|b*)x(a*|b*)x(a*|b*)x(a*|b*)x(a*|b*)x(a*|b*)x(a*|b*)x", "xaaxbxxxxbbx"));
+  EXPECT_TRUE(matches("([a-z]?[0-9]?){0,8}", "a1b2"));
+}
+
 TEST(PatternTest, AStringLongerThanIsMatchedDoesNotMatch) {
   EXPECT_TRUE(matches("a*", std::string(kMaxMatchedBytes, 'a')));
   EXPECT_FALSE(matches("a*", std::string(kMaxMatchedBytes + 1, 'a')));
