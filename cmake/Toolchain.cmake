@@ -62,3 +62,10 @@ if(APPCONFIG_SANITIZE)
   add_compile_options(-fsanitize=${APPCONFIG_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${APPCONFIG_SANITIZE})
 endif()
+
+option(APPCONFIG_FUZZ "Build the programs of fuzz/ as fuzzers, which takes Clang; otherwise they replay their inputs" OFF)
+if(APPCONFIG_FUZZ)
+  # Everything reports which code an input reached; the programs alone bring the fuzzer's main().
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -151,6 +151,9 @@ FREE = ("tests", "bench", "fuzz")
 
 SOURCE_SUFFIXES = (".h", ".cpp")
 
+# Inputs of fuzz programs: bytes, some of which happen to look like text.
+BYTES = "fuzz/corpus/"
+
 
 class Tree:
     """The project's files below one root; paths are relative to it, with forward slashes."""
@@ -451,7 +454,8 @@ def document_problems(tree, document="docs/architecture.md"):
 
 
 def unrun_test_problems(tree, compile_commands, ctest_listing):
-    """Every *_test.cpp is compiled into a program that ctest runs, every *_test.py is run by it."""
+    """Every *_test.cpp and *_fuzz.cpp is compiled into a program that ctest runs, every *_test.py is
+    run by it."""
     programs = {}
     for entry in compile_commands:
         target = re.search(r" -o \S*CMakeFiles/([^/\s]+)\.dir/", entry["command"])
@@ -463,8 +467,10 @@ def unrun_test_problems(tree, compile_commands, ctest_listing):
         run.add(re.sub(r"_NOT_BUILT$", "", test["name"]))
         run.update(os.path.basename(word) for word in test.get("command", []))
     problems = []
-    for path in tree.with_suffix("_test.cpp", "_test.py"):
-        if not path.startswith("tests/"):
+    for path in tree.with_suffix("_test.cpp", "_test.py", "_fuzz.cpp"):
+        if path.endswith("_fuzz.cpp") != path.startswith("fuzz/"):
+            problems.append(f"{path}: fuzz programs live in fuzz/, and nothing else does")
+        elif not path.startswith(("tests/", "fuzz/")):
             problems.append(f"{path}: tests live below tests/")
         elif path.endswith(".py") and os.path.basename(path) not in run:
             problems.append(f"{path}: ctest does not run it")
@@ -521,7 +527,7 @@ OUTWARD_TEXT = (
 def text_problems(tree):
     problems = []
     for path in tree.files:
-        if "\0" in tree.text(path):
+        if path.startswith(BYTES) or "\0" in tree.text(path):
             continue
         for number, line in enumerate(tree.text(path).splitlines(), 1):
             for pattern, what in OUTWARD_TEXT:

@@ -314,6 +314,14 @@ class RunTestsTest(MadeUpTreeTest):
         tree = self.tree(files={"appconfig/core/key_test.cpp": ""})
         self.expect_one(layout.unrun_test_problems(tree, *self.build()), "tests live below tests/")
 
+    def test_a_fuzz_program_whose_corpus_nobody_replays_is_found(self):
+        tree = self.tree(files={"fuzz/key_fuzz.cpp": ""})
+        self.expect_one(layout.unrun_test_problems(tree, *self.build()), "key_fuzz.cpp", "in no CMake target")
+
+    def test_a_fuzz_program_outside_fuzz_is_found(self):
+        tree = self.tree(files={"appconfig/core/key_fuzz.cpp": ""})
+        self.expect_one(layout.unrun_test_problems(tree, *self.build()), "fuzz programs live in fuzz/")
+
 
 class TextRuleTest(MadeUpTreeTest):
     # In two halves each, so that this file passes the rule that it tests.

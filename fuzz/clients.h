@@ -1,0 +1,74 @@
+// Clients: what somebody on the other side of a service's socket can do, byte by byte, and the way to
+// let a server live through it on one thread.
+//
+// A server handles events in its run(), which returns when it is stopped. Here each step is a task
+// that the server runs between its events: so what a step has sent is handled before the next step,
+// in the same order every time, and the pieces in which it was sent are those in which it arrives.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/messaging/frame.h"
+#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/server.h"
+
+namespace Fuzz {
+
+// A listening socket without a file, of one run.
+class Listening {
+ public:
+  Listening();
+  // A new connection, not blocking.
+  PbUtility::UniqueFd connect() const;
+  // For ServerOptions::listenFd: the server closes it.
+  int handOver() const;
+
+ private:
+  PbUtility::UniqueFd fd_;
+  sockaddr_un address_{};
+  socklen_t addressBytes_ = sizeof address_;
+};
+
+// A frame as it came in.
+struct Received {
+  PbUtility::FrameHeader header;
+  std::string payload;
+};
+
+// One connection of a client.
+class Client {
+ public:
+  void open(const Listening& listening) { fd_ = listening.connect(), incoming_.clear(); }
+  void close() { fd_.reset(); }
+  bool isOpen() const { return static_cast<bool>(fd_); }
+  // As much as the socket takes: a server that does not read is not waited for.
+  void send(std::string_view bytes);
+  void endSending() { ::shutdown(fd_.get(), SHUT_WR); }
+  // Every frame that has come whole. Ends the process when one is not of a kind that a service sends.
+  std::vector<Received> receive();
+  // Whether the service has closed; told by the receive() before.
+  bool isClosedByService() const { return closedByService_; }
+
+ private:
+  void readBytes();
+
+  PbUtility::UniqueFd fd_;
+  std::string incoming_;
+  bool closedByService_ = false;
+};
+
+// The header's payload length is set here.
+std::string frameOf(PbUtility::FrameHeader header, std::string_view payload);
+std::string helloOf(PbUtility::ConnectionUse use, std::uint8_t token, std::string_view name);
+
+// Runs the server: step after step until one returns false, then stops it.
+void runSteps(PbUtility::Server& server, const std::function<bool()>& step);
+
+}  // namespace Fuzz

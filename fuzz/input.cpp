@@ -1,0 +1,17 @@
+#include "fuzz/input.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace Fuzz {
+
+void require(bool holds, const char* promise) { require(holds, promise, {}); }
+
+void require(bool holds, const char* promise, std::string_view details) {
+  if (holds) return;
+  std::fprintf(stderr, "BROKEN PROMISE: %s: %.*s\n", promise, static_cast<int>(details.size()),
+               details.data());
+  std::abort();
+}
+
+}  // namespace Fuzz

@@ -1,0 +1,92 @@
+// ServiceHarness: the service as configsrvd runs it, with time and disk in the hands of the input.
+//
+// The same objects, tied together in the same way as in configsrv/service/service.cpp; only the host
+// differs: a commit ends when it is told to, well or not, and a deadline passes when it is told to.
+// What a commit kept stands in memory, so that the end of a run can start from it anew.
+#pragma once
+
+#include <unistd.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "configsrv/access/access_policy.h"
+#include "configsrv/changes/announcer.h"
+#include "configsrv/changes/changes.h"
+#include "configsrv/log/log.h"
+#include "configsrv/model/model.h"
+#include "configsrv/monitor/monitor.h"
+#include "configsrv/service/internal/requests.h"
+#include "configsrv/service/service.h"
+#include "configsrv/subscriptions/subscriptions.h"
+#include "platform/messaging/server.h"
+
+namespace Fuzz {
+
+class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::Host {
+ public:
+  // Takes the listening socket.
+  explicit ServiceHarness(int listenFd);
+  ~ServiceHarness() override;
+  ServiceHarness(const ServiceHarness&) = delete;
+  ServiceHarness& operator=(const ServiceHarness&) = delete;
+
+  PbUtility::Server& server() { return server_; }
+
+  // Ends the oldest commit; false when none is on its way.
+  bool endCommit(bool well);
+  // The earliest deadline passes; false when there is none.
+  bool passDeadline();
+  std::size_t changesUnderWay() const { return changes_.underWay(); }
+
+  // Ends the process unless the state is one that a service may be in: every value is one that its
+  // variable may hold, and a service that starts from what was kept has the same state.
+  void checkState() const;
+
+ private:
+  struct Commit {
+    ConfigSrv::StoreTransaction transaction;
+    ConfigSrv::CommitDone done;
+  };
+
+  // PbUtility::ServerHandler
+  void onRequest(const PbUtility::IncomingRequest& request) override { requests_.handle(request); }
+  void onAnswer(PbUtility::PeerId peer, std::uint32_t question, std::uint32_t messageId,
+                std::string_view payload) override;
+  void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone) override;
+  void onPeerCame(const PbUtility::Peer& peer) override;
+  void onPeerGone(const PbUtility::Peer& peer) override;
+  void onLog(const std::string& line) override { log_.warning(line); }
+
+  // Host
+  std::uint32_t ask(PbUtility::PeerId peer, const google::protobuf::MessageLite& question) override;
+  void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice,
+              const std::string& coalescingKey) override;
+  std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) override;
+  void cancel(std::uint64_t timer) override { timers_.erase(timer); }
+  bool commit(ConfigSrv::StoreTransaction transaction, ConfigSrv::CommitDone done) override;
+
+  void keep(const ConfigSrv::StoreTransaction& transaction);
+
+  const ConfigSrv::ServiceOptions options_;
+  const ConfigSrv::Log log_;
+  const ConfigSrv::AccessPolicy access_{::geteuid()};
+  ConfigSrv::Model model_;
+  ConfigSrv::Subscriptions subscriptions_;
+  ConfigSrv::Announcer announcer_;
+  ConfigSrv::Changes changes_;
+  PbUtility::Server server_;
+  ConfigSrv::Monitor monitor_;
+  ConfigSrv::Requests requests_;
+
+  std::deque<Commit> commits_;
+  std::map<std::uint64_t, std::function<void()>> timers_;
+  std::uint64_t lastTimer_ = 0;
+  std::map<ConfigVar, ConfigSrv::StoredVariable> kept_;
+  std::uint64_t revision_ = 0;
+};
+
+}  // namespace Fuzz
