@@ -1,9 +1,9 @@
 // Clients: what somebody on the other side of a service's socket can do, byte by byte, and the way to
 // let a server live through it on one thread.
 //
-// A server handles events in its run(), which returns when it is stopped. Here each step is a task
-// that the server runs between its events: so what a step has sent is handled before the next step,
-// in the same order every time, and the pieces in which it was sent are those in which it arrives.
+// A server handles events in its run(), which returns when it is stopped. Here each step is a timer
+// of the server, due at once: so what a step has sent is handled before the next step, in the same
+// order every time, and the pieces in which it was sent are those in which it arrives.
 #pragma once
 
 #include <sys/socket.h>

@@ -6,6 +6,8 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "fuzz/clients.h"
@@ -24,12 +26,17 @@ using PbUtility::PeerId;
 
 constexpr std::size_t kClients = 4;
 constexpr std::size_t kMaxSteps = 400;
+constexpr int kMaxClosingSteps = 200;
+// Whom the handler does not let in.
+constexpr std::string_view kUnwanted = "unwanted";
 
 // Answers nothing by itself: the input says when. Checks what a ServerHandler is promised.
 class Handler final : public PbUtility::ServerHandler {
  public:
   void onRequest(const PbUtility::IncomingRequest& request) override {
     require(present_.count(request.peer.id) == 1, "a request comes from a peer that came");
+    require(request.id.peer == request.peer.id, "a request knows whose it is");
+    require(request.id.bytes == request.payload.size(), "a request knows how long it is");
     open_.push_back(request.id);
   }
   void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t /*messageId*/,
@@ -48,7 +55,14 @@ class Handler final : public PbUtility::ServerHandler {
       require(id != peer.id, "the questions of a peer end before it goes");
     }
   }
-  void onLog(const std::string& line) override {
+  std::string onGreeting(const PbUtility::Peer& peer) override {
+    require(peer.id == 0, "who greets is no peer yet");
+    return peer.name == kUnwanted ? "not you" : "";
+  }
+  void onDeliveryReady(const PbUtility::Peer& peer) override {
+    require(present_.count(peer.id) == 1, "delivery is ready once the peer has come");
+  }
+  void onFault(PbUtility::Fault /*kind*/, const std::string& line) override {
     const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20; };
     require(std::none_of(line.begin(), line.end(), isControl), "a fault is logged on one line");
   }
@@ -58,13 +72,15 @@ class Handler final : public PbUtility::ServerHandler {
     if (present_.empty()) return which;
     return *std::next(present_.begin(), which % static_cast<std::ptrdiff_t>(present_.size()));
   }
-  // Answered or not, a request may be answered at any time.
-  PbUtility::RequestId someRequest(std::uint8_t which) const {
-    return open_.empty() ? PbUtility::RequestId{which, which, false} : open_[which % open_.size()];
+  bool owesAnswers() const { return !open_.empty(); }
+  // For whoever answers it, once, whether its peer is still there or not.
+  PbUtility::RequestId takeRequest(std::uint8_t which) {
+    const auto chosen = open_.begin() + which % static_cast<std::ptrdiff_t>(open_.size());
+    const PbUtility::RequestId request = *chosen;
+    open_.erase(chosen);
+    return request;
   }
-  void expectEmpty() const {
-    require(present_.empty() && asked_.empty(), "peers and questions end with their connections");
-  }
+  bool isEmpty() const { return present_.empty() && asked_.empty(); }
 
  private:
   std::set<PeerId> present_;
@@ -81,6 +97,12 @@ PbUtility::ServerOptions optionsOf(const Fuzz::Listening& listening) {
   options.maxConnectionsPerPeer = 2;
   options.maxAnswerBytes = 1U << 20;
   options.maxNotices = 8;
+  options.framesPerTurn = 3;
+  options.maxOpenRequests = 4;
+  options.maxOpenRequestBytes = 4096;
+  options.maxOpenQuestions = 3;
+  options.roomBytes = std::size_t{16} << 10;
+  options.maxBufferedBytes = std::size_t{2} << 20;
   return options;
 }
 
@@ -92,7 +114,7 @@ class Run {
 
   void run() {
     Fuzz::runSteps(server_, [this] { return step(); });
-    handler_.expectEmpty();
+    require(handler_.isEmpty(), "peers and questions end with their connections");
   }
 
  private:
@@ -101,6 +123,8 @@ class Run {
   void sendFrame(Client& client);
   void sendHello(Client& client);
   void serve();
+  void answer(std::uint8_t how, std::uint8_t which);
+  void respond(const PbUtility::RequestId& request, std::uint8_t size);
 
   Input& input_;
   Fuzz::Listening listening_;
@@ -120,8 +144,10 @@ bool Run::step() {
     client.receive();
     client.close();
   }
-  // The server has to see that they are gone.
-  return closing_++ < 2;
+  while (handler_.owesAnswers()) answer(0, 0);
+  // The server has to take what they still sent, and to see that they are gone.
+  const bool tookEnough = closing_ >= 2 && handler_.isEmpty();
+  return !tookEnough && closing_++ < kMaxClosingSteps;
 }
 
 void Run::act() {
@@ -149,7 +175,7 @@ void Run::act() {
 void Run::sendHello(Client& client) {
   const std::uint8_t how = input_.byte();
   const auto use = static_cast<PbUtility::ConnectionUse>(how % 4);
-  const std::string_view name = how < 128 ? "client" : input_.piece();
+  const std::string_view name = how < 112 ? "client" : how < 128 ? kUnwanted : input_.piece();
   client.send(Fuzz::helloOf(use, how / 4 % 3, name));
 }
 
@@ -171,15 +197,24 @@ void Run::serve() {
   if (what % 4 == 0) {
     return server_.notify(handler_.somePeer(which), notice, 7, what < 128 ? "" : "key");
   }
-  if (what % 4 == 1) return server_.refuse(handler_.someRequest(which), which, "refused");
-  if (what % 4 == 2) {
-    ConfigIF::ReadRsp response;
-    for (unsigned i = 0; i < which; ++i) response.add_values(std::string(what, 'v'));
-    return server_.respond(handler_.someRequest(which), response, 7);
-  }
+  if (what % 4 < 3) return answer(what, which);
   const PeerId peer = handler_.somePeer(which);
   const std::uint32_t question = server_.ask(peer, ConfigIF::DynamicValidateReq(), 7);
   if (question != 0) handler_.asked(peer, question);
+}
+
+void Run::answer(std::uint8_t how, std::uint8_t which) {
+  if (!handler_.owesAnswers()) return;
+  const PbUtility::RequestId request = handler_.takeRequest(which);
+  if (how % 4 == 1) return server_.refuse(request, which, "refused");
+  if (how < 128 || server_.hasRoom(request)) return respond(request, how);
+  server_.whenRoom(request, [this, request, how] { respond(request, how); });
+}
+
+void Run::respond(const PbUtility::RequestId& request, std::uint8_t size) {
+  ConfigIF::ReadRsp response;
+  for (unsigned i = 0; i < size; ++i) response.add_values(std::string(size, 'v'));
+  server_.respond(request, response, 7);
 }
 
 }  // namespace

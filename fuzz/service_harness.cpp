@@ -1,10 +1,14 @@
 #include "fuzz/service_harness.h"
 
 #include <algorithm>
+#include <memory>
+#include <sstream>
 #include <utility>
 
 #include "appconfig/core/key_notation.h"
+#include "configsrv/store/store.h"
 #include "fuzz/definitions.h"
+#include "fuzz/files.h"
 #include "fuzz/input.h"
 
 namespace Fuzz {
@@ -31,10 +35,34 @@ Log::Sink checkingSink() {
   return [](LogLevel, const std::string& line) { requireOneLine(line); };
 }
 
+// Opened once for all runs, which ask it for nothing but its counters.
+struct Surroundings {
+  Surroundings() {
+    StoreOptions options;
+    options.file = files.path("store.db");
+    store = Store::open(options).store;
+    require(store != nullptr, "a new store is opened");
+  }
+
+  Files files;
+  std::unique_ptr<Store> store;
+};
+
+const Surroundings& surroundings() {
+  static const Surroundings all;
+  return all;
+}
+
+constexpr const char* kAuditName = "audit.jsonl";
+
+// Each run begins with an empty record.
 ServiceOptions serviceOptions() {
+  const Files& files = surroundings().files;
   ServiceOptions options;
   options.definitionsDir = "definitions.d";
-  options.storeFile = "store.db";
+  options.storeFile = files.path("store.db");
+  options.auditFile = files.path(kAuditName);
+  files.write(kAuditName, "");
   return options;
 }
 
@@ -53,16 +81,18 @@ void requireSame(const Variable& a, const Variable& b) {
 ServiceHarness::ServiceHarness(int listenFd)
     : options_(serviceOptions()),
       log_(LogLevel::Debug, checkingSink()),
+      audit_(options_.auditFile, log_),
+      providers_("", log_),
       model_(definitions()),
       announcer_(model_, subscriptions_, *this),
-      changes_(model_, subscriptions_, announcer_, *this, log_),
+      changes_(model_, subscriptions_, announcer_, *this, log_, {}, &audit_),
       server_(serverOptions(listenFd), *this),
       monitor_(model_,
                [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-                 server_.notify(to, notice, model_.revision(), {});
+                 server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
                }),
       requests_({options_, log_, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                 server_}) {
+                 server_, providers_, &audit_, *surroundings().store}) {
   require(server_.open().empty(), "a server adopts a listening socket");
 }
 
@@ -79,11 +109,19 @@ void ServiceHarness::onQuestionDone(PeerId peer, std::uint32_t question, bool pe
   changes_.onQuestionDone(peer, question, peerGone);
 }
 
+std::string ServiceHarness::onGreeting(const PbUtility::Peer& peer) {
+  const NameClaims::Answer answer = names_.ask(peer.name, peer.uid, peer.gid);
+  return answer.accepted ? std::string() : answer.text;
+}
+
 void ServiceHarness::onPeerCame(const PbUtility::Peer& peer) {
+  names_.came(peer.name, peer.uid, peer.gid);
   if (monitor_.isActive()) monitor_.peerCame(peer);
 }
 
 void ServiceHarness::onPeerGone(const PbUtility::Peer& peer) {
+  names_.went(peer.name, peer.uid);
+  providers_.gone(peer.id);
   subscriptions_.forget(peer.id);
   monitor_.remove(peer.id);
   if (monitor_.isActive()) monitor_.peerWent(peer);
@@ -97,11 +135,25 @@ std::uint32_t ServiceHarness::ask(PeerId peer, const google::protobuf::MessageLi
   return number;
 }
 
+std::uint64_t ServiceHarness::revisionThat(Knows knows) const {
+  const std::uint64_t present = model_.revision();
+  return knows == Knows::AllOfThis || present == 0 ? present : present - 1;
+}
+
 void ServiceHarness::notify(PeerId peer, const google::protobuf::MessageLite& notice,
-                            const std::string& coalescingKey) {
+                            const std::string& coalescingKey, Knows knows) {
   const PbUtility::Peer* to = server_.peer(peer);
   if (monitor_.isActive() && to != nullptr) monitor_.noticeLeaves(*to, notice);
-  server_.notify(peer, notice, model_.revision(), coalescingKey);
+  server_.notify(peer, notice, revisionThat(knows), coalescingKey);
+}
+
+bool ServiceHarness::mayProvide(PeerId id, const Variable& variable) const {
+  const PbUtility::Peer* peer = server_.peer(id);
+  return peer != nullptr && access_.mayClaim(peer->uid, peer->gid, variable.writeRole());
+}
+
+bool ServiceHarness::expectsProvider(const Variable& variable) const {
+  return providers_.expects(variable.key().dottedName(), [](const KnownProvider&) { return true; });
 }
 
 std::uint64_t ServiceHarness::after(std::chrono::milliseconds /*delay*/,
@@ -143,7 +195,18 @@ void ServiceHarness::keep(const StoreTransaction& transaction) {
   }
 }
 
+// Clients choose most of what stands in it.
+void ServiceHarness::checkRecord() const {
+  std::istringstream record(surroundings().files.read(kAuditName));
+  for (std::string line; std::getline(record, line);) {
+    requireOneLine(line);
+    require(line.size() > 2 && line.front() == '{' && line.back() == '}',
+            "a change is recorded as one object", line);
+  }
+}
+
 void ServiceHarness::checkState() const {
+  checkRecord();
   std::vector<StoredVariable> stored;
   for (const auto& [key, variable] : kept_) stored.push_back(variable);
   Model restarted(definitions());

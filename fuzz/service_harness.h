@@ -2,7 +2,8 @@
 //
 // The same objects, tied together in the same way as in configsrv/service/service.cpp; only the host
 // differs: a commit ends when it is told to, well or not, and a deadline passes when it is told to.
-// What a commit kept stands in memory, so that the end of a run can start from it anew.
+// What a commit kept stands in memory, so that the end of a run can start from it anew. The store is
+// there for its counters alone, and no provider is remembered from before.
 #pragma once
 
 #include <unistd.h>
@@ -14,11 +15,14 @@
 #include <vector>
 
 #include "configsrv/access/access_policy.h"
+#include "configsrv/access/name_claims.h"
+#include "configsrv/audit/audit_trail.h"
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/log/log.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
+#include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/service/service.h"
 #include "configsrv/subscriptions/subscriptions.h"
@@ -43,7 +47,8 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   std::size_t changesUnderWay() const { return changes_.underWay(); }
 
   // Ends the process unless the state is one that a service may be in: every value is one that its
-  // variable may hold, and a service that starts from what was kept has the same state.
+  // variable may hold, a service that starts from what was kept has the same state, and the record of
+  // all changes is one of whole lines.
   void checkState() const;
 
  private:
@@ -57,23 +62,35 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   void onAnswer(PbUtility::PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload) override;
   void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone) override;
+  std::string onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override;
+  void onDeliveryReady(const PbUtility::Peer& peer) override { changes_.onDeliveryReady(peer.id); }
   void onPeerGone(const PbUtility::Peer& peer) override;
-  void onLog(const std::string& line) override { log_.warning(line); }
+  void onFault(PbUtility::Fault kind, const std::string& line) override {
+    log_.repeatable(ConfigSrv::LogLevel::Warning, "fault " + std::to_string(static_cast<int>(kind)),
+                    line);
+  }
 
   // Host
   std::uint32_t ask(PbUtility::PeerId peer, const google::protobuf::MessageLite& question) override;
   void notify(PbUtility::PeerId peer, const google::protobuf::MessageLite& notice,
-              const std::string& coalescingKey) override;
+              const std::string& coalescingKey, Knows knows) override;
+  bool mayProvide(PbUtility::PeerId peer, const ConfigSrv::Variable& variable) const override;
+  bool expectsProvider(const ConfigSrv::Variable& variable) const override;
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) override;
   void cancel(std::uint64_t timer) override { timers_.erase(timer); }
   bool commit(ConfigSrv::StoreTransaction transaction, ConfigSrv::CommitDone done) override;
 
+  std::uint64_t revisionThat(Knows knows) const;
   void keep(const ConfigSrv::StoreTransaction& transaction);
+  void checkRecord() const;
 
   const ConfigSrv::ServiceOptions options_;
   const ConfigSrv::Log log_;
   const ConfigSrv::AccessPolicy access_{::geteuid()};
+  ConfigSrv::NameClaims names_{access_};
+  ConfigSrv::AuditTrail audit_;
+  ConfigSrv::ProviderMemory providers_;
   ConfigSrv::Model model_;
   ConfigSrv::Subscriptions subscriptions_;
   ConfigSrv::Announcer announcer_;
