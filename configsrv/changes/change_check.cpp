@@ -195,11 +195,16 @@ bool changesNothing(const Variable& variable, const StoreChange& change) {
   const VariableShape& shape = variable.shape();
   return std::visit(
       Overloaded{
-          [&](const StoreChange::SetValue& set) { return set.value == variable.value(); },
-          [&](const StoreChange::ResetValue&) { return variable.isDefault(); },
+          [&](const StoreChange::SetValue& set) {
+            return set.value == variable.value() && !variable.hasLeftOutValue();
+          },
+          [&](const StoreChange::ResetValue&) {
+            return variable.isDefault() && !variable.hasLeftOutValue();
+          },
           [&](const StoreChange::SetOptions& set) {
             return (!set.options || *set.options == variable.options()) &&
-                   (!set.defaultIndex || *set.defaultIndex == variable.defaultIndex());
+                   (!set.defaultIndex || *set.defaultIndex == variable.defaultIndex()) &&
+                   !variable.hasLeftOutOptions();
           },
           [&](const StoreChange::SetAccess& set) {
             return sameRole(set.readRole, variable.readRole()) &&
@@ -208,7 +213,8 @@ bool changesNothing(const Variable& variable, const StoreChange& change) {
           [&](const StoreChange::ResetAttributes&) {
             return variable.options() == shape.options &&
                    variable.defaultIndex() == shape.defaultIndex &&
-                   variable.readRole() == shape.readRole && variable.writeRole() == shape.writeRole;
+                   variable.readRole() == shape.readRole &&
+                   variable.writeRole() == shape.writeRole && !variable.hasLeftOutOptions();
           },
       },
       change.what);
@@ -230,6 +236,12 @@ StoreChange asStored(const Variable& variable, StoreChange change) {
   const auto* set = std::get_if<StoreChange::SetValue>(&change.what);
   if (set != nullptr && set->value == variable.shape().defaultValue)
     change.what = StoreChange::ResetValue{};
+  auto* options = std::get_if<StoreChange::SetOptions>(&change.what);
+  if (options != nullptr && options->options && !options->defaultIndex)
+    options->defaultIndex = variable.defaultIndex();
+  // Roles have no part in what else can be used.
+  if (!std::holds_alternative<StoreChange::SetAccess>(change.what))
+    change.forgotten = {variable.hasLeftOutValue(), variable.hasLeftOutOptions()};
   return change;
 }
 

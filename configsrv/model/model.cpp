@@ -32,10 +32,20 @@ const std::vector<std::string>& optionsOf(const StoredVariable& stored,
   return stored.options ? *stored.options : shape.options;
 }
 
+std::uint32_t defaultIndexOf(const StoredVariable& stored, const VariableShape& shape) {
+  return stored.defaultIndex ? *stored.defaultIndex : shape.defaultIndex;
+}
+
 // Why the stored value cannot be used under the present definition; empty when it can.
 std::string refusalOfValue(const StoredVariable& stored, const VariableShape& shape) {
   if (shape.readOnly) return "the variable is read-only";
   return checkValue(shape, optionsOf(stored, shape), *stored.value);
+}
+
+// Whether the variable can have a value that is one of its options: the stored one, or the default.
+bool canHoldAnOption(const StoredVariable& stored, const VariableShape& shape) {
+  if (stored.value && refusalOfValue(stored, shape).empty()) return true;
+  return checkValue(shape, optionsOf(stored, shape), shape.defaultValue).empty();
 }
 
 // Why the stored options cannot.
@@ -48,33 +58,38 @@ std::string refusalOfOptions(const StoredVariable& stored, const VariableShape& 
     if (!why.empty()) return why;
   }
   const std::size_t count = std::max<std::size_t>(1, optionsOf(stored, shape).size());
-  return stored.defaultIndex.value_or(0) < count ? "" : "the default index is past the options";
+  if (defaultIndexOf(stored, shape) >= count) return "the default index is past the options";
+  return canHoldAnOption(stored, shape) ? "" : "the default is none of the options";
 }
 
-void keepUsableOptions(StoredVariable& stored, const VariableShape& shape,
-                       std::vector<std::string>& lines) {
-  if (!stored.options && !stored.defaultIndex) return;
+// Whether they were left out.
+bool leaveOutOptions(StoredVariable& stored, const VariableShape& shape,
+                     std::vector<std::string>& lines) {
+  if (!stored.options && !stored.defaultIndex) return false;
   const std::string why = refusalOfOptions(stored, shape);
-  if (why.empty()) return;
+  if (why.empty()) return false;
   lines.push_back(left(stored.key, "option list", why));
   stored.options.reset();
   stored.defaultIndex.reset();
+  return true;
 }
 
-void keepUsableRole(const ConfigVar& key, const char* what, std::optional<int>& role,
-                    std::vector<std::string>& lines) {
+void leaveOutRole(const ConfigVar& key, const char* what, std::optional<int>& role,
+                  std::vector<std::string>& lines) {
   if (!role || isRole(*role)) return;
   lines.push_back(left(key, what, std::to_string(*role) + " is no role"));
   role.reset();
 }
 
-void keepUsableValue(StoredVariable& stored, const VariableShape& shape,
-                     std::vector<std::string>& lines) {
-  if (!stored.value) return;
+// Whether it was left out.
+bool leaveOutValue(StoredVariable& stored, const VariableShape& shape,
+                   std::vector<std::string>& lines) {
+  if (!stored.value) return false;
   const std::string why = refusalOfValue(stored, shape);
-  if (why.empty()) return;
+  if (why.empty()) return false;
   lines.push_back(left(stored.key, "value", why));
   stored.value.reset();
+  return true;
 }
 
 // Names the first few: a product that drops a group must not fill the log.
@@ -111,7 +126,7 @@ const std::vector<std::string>& Variable::options() const {
 }
 
 std::uint32_t Variable::defaultIndex() const {
-  return stored_ && stored_->defaultIndex ? *stored_->defaultIndex : shape().defaultIndex;
+  return stored_ ? defaultIndexOf(*stored_, shape()) : shape().defaultIndex;
 }
 
 SecurityRole Variable::readRole() const {
@@ -153,11 +168,13 @@ std::vector<std::string> Model::restore(std::vector<StoredVariable> stored,
 
 // Options before the value, which has to be one of them.
 void Model::restoreOne(Variable& variable, StoredVariable stored, std::vector<std::string>& lines) {
-  keepUsableOptions(stored, variable.shape(), lines);
-  keepUsableRole(stored.key, "read role", stored.readRole, lines);
-  keepUsableRole(stored.key, "write role", stored.writeRole, lines);
-  keepUsableValue(stored, variable.shape(), lines);
-  variable.stored_ = std::make_unique<StoredVariable>(std::move(stored));
+  StoreChange::Forgotten leftOut;
+  leftOut.options = leaveOutOptions(stored, variable.shape(), lines);
+  leaveOutRole(stored.key, "read role", stored.readRole, lines);
+  leaveOutRole(stored.key, "write role", stored.writeRole, lines);
+  leftOut.value = leaveOutValue(stored, variable.shape(), lines);
+  variable.stored_ = std::make_unique<Variable::Usable>(std::move(stored));
+  variable.stored_->leftOut = leftOut;
   if (!variable.isDefault()) ++changedVariables_;
 }
 
@@ -182,8 +199,11 @@ void Model::apply(const StoreChange& change, std::uint64_t revision) {
   Variable* variable = findMutable(change.key);
   if (variable == nullptr) stopForUnknown(change.key);
   const bool wasChanged = !variable->isDefault();
-  if (!variable->stored_) variable->stored_ = std::make_unique<StoredVariable>(change.key);
+  if (!variable->stored_)
+    variable->stored_ = std::make_unique<Variable::Usable>(StoredVariable(change.key));
   applyChange(change, revision, variable->stored_.get());
+  if (change.forgotten.value) variable->stored_->leftOut.value = false;
+  if (change.forgotten.options) variable->stored_->leftOut.options = false;
   revision_ = revision;
   if (wasChanged && variable->isDefault()) --changedVariables_;
   if (!wasChanged && !variable->isDefault()) ++changedVariables_;

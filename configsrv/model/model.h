@@ -7,7 +7,8 @@
 // Cost     16 bytes for a variable that is as defined, beside its definition; finding one costs a
 //          hash and a comparison, walking a group costs by what lies below it.
 // Errors   what the store remembers and the definitions no longer allow is left out, with a text
-//          for the log; the record stays in the store, for the definitions may come back.
+//          for the log; the record stays in the store, for the definitions may come back. Until
+//          then, or until the variable is changed: what somebody wants now ends what was left out.
 // Threads  one.
 // Owns     the definitions and the state. Variables do not move while the model lives.
 //
@@ -24,6 +25,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "appconfig/core/config_var.h"
@@ -59,12 +61,23 @@ class Variable {
   // The newest of the three.
   std::uint64_t changedAt() const;
 
+  // Whether the store keeps a value, or options or a default index, that were left out. A change of
+  // the variable has to make the store forget them, or a later start could bring them back.
+  bool hasLeftOutValue() const { return stored_ && stored_->leftOut.value; }
+  bool hasLeftOutOptions() const { return stored_ && stored_->leftOut.options; }
+
  private:
   friend class Model;
 
+  // As the store remembers it, without what was left out.
+  struct Usable : StoredVariable {
+    explicit Usable(StoredVariable stored) : StoredVariable(std::move(stored)) {}
+    StoreChange::Forgotten leftOut{};
+  };
+
   const VariableDefinition* definition_;
   // Null as long as nothing was ever changed.
-  std::unique_ptr<StoredVariable> stored_;
+  std::unique_ptr<Usable> stored_;
 };
 
 class Model {

@@ -38,6 +38,13 @@ struct Applier {
   }
 };
 
+void forget(const StoreChange::Forgotten& parts, StoredVariable& variable) {
+  if (parts.value) variable.value.reset();
+  if (!parts.options) return;
+  variable.options.reset();
+  variable.defaultIndex.reset();
+}
+
 bool sameKey(const ConfigVar& a, const ConfigVar& b) {
   const std::less<ConfigVar> less;
   return !less(a, b) && !less(b, a);
@@ -53,6 +60,7 @@ bool operator==(const StoredVariable& a, const StoredVariable& b) {
 }
 
 void applyChange(const StoreChange& change, std::uint64_t revision, StoredVariable* variable) {
+  forget(change.forgotten, *variable);
   std::visit(Applier{revision, variable}, change.what);
 }
 

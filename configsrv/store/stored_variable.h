@@ -58,8 +58,16 @@ struct StoreChange {
   };
   struct ResetAttributes {};  // Options, default index and both roles; the value stays.
 
+  // Parts that are removed before anything is set, and are not marked as changed: those that were
+  // stored and not in use, which nobody misses.
+  struct Forgotten {
+    bool value = false;
+    bool options = false;  // And the default index.
+  };
+
   ConfigVar key;
   std::variant<SetValue, ResetValue, SetOptions, SetAccess, ResetAttributes> what;
+  Forgotten forgotten{};
 };
 
 // Changes that become durable together, under one revision: all of them or none.

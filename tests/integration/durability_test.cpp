@@ -3,6 +3,9 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "configsrv/store/internal/store_format.h"
 #include "configsrv/store/store.h"
@@ -29,10 +32,37 @@ class DurabilityTest : public IntegrationTest {
   std::uintmax_t logBytes() const {
     return std::filesystem::file_size(service_.storeFile() + "-wal");
   }
+  // Sets the options of net.mode.
+  Outcome setMode(const std::vector<std::string>& options, std::optional<unsigned> index = {}) {
+    auto request = aboutMode<ConfigIF::SetAttributeOptionsReq>();
+    for (const std::string& option : options) request.add_options(option);
+    if (index) request.set_default_index(*index);
+    ConfigIF::SetAttributeOptionsRsp response;
+    return client_.request(request, &response);
+  }
+  std::vector<std::string> mode() {
+    ConfigIF::GetAttributeOptionsRsp response;
+    const auto request = aboutMode<ConfigIF::GetAttributeOptionsReq>();
+    EXPECT_TRUE(client_.request(request, &response).ok());
+    return {response.options().begin(), response.options().end()};
+  }
+  static std::string modeDefined(const std::string& options, const std::string& value) {
+    return "[variable.\"net.mode\"]\ntype = \"enumeration\"\noptions = " + options +
+           "\ndefault = \"" + value + "\"\n";
+  }
   void restartWith(const std::string& definitions) {
     ASSERT_EQ(service_.terminate(), 0);
     service_.redefine(definitions);
     service_.start();
+  }
+
+ private:
+  template <typename Request>
+  static Request aboutMode() {
+    Request request;
+    request.mutable_inst()->add_path()->set_name("net");
+    request.mutable_inst()->add_path()->set_name("mode");
+    return request;
   }
 };
 
@@ -86,6 +116,34 @@ TEST_F(DurabilityTest, AVariableOfAnotherTypeKeepsItsValueForTheDayItsTypeComesB
   EXPECT_THAT(service_.log(), HasSubstr("net.name: the stored value is not used"));
   restartWith(kDefinitions);
   EXPECT_THAT(client_.read("net.name").values, ElementsAre("kept"));
+}
+
+TEST_F(DurabilityTest, AVariableWhoseDefaultMovedOutOfItsOptionsHasTheNewDefaultAndItsOptions) {
+  ASSERT_TRUE(setMode({"auto", "eco"}).ok());
+  restartWith(modeDefined(R"(["off", "on"])", "off"));
+  EXPECT_THAT(client_.read("net.mode").values, ElementsAre("off"));
+  EXPECT_THAT(mode(), ElementsAre("off", "on"));
+  EXPECT_THAT(service_.log(), HasSubstr("net.mode: the stored option list is not used"));
+  EXPECT_EQ(client_.write("net.mode", "eco").error, CommonIF::ERROR_INVALID_VALUE);
+  restartWith(kDefinitions);
+  EXPECT_THAT(mode(), ElementsAre("auto", "eco"));
+}
+
+TEST_F(DurabilityTest, OptionsThatAreSetUnderNewDefinitionsAreThereAfterTheNextStart) {
+  ASSERT_TRUE(setMode({"auto", "eco", "boost"}, 2).ok());
+  restartWith(modeDefined(R"(["off", "on"])", "off"));
+  ASSERT_TRUE(setMode({"off", "dim"}).ok());
+  service_.kill();
+  service_.start();
+  EXPECT_THAT(mode(), ElementsAre("off", "dim"));
+}
+
+TEST_F(DurabilityTest, AValueThatWasNotUsedDoesNotReturnOnceTheDefaultWasWrittenOverIt) {
+  ASSERT_TRUE(client_.write("net.mode", "manual").ok());
+  restartWith(modeDefined(R"(["auto", "on"])", "auto"));
+  ASSERT_TRUE(client_.write("net.mode", "auto").ok());
+  restartWith(kDefinitions);
+  EXPECT_THAT(client_.read("net.mode").values, ElementsAre("auto"));
 }
 
 TEST(UpgradeTest, AStoreOfFormat1IsServed) {

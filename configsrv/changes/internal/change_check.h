@@ -16,7 +16,7 @@ namespace ConfigSrv {
 // Success, or why the variable as it stands cannot be changed so.
 ChangeOutcome checkChange(const Variable& variable, const ChangeRequest& request);
 
-// Whether the variable is like that already.
+// Whether the variable is like that already, and would be after the next start, too.
 bool changesNothing(const Variable& variable, const StoreChange& change);
 
 // Whether it is the value that changes: only then have providers a say.
@@ -25,7 +25,9 @@ bool changesValue(const StoreChange& change);
 // The value that the variable would have.
 std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change);
 
-// As the store should remember it: a value that is the default is no difference to remember.
+// As the store should remember it: a value that is the default is no difference to remember; options
+// keep the default index that was theirs, whatever definitions come; and what was left out of the
+// variable goes, so that what is acknowledged here is what the next start finds.
 StoreChange asStored(const Variable& variable, StoreChange change);
 
 // Bytes of what the change carries.

@@ -806,6 +806,106 @@ TEST_F(ChangesTest, ResetAttributesGoBackToTheDefinitionAndAreTold) {
   EXPECT_TRUE(submit(writer(), {keyOf("net.mode"), StoreChange::ResetAttributes{}})->unchanged());
 }
 
+// --- What the store remembers and the definitions do not allow ---
+
+// What a service that starts from what was stored, and from what is being committed, has.
+class LeftOutTest : public ChangesTest {
+ protected:
+  void startWith(StoredVariable stored) {
+    stored_ = std::make_unique<StoredVariable>(std::move(stored));
+    model_.restore({*stored_}, 1);
+  }
+  const Variable& afterRestart(const std::string& key) {
+    for (const StoreChange& change : host_.commits.front().first)
+      applyChange(change, 101, stored_.get());
+    host_.finishCommit();
+    restarted_ = std::make_unique<Model>(definitions());
+    restarted_->restore({*stored_}, 101);
+    return *restarted_->find(keyOf(key));
+  }
+  static StoredVariable modeWith(std::vector<std::string> options, std::uint32_t index) {
+    StoredVariable stored(keyOf("net.mode"));
+    stored.options = std::move(options);
+    stored.defaultIndex = index;
+    return stored;
+  }
+
+ private:
+  std::unique_ptr<StoredVariable> stored_;
+  std::unique_ptr<Model> restarted_;
+};
+
+TEST_F(LeftOutTest, OptionsThatAreSetAreNotLostToAnIndexThatWasLeftOut) {
+  startWith(modeWith({"x", "y", "z"}, 2));
+  submit(writer(), {keyOf("net.mode"), StoreChange::SetOptions{{{"auto", "off"}}, {}}});
+  const Variable& mode = afterRestart("net.mode");
+  EXPECT_THAT(mode.options(), ElementsAre("auto", "off"));
+  EXPECT_EQ(mode.defaultIndex(), 0u);
+}
+
+TEST_F(LeftOutTest, AnIndexThatIsSetIsNotLostToOptionsThatWereLeftOut) {
+  startWith(modeWith({"x", "y", "z"}, 2));
+  submit(writer(), {keyOf("net.mode"), StoreChange::SetOptions{{}, 1}});
+  const Variable& mode = afterRestart("net.mode");
+  EXPECT_THAT(mode.options(), ElementsAre("auto", "manual"));
+  EXPECT_EQ(mode.defaultIndex(), 1u);
+}
+
+TEST_F(LeftOutTest, AValueThatWasLeftOutDoesNotComeBackWithOptionsThatAllowIt) {
+  StoredVariable stored(keyOf("net.mode"));
+  stored.value = {"off"};
+  startWith(std::move(stored));
+  submit(writer(), {keyOf("net.mode"), StoreChange::SetOptions{{{"auto", "off"}}, 0}});
+  EXPECT_EQ(afterRestart("net.mode").value(), (std::list<std::string>{"auto"}));
+}
+
+TEST_F(LeftOutTest, OptionsThatWereLeftOutDoNotComeBackWithAValueThatIsOneOfThem) {
+  startWith(modeWith({"manual", "off"}, 0));
+  write("net.mode", "manual");
+  const Variable& mode = afterRestart("net.mode");
+  EXPECT_THAT(mode.options(), ElementsAre("auto", "manual"));
+  EXPECT_EQ(mode.value(), (std::list<std::string>{"manual"}));
+}
+
+TEST_F(LeftOutTest, TheDefaultIsWrittenOverAValueThatWasLeftOut) {
+  StoredVariable stored(keyOf("net.mtu"));
+  stored.value = {"70000"};
+  startWith(std::move(stored));
+  const Changed attempt = write("net.mtu", "1500");
+  EXPECT_FALSE(afterRestart("net.mtu").hasLeftOutValue());
+  EXPECT_EQ(attempt->error(), eErrNone);
+  EXPECT_TRUE(write("net.mtu", "1500")->unchanged());
+}
+
+TEST_F(LeftOutTest, AResetEndsAValueThatWasLeftOut) {
+  StoredVariable stored(keyOf("net.mtu"));
+  stored.value = {"70000"};
+  startWith(std::move(stored));
+  submit(writer(), {keyOf("net.mtu"), StoreChange::ResetValue{}});
+  EXPECT_FALSE(afterRestart("net.mtu").hasLeftOutValue());
+}
+
+TEST_F(LeftOutTest, ResetAttributesEndOptionsThatWereLeftOut) {
+  startWith(modeWith({"x", "y", "z"}, 2));
+  submit(writer(), {keyOf("net.mode"), StoreChange::ResetAttributes{}});
+  EXPECT_FALSE(afterRestart("net.mode").hasLeftOutOptions());
+  EXPECT_TRUE(submit(writer(), {keyOf("net.mode"), StoreChange::ResetAttributes{}})->unchanged());
+}
+
+TEST_F(LeftOutTest, AChangeOfRolesLeavesWhatWasLeftOutForTheDefinitionsToComeBack) {
+  startWith(modeWith({"x", "y", "z"}, 2));
+  submit(writer(eRoleInstaller), {keyOf("net.mode"), StoreChange::SetAccess{{}, eRoleInstaller}});
+  EXPECT_TRUE(afterRestart("net.mode").hasLeftOutOptions());
+}
+
+// Definitions may move their own index later.
+TEST_F(LeftOutTest, OptionsAreStoredWithTheDefaultIndexThatWasTheirs) {
+  startWith(StoredVariable(keyOf("net.mode")));
+  submit(writer(), {keyOf("net.mode"), StoreChange::SetOptions{{{"auto"}}, {}}});
+  const StoreChange stored = host_.commits.front().first.front();
+  EXPECT_EQ(std::get<StoreChange::SetOptions>(stored.what).defaultIndex, 0u);
+}
+
 // --- Stopping ---
 
 TEST_F(ChangesTest, AStopFailsWhatWaitsAndLetsCommitsEnd) {

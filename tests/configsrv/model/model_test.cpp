@@ -201,6 +201,59 @@ TEST_F(ModelTest, StoredOptionsThatNoLongerFitAreLeftOutWithTheValueThatNeedsThe
   EXPECT_TRUE(variable("net.mode").isDefault());
 }
 
+// A new default came with new definitions, and the options were set before.
+TEST_F(ModelTest, StoredOptionsWithoutTheDefaultAreLeftOutWhenNoValueIsStored) {
+  StoredVariable stored(keyOf("net.mode"));
+  stored.options = {"manual", "off"};
+  EXPECT_THAT(model_.restore({stored}, 1),
+              ElementsAre("net.mode: the stored option list is not used: the default is none of "
+                          "the options"));
+  EXPECT_THAT(variable("net.mode").options(), ElementsAre("auto", "manual"));
+  EXPECT_EQ(variable("net.mode").value(), (std::list<std::string>{"auto"}));
+}
+
+TEST_F(ModelTest, StoredOptionsWithoutTheDefaultStayWithAStoredValueThatIsOneOfThem) {
+  StoredVariable stored(keyOf("net.mode"));
+  stored.options = {"manual", "off"};
+  stored.value = {"off"};
+  EXPECT_THAT(model_.restore({stored}, 1), IsEmpty());
+  EXPECT_THAT(variable("net.mode").options(), ElementsAre("manual", "off"));
+  EXPECT_EQ(variable("net.mode").value(), (std::list<std::string>{"off"}));
+}
+
+TEST_F(ModelTest, StoredOptionsGoWithAStoredValueThatIsNoneOfThemWhenNeitherIsTheDefault) {
+  StoredVariable stored(keyOf("net.mode"));
+  stored.options = {"off"};
+  stored.value = {"manual"};
+  EXPECT_THAT(model_.restore({stored}, 1), ElementsAre(HasSubstr("option list")));
+  EXPECT_THAT(variable("net.mode").options(), ElementsAre("auto", "manual"));
+  EXPECT_EQ(variable("net.mode").value(), (std::list<std::string>{"manual"}));
+}
+
+TEST_F(ModelTest, StoredOptionsThatTheDefinitionsIndexIsPastAreLeftOut) {
+  Model model(
+      Definitions({defined("net.mode").withDefault({"b"}).withOptions({"a", "b", "c"}, 2)}));
+  StoredVariable stored(keyOf("net.mode"));
+  stored.options = {"a", "b"};
+  EXPECT_THAT(model.restore({stored}, 1), ElementsAre(HasSubstr("index is past the options")));
+  EXPECT_EQ(model.find(keyOf("net.mode"))->options().size(), 3u);
+}
+
+TEST_F(ModelTest, WhatWasLeftOutIsKnownUntilAChangeMakesTheStoreForgetIt) {
+  StoredVariable stored(keyOf("net.mode"));
+  stored.options = {"off"};
+  stored.value = {"other"};
+  model_.restore({stored}, 1);
+  EXPECT_TRUE(variable("net.mode").hasLeftOutOptions());
+  EXPECT_TRUE(variable("net.mode").hasLeftOutValue());
+  model_.apply({keyOf("net.mode"), StoreChange::SetAccess{eRoleUser, {}}}, 2);
+  EXPECT_TRUE(variable("net.mode").hasLeftOutOptions());
+  model_.apply({keyOf("net.mode"), StoreChange::SetValue{{"manual"}}, {true, true}}, 3);
+  EXPECT_FALSE(variable("net.mode").hasLeftOutOptions());
+  EXPECT_FALSE(variable("net.mode").hasLeftOutValue());
+  EXPECT_FALSE(variable("net.mtu").hasLeftOutValue());
+}
+
 TEST_F(ModelTest, AStoredNumberThatIsNoRoleIsLeftOut) {
   StoredVariable stored(keyOf("net.mode"));
   stored.readRole = 17;

@@ -72,6 +72,17 @@ TEST(StoredVariableTest, ResetAttributesLeaveTheValue) {
   EXPECT_EQ(after(StoreChange::ResetAttributes{}), expected);
 }
 
+TEST(StoredVariableTest, WhatIsForgottenGoesBeforeAnythingIsSetAndIsNotMarkedAsChanged) {
+  StoredVariable expected = full();
+  expected.value.reset();
+  expected.options.reset();
+  expected.defaultIndex = 0;
+  expected.optionsChangedAt = 9;
+  StoredVariable variable = full();
+  applyChange({kKey, StoreChange::SetOptions{{}, 0}, {true, true}}, 9, &variable);
+  EXPECT_EQ(variable, expected);
+}
+
 TEST(StoredVariableTest, AbsentAndEmptyAreNotEqual) {
   StoredVariable absent(kKey);
   StoredVariable empty(kKey);
