@@ -234,7 +234,8 @@ void addServer(Seeds& seeds) {
        act(0, 0) + act(2, 0) + piece(hello.substr(0, 10)) + act(2, 0) + piece(hello.substr(10)) +
            act(2, 0) + piece(frame(FrameKind::Request, 0x1A0110, 1, "abc").substr(0, 25)),
        sends(3, 3, 1) + act(0, 3) + sends(3, 3, 1) + act(0, 2) + act(6, 2)});
-  const std::string response = frame(FrameKind::Response, 0x1A0111, 1, "\x0a\x00");
+  const std::string response =
+      frame(FrameKind::Response, 0x1A0111, 1, std::string("\x0a\x00", 2));  // An empty result.
   const auto pieces = [](const std::string& bytes, std::size_t size) {
     std::string cut;
     for (std::size_t at = 0; at < bytes.size(); at += size) {
@@ -319,6 +320,8 @@ void addTexts(Seeds& seeds) {
                          "\"factory\"\n[groups]\nnet = \"service\"\n",
                          "default = 3\n[users]\nnobody-here = \"user\"\nui = \"king\"\n[other]\n",
                          "[groups]\n4294967296 = \"user\"\n"});
+  // Each is one text in several lines of source.
+  // NOLINTBEGIN(bugprone-suspicious-missing-comma)
   seeds.addAll(
       "definitions",
       {"[variable.\"net.mtu\"]\ntype = \"int\"\nmin = 68\nmax = 9000\ndefault = 1500\n",
@@ -332,6 +335,7 @@ void addTexts(Seeds& seeds) {
        "\"abc\"\nread-only = true\n",
        "[variable.\"a.l\"]\ntype = \"list\"\nmax-elements = 3\ndefault = [\"a\", \"b\"]\ninstances "
        "= [1, 5]\n"});
+  // NOLINTEND(bugprone-suspicious-missing-comma)
   seeds.addAll(
       "import",
       {"\"net.mtu\" = 1500\n\"net.dns\" = [\"a\", \"b\"]\n[net]\nname = \"x\"\n\"on\" = true\n",

@@ -87,12 +87,15 @@ void receiveAll(PbUtility::Stream& stream) {
 
 }  // namespace
 
+// The names are the linker's, for what --wrap=recv replaces.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" ssize_t __real_recv(int fd, void* buffer, std::size_t size, int flags);
 
 extern "C" ssize_t __wrap_recv(int fd, void* buffer, std::size_t size, int flags);
 extern "C" ssize_t __wrap_recv(int fd, void* buffer, std::size_t size, int flags) {
   return source == nullptr ? __real_recv(fd, buffer, size, flags) : give(buffer, size);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Listening listening;

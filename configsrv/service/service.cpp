@@ -106,9 +106,10 @@ void warnOfDistrusted(const std::string& directory, const Log& log) {
   std::sort(paths.begin(), paths.end());
   for (const std::string& path : paths) {
     const std::string why = whyNotTrustedAt(path);
-    if (!why.empty())
-      log.warning(path + ": this definition " + why +
-                  ", who can thereby change who may do what: make it root's alone");
+    if (why.empty()) continue;
+    std::string line = path;
+    line.append(": this definition ").append(why);
+    log.warning(line.append(", who can thereby change who may do what: make it root's alone"));
   }
 }
 

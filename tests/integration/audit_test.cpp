@@ -14,7 +14,6 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
 std::vector<std::string> linesOf(const std::string& path) {

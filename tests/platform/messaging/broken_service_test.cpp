@@ -388,6 +388,9 @@ class DescriptorLimit {
 };
 
 TEST_F(NoServiceTest, AnEndpointMadeWithoutADescriptorToSpareFailsItsCallsAndRecovers) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer opens pipes to look at objects, and takes none for a fault";
+#endif
   TestSupport::Serving serving(dir_.path());
   std::unique_ptr<Endpoint> endpoint;
   {
