@@ -67,7 +67,7 @@ class InstallTest(unittest.TestCase):
         cls.prefix = os.path.join(cls.directory, "moved", "there")
         shutil.copytree(installed, cls.prefix, symlinks=True)
         shutil.rmtree(installed)
-        cls.library_dir = os.path.dirname(find_one(cls.prefix, "libappconfig.so"))
+        cls.so_dir = os.path.dirname(find_one(cls.prefix, "libappconfig.so"))
 
     def setUp(self):
         directory = tempfile.TemporaryDirectory(dir=self.directory)
@@ -102,19 +102,19 @@ class InstallTest(unittest.TestCase):
                      f"-DWANTED_VERSION={MINOR_VERSION}", *arguments, code=code)
         return build, output
 
-    def pkg_config(self, library_dir, *arguments):
-        environment = {**os.environ, "PKG_CONFIG_PATH": os.path.join(library_dir, "pkgconfig")}
+    def pkg_config(self, so_dir, *arguments):
+        environment = {**os.environ, "PKG_CONFIG_PATH": os.path.join(so_dir, "pkgconfig")}
         return run("pkg-config", *arguments, "appconfig", env=environment).split()
 
-    def build_with_pkg_config(self, library_dir):
+    def build_with_pkg_config(self, so_dir):
         program = os.path.join(self.place, "told")
-        flags = self.pkg_config(library_dir, "--cflags", "--libs")
+        flags = self.pkg_config(so_dir, "--cflags", "--libs")
         run(CXX, "-std=c++17", *CXX_FLAGS.split(), "-o", program,
             os.path.join(HERE, "with_pkg_config", "told.cpp"), *flags, "-pthread")
         return program
 
-    def expect_to_be_told(self, program, library_dir):
-        told = subprocess.Popen([program], env={**self.environment, "LD_LIBRARY_PATH": library_dir},
+    def expect_to_be_told(self, program, so_dir):
+        told = subprocess.Popen([program], env={**self.environment, "LD_LIBRARY_PATH": so_dir},
                                 stdout=subprocess.PIPE, text=True)
         self.addCleanup(self.stop, told)
         self.assertEqual("ready\n", told.stdout.readline())
@@ -137,22 +137,22 @@ class InstallTest(unittest.TestCase):
         self.assertIn("0.99", output)
 
     def test_a_program_finds_it_by_pkg_config_and_is_told_of_a_change(self):
-        program = self.build_with_pkg_config(self.library_dir)
+        program = self.build_with_pkg_config(self.so_dir)
         self.start_service()
-        self.expect_to_be_told(program, self.library_dir)
+        self.expect_to_be_told(program, self.so_dir)
 
     def test_below_a_destdir_it_is_whole_as_well(self):
         root = os.path.join(self.place, "root")
         run(CMAKE, "--install", BUILD_DIR, env={**os.environ, "DESTDIR": root})
         self.assertEqual(files_below(self.prefix), files_below(root + INSTALL_PREFIX))
-        library_dir = os.path.dirname(find_one(root, "libappconfig.so"))
-        program = self.build_with_pkg_config(library_dir)
+        so_dir = os.path.dirname(find_one(root, "libappconfig.so"))
+        program = self.build_with_pkg_config(so_dir)
         self.start_service()
-        self.expect_to_be_told(program, library_dir)
+        self.expect_to_be_told(program, so_dir)
 
     def test_pkg_config_knows_the_version_and_where_it_is_now(self):
-        self.assertEqual([VERSION], self.pkg_config(self.library_dir, "--modversion"))
-        for word in self.pkg_config(self.library_dir, "--variable=includedir"):
+        self.assertEqual([VERSION], self.pkg_config(self.so_dir, "--modversion"))
+        for word in self.pkg_config(self.so_dir, "--variable=includedir"):
             self.assertEqual(os.path.join(self.prefix, "include", "appconfig-1"), os.path.realpath(word))
 
     def test_no_file_knows_where_it_was_made(self):
