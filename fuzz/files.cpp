@@ -2,7 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 #include "fuzz/input.h"
 
@@ -17,7 +17,9 @@ void Files::write(const std::string& name, std::string_view bytes) const {
 
 std::string Files::read(const std::string& name) const {
   std::ifstream file(path(name), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream bytes;
+  bytes << file.rdbuf();
+  return bytes.str();
 }
 
 void Files::clear() const {

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace Fuzz {
 
@@ -9,8 +10,7 @@ void require(bool holds, const char* promise) { require(holds, promise, {}); }
 
 void require(bool holds, const char* promise, std::string_view details) {
   if (holds) return;
-  std::fprintf(stderr, "BROKEN PROMISE: %s: %.*s\n", promise, static_cast<int>(details.size()),
-               details.data());
+  std::fprintf(stderr, "BROKEN PROMISE: %s: %s\n", promise, std::string(details).c_str());
   std::abort();
 }
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,7 +33,9 @@ bool replay(const fs::path& path) {
     std::fprintf(stderr, "cannot read %s\n", path.c_str());
     return false;
   }
-  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream content;
+  content << file.rdbuf();
+  const std::string bytes = content.str();
   // Told before it runs, so that the last line names the input of a crash.
   std::printf("%s\n", path.c_str());
   std::fflush(stdout);
