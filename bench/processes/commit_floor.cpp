@@ -8,7 +8,7 @@ namespace {
 // The columns that the store writes for one variable, without meaning.
 const char kSchema[] =
     "PRAGMA page_size=4096; PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL;"
-    "PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=1000; PRAGMA journal_size_limit=4096000;"
+    "PRAGMA synchronous=FULL; PRAGMA wal_autocheckpoint=1000; PRAGMA journal_size_limit=4152960;"
     "CREATE TABLE variable (namespace INTEGER NOT NULL, group_name BLOB NOT NULL, "
     "group_instance INTEGER NOT NULL, name BLOB NOT NULL, name_instance INTEGER NOT NULL, "
     "value BLOB, changed_at INTEGER NOT NULL, "

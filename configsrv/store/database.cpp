@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <system_error>
@@ -21,6 +22,15 @@ int lastErrno(sqlite3_file* file) {
   if (file == nullptr || file->pMethods == nullptr) return 0;  // Not open.
   file->pMethods->xFileControl(file, SQLITE_FCNTL_LAST_ERRNO, &error);
   return error;
+}
+
+// Null while there is none.
+sqlite3_file* logFile(sqlite3* handle) {
+  sqlite3_file* file = nullptr;
+  if (sqlite3_file_control(handle, "main", SQLITE_FCNTL_JOURNAL_POINTER, &file) != SQLITE_OK) {
+    return nullptr;
+  }
+  return file != nullptr && file->pMethods != nullptr ? file : nullptr;
 }
 
 // Why a write failed. sqlite3_system_errno is not told by every failing statement, so the two files
@@ -155,6 +165,26 @@ std::uint64_t Database::takePagesWritten() {
   constexpr int kStartAnew = 1;
   sqlite3_db_status(handle(), SQLITE_DBSTATUS_CACHE_WRITE, &pages, &unused, kStartAnew);
   return static_cast<std::uint64_t>(pages);
+}
+
+std::uint64_t Database::logBytes() const {
+  sqlite3_file* log = logFile(handle());
+  sqlite3_int64 bytes = 0;
+  if (log == nullptr || log->pMethods->xFileSize(log, &bytes) != SQLITE_OK || bytes < 0) return 0;
+  return static_cast<std::uint64_t>(bytes);
+}
+
+bool Database::extendLog(std::uint64_t from, std::uint64_t to) const {
+  constexpr std::uint64_t kPieceBytes = std::uint64_t{32} * 1024;
+  sqlite3_file* log = logFile(handle());
+  if (log == nullptr || from >= to) return false;
+  const std::string zeros(std::min(kPieceBytes, to - from), '\0');
+  for (std::uint64_t at = from; at < to; at += zeros.size()) {
+    const auto bytes = static_cast<int>(std::min<std::uint64_t>(zeros.size(), to - at));
+    const auto offset = static_cast<sqlite3_int64>(at);
+    if (log->pMethods->xWrite(log, zeros.data(), bytes, offset) != SQLITE_OK) return false;
+  }
+  return true;
 }
 
 void Database::keepLogOnClose(bool keep) {

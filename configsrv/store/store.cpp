@@ -14,9 +14,6 @@
 namespace ConfigSrv {
 namespace {
 
-// A page and its header.
-constexpr std::uint64_t kLogFrameBytes = 4096 + 24;
-
 bool changeNothing(const std::vector<StoreTransaction>& transactions) {
   return std::all_of(transactions.begin(), transactions.end(),
                      [](const StoreTransaction& transaction) { return transaction.empty(); });
@@ -43,11 +40,12 @@ const char* storeCodeName(StoreCode code) {
 }
 
 Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
-                  std::uint64_t revision, std::uint64_t snapshotRevision,
+                  int logPages, std::uint64_t revision, std::uint64_t snapshotRevision,
                   Clock::duration snapshotEvery)
     : files_(std::move(files)),
       lock_(std::move(lock)),
       database_(std::move(database)),
+      logReserve_(database_, logPages),
       table_(database_),
       begin_(database_, "BEGIN IMMEDIATE"),
       commit_(database_, "COMMIT"),
@@ -74,6 +72,7 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
     result.revisions.assign(transactions.size(), revision_);
     return result;
   }
+  bytes_.fetch_add(logReserve_.prepare(), std::memory_order_relaxed);
   result.status = writeAll(transactions, &result.revisions);
   if (result.status.ok()) {
     revision_ = result.revisions.back();
@@ -130,6 +129,7 @@ void Store::Impl::rollBack() {
 
 void Store::Impl::countWrite() {
   const std::uint64_t pages = database_.takePagesWritten();
+  logReserve_.used(pages * kLogFrameBytes);
   writes_.fetch_add(1, std::memory_order_relaxed);
   bytes_.fetch_add(pages * kLogFrameBytes, std::memory_order_relaxed);
 }
@@ -186,7 +186,7 @@ OpenedStore Store::open(const StoreOptions& options) {
   if (!opened.status.ok()) return opened;
   StoreContents& contents = opening.contents();
   auto impl = std::make_unique<Impl>(opening.files(), opening.takeLock(), opening.takeDatabase(),
-                                     contents.storeId, contents.revision,
+                                     contents.storeId, options.logPages, contents.revision,
                                      opening.snapshotRevision(), options.snapshotEvery);
   if (!impl->isReady()) {
     opened.status = impl->database().lastFailure("prepare");

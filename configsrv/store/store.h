@@ -49,7 +49,8 @@ struct StoreOptions {
   FileSystem* fileSystem = nullptr;
   // The size that the file may grow to; beyond it commits fail with kDiskFull.
   std::uint64_t maxBytes = std::uint64_t{64} << 20;
-  // The log is copied into the file once it has this many pages, and never kept larger than that.
+  // The log is copied into the file once it has this many pages, and never kept larger than these
+  // and a few.
   static constexpr int kLogPages = 1000;
   int logPages = kLogPages;
   // The commit that finds the last snapshot, or the opening, this long ago takes one.
@@ -60,8 +61,8 @@ struct StoreOptions {
 
 // What the store did since it was opened.
 struct StoreCounters {
-  // Times that something was committed to the disk, and what that added to the log. Transactions
-  // that came together share one. What the log takes, the file takes once more at most.
+  // Times that something was committed to the disk, and what that wrote to the log, what was
+  // reserved there included. Transactions that came together share one. What the log takes, the file takes once more at most.
   std::uint64_t writes = 0;
   std::uint64_t bytes = 0;
   std::uint64_t snapshots = 0;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "configsrv/store/internal/log_reserve.h"
 #include "configsrv/store/internal/log_scan.h"
 
 namespace ConfigSrv {
@@ -176,7 +177,7 @@ bool StoreOpening::useLog() {
     return false;
   }
   const std::uint64_t maxPages = options_.maxBytes / static_cast<std::uint64_t>(pageBytes);
-  const std::int64_t logBytes = pageBytes * options_.logPages;
+  const std::uint64_t logBytes = logLimitBytes(options_.logPages);
   return database_->run("PRAGMA synchronous=FULL") && database_->run("PRAGMA temp_store=MEMORY") &&
          database_->run("PRAGMA cell_size_check=ON") &&
          database_->run("PRAGMA wal_autocheckpoint=" + std::to_string(options_.logPages)) &&

@@ -68,7 +68,8 @@ class DurabilityTest : public IntegrationTest {
 
 TEST_F(DurabilityTest, AFullDiskFailsTheWriteAndReadsGoOnUntilThereIsSpaceAgain) {
   ASSERT_TRUE(client_.write("net.name", "before").ok());
-  limitFiles(logBytes());
+  // Not the log's length: some of that is reserved, and would take a few commits more.
+  limitFiles(4096);
   for (int i = 0; i < 3; ++i) {
     const Outcome full = client_.write("net.name", "during");
     EXPECT_FALSE(full.ok());

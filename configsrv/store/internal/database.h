@@ -47,6 +47,12 @@ class Database {
   // Pages written to the log, or the file, since the last call.
   std::uint64_t takePagesWritten();
 
+  // The size of the log's file.
+  std::uint64_t logBytes() const;
+  // Fills the log's file with zeros from one offset to the other, without flushing; false when that
+  // failed.
+  bool extendLog(std::uint64_t from, std::uint64_t to) const;
+
   // Leaves the log beside the file when closing, instead of copying it into the file.
   void keepLogOnClose(bool keep);
 

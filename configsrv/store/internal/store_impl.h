@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "configsrv/store/internal/database.h"
+#include "configsrv/store/internal/log_reserve.h"
 #include "configsrv/store/internal/store_contents.h"
 #include "configsrv/store/internal/store_files.h"
 #include "configsrv/store/store.h"
@@ -16,7 +17,7 @@ namespace ConfigSrv {
 
 class Store::Impl {
  public:
-  Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
+  Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId, int logPages,
        std::uint64_t revision, std::uint64_t snapshotRevision,
        std::chrono::steady_clock::duration snapshotEvery);
 
@@ -47,6 +48,7 @@ class Store::Impl {
   const StoreFiles files_;
   const FileLock lock_;  // Outlives the connection: nobody may come in before the file is closed.
   Database database_;
+  LogReserve logReserve_;
   VariableTable table_;
   Statement begin_;
   Statement commit_;
