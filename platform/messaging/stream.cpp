@@ -1,11 +1,14 @@
 #include "platform/messaging/internal/stream.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 namespace PbUtility {
 namespace {
@@ -19,19 +22,22 @@ constexpr std::size_t kKeptBufferBytes = std::size_t{256} * 1024;
 // A time-out may be this part longer than asked for before it is set anew.
 constexpr int kTimeoutSlackParts = 16;
 
+// Rounded up: a call ends at its deadline, never before it. Zero when that has passed.
+milliseconds timeLeft(Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
+  return std::max(left, milliseconds(0));
+}
+
 }  // namespace
 
-bool Stream::armTimeout(Direction direction, Clock::time_point deadline) {
-  // Rounded up: a call ends at its deadline, never before it.
-  const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-  if (left.count() <= 0) return false;
-  milliseconds& armed = armed_[static_cast<int>(direction)];
-  if (armed >= left && armed - left <= armed / kTimeoutSlackParts) return true;
+bool Stream::armSendTimeout(Clock::time_point deadline) {
+  const milliseconds left = timeLeft(deadline);
+  if (left.count() == 0) return false;
+  if (armed_ >= left && armed_ - left <= armed_ / kTimeoutSlackParts) return true;
   const timeval timeout{static_cast<time_t>(left.count() / 1000),
                         static_cast<suseconds_t>(left.count() % 1000 * 1000)};
-  const int option = direction == Direction::Receive ? SO_RCVTIMEO : SO_SNDTIMEO;
-  ::setsockopt(fd_.get(), SOL_SOCKET, option, &timeout, sizeof timeout);
-  armed = left;
+  ::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  armed_ = left;
   return true;
 }
 
@@ -48,14 +54,14 @@ StreamStatus Stream::fail(int error) {
 
 StreamStatus Stream::connect(const std::string& path, Clock::time_point deadline) {
   fd_.make([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
-  armed_[0] = armed_[1] = milliseconds(-1);
+  armed_ = milliseconds(-1);
   if (!fd_) return fail(errno);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
   for (;;) {
     // A full backlog makes connect wait; the sending time-out bounds that wait.
-    if (!armTimeout(Direction::Send, deadline)) return fail(EAGAIN);
+    if (!armSendTimeout(deadline)) return fail(EAGAIN);
     if (::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
       return StreamStatus::Ok;
     }
@@ -70,7 +76,7 @@ StreamStatus Stream::sendAll(const char* data, std::size_t size, Clock::time_poi
                              bool& sentNothing) {
   sentNothing = true;
   while (size > 0) {
-    if (!armTimeout(Direction::Send, deadline)) return fail(EAGAIN);
+    if (!armSendTimeout(deadline)) return fail(EAGAIN);
     const ssize_t sent = ::send(fd_.get(), data, size, MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0) return fail(errno);
@@ -81,12 +87,28 @@ StreamStatus Stream::sendAll(const char* data, std::size_t size, Clock::time_poi
   return StreamStatus::Ok;
 }
 
+// By poll, because a thread that sleeps in recv is woken once more for nothing when the peer reads
+// what was sent to it: the kernel wakes whoever sleeps at the socket, for there is room to write.
+bool Stream::waitForBytes(Clock::time_point deadline) {
+  constexpr milliseconds kLongestPoll(std::numeric_limits<int>::max());
+  const milliseconds left = std::min(timeLeft(deadline), kLongestPoll);
+  pollfd waiting{fd_.get(), POLLIN, 0};
+  if (left.count() == 0) return false;
+  // Whatever ends the wait, the next recv tells what there is.
+  ::poll(&waiting, 1, static_cast<int>(left.count()));
+  return true;
+}
+
 StreamStatus Stream::fill(std::size_t& have, std::size_t wanted, Clock::time_point deadline) {
   if (buffer_.size() < wanted) buffer_.resize(wanted);
   while (have < wanted) {
-    if (!armTimeout(Direction::Receive, deadline)) return fail(EAGAIN);
-    const ssize_t got = ::recv(fd_.get(), buffer_.data() + have, buffer_.size() - have, 0);
+    const ssize_t got =
+        ::recv(fd_.get(), buffer_.data() + have, buffer_.size() - have, MSG_DONTWAIT);
     if (got < 0 && errno == EINTR) continue;
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      if (!waitForBytes(deadline)) return fail(EAGAIN);
+      continue;
+    }
     if (got < 0) return fail(errno);
     if (got == 0) return fail(EPIPE);
     have += static_cast<std::size_t>(got);

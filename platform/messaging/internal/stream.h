@@ -1,8 +1,8 @@
 // Stream: a connected Unix stream socket whose every operation ends by a deadline.
 //
-// The deadline costs nothing while things go well: it stands in the socket's own time-outs
-// (SO_RCVTIMEO, SO_SNDTIMEO; socket(7)), which are set again only when part of it is used up, so a
-// small exchange is one send and one recv.
+// A small exchange is one send and one recv when the answer is quick, with a poll before a recv that
+// has to wait. For sending the deadline costs nothing while things go well: it stands in the socket's
+// own time-out (SO_SNDTIMEO; socket(7)), which is set again only when part of it is used up.
 #pragma once
 
 #include <chrono>
@@ -48,9 +48,10 @@ class Stream {
   std::string_view payload() const { return {buffer_.data() + kFrameHeaderBytes, payloadBytes_}; }
 
  private:
-  enum class Direction { Receive, Send };
   // Makes the socket's own time-out end by the deadline; false when it has passed.
-  bool armTimeout(Direction direction, Clock::time_point deadline);
+  bool armSendTimeout(Clock::time_point deadline);
+  // Waits until there may be something to receive; false when the deadline has passed.
+  bool waitForBytes(Clock::time_point deadline);
   StreamStatus fail(int error);
   // Reads until `wanted` bytes stand in the buffer, and perhaps more.
   StreamStatus fill(std::size_t& have, std::size_t wanted, Clock::time_point deadline);
@@ -59,8 +60,7 @@ class Stream {
   std::string problem_;
   std::string buffer_;
   std::size_t payloadBytes_ = 0;
-  std::chrono::milliseconds armed_[2] = {std::chrono::milliseconds(-1),
-                                         std::chrono::milliseconds(-1)};
+  std::chrono::milliseconds armed_{-1};
 };
 
 }  // namespace PbUtility
