@@ -61,6 +61,11 @@ add_link_options($<$<NOT:$<CONFIG:Debug>>:LINKER:--gc-sections,--as-needed,-z,re
 if(APPCONFIG_SANITIZE)
   add_compile_options(-fsanitize=${APPCONFIG_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${APPCONFIG_SANITIZE})
+  # For the few tests that a sanitizer gets in the way of: compilers do not agree on how to say it.
+  string(TOUPPER "${APPCONFIG_SANITIZE}" sanitizers)
+  string(REPLACE "," ";" sanitizers "${sanitizers}")
+  list(TRANSFORM sanitizers PREPEND APPCONFIG_SANITIZE_)
+  add_compile_definitions(${sanitizers})
 endif()
 
 option(APPCONFIG_FUZZ "Build the programs of fuzz/ as fuzzers, which takes Clang; otherwise they replay their inputs" OFF)

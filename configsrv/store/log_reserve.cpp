@@ -20,12 +20,14 @@ LogReserve::LogReserve(const Database& database, int logPages)
 
 std::uint64_t LogReserve::prepare() {
   if (reserved_ >= limit_ || used_ + kUsualCommitBytes <= reserved_) return 0;
-  const std::uint64_t from = std::max(used_, reserved_);
-  const std::uint64_t more = std::clamp(used_, kSmallestBytes, kLargestBytes);
-  const std::uint64_t to = std::min(from + more, limit_);
+  // A commit that was larger than the reserve has made the file longer itself.
+  reserved_ = std::max(reserved_, database_.logBytes());
+  if (reserved_ >= limit_) return 0;
+  const std::uint64_t more =
+      std::min(std::clamp(used_, kSmallestBytes, kLargestBytes), limit_ - reserved_);
   // What could not be made longer now is not tried again until the next start.
-  reserved_ = database_.extendLog(from, to) ? to : limit_;
-  return to > from ? to - from : 0;
+  reserved_ = database_.extendLog(more) ? reserved_ + more : limit_;
+  return more;
 }
 
 }  // namespace ConfigSrv

@@ -20,7 +20,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/watchdog.h"
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef APPCONFIG_SANITIZE_ADDRESS
 namespace {
 const pid_t firstProcess = ::getpid();
 }
@@ -126,9 +126,9 @@ class ForkTest : public testing::Test {
 };
 
 TEST_F(ForkTest, ChildrenOfABusyProgramDoEverythingAndTheProgramGoesOn) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef APPCONFIG_SANITIZE_ADDRESS
   GTEST_SKIP()
-      << "GCC 12's address sanitizer leaves its allocator locked in a child of busy threads";
+      << "the address sanitizer leaves its allocator locked in a child of busy threads";
 #endif
   std::atomic<bool> stop{false};
   std::vector<std::thread> load;

@@ -21,7 +21,7 @@ using PbUtility::FrameHeader;
 using PbUtility::FrameKind;
 using testing::HasSubstr;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(APPCONFIG_SANITIZE_ADDRESS) || defined(APPCONFIG_SANITIZE_THREAD)
 constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;

@@ -49,9 +49,9 @@ class Database {
 
   // The size of the log's file.
   std::uint64_t logBytes() const;
-  // Fills the log's file with zeros from one offset to the other, without flushing; false when that
-  // failed.
-  bool extendLog(std::uint64_t from, std::uint64_t to) const;
+  // Makes the log's file so much longer, by zeros, without flushing; false when that failed. What is
+  // in the file stays as it is.
+  bool extendLog(std::uint64_t bytes) const;
 
   // Leaves the log beside the file when closing, instead of copying it into the file.
   void keepLogOnClose(bool keep);

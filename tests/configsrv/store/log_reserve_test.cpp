@@ -15,6 +15,15 @@ class LogReserveTest : public StoreFixture {
  protected:
   std::string log() const { return file_ + "-wal"; }
   std::uintmax_t logBytes() const { return std::filesystem::file_size(log()); }
+  // As a kill leaves it: the log with its reserve, and no orderly close.
+  void killAndOpen() {
+    const std::string logAsItIs = readFile(log());
+    const std::string fileAsItIs = readFile(file_);
+    close();
+    writeFile(file_, fileAsItIs);
+    writeFile(log(), logAsItIs);
+    open();
+  }
 };
 
 TEST_F(LogReserveTest, ASmallStoreReservesThirtyTwoKibibytesForItsNextCommits) {
@@ -77,17 +86,34 @@ TEST_F(LogReserveTest, ALogThatEndsInZerosIsReadUpToThere) {
   open();
   set("a", "1");
   set("b", "2");
-  // As a kill leaves it: the log with its reserve, and no orderly close.
-  const std::string kept = readFile(log());
-  const std::string file = readFile(file_);
-  ASSERT_EQ(kept.back(), '\0');
-  close();
-  writeFile(file_, file);
-  writeFile(log(), kept);
-  open();
+  ASSERT_EQ(readFile(log()).back(), '\0');
+  killAndOpen();
   EXPECT_EQ(value("a"), "1");
   EXPECT_EQ(value("b"), "2");
   EXPECT_EQ(notice(), "");
+}
+
+TEST_F(LogReserveTest, CommitsOfAllSizesAreThereAfterAKillWhereverTheReserveEnds) {
+  open();
+  for (std::size_t pages = 0; pages < 40; ++pages) {
+    const std::string value(pages * 4096 + pages * 7, 'x');
+    set("large", value);
+    set("small", std::to_string(pages));
+    killAndOpen();
+    ASSERT_EQ(this->value("large"), value) << pages;
+    ASSERT_EQ(this->value("small"), std::to_string(pages));
+  }
+}
+
+TEST_F(LogReserveTest, ManyCommitsOfDifferentSizesAreThereAfterOneKill) {
+  open();
+  for (std::size_t i = 0; i < 120; ++i) {
+    set("v" + std::to_string(i), std::string(i * 613 % 40000, 'x'));
+  }
+  killAndOpen();
+  for (std::size_t i = 0; i < 120; ++i) {
+    ASSERT_EQ(value("v" + std::to_string(i)).size(), i * 613 % 40000) << i;
+  }
 }
 
 }  // namespace

@@ -388,7 +388,7 @@ class DescriptorLimit {
 };
 
 TEST_F(NoServiceTest, AnEndpointMadeWithoutADescriptorToSpareFailsItsCallsAndRecovers) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef APPCONFIG_SANITIZE_ADDRESS
   GTEST_SKIP() << "the sanitizer opens pipes to look at objects, and takes none for a fault";
 #endif
   TestSupport::Serving serving(dir_.path());
