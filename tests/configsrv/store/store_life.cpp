@@ -92,8 +92,14 @@ StoreLife::StoreLife(FaultyDisk& disk) : disk_(disk) {
   snapshot();
   for (int i = 0; i < 4; ++i) commit({{setting("a", longText(i, 5000)), setting("c", "9")}});
   close();
-  open();
+  open(100);
   commit({{setting("b", "10"), setting("g", "10")}});
+  // More than is reserved, on pages that are full to their ends, and what follows it in the same log.
+  StoreTransaction large;
+  for (int i = 0; i < 40; ++i) large.push_back(setting("m" + std::to_string(i), longText(i, 950)));
+  commit({large});
+  commit({{setting("a", "11")}});
+  commit({{setting("b", "12")}});
 }
 
 bool StoreLife::takeStep() {
@@ -103,10 +109,10 @@ bool StoreLife::takeStep() {
   return status_.ok() && wrong_.empty();
 }
 
-void StoreLife::open() {
-  steps_.emplace_back([this] {
+void StoreLife::open(int logPages) {
+  steps_.emplace_back([this, logPages] {
     StoreOptions options = disk_.options();
-    options.logPages = 12;
+    options.logPages = logPages;
     opened_ = OpenedStore();
     opened_ = Store::open(options);
     if (opened_.status.ok()) wrong_ = ledger_.judge(opened_);

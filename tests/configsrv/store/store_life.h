@@ -70,7 +70,7 @@ class StoreLife {
  private:
   using Step = std::function<StoreStatus()>;
 
-  void open();
+  void open(int logPages = 12);
   void commit(std::vector<StoreTransaction> transactions);
   void snapshot();
   void close();
