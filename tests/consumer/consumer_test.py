@@ -20,10 +20,11 @@ with open(os.path.join(SOURCE_DIR, "VERSION"), encoding="utf-8") as version_file
     VERSION = version_file.read().strip()
 MINOR_VERSION = VERSION.rsplit(".", 1)[0]
 DEFINITION = '[variable."room.target"]\ntype = "int"\ndefault = 20\nmax = 30\n'
-# What applications include; what that brings along is installed as well, and nothing else.
+# What applications and message layers of a device's own include; what that brings along is installed
+# as well, and nothing else.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/registry/registration.h",
            "appconfig/registry/consumer_config_handler.h", "appconfig/registry/provider_config_handler.h",
-           "platform/messaging/endpoint.h")
+           "platform/messaging/endpoint.h", "platform/messaging/msg.h", "platform/messaging/pb_utils.h")
 
 
 def run(*command, code=0, **options):
@@ -106,20 +107,20 @@ class InstallTest(unittest.TestCase):
         environment = {**os.environ, "PKG_CONFIG_PATH": os.path.join(so_dir, "pkgconfig")}
         return run("pkg-config", *arguments, "appconfig", env=environment).split()
 
-    def build_with_pkg_config(self, so_dir):
-        program = os.path.join(self.place, "told")
+    def build_with_pkg_config(self, so_dir, name):
+        program = os.path.join(self.place, name)
         flags = self.pkg_config(so_dir, "--cflags", "--libs")
         run(CXX, "-std=c++17", *CXX_FLAGS.split(), "-o", program,
-            os.path.join(HERE, "with_pkg_config", "told.cpp"), *flags, "-pthread")
+            os.path.join(HERE, "with_pkg_config", f"{name}.cpp"), *flags, "-pthread")
         return program
 
-    def expect_to_be_told(self, program, so_dir):
+    def expect_at_a_change(self, line, program, so_dir):
         told = subprocess.Popen([program], env={**self.environment, "LD_LIBRARY_PATH": so_dir},
                                 stdout=subprocess.PIPE, text=True)
         self.addCleanup(self.stop, told)
         self.assertEqual("ready\n", told.stdout.readline())
         run(self.installed("bin/appcfg"), "set", "room.target", "25", env=self.environment)
-        self.assertEqual(("told: room.target = 25\n", 0), (told.communicate(timeout=DEADLINE)[0], told.returncode))
+        self.assertEqual((line, 0), (told.communicate(timeout=DEADLINE)[0], told.returncode))
 
     def test_the_headers_are_those_of_applications_and_no_others(self):
         headers = os.path.join(self.prefix, "include", "appconfig-1")
@@ -137,18 +138,23 @@ class InstallTest(unittest.TestCase):
         self.assertIn("0.99", output)
 
     def test_a_program_finds_it_by_pkg_config_and_is_told_of_a_change(self):
-        program = self.build_with_pkg_config(self.so_dir)
+        program = self.build_with_pkg_config(self.so_dir, "told")
         self.start_service()
-        self.expect_to_be_told(program, self.so_dir)
+        self.expect_at_a_change("told: room.target = 25\n", program, self.so_dir)
+
+    def test_a_program_takes_messages_by_the_headers_for_a_message_layer_of_its_own(self):
+        program = self.build_with_pkg_config(self.so_dir, "receiver")
+        self.start_service()
+        self.expect_at_a_change("received: 0x1A0143 from ConfigSrvc\n", program, self.so_dir)
 
     def test_below_a_destdir_it_is_whole_as_well(self):
         root = os.path.join(self.place, "root")
         run(CMAKE, "--install", BUILD_DIR, env={**os.environ, "DESTDIR": root})
         self.assertEqual(files_below(self.prefix), files_below(root + INSTALL_PREFIX))
         so_dir = os.path.dirname(find_one(root, "libappconfig.so"))
-        program = self.build_with_pkg_config(so_dir)
+        program = self.build_with_pkg_config(so_dir, "told")
         self.start_service()
-        self.expect_to_be_told(program, so_dir)
+        self.expect_at_a_change("told: room.target = 25\n", program, so_dir)
 
     def test_pkg_config_knows_the_version_and_where_it_is_now(self):
         self.assertEqual([VERSION], self.pkg_config(self.so_dir, "--modversion"))
