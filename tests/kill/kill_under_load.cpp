@@ -85,9 +85,10 @@ class KillRun {
   Tally tally_;
 };
 
-long numberBehind(int argc, char** argv, const char* option, long otherwise) {
+// Wide enough for a seed wherever the program runs: a device's long has no room for every unsigned.
+std::int64_t numberBehind(int argc, char** argv, const char* option, std::int64_t otherwise) {
   for (int i = 1; i + 1 < argc; i += 2) {
-    if (std::strcmp(argv[i], option) == 0) return std::strtol(argv[i + 1], nullptr, 10);
+    if (std::strcmp(argv[i], option) == 0) return std::strtoll(argv[i + 1], nullptr, 10);
   }
   return otherwise;
 }
@@ -115,7 +116,7 @@ int report(const Plan& plan, const Tally& tally) {
 
 int main(int argc, char** argv) {
   TestSupport::Plan plan;
-  plan.kills = TestSupport::numberBehind(argc, argv, "--kills", 0);
+  plan.kills = static_cast<long>(TestSupport::numberBehind(argc, argv, "--kills", 0));
   plan.seed = static_cast<unsigned>(TestSupport::numberBehind(argc, argv, "--seed", plan.seed));
   plan.writers = static_cast<int>(TestSupport::numberBehind(argc, argv, "--writers", plan.writers));
   if (!TestSupport::isUsage(argc, argv) || plan.kills < 1 || plan.writers < 1) {
