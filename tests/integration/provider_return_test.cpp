@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "tests/integration/access_fixture.h"
+#include "tests/support/stride.h"
 
 namespace TestSupport {
 namespace {
@@ -168,7 +169,7 @@ TEST(ProviderGraceTest, WithoutAGraceNothingWaits) {
 
 // The provider never agrees, so that one accepted write is one that it was not asked about.
 TEST_F(ProviderReturnTest, UnderHammeringWritersAndKillsNoWriteIsEverAcceptedUnasked) {
-  constexpr int kKills = 100;
+  constexpr int kKills = 100 / kStride;
   constexpr int kWriters = 4;
   const Refuser provider(service_.runtimeDir(), "net.mtu");
   std::atomic<bool> stop{false};

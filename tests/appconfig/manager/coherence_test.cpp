@@ -14,6 +14,7 @@
 
 #include "appconfig/manager/internal/in_flight.h"
 #include "tests/appconfig/manager/manager_fixture.h"
+#include "tests/support/stride.h"
 
 namespace {
 
@@ -432,7 +433,7 @@ class CoherenceStressTest : public ::testing::Test {
     EXPECT_EQ(manager->getConfigOptions(key, options), Options{service.option("mtu")}) << round;
   }
 
-  static constexpr int kRounds = 1500;
+  static constexpr int kRounds = 1500 / TestSupport::kStride;
   static LivingService* living;
   LivingService& service = *living;
   const ConfigVar key{"net", 0, "mtu", 0};

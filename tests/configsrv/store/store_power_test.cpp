@@ -8,11 +8,13 @@
 #include <cstdlib>
 
 #include "tests/configsrv/store/store_life.h"
+#include "tests/support/stride.h"
 
 namespace ConfigSrv {
 namespace {
 
 using Survivors = FaultyDisk::Survivors;
+using TestSupport::kStride;
 
 struct Outage {
   Survivors survivors;
@@ -115,7 +117,7 @@ TEST_F(StorePowerTest, TheLifeThatIsCutHasEveryKindOfStep) {
 }
 
 TEST_F(StorePowerTest, ACutAtAnyStepLosesNothingAcknowledgedAndMixesNothing) {
-  for (long step = 1;; ++step) {
+  for (long step = 1;; step += kStride) {
     StoreLife life(disk_);
     if (!liveUntilCut(&life, step)) return;
     for (const Outage& outage : outages(isExhaustive() ? 30 : 3)) {
@@ -128,7 +130,7 @@ TEST_F(StorePowerTest, ACutAtAnyStepLosesNothingAcknowledgedAndMixesNothing) {
 TEST_F(StorePowerTest, ACutAtAnyStepOfTheRecoveryFromACutLosesNothingEither) {
   const long stride = isExhaustive() ? 1 : 7;
   const std::vector<Outage> all = outages(2);
-  for (long step = 1;; ++step) {
+  for (long step = 1;; step += kStride) {
     StoreLife life(disk_);
     if (!liveUntilCut(&life, step)) return;
     for (std::size_t i = 0; i < all.size(); ++i) {
@@ -144,7 +146,7 @@ TEST_F(StorePowerTest, ACutAtAnyStepOfTheRecoveryFromACutLosesNothingEither) {
 // A killed process leaves what it wrote to the system; the next one reads it and answers with it,
 // so it must be on the disk before.
 TEST_F(StorePowerTest, WhatWasReadAfterTheProcessDiedSurvivesALossOfPower) {
-  for (long step = 1;; ++step) {
+  for (long step = 1;; step += kStride) {
     StoreLife life(disk_);
     if (!liveUntilCut(&life, step)) return;
     disk_.restartProcess();
@@ -163,7 +165,7 @@ TEST_F(StorePowerTest, WhatWasReadAfterTheProcessDiedSurvivesALossOfPower) {
 }
 
 TEST_F(StorePowerTest, ACutAtAnyStepLeavesAGoodSnapshotOnceThereWasOne) {
-  for (long step = 1;; ++step) {
+  for (long step = 1;; step += kStride) {
     StoreLife life(disk_);
     if (!liveUntilCut(&life, step)) return;
     for (const Outage& outage : outages(isExhaustive() ? 20 : 1)) {
@@ -185,7 +187,7 @@ TEST_F(StorePowerTest, ACutWhileADamagedFileIsReplacedLeavesTheSnapshotToTheNext
   damageFile();
   const FaultyDisk::Contents damaged = disk_.contents();
   for (const Outage& outage : outages(isExhaustive() ? 200 : 10)) {
-    for (long step = 1;; ++step) {
+    for (long step = 1;; step += kStride) {
       disk_.restore(damaged);
       disk_.cutAt(step);
       { const OpenedStore cut = Store::open(disk_.options()); }
@@ -216,7 +218,7 @@ TEST_F(StorePowerTest, ACutWhileDamageInTheLogIsDealtWithNeverBringsTheOldIdBack
   disk_.place(std::string(kFile) + "-wal", log);
   const FaultyDisk::Contents damaged = disk_.contents();
   for (const Outage& outage : outages(isExhaustive() ? 200 : 10)) {
-    for (long step = 1;; ++step) {
+    for (long step = 1;; step += kStride) {
       disk_.restore(damaged);
       disk_.cutAt(step);
       { const OpenedStore cut = Store::open(disk_.options()); }
@@ -279,7 +281,7 @@ TEST_F(StoreDiskFaultTest, AFaultAtAnyStepFailsClearlyLosesNothingAndIsOverWhenT
   untouched.end();
   for (const Fault& fault : kFaults) {
     const long stride = isExhaustive() || fault.everywhere ? 1 : 4;
-    for (long step = 1; step <= steps; step += stride) {
+    for (long step = 1; step <= steps; step += stride * kStride) {
       SCOPED_TRACE(std::string(fault.name) + " at step " + std::to_string(step));
       StoreLife life(disk_);
       disk_.restore({});
@@ -304,7 +306,7 @@ TEST_F(StoreDiskFaultTest, AReadThatFailsOnceCostsNothing) {
   const long reads = disk_.reads();
   untouched.end();
   const Fault fault{"a read", EIO, false, false, false};
-  for (long read = 1; read <= reads; ++read) {
+  for (long read = 1; read <= reads; read += kStride) {
     SCOPED_TRACE("read " + std::to_string(read));
     StoreLife life(disk_);
     disk_.restore({});
