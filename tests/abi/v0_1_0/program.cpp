@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 
@@ -71,16 +72,17 @@ class Provider : public ProviderConfigHandler {
  public:
   bool dynamicValidate(const std::string&, int, const std::string& name, int, const Values& value,
                        AppConfig::SecurityRole, ConfigResult* result) override {
+    calls += " asked " + value.front();
     if (name != "mtu" || value.front() != "9000") return true;
     result->addResultMessage("no jumbo frames");
     return result->fillConfigResult(false, eErrVetoed, true);
   }
   bool onChange(const std::string&, int, const std::string&, int, const Values& value,
                 AppConfig::SecurityRole, ConfigResult*) override {
-    applied = value.front();
+    calls += " told " + value.front();
     return true;
   }
-  std::string applied;
+  std::string calls;
 };
 
 void readAndWrite(AppCfgManager* config, Provider& provider, Consumer& consumer) {
@@ -88,12 +90,13 @@ void readAndWrite(AppCfgManager* config, Provider& provider, Consumer& consumer)
   ConfigResult result;
   expect(config->setConfigVar("net", 0, "mtu", 0, 1400, &result), "a write is accepted");
   expect(result.error() == eErrNone, "its result says so");
-  expect(provider.applied == "1400", "the provider applied it");
+  expect(provider.calls == " asked 1400 told 1400", "the provider is asked, then told");
   expect(consumer.waitFor("changed net0mtu01400"), "the consumer is told");
 
   ConfigResult veto;
   expect(!config->setConfigVar("net", 0, "mtu", 0, 9000, &veto), "a veto ends a write");
   expect(veto.error() == eErrVetoed, "its code is the provider's");
+  expect(provider.calls == " asked 1400 told 1400 asked 9000", "and the provider is told nothing");
   const auto reasons = veto.resultMessages();
   expect(!reasons.empty() && reasons.front() == "no jumbo frames", "and its reason");
 }
@@ -116,7 +119,8 @@ void optionsAndRoles(AppCfgManager* config, Consumer& consumer) {
 
 }  // namespace
 
-int main() {
+// The argument is a command that has the service tell of a submit of net.mtu.
+int main(int argc, char** argv) {
   // Options by value: their size and places are part of what the program was compiled with.
   PbUtility::EndpointOptions options;
   options.deadline = std::chrono::seconds(20);
@@ -132,6 +136,8 @@ int main() {
   expect(endpoint.waitUntilConnected("ConfigSrvc", std::chrono::seconds(20)), "it connects");
   readAndWrite(config, provider, consumer);
   optionsAndRoles(config, consumer);
+  expect(argc == 2 && std::system(argv[1]) == 0, "a submit is asked for");
+  expect(consumer.waitFor("submit netmtu0"), "and told");
   unregisterHandler("net", "", &consumer, nullptr);
   unregisterHandler("net", "mtu", &provider, nullptr);
   return failures == 0 ? 0 : 1;
