@@ -31,12 +31,6 @@ Host::Knows knowsAfter(const std::vector<Subscriber>& subscribers, std::size_t i
   return isOneOfSeveral ? Host::Knows::AllBefore : Host::Knows::AllOfThis;
 }
 
-std::string lowerCase(std::string text) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  std::transform(text.begin(), text.end(), text.begin(), lower);
-  return text;
-}
-
 }  // namespace
 
 void Announcer::valueChanged(const Variable& variable) {
@@ -130,13 +124,6 @@ void Announcer::repeatValue(const Variable& variable, PeerId peer) {
     }
   }
   for (const std::string_view identity : identities) tellValue(peer, identity, variable);
-}
-
-void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
-                              std::uint64_t knownRevision) {
-  if (knownRevision == PbUtility::kRevisionNow) return;
-  for (const Variable* variable : model_.covered(lowerCase(registration.name)))
-    bringUpToDate(peer, registration, *variable, knownRevision);
 }
 
 void Announcer::bringUpToDate(PeerId peer, const Registration& registration,

@@ -52,12 +52,8 @@ class Announcer {
   // a value on change has cached it, and learns here that it did not come to be.
   void repeatValue(const Variable& variable, PbUtility::PeerId peer);
 
-  // Everything that the registration covers and that changed after a revision; kRevisionNone:
-  // everything that it covers; kRevisionNow: nothing. A provider's registration is told values, for
-  // it caches them.
-  void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
-                     std::uint64_t knownRevision);
-  // The same, of one variable that the registration covers: for who cannot be told all at once.
+  // What changed after a revision of a variable that the registration covers; kRevisionNone: all of
+  // it; kRevisionNow: nothing. A provider's registration is told values, for it caches them.
   void bringUpToDate(PbUtility::PeerId peer, const Registration& registration,
                      const Variable& variable, std::uint64_t knownRevision);
 

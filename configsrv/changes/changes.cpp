@@ -82,6 +82,11 @@ struct Change {
 
 using QuestionId = std::pair<PeerId, std::uint32_t>;
 
+void forgetTold(Change& change, PeerId peer) {
+  std::vector<PeerId>& told = change.told;
+  told.erase(std::remove(told.begin(), told.end(), peer), told.end());
+}
+
 ChangeOutcome notFound(const ConfigVar& key) {
   return failure(key, eErrNotFound, "no such variable");
 }
@@ -107,6 +112,7 @@ class Changes::Impl {
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone);
   void providersCame();
   void onDeliveryReady(PeerId peer);
+  void broughtUpToDate(PeerId peer, const Variable& variable);
   void stop();
   std::size_t underWay() const { return changes_.size(); }
   const ChangeCounters& counters() const { return counters_; }
@@ -466,10 +472,15 @@ void Changes::Impl::onQuestionDone(PeerId peer, std::uint32_t question, bool pee
 
 // What it was told on change it forgets again: the value that still holds comes after it.
 void Changes::Impl::onDeliveryReady(PeerId peer) {
-  for (const auto& [number, change] : changes_) {
-    std::vector<PeerId>& told = change->told;
-    told.erase(std::remove(told.begin(), told.end(), peer), told.end());
-  }
+  for (const auto& [number, change] : changes_) forgetTold(*change, peer);
+}
+
+// Registrations are repeated one after another, and a change may ask between two of them, or between
+// what one of them is owed of this variable and of another.
+void Changes::Impl::broughtUpToDate(PeerId peer, const Variable& variable) {
+  const auto queue = queues_.find(&variable);
+  Change* underWay = queue == queues_.end() ? nullptr : find(queue->second.front());
+  if (underWay != nullptr) forgetTold(*underWay, peer);
 }
 
 void Changes::Impl::onDeadline(Number number) {
@@ -631,6 +642,9 @@ void Changes::onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone)
 }
 void Changes::providersCame() { impl_->providersCame(); }
 void Changes::onDeliveryReady(PeerId peer) { impl_->onDeliveryReady(peer); }
+void Changes::broughtUpToDate(PeerId peer, const Variable& variable) {
+  impl_->broughtUpToDate(peer, variable);
+}
 void Changes::stop() { impl_->stop(); }
 std::size_t Changes::underWay() const { return impl_->underWay(); }
 const ChangeCounters& Changes::counters() const { return impl_->counters(); }

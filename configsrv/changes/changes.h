@@ -78,6 +78,10 @@ class Changes {
   // The peer has a new delivery connection, and is about to be told what holds now.
   void onDeliveryReady(PbUtility::PeerId peer);
 
+  // The peer is being told what holds of a variable, for a registration. It may have heard on change
+  // what does not hold yet, and forgets that again.
+  void broughtUpToDate(PbUtility::PeerId peer, const Variable& variable);
+
   // From now on every change fails, those that wait or ask at once. What is being committed ends
   // well; it is over when underWay() is 0.
   void stop();

@@ -68,7 +68,15 @@ void Requests::registerCallback(const Call& call,
   }
   respond(call.id, response);
   if (isBack) with_.changes.providersCame();
-  with_.announcer.bringUpToDate(call.by.peer, registration, call.knownRevision);
+  if (call.knownRevision == PbUtility::kRevisionNow) return;
+  for (const Variable* variable : with_.model.covered(lowerCase(registration.name)))
+    bringUpToDate(call, registration, *variable);
+}
+
+void Requests::bringUpToDate(const Call& call, const Registration& registration,
+                             const Variable& variable) {
+  with_.announcer.bringUpToDate(call.by.peer, registration, variable, call.knownRevision);
+  with_.changes.broughtUpToDate(call.by.peer, variable);
 }
 
 bool Requests::isProvider(const ConfigIF::RegisterClientCallbackReq& request) const {
@@ -104,8 +112,7 @@ void Requests::catchUp(const std::shared_ptr<CatchUp>& catchUp) {
     if (!with_.server.hasRoom(call.id)) {
       return with_.server.whenRoom(call.id, [this, catchUp] { this->catchUp(catchUp); });
     }
-    with_.announcer.bringUpToDate(call.by.peer, catchUp->registration,
-                                  *catchUp->covered[catchUp->next++], call.knownRevision);
+    bringUpToDate(call, catchUp->registration, *catchUp->covered[catchUp->next++]);
   }
   ConfigIF::RegisterClientCallbackRsp response;
   response.mutable_result();

@@ -158,6 +158,30 @@ TEST_F(ProviderTest, AProviderThatDiesWhileAskedFailsTheWriteLongBeforeItsDeadli
   EXPECT_TRUE(client_.write("net.mtu", "1400").ok());
 }
 
+TEST_F(ProviderTest, AProviderThatRegistersAgainWhileItIsToldOnChangeEndsWithTheNewValue) {
+  provider_.provide("net.mtu", [&](const ProviderQuestion& question) {
+    if (question.onChange && question.values.at(0) == "1400") {
+      asked_.open();
+      released_.wait();
+    }
+    return consent();
+  });
+  // What this thread knows from now on, and registers with.
+  EXPECT_TRUE(provider_.read("net.name").ok());
+  const auto write = [this](const std::string& value) {
+    return std::async(std::launch::async,
+                      [this, value] { return client_.write("net.mtu", value); });
+  };
+  EXPECT_TRUE(write("1300").get().ok());
+  auto written = write("1400");
+  ASSERT_TRUE(asked_.wait());
+  EXPECT_TRUE(provider_.registerFor(ConfigIF::CALLBACK_DYNAMIC_VALIDATE, "net.mtu").ok());
+  released_.open();
+  EXPECT_TRUE(written.get().ok());
+  EXPECT_TRUE(provider_.waitForNotice("value net.mtu = 1300"));
+  EXPECT_TRUE(provider_.waitForNotice("value net.mtu = 1400"));
+}
+
 class DeadlineTest : public testing::Test {
  protected:
   DeadlineTest() { service_.start(); }

@@ -154,6 +154,8 @@ class Requests {
   bool mayProvideAny(const Call& call, const std::string& name) const;
   void refuseProvider(const Call& call, const Registration& registration);
   void registerCallback(const Call&, const ConfigIF::RegisterClientCallbackReq&);
+  // Tells a registration what it has missed of a variable.
+  void bringUpToDate(const Call&, const Registration&, const Variable&);
   // A registration that is repeated, on its way to being answered.
   struct CatchUp;
   void catchUp(const std::shared_ptr<CatchUp>& catchUp);

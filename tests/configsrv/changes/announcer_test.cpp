@@ -16,7 +16,8 @@ class AnnouncerTest : public ChangesFixture {
  protected:
   void bringUpToDate(ConfigIF::CallbackType type, const std::string& name, std::uint64_t known,
                      AppConfig::SecurityRole role = eRoleUser) {
-    announcer_.bringUpToDate(kWriter, {name, type, "link", "client", role}, known);
+    for (const Variable* variable : model_.covered(name))
+      announcer_.bringUpToDate(kWriter, {name, type, "link", "client", role}, *variable, known);
   }
 };
 
@@ -42,7 +43,7 @@ TEST_F(AnnouncerTest, ARegistrationThatKnowsTheVeryFirstRevisionIsToldWhatChange
 
 TEST_F(AnnouncerTest, ARegistrationThatKnowsNothingIsToldEverythingItMayRead) {
   written("net.mtu", "1400");
-  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "Net", PbUtility::kRevisionNone);
+  bringUpToDate(ConfigIF::CALLBACK_VALUE_CHANGED, "net", PbUtility::kRevisionNone);
   EXPECT_THAT(
       host_.notices,
       ElementsAre("value 1/link net.admin = x (default)", "value 1/link net.mode = auto (default)",
@@ -97,7 +98,7 @@ TEST_F(AnnouncerTest, AValueNoticeCarriesIdentityValueAndDefaultFlagAndNoScopeWi
   Announcer announcer(model_, subscriptions_, keeper);
   announcer.bringUpToDate(
       kWriter, {"net.mtu", ConfigIF::CALLBACK_VALUE_CHANGED, "link", "client", eRoleUser},
-      PbUtility::kRevisionNone);
+      *model_.find(keyOf("net.mtu")), PbUtility::kRevisionNone);
   ConfigIF::ConfigChangedNtfy expected;
   expected.set_callback_identity("link");
   for (const char* step : {"net", "mtu"}) {

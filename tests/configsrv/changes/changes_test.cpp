@@ -394,6 +394,19 @@ TEST_F(ChangesTest, AProviderThatConnectedAgainAfterItWasToldIsToldTheValueOnceM
   EXPECT_THAT(host_.notices, ElementsAre("value 2/link net.mtu = 1400"));
 }
 
+// As it is when a registration of its own is repeated while it is asked.
+TEST_F(ChangesTest, AProviderThatIsToldWhatHoldsAfterItWasAskedIsToldTheNewValueOnceMore) {
+  written("net.mtu", "1600");
+  provide(kProvider, "net.mtu");
+  provide(kSecondProvider, "net.mtu");
+  write("net.mtu", "1400");
+  for (int question = 0; question < 4; ++question) agree();
+  changes_->broughtUpToDate(kProvider, *model_.find(keyOf("net.name")));
+  changes_->broughtUpToDate(kSecondProvider, *model_.find(keyOf("net.mtu")));
+  host_.finishCommit();
+  EXPECT_THAT(host_.notices, ElementsAre("value 3/link net.mtu = 1400"));
+}
+
 TEST_F(ChangesTest, AVetoBeforeAnybodyWasToldTellsNobody) {
   provide(kProvider, "net.mtu");
   write("net.mtu", "1400");
