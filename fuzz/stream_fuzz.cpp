@@ -2,7 +2,8 @@
 // any size, with interruptions and failures in between.
 //
 // The pieces are cut by a recv of our own (the linker's --wrap=recv), which the stream calls: a
-// socket would put them together again.
+// socket would put them together again. A poll of our own waits for none of them.
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -87,13 +88,20 @@ void receiveAll(PbUtility::Stream& stream) {
 
 }  // namespace
 
-// The names are the linker's, for what --wrap=recv replaces.
+// The names are the linker's, for what --wrap replaces.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" ssize_t __real_recv(int fd, void* buffer, std::size_t size, int flags);
 
 extern "C" ssize_t __wrap_recv(int fd, void* buffer, std::size_t size, int flags);
 extern "C" ssize_t __wrap_recv(int fd, void* buffer, std::size_t size, int flags) {
   return source == nullptr ? __real_recv(fd, buffer, size, flags) : give(buffer, size);
+}
+
+extern "C" int __real_poll(pollfd* files, nfds_t count, int timeout);
+
+extern "C" int __wrap_poll(pollfd* files, nfds_t count, int timeout);
+extern "C" int __wrap_poll(pollfd* files, nfds_t count, int timeout) {
+  return source == nullptr ? __real_poll(files, count, timeout) : 1;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
