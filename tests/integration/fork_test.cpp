@@ -127,8 +127,7 @@ class ForkTest : public testing::Test {
 
 TEST_F(ForkTest, ChildrenOfABusyProgramDoEverythingAndTheProgramGoesOn) {
 #ifdef APPCONFIG_SANITIZE_ADDRESS
-  GTEST_SKIP()
-      << "the address sanitizer leaves its allocator locked in a child of busy threads";
+  GTEST_SKIP() << "the address sanitizer leaves its allocator locked in a child of busy threads";
 #endif
   std::atomic<bool> stop{false};
   std::vector<std::thread> load;
