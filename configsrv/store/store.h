@@ -62,7 +62,8 @@ struct StoreOptions {
 // What the store did since it was opened.
 struct StoreCounters {
   // Times that something was committed to the disk, and what that wrote to the log, what was
-  // reserved there included. Transactions that came together share one. What the log takes, the file takes once more at most.
+  // reserved there included. Transactions that came together share one. What the log takes, the file
+  // takes once more at most.
   std::uint64_t writes = 0;
   std::uint64_t bytes = 0;
   std::uint64_t snapshots = 0;
