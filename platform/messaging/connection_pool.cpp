@@ -35,17 +35,21 @@ CallStatus statusOf(StreamStatus status) {
 class ConnectionPool::Lease {
  public:
   Lease(ConnectionPool& pool, Position connection) : pool_(pool), connection_(connection) {}
-  ~Lease() { pool_.giveBack(connection_, usable_); }
+  ~Lease() { pool_.giveBack(connection_, usable_, oneWayBy_); }
   Lease(const Lease&) = delete;
   Lease& operator=(const Lease&) = delete;
 
   Connection& connection() { return *connection_; }
-  void keep() { usable_ = true; }
+  void keep(std::thread::id oneWayBy) {
+    usable_ = true;
+    oneWayBy_ = oneWayBy;
+  }
 
  private:
   ConnectionPool& pool_;
   const Position connection_;
   bool usable_ = false;
+  std::thread::id oneWayBy_;
 };
 
 ConnectionPool::ConnectionPool(std::string path, Hello hello, unsigned maxConnections)
@@ -98,10 +102,11 @@ CallStatus ConnectionPool::take(Exchange& exchange, Position& connection) {
   return kCallOk;
 }
 
-void ConnectionPool::giveBack(Position connection, bool usable) {
+void ConnectionPool::giveBack(Position connection, bool usable, std::thread::id oneWayBy) {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
     connection->busy = false;
+    connection->oneWayBy = oneWayBy;
     // The one used last is the next to be used: its buffers are warm, and the others may go idle.
     if (usable) {
       connections_.splice(connections_.begin(), connections_, connection);
@@ -237,8 +242,7 @@ CallStatus ConnectionPool::call(const google::protobuf::MessageLite& request,
       status = receiveResponse(connection, *response, exchange);
     }
     if (status != kCallOk && status != kCallRefused) return status;
-    connection.oneWayBy = exchange.oneWay ? std::this_thread::get_id() : std::thread::id();
-    lease.keep();
+    lease.keep(exchange.oneWay ? std::this_thread::get_id() : std::thread::id());
     return status;
   }
 }

@@ -68,7 +68,7 @@ class ConnectionPool {
   CallStatus take(Exchange& exchange, Position& connection);
   bool findIdle(bool insideReceiver, Position& connection, bool& mustWait);
   bool isFull() const;
-  void giveBack(Position connection, bool usable);
+  void giveBack(Position connection, bool usable, std::thread::id oneWayBy);
   void closeIdle();
   CallStatus open(Connection& connection, Exchange& exchange);
   CallStatus sendRequest(Connection& connection, const google::protobuf::MessageLite& request,
