@@ -166,7 +166,7 @@ class InstallTest(unittest.TestCase):
             with open(os.path.join(self.prefix, path), "rb") as file:
                 text = file.read()
             for place in (SOURCE_DIR, BUILD_DIR, self.directory):
-                self.assertNotIn(place.encode(), text, path)
+                self.assertFalse(place.encode() in text, f"{path} holds the path {place}")
 
     def test_the_rest_is_in_its_place(self):
         files = files_below(self.prefix)
