@@ -6,6 +6,8 @@
 // The writes differ in when they register for changes. The one-way write does it before it sends,
 // for nobody will tell whether the write arrived; the others once the service has said yes.
 
+#include <utility>
+
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "platform/schema/config_if.pb.h"
@@ -18,8 +20,9 @@ namespace {
 bool report(const ConfigIF::ReturnMessage& message, ConfigResult* result) {
   ConfigResult outcome;
   ProtobufMessageHelper::fillReturnMessage(outcome, message);
-  if (result) *result = outcome;
-  return outcome.error() == eErrNone;
+  const bool accepted = outcome.error() == eErrNone;
+  if (result) *result = std::move(outcome);
+  return accepted;
 }
 
 }  // namespace

@@ -13,7 +13,6 @@
 #include "configsrv/changes/changes.h"
 
 #include <algorithm>
-#include <deque>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -118,11 +117,14 @@ class Changes::Impl {
   const ChangeCounters& counters() const { return counters_; }
 
  private:
-  using Queue = std::deque<Number>;
+  // Nearly always one change long.
+  using Queue = std::vector<Number>;
 
   // Taking a request in.
   void admit(ChangeRequest request, ChangeDone done, bool validateOnly);
   ChangeOutcome refusalOf(const Variable* variable, const ChangeRequest& request) const;
+  bool endsAtOnce(const Variable& variable, const ChangeRequest& request) const;
+  void endAtOnce(const Variable& variable, const ChangeRequest& request, const ChangeDone& done);
   Change& remember(const Variable& variable, ChangeRequest request, ChangeDone done);
   void enqueue(Change& change);
   bool asksItsRequester(const Queue& queue, PeerId requester) const;
@@ -206,6 +208,7 @@ void Changes::Impl::admit(ChangeRequest request, ChangeDone done, bool validateO
     if (!validateOnly && observer_ != nullptr) observer_->changeEnds(request, variable, refusal);
     return done(refusal);
   }
+  if (!validateOnly && endsAtOnce(*variable, request)) return endAtOnce(*variable, request, done);
   Change& change = remember(*variable, std::move(request), std::move(done));
   change.validateOnly = validateOnly;
   if (validateOnly)
@@ -224,6 +227,24 @@ ChangeOutcome Changes::Impl::refusalOf(const Variable* variable,
       bytes_ + bytesOf(request.what) > options_.bytesUnderWay)
     return failure(variable->key(), eErrLimit, "too many changes are under way");
   return {};
+}
+
+// A device writes what it has again and again; with no change before it, nothing of such a write has
+// to be remembered.
+bool Changes::Impl::endsAtOnce(const Variable& variable, const ChangeRequest& request) const {
+  return changesNothing(variable, request.what) && queues_.find(&variable) == queues_.end();
+}
+
+void Changes::Impl::endAtOnce(const Variable& variable, const ChangeRequest& request,
+                              const ChangeDone& done) {
+  if (log_.isOn(LogLevel::Debug))
+    log_.debug("a change of " + formatKey(variable.key()) + " by " + request.by.clientName +
+               ": changes nothing");
+  ChangeOutcome unchanged;
+  unchanged.unchanged = true;
+  ++counters_.unchanged;
+  if (observer_ != nullptr) observer_->changeEnds(request, &variable, unchanged);
+  done(unchanged);
 }
 
 Change& Changes::Impl::remember(const Variable& variable, ChangeRequest request, ChangeDone done) {

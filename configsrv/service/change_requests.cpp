@@ -108,10 +108,11 @@ ChangeDone Requests::logging(const Call& call, const ConfigVar& key, ChangeDone 
 }
 
 void Requests::submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what,
-                         const ChangeDone& answer) {
-  const std::optional<ConfigVar> key = readInst(inst);
+                         ChangeDone answer) {
+  std::optional<ConfigVar> key = readInst(inst);
   if (!key) return answer(noVariable());
-  with_.changes.submit({call.by, {*key, std::move(what)}}, logging(call, *key, answer));
+  ChangeDone done = logging(call, *key, std::move(answer));
+  with_.changes.submit({call.by, {std::move(*key), std::move(what)}}, std::move(done));
 }
 
 // What was never changed and is not this caller's to change needs no error.
@@ -137,11 +138,11 @@ void Requests::write(const Call& call, const ConfigIF::WriteReq& request) {
 }
 
 void Requests::validate(const Call& call, const ConfigIF::ValidateReq& request) {
-  const ChangeDone answer = answering<ConfigIF::ValidateRsp>(call);
-  const std::optional<ConfigVar> key = readInst(request.value().inst());
+  ChangeDone answer = answering<ConfigIF::ValidateRsp>(call);
+  std::optional<ConfigVar> key = readInst(request.value().inst());
   if (!key) return answer(noVariable());
-  with_.changes.validate({call.by, {*key, StoreChange::SetValue{listOf(request.value().values())}}},
-                         answer);
+  StoreChange::SetValue what{listOf(request.value().values())};
+  with_.changes.validate({call.by, {std::move(*key), std::move(what)}}, std::move(answer));
 }
 
 void Requests::resetValue(const Call& call, const ConfigIF::ResetValueReq& request) {

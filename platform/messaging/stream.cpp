@@ -122,6 +122,8 @@ StreamStatus Stream::receiveFrame(FrameHeader& header, Clock::time_point deadlin
   }
   if (buffer_.size() < kFirstBufferBytes) buffer_.resize(kFirstBufferBytes);
   payloadBytes_ = 0;
+  // The peer was asked a moment ago: to look before it could answer is a system call for nothing.
+  if (!waitForBytes(deadline)) return fail(EAGAIN);
   std::size_t have = 0;
   StreamStatus status = fill(have, kFrameHeaderBytes, deadline);
   if (status != StreamStatus::Ok) return status;

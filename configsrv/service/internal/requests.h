@@ -130,8 +130,7 @@ class Requests {
   ChangeBatch::Done answeringAll(const Call& call);
   ChangeDone logging(const Call& call, const ConfigVar& key, ChangeDone answer);
   // One change of the variable that a path names.
-  void submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what,
-                 const ChangeDone& answer);
+  void submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what, ChangeDone answer);
   // The same change of everything that a dotted name covers.
   void submitBelow(const Call& call, const std::string& name, const Wanted& what,
                    const ChangeBatch::Done& answer);
