@@ -21,15 +21,15 @@ using ::testing::UnorderedElementsAre;
 using TestSupport::Threads;
 
 constexpr int kRounds = 2000;
-constexpr auto kValue = ConfigRegistrar::eValueChanged;
+constexpr auto kValueChanges = ConfigRegistrar::eValueChanged;
 constexpr auto kOptions = ConfigRegistrar::eOptionsChanged;
 
 TEST(ConfigRegistrarThreadsTest, LookupsFindWhatStaysWhileOthersComeAndGo) {
   const ConfigVar mtu("net", 0, "mtu", 0);
   ConfigRegistrar registrar;
   TestConsumer ofGroup, ofVariable, first, second;
-  registrar.registerHandler(mtu, &ofVariable, kValue);
-  registrar.registerHandler(ConfigVar("net", 0, "", 0), &ofGroup, kValue);
+  registrar.registerHandler(mtu, &ofVariable, kValueChanges);
+  registrar.registerHandler(ConfigVar("net", 0, "", 0), &ofGroup, kValueChanges);
   std::atomic<bool> done{false};
   std::atomic<int> wrong{0};
 
@@ -37,9 +37,10 @@ TEST(ConfigRegistrarThreadsTest, LookupsFindWhatStaysWhileOthersComeAndGo) {
   for (int reader = 0; reader < 2; ++reader) {
     readers.run([&] {
       while (!done) {
-        const std::list<ConsumerConfigHandler*> found = registrar.getHandlers("Net", "MTU", kValue);
+        const std::list<ConsumerConfigHandler*> found =
+            registrar.getHandlers("Net", "MTU", kValueChanges);
         if (found.size() < 2 || found.front() != &ofVariable || found.back() != &ofGroup) ++wrong;
-        if (!registrar.isHandlerRegistered(mtu, kValue)) ++wrong;
+        if (!registrar.isHandlerRegistered(mtu, kValueChanges)) ++wrong;
       }
     });
   }
@@ -47,9 +48,10 @@ TEST(ConfigRegistrarThreadsTest, LookupsFindWhatStaysWhileOthersComeAndGo) {
   for (TestConsumer* handler : {&first, &second}) {
     writers.run([&registrar, &wrong, &mtu, handler] {
       for (int round = 0; round < kRounds; ++round) {
-        registrar.registerHandler(mtu, handler, kValue);
-        if (!registrar.unregisterHandler(mtu, handler, kValue)) ++wrong;
-        registrar.registerHandler(ConfigVar("new", 0, std::to_string(round), 0), handler, kValue);
+        registrar.registerHandler(mtu, handler, kValueChanges);
+        if (!registrar.unregisterHandler(mtu, handler, kValueChanges)) ++wrong;
+        registrar.registerHandler(ConfigVar("new", 0, std::to_string(round), 0), handler,
+                                  kValueChanges);
       }
     });
   }
@@ -58,9 +60,10 @@ TEST(ConfigRegistrarThreadsTest, LookupsFindWhatStaysWhileOthersComeAndGo) {
   readers.join();
 
   EXPECT_EQ(wrong, 0);
-  EXPECT_THAT(registrar.getHandlers("net", "mtu", kValue), ElementsAre(&ofVariable, &ofGroup));
+  EXPECT_THAT(registrar.getHandlers("net", "mtu", kValueChanges),
+              ElementsAre(&ofVariable, &ofGroup));
   for (int round = 0; round < kRounds; ++round) {
-    ASSERT_THAT(registrar.getHandlers("new", std::to_string(round), kValue),
+    ASSERT_THAT(registrar.getHandlers("new", std::to_string(round), kValueChanges),
                 UnorderedElementsAre(&first, &second));
   }
 }
@@ -75,13 +78,14 @@ TEST(ConfigRegistrarThreadsTest, NoRegistrationIsLost) {
   for (std::size_t writer = 0; writer < kWriters; ++writer) {
     writers.run([&, writer] {
       for (int round = 0; round < kRounds; ++round) {
-        registrar.registerHandler(mtu, &consumers[writer], round % 2 == 0 ? kValue : kOptions);
+        registrar.registerHandler(mtu, &consumers[writer],
+                                  round % 2 == 0 ? kValueChanges : kOptions);
         registrar.registerHandler(mtu, &providers[writer]);
       }
     });
   }
   writers.join();
-  EXPECT_EQ(registrar.getHandlers("net", "mtu", kValue).size(), 1u * kWriters * kRounds / 2);
+  EXPECT_EQ(registrar.getHandlers("net", "mtu", kValueChanges).size(), 1u * kWriters * kRounds / 2);
   EXPECT_EQ(registrar.getHandlers("net", "mtu", kOptions).size(), 1u * kWriters * kRounds / 2);
   EXPECT_EQ(registrar.getProviderHandlers("net", "mtu").size(), 1u * kWriters * kRounds);
 }

@@ -31,7 +31,7 @@ using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-const std::string kService = "ConfigSrvc";
+const std::string kServiceName = "ConfigSrvc";
 constexpr milliseconds kHasty(150);
 
 std::string frame(FrameKind kind, std::uint32_t messageId, std::uint32_t sequence,
@@ -96,7 +96,7 @@ class BadService {
     listener_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = directory + "/" + kService;
+    const std::string path = directory + "/" + kServiceName;
     std::memcpy(address.sun_path, path.data(), path.size());
     ::unlink(path.c_str());
     EXPECT_EQ(::bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
@@ -284,14 +284,14 @@ class BrokenServiceTest : public testing::TestWithParam<Case> {
     ConfigIF::ReadReq request;
     request.set_client_name("me");
     ConfigIF::ReadRsp response;
-    return endpoint.sendWaitResponse(request, &response, kService);
+    return endpoint.sendWaitResponse(request, &response, kServiceName);
   }
   static int registerFor(Endpoint& endpoint) {
     ConfigIF::RegisterClientCallbackReq request;
     request.set_client_name("me");
     request.set_name("net");
     ConfigIF::RegisterClientCallbackRsp response;
-    return endpoint.sendWaitResponse(request, &response, kService);
+    return endpoint.sendWaitResponse(request, &response, kServiceName);
   }
 
   TestSupport::TempDir dir_;
@@ -309,7 +309,7 @@ TEST_P(BrokenServiceTest, ACallEndsWithTheStatusThatTellsHow) {
     }
     EXPECT_FALSE(endpoint.lastRefusal().empty());
   }
-  ::unlink((dir_.path() + "/" + kService).c_str());
+  ::unlink((dir_.path() + "/" + kServiceName).c_str());
   TestSupport::Serving well(dir_.path());
   EXPECT_EQ(read(endpoint), kCallOk);
 }
@@ -320,10 +320,10 @@ TEST_P(BrokenServiceTest, ARegistrationEndsAndIsMadeOnceTheServiceIsWell) {
     BadService service(dir_.path(), GetParam().script);
     EXPECT_NE(registerFor(endpoint), kCallOk);
   }
-  ::unlink((dir_.path() + "/" + kService).c_str());
+  ::unlink((dir_.path() + "/" + kServiceName).c_str());
   TestSupport::Serving well(dir_.path());
   EXPECT_TRUE(TestSupport::eventually([&] { return !well.requests().empty(); }));
-  EXPECT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
+  EXPECT_TRUE(endpoint.waitUntilConnected(kServiceName, TestSupport::kPatience));
 }
 
 INSTANTIATE_TEST_SUITE_P(Service, BrokenServiceTest, testing::ValuesIn(kCases),
@@ -336,7 +336,7 @@ TEST_F(NoServiceTest, AFullBacklogEndsACallAtItsDeadline) {
   const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  const std::string path = dir_.path() + "/" + kService;
+  const std::string path = dir_.path() + "/" + kServiceName;
   std::memcpy(address.sun_path, path.data(), path.size());
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   ASSERT_EQ(::bind(listener.get(), generic, sizeof address), 0);
@@ -367,7 +367,7 @@ TEST_F(NoServiceTest, ARuntimeDirectoryThatVanishesEndsACallAtOnce) {
   EXPECT_EQ(::rename((dir_.path() + ".gone").c_str(), dir_.path().c_str()), 0);
   TestSupport::Serving serving(dir_.path());
   EXPECT_EQ(read(endpoint), kCallOk);
-  EXPECT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
+  EXPECT_TRUE(endpoint.waitUntilConnected(kServiceName, TestSupport::kPatience));
 }
 
 // The descriptors that this process still may have.
@@ -401,7 +401,7 @@ TEST_F(NoServiceTest, AnEndpointMadeWithoutADescriptorToSpareFailsItsCallsAndRec
     EXPECT_NE(endpoint->lastRefusal(), "");
   }
   EXPECT_EQ(read(*endpoint), kCallOk);
-  EXPECT_TRUE(endpoint->waitUntilConnected(kService, TestSupport::kPatience));
+  EXPECT_TRUE(endpoint->waitUntilConnected(kServiceName, TestSupport::kPatience));
   // And ends, though nothing could wake its thread.
 }
 

@@ -26,7 +26,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using TestSupport::Words;
 
-const char* const kDefinitions = R"(
+const char* const kCompletionDefinitions = R"(
 [variable."net.host"]
 type = "string"
 default = "gateway"
@@ -93,7 +93,7 @@ class CompletionTest : public testing::Test {
     return offered;
   }
 
-  TestSupport::ServiceProcess service_{kDefinitions};
+  TestSupport::ServiceProcess service_{kCompletionDefinitions};
   const TestSupport::Appcfg appcfg_{service_.runtimeDir()};
 };
 

@@ -23,7 +23,7 @@ using TestSupport::Words;
 using TestSupport::writeFile;
 using Json = nlohmann::ordered_json;
 
-const char* const kDefinitions = R"(
+const char* const kImportDefinitions = R"(
 [variable."net.host"]
 type = "string"
 default = "gateway"
@@ -80,7 +80,7 @@ class ImportTest : public testing::Test {
     return run.out;
   }
 
-  TestSupport::ServiceProcess service_{kDefinitions};
+  TestSupport::ServiceProcess service_{kImportDefinitions};
   const Appcfg appcfg_{service_.runtimeDir()};
 };
 

@@ -23,7 +23,7 @@ using TestSupport::RunningAppcfg;
 using TestSupport::Words;
 using Json = nlohmann::ordered_json;
 
-const char* const kDefinitions = R"(
+const char* const kMonitorDefinitions = R"(
 [variable."net.host"]
 type = "string"
 default = "gateway"
@@ -69,7 +69,7 @@ class MonitorTest : public testing::Test {
     return line.value_or("(none)");
   }
 
-  TestSupport::ServiceProcess service_{kDefinitions};
+  TestSupport::ServiceProcess service_{kMonitorDefinitions};
   TestSupport::TestClient client_{"client", service_.runtimeDir()};
   const Appcfg appcfg_{service_.runtimeDir()};
 };

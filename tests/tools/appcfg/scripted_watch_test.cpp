@@ -30,7 +30,7 @@ using TestSupport::Words;
 using Json = nlohmann::ordered_json;
 using Value = std::list<std::string>;
 
-ConfigVar key(const std::string& text) {
+ConfigVar keyOf(const std::string& text) {
   ConfigVar var("", 0, "", 0);
   EXPECT_EQ(AppConfig::parseKey(text, var), "");
   return var;
@@ -52,7 +52,7 @@ class SmallService {
 
   void put(const std::string& text, const Value& value) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    values_[key(text)] = value;
+    values_[keyOf(text)] = value;
   }
 
   // Announces a value under the identity that the client registered with.
@@ -63,7 +63,7 @@ class SmallService {
   // The same without having that value, as a notice that was overtaken by a later write.
   void announceOnly(const std::string& text, const Value& value) {
     ConfigIF::ConfigChangedNtfy notice;
-    const ConfigVar var = key(text);
+    const ConfigVar var = keyOf(text);
     ProtobufMessageHelper::addVarName(notice.mutable_value()->mutable_inst(), var);
     ProtobufMessageHelper::addVarValue(notice.mutable_value(), value);
     if (var.nameSpace() > 0) {
@@ -81,7 +81,7 @@ class SmallService {
   // The variable has this value once somebody has registered, and no notice tells so.
   void changeWhenRegistered(const std::string& text, const Value& value) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    changeAtRegistration_[key(text)] = value;
+    changeAtRegistration_[keyOf(text)] = value;
   }
 
   // Whether somebody who registered for this name has read again since, as both verbs do before
