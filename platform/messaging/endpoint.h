@@ -16,7 +16,8 @@
 // Forking  any thread may, at any moment. A child's first call opens connections and starts a
 //          delivery thread of its own, which repeats the parent's registrations; the parent's
 //          connections are closed in it. A child that returns from the receiver it was made in ends
-//          there, with exit(0).
+//          there, with exit(0). A lock of the program's own that a receiver holds meanwhile stays
+//          locked in the child (pthread_atfork(3)).
 // Owns     its sockets and its thread. The destructor waits for a running receiver to return; called
 //          inside one, it leaves that to the thread. Links keep a pointer to their endpoint: it has
 //          to outlive their use, and usually lives as long as the process. A program whose threads
