@@ -150,7 +150,8 @@ inline repeat(c) {
   repeatWith[c] = since[c]; toRepeat[c] = true
 }
 
-/* The value of an answer goes into the cache, unless a notice or another answer forbids it. */
+/* The value of an answer goes into the cache, unless a notice or another answer forbids it. What a
+   notice brought during a write may be what the write replaced: neither stays. */
 inline land(c, me) {
   if
   :: !overtaken[me] ->
@@ -160,6 +161,7 @@ inline land(c, me) {
        :: contested[me] && cached[c] != NOTHING && cached[c] != answer -> cached[c] = NOTHING
        :: else -> skip
        fi
+  :: overtaken[me] && writes && cached[c] != NOTHING && cached[c] != answer -> cached[c] = NOTHING
   :: else -> skip
   fi;
   open[me] = false

@@ -79,7 +79,10 @@ void Flight::storeRead(const std::list<std::string>& value, bool isDefault) {
 
 void Flight::storeWritten(const std::list<std::string>& value) {
   const std::lock_guard<std::mutex> guard(flightsMutex);
-  if (!isOvertakenIn(kValuePart)) landValue(value);
+  if (isOvertakenIn(kValuePart))
+    distrustUnlessEqual(value);
+  else
+    landValue(value);
 }
 
 void Flight::storeOptions(const std::vector<std::string>& options, unsigned int defaultIndex) {
@@ -115,6 +118,10 @@ bool Flight::landValue(const std::list<std::string>& value) {
     cache_.update(key_, value);
     return true;
   }
+  return distrustUnlessEqual(value);
+}
+
+bool Flight::distrustUnlessEqual(const std::list<std::string>& value) {
   std::list<std::string> cached;
   if (!cache_.copyValue(key_, cached)) return false;
   if (cached == value) return true;

@@ -6,8 +6,11 @@
 // before such a request and stores through it afterwards; stores from outside any flight, notices
 // above all, go through a NoticeStore.
 //
-// Against a notice   a flight loses: what a notice stored since the flight began stays. The notices
-//                    about a registered variable end with its newest value, an answer need not be.
+// Against a notice   a read's flight loses: what a notice stored since the flight began stays. The
+//                    notices about a registered variable end with its newest value, an answer need
+//                    not be. A write's flight does not: the notice may tell of the write before it,
+//                    and who reads what was just written must not get what was there before. Unless
+//                    both agree the cached value is emptied, and the next read asks the service.
 // Against a flight   nobody can tell which of two answers is the newer. Equal values agree. Of
 //                    different ones neither may stay: the cached value is emptied, and the next
 //                    read asks the service. Of options, default index and roles the last one stays.
@@ -74,6 +77,8 @@ class Flight {
   bool isSameEntryAs(const ConfigCache& cache, const ConfigVar& key) const;
   // Whether the value now stands in the cache. The mutex is held.
   bool landValue(const std::list<std::string>& value);
+  // Empties the cached value when it is another; whether it stands. The mutex is held.
+  bool distrustUnlessEqual(const std::list<std::string>& value);
   void contestOthers() const;
   // The mutex is held. Joins behind another flight, or as the first.
   void joinList(Flight* before);

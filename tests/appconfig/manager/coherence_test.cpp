@@ -67,11 +67,20 @@ TEST_F(CoherenceTest, AValueThatANoticeStoredDuringAReadStays) {
   EXPECT_FALSE(manager->isDefault("net", 0, "mtu", 1));
 }
 
-TEST_F(CoherenceTest, AValueThatANoticeStoredDuringAWriteStays) {
+TEST_F(CoherenceTest, WhenANoticeWithAnotherValueCameDuringAWriteTheNextReadAsksWhichIsTheNewer) {
   duringTheNextWrite(
-      [this] { onAnotherThread([this] { manager->updateConfigVar(mtu, {"theirs"}); }); });
+      [this] { onAnotherThread([this] { manager->updateConfigVar(mtu, {"before"}); }); });
   EXPECT_TRUE(manager->setConfigVar(mtu, "ours", nullptr));
-  expectReadWithoutAsking("theirs");
+  answerReadsWith(pb, {"ours"});
+  expectReadByAsking("ours");
+  expectReadWithoutAsking("ours");
+}
+
+TEST_F(CoherenceTest, ANoticeOfTheWriteItselfDuringItIsNoMatter) {
+  duringTheNextWrite(
+      [this] { onAnotherThread([this] { manager->updateConfigVar(mtu, {"ours"}); }); });
+  EXPECT_TRUE(manager->setConfigVar(mtu, "ours", nullptr));
+  expectReadWithoutAsking("ours");
 }
 
 TEST_F(CoherenceTest, ANoticeDuringAReadUnderTheLinksNamespaceCountsToo) {

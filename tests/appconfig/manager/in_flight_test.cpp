@@ -55,14 +55,34 @@ TEST_F(FlightTest, WithoutContentionAWriteStoresTheValueAndLeavesTheFlag) {
   EXPECT_TRUE(record().isDefault());
 }
 
-TEST_F(FlightTest, WhatANoticeStoredSinceTheFlightBeganStays) {
+TEST_F(FlightTest, WhatANoticeStoredSinceAReadBeganStays) {
   Flight read(cache, key);
-  Flight write(cache, key);
   notice({"new"});
   read.storeRead({"old"}, true);
-  write.storeWritten({"older"});
   EXPECT_EQ(value(), Value{"new"});
   EXPECT_FALSE(record().isDefault());
+}
+
+TEST_F(FlightTest, OfAWriteAndANoticeSinceItBeganThatDifferNeitherStays) {
+  Flight write(cache, key);
+  notice({"before or after"});
+  write.storeWritten({"ours"});
+  EXPECT_EQ(value(), Value{});
+}
+
+TEST_F(FlightTest, OfAWriteAndANoticeSinceItBeganThatAgreeTheValueStays) {
+  Flight write(cache, key);
+  notice({"ours"});
+  write.storeWritten({"ours"});
+  EXPECT_EQ(value(), Value{"ours"});
+}
+
+TEST_F(FlightTest, AnEntryThatWasRemovedAfterANoticeDuringAWriteStaysRemoved) {
+  Flight write(cache, key);
+  notice({"theirs"});
+  cache.removeVars("net");
+  write.storeWritten({"ours"});
+  EXPECT_EQ(cache.getConfigValue(key), cache.end());
 }
 
 TEST_F(FlightTest, ANoticeBeforeTheFlightOrAfterItsStoreIsNoMatter) {
