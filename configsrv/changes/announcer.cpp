@@ -31,15 +31,33 @@ Host::Knows knowsAfter(const std::vector<Subscriber>& subscribers, std::size_t i
   return isOneOfSeveral ? Host::Knows::AllBefore : Host::Knows::AllOfThis;
 }
 
+// For everybody alike; whom it is for, address() writes into it.
+ConfigIF::ConfigChangedNtfy valueNotice(const Variable& variable) {
+  ConfigIF::ConfigChangedNtfy notice;
+  ConfigIF::InstValue& value = *notice.mutable_value();
+  fillInst(value.mutable_inst(), variable.key());
+  for (const std::string& element : variable.value()) value.add_values(element);
+  notice.set_is_default(variable.isDefault());
+  return notice;
+}
+
+template <typename Notice>
+void address(std::string_view identity, Notice& notice) {
+  notice.mutable_callback_identity()->assign(identity);
+}
+
 }  // namespace
 
 void Announcer::valueChanged(const Variable& variable) {
   const std::string name = variable.key().dottedName();
   const auto subscribers = subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED);
+  if (subscribers.empty()) return;
+  ConfigIF::ConfigChangedNtfy notice = valueNotice(variable);
   for (std::size_t i = 0; i < subscribers.size(); ++i) {
     const Subscriber& to = subscribers[i];
-    if (mayRead(to, variable))
-      tellValue(to.peer, to.identity, variable, knowsAfter(subscribers, i));
+    if (!mayRead(to, variable)) continue;
+    address(to.identity, notice);
+    notify(to.peer, notice, 'v', to.identity, variable, knowsAfter(subscribers, i));
   }
 }
 
@@ -96,7 +114,7 @@ void Announcer::attributesReset(const Variable& variable) {
   ConfigIF::AttributeChangedNtfy notice;
   fillInst(notice.mutable_inst(), variable.key());
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_ATTRIBUTE_CHANGED)) {
-    notice.set_callback_identity(std::string(to.identity));
+    address(to.identity, notice);
     notify(to.peer, notice, 't', to.identity, variable, Knows::AllBefore);
   }
 }
@@ -108,7 +126,7 @@ void Announcer::submitted(const Variable& variable, ConfigIF::SubmitType type) {
   fillInst(notice.mutable_inst(), variable.key());
   notice.set_type(type);
   for (const Subscriber& to : subscriptions_.covering(name, ConfigIF::CALLBACK_SUBMIT)) {
-    notice.set_callback_identity(std::string(to.identity));
+    address(to.identity, notice);
     ++notices_;
     host_.notify(to.peer, notice, {}, Knows::AllOfThis);
   }
@@ -155,18 +173,15 @@ void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
 
 void Announcer::tellValue(PeerId peer, std::string_view identity, const Variable& variable,
                           Knows knows) {
-  ConfigIF::ConfigChangedNtfy notice;
-  notice.set_callback_identity(std::string(identity));
-  fillInst(notice.mutable_value()->mutable_inst(), variable.key());
-  for (const std::string& element : variable.value()) notice.mutable_value()->add_values(element);
-  notice.set_is_default(variable.isDefault());
+  ConfigIF::ConfigChangedNtfy notice = valueNotice(variable);
+  address(identity, notice);
   notify(peer, notice, 'v', identity, variable, knows);
 }
 
 void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variable& variable,
                             Knows knows) {
   ConfigIF::OptionsChangedNtfy notice;
-  notice.set_callback_identity(std::string(identity));
+  address(identity, notice);
   fillInst(notice.mutable_inst(), variable.key());
   for (const std::string& option : variable.options()) notice.add_options(option);
   notice.set_default_index(variable.defaultIndex());
@@ -180,7 +195,7 @@ void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variab
 void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable,
                                  Knows knows) {
   ConfigIF::AccessLevelChangedNtfy notice;
-  notice.set_callback_identity(std::string(identity));
+  address(identity, notice);
   fillInst(notice.mutable_inst(), variable.key());
   notice.set_read_role(toWire(variable.readRole()));
   notice.set_write_role(toWire(variable.writeRole()));
@@ -190,8 +205,11 @@ void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const V
 void Announcer::notify(PeerId peer, const google::protobuf::MessageLite& notice, char kind,
                        std::string_view identity, const Variable& variable, Knows knows) {
   ++notices_;
-  std::string key(1, kind);
-  key += std::to_string(model_.indexOf(variable));
+  const std::string index = std::to_string(model_.indexOf(variable));
+  std::string key;
+  key.reserve(index.size() + identity.size() + 2);
+  key += kind;
+  key += index;
   key += ' ';
   key += identity;
   host_.notify(peer, notice, key, knows);

@@ -7,9 +7,13 @@ namespace ConfigSrv {
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
+// More than most rows have.
+constexpr std::size_t kRowBytes = 256;
 
 void appendNumber(std::uint64_t number, std::size_t bytes, std::string* out) {
-  for (std::size_t i = 0; i < bytes; ++i) out->push_back(static_cast<char>(number >> (8 * i)));
+  char littleEndian[sizeof number];
+  for (std::size_t i = 0; i < bytes; ++i) littleEndian[i] = static_cast<char>(number >> (8 * i));
+  out->append(littleEndian, bytes);
 }
 
 std::uint32_t readLength(std::string_view bytes) {
@@ -97,6 +101,7 @@ std::uint32_t crc32c(std::string_view bytes) {
 std::uint32_t rowChecksum(const StoredVariable& variable, const std::optional<std::string>& value,
                           const std::optional<std::string>& options) {
   std::string row;
+  row.reserve(kRowBytes);
   appendKey(variable.key, &row);
   appendOptional(value, &row);
   appendOptional(options, &row);

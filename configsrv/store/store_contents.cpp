@@ -112,7 +112,7 @@ std::optional<ConfigVar> readKey(const Statement& row) {
 
 // False when the row is not one that writeRow made.
 bool readRow(const Statement& row, StoredVariable* variable) {
-  const std::optional<ConfigVar> key = readKey(row);
+  std::optional<ConfigVar> key = readKey(row);
   std::optional<std::string> value;
   std::optional<std::string> options;
   std::uint32_t checksum = 0;
@@ -124,7 +124,7 @@ bool readRow(const Statement& row, StoredVariable* variable) {
       !readRevision(row, 12, &variable->accessChangedAt) || !narrow(row.number(13), &checksum)) {
     return false;
   }
-  variable->key = *key;
+  variable->key = std::move(*key);
   return checksum == rowChecksum(*variable, value, options) &&
          decodeOptional(value, &variable->value) && decodeOptional(options, &variable->options);
 }

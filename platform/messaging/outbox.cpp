@@ -23,21 +23,25 @@ void Outbox::add(const FrameHeader& header, std::string_view payload) {
   appendFrame(header, payload, bytes_);
 }
 
-void Outbox::queue(std::string frame, const std::string& key) {
+void Outbox::queue(std::string frame, std::string_view key) {
+  if (!key.empty()) dropOlder(key);
   queuedBytes_ += frame.size();
-  messages_.push_back({std::move(frame), key});
-  if (key.empty()) return;
-  const auto newest = std::prev(messages_.end());
-  const auto [position, isFirst] = newest_.try_emplace(key, newest);
-  if (isFirst) return;
-  queuedBytes_ -= position->second->frame.size();
-  messages_.erase(position->second);
-  position->second = newest;
+  messages_.push_back({std::move(frame), std::string(key)});
+  if (!key.empty()) newest_.emplace(messages_.back().key, std::prev(messages_.end()));
+}
+
+void Outbox::dropOlder(std::string_view key) {
+  const auto found = newest_.find(key);
+  if (found == newest_.end()) return;
+  const std::list<Message>::iterator older = found->second;
+  newest_.erase(found);
+  queuedBytes_ -= older->frame.size();
+  messages_.erase(older);
 }
 
 void Outbox::stage() {
   while (!messages_.empty() && bytes_.size() - written_ < kStageBytes) {
-    Message& message = messages_.front();
+    const Message& message = messages_.front();
     bytes_ += message.frame;
     queuedBytes_ -= message.frame.size();
     if (!message.key.empty()) newest_.erase(message.key);

@@ -19,12 +19,16 @@ namespace PbUtility {
 
 class Outbox {
  public:
+  Outbox() = default;
+  Outbox(const Outbox&) = delete;
+  Outbox& operator=(const Outbox&) = delete;
+
   // Appends a whole frame that must be sent as it is.
   void add(std::string_view frame);
   void add(const FrameHeader& header, std::string_view payload);
   // Appends a whole frame to the queue of messages; of those with the same non-empty key that have
   // not begun to be written, only this one remains.
-  void queue(std::string frame, const std::string& key);
+  void queue(std::string frame, std::string_view key);
 
   enum class Written { All, Some, Failed };
   // Writes what the socket takes without waiting.
@@ -44,6 +48,7 @@ class Outbox {
   // A message's part in list, map and strings.
   static constexpr std::size_t kMessageBytes = 256;
 
+  void dropOlder(std::string_view key);
   // Moves messages into the bytes to be written, a few at a time, so that the rest can still be
   // replaced by newer ones.
   void stage();
@@ -52,7 +57,8 @@ class Outbox {
   std::size_t written_ = 0;
   std::list<Message> messages_;
   std::size_t queuedBytes_ = 0;
-  std::unordered_map<std::string, std::list<Message>::iterator> newest_;
+  // By the message's own key, which stays where it is as long as the message waits.
+  std::unordered_map<std::string_view, std::list<Message>::iterator> newest_;
 };
 
 }  // namespace PbUtility
