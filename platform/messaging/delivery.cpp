@@ -13,6 +13,7 @@
 
 #include "platform/messaging/internal/dispatch.h"
 #include "platform/messaging/internal/frame_bytes.h"
+#include "platform/messaging/internal/time_slice.h"
 
 namespace PbUtility {
 namespace {
@@ -119,6 +120,7 @@ bool Delivery::startThread() {
 
 void Delivery::runOnThread() {
   deliveryOfThisThread = this;
+  askForShortSlices();
   run();
   // As the end of a process's last thread would, whatever a sanitizer makes of a thread that ends in
   // a process which never started it.
