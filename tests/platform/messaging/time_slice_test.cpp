@@ -10,10 +10,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
+#include <string>
 #include <thread>
+
+#include "platform/messaging/endpoint.h"
+#include "tests/support/eventually.h"
+#include "tests/support/serving.h"
+#include "tests/support/temp_dir.h"
 
 namespace PbUtility {
 namespace {
@@ -29,10 +37,18 @@ struct Attributes {
 };
 
 // All zeros where the system does not tell.
-Attributes ofThisThread() {
+Attributes of(pid_t thread) {
   Attributes attributes{};
-  ::syscall(SYS_sched_getattr, 0, &attributes, sizeof attributes, 0);
+  ::syscall(SYS_sched_getattr, thread, &attributes, sizeof attributes, 0);
   return attributes;
+}
+Attributes ofThisThread() { return of(0); }
+
+bool someThreadHas(std::uint64_t slice) {
+  const std::filesystem::directory_iterator threads("/proc/self/task");
+  return std::any_of(begin(threads), end(threads), [slice](const auto& thread) {
+    return of(std::stoi(thread.path().filename())).slice == slice;
+  });
 }
 
 bool mayBeSet(const Attributes& attributes) {
@@ -46,6 +62,8 @@ class TimeSliceTest : public ::testing::Test {
   void SetUp() override {
     const Attributes usual = ofThisThread();
     if (usual.slice == 0) GTEST_SKIP() << "this kernel has one slice for all (before 6.12)";
+    if (::prctl(PR_GET_SECCOMP, 0, 0, 0, 0) != 0)
+      GTEST_SKIP() << "a filter of system calls watches already: nothing would be asked for";
     if (!mayBeSet(usual)) GTEST_SKIP() << "threads may not choose here";
     ASSERT_GT(usual.slice, kShort);
   }
@@ -56,6 +74,17 @@ TEST_F(TimeSliceTest, AThreadThatAsksHasTheShortestSlice) {
     askForShortSlices();
     EXPECT_EQ(ofThisThread().slice, kShort);
   });
+}
+
+TEST_F(TimeSliceTest, TheDeliveryThreadOfAnEndpointAsksForThem) {
+  const TestSupport::TempDir dir;
+  const TestSupport::Serving serving(dir.path());
+  EndpointOptions options;
+  options.runtimeDir = dir.path();
+  ASSERT_FALSE(someThreadHas(kShort));
+  Endpoint endpoint("told", options);
+  ASSERT_TRUE(endpoint.waitUntilConnected("ConfigSrvc", TestSupport::kPatience));
+  EXPECT_TRUE(TestSupport::eventually([] { return someThreadHas(kShort); }));
 }
 
 TEST_F(TimeSliceTest, OtherThreadsKeepTheirs) {
