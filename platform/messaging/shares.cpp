@@ -1,0 +1,70 @@
+#include "platform/messaging/shares.h"
+
+#include <utility>
+
+namespace PbUtility {
+namespace {
+
+template <typename Key>
+std::size_t count(const std::unordered_map<Key, std::size_t>& counts, Key key) {
+  const auto found = counts.find(key);
+  return found == counts.end() ? 0 : found->second;
+}
+
+// A key that holds nothing is forgotten: processes come and go.
+template <typename Key>
+void subtract(std::unordered_map<Key, std::size_t>& counts, Key key, std::size_t amount) {
+  const auto found = counts.find(key);
+  if (found == counts.end()) return;
+  found->second -= amount;
+  if (found->second == 0) counts.erase(found);
+}
+
+bool fits(std::size_t present, std::size_t amount, std::size_t limit) {
+  return present <= limit && amount <= limit - present;
+}
+
+}  // namespace
+
+Shares::Shares(std::string name, ShareLimits limits, uid_t own)
+    : name_(std::move(name)), limits_(limits), own_(own) {}
+
+std::string Shares::refusal(Owner owner, std::size_t amount) const {
+  const auto past = [this](std::size_t limit, const std::string& whose) {
+    return "no more than " + std::to_string(limit) + " " + name_ + " " + whose;
+  };
+  if (!fits(ofProcess(owner.pid), amount, limits_.perProcess))
+    return past(limits_.perProcess,
+                "for one process, and process " + std::to_string(owner.pid) + " has its share");
+  if (isOrdinary(owner) && !fits(ofUser(owner.uid), amount, limits_.perUser))
+    return past(limits_.perUser,
+                "for one user, and user " + std::to_string(owner.uid) + " has its share");
+  if (isOrdinary(owner) && !fits(ordinary_, amount, limits_.ordinary))
+    return past(limits_.ordinary,
+                "for all users together, save root and the service's own, and they have them");
+  if (!fits(all_, amount, limits_.all)) return past(limits_.all, "in all, and they are in use");
+  return {};
+}
+
+void Shares::add(Owner owner, std::size_t amount) {
+  if (amount == 0) return;
+  all_ += amount;
+  byProcess_[owner.pid] += amount;
+  if (!isOrdinary(owner)) return;
+  ordinary_ += amount;
+  byUser_[owner.uid] += amount;
+}
+
+void Shares::remove(Owner owner, std::size_t amount) {
+  if (amount == 0) return;
+  all_ -= amount;
+  subtract(byProcess_, owner.pid, amount);
+  if (!isOrdinary(owner)) return;
+  ordinary_ -= amount;
+  subtract(byUser_, owner.uid, amount);
+}
+
+std::size_t Shares::ofUser(uid_t uid) const { return count(byUser_, uid); }
+std::size_t Shares::ofProcess(pid_t pid) const { return count(byProcess_, pid); }
+
+}  // namespace PbUtility
