@@ -106,7 +106,8 @@ void writeRows(Input& input, const Files& files, const Bytes& bytes) {
   VariableTable table(database);
   require(table.isReady(), "a good store can be written");
   for (std::size_t i = 0; i < kMaxRows && !input.isOver(); ++i) {
-    require(table.write(anyVariable(input)), "any variable can be stored");
+    std::uint64_t digest = 0;
+    require(table.write(anyVariable(input), &digest), "any variable can be stored");
   }
 }
 

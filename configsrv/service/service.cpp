@@ -21,6 +21,7 @@
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
+#include "configsrv/store/witness.h"
 #include "configsrv/subscriptions/subscriptions.h"
 #include "platform/messaging/runtime_dir.h"
 #include "platform/messaging/server.h"
@@ -34,15 +35,6 @@ using PbUtility::ServerOptions;
 
 std::string endpointName(const std::string& prefix) {
   return prefix.empty() ? "ConfigSrvc" : prefix + "/ConfigSrvc";
-}
-
-// Clients bring themselves up to date from nothing when either the store or the definitions are not
-// those of before.
-std::uint64_t epochOf(std::uint64_t storeId, std::uint64_t definitionsDigest) {
-  const std::uint64_t mixed = (storeId ^ (definitionsDigest >> 29) ^ (definitionsDigest << 35)) *
-                              std::uint64_t{0x9E3779B97F4A7C15};
-  const std::uint64_t epoch = mixed ^ (mixed >> 32);
-  return epoch == 0 ? 1 : epoch;
 }
 
 // Descriptors that are none of a connection's: store, log, definitions, the event loop.
@@ -78,12 +70,12 @@ std::vector<std::string> linesOf(const std::vector<Mistake>& mistakes) {
   return lines;
 }
 
-// Beside the socket; without a place for one nothing is remembered.
-std::string providerFile(const ServiceOptions& options) {
+// The socket's path with an ending; empty without a place for one.
+std::string besideSocket(const ServiceOptions& options, const char* ending) {
   const ServerOptions server = serverOptions(options, 0, 0);
   std::string path;
   if (!PbUtility::socketPath(server.runtimeDir, server.name, path).empty()) return {};
-  return path + ".providers";
+  return path + ending;
 }
 
 std::string whyNotTrustedAt(const std::string& path) {
@@ -115,7 +107,7 @@ void warnOfDistrusted(const std::string& directory, const Log& log) {
 
 // Who may write the socket's directory may put a socket of their own in its place.
 void warnOfRuntimeDir(const ServiceOptions& options, const Log& log) {
-  const std::string socket = providerFile(options);
+  const std::string socket = besideSocket(options, "");
   if (socket.empty() || options.listenFd >= 0) return;
   const std::string directory = socket.substr(0, socket.rfind('/'));
   const std::string why = whyNotTrustedAt(directory);
@@ -137,29 +129,29 @@ StartedService failed(StartStatus status, std::vector<std::string> lines) {
 class Service::Impl final : public PbUtility::ServerHandler, public Host {
  public:
   Impl(ServiceOptions options, const Log& log, AccessPolicy access, Definitions definitions,
-       OpenedStore opened)
+       std::unique_ptr<Witness> witness, OpenedStore opened)
       : options_(std::move(options)),
         log_(log),
         access_(std::move(access)),
         names_(access_),
         audit_(options_.auditFile.empty() ? nullptr
                                           : std::make_unique<AuditTrail>(options_.auditFile, log)),
-        providers_(providerFile(options_), log),
+        providers_(besideSocket(options_, ".providers"), log),
+        witness_(std::move(witness)),
         store_(std::move(opened.store)),
         model_(std::move(definitions)),
+        epoch_(witness_->epochFor(store_->storeId(), model_.definitions().digest())),
         announcer_(model_, subscriptions_, *this),
         changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),
                  audit_.get()),
-        server_(serverOptions(options_, epochOf(store_->storeId(), model_.definitions().digest()),
-                              model_.size()),
-                *this),
+        server_(serverOptions(options_, epoch_, model_.size()), *this),
         monitor_(model_,
                  // A report of a notice goes before the notice.
                  [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
                    server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_, providers_, audit_.get(), *store_}),
+                   server_, providers_, audit_.get(), *store_, epoch_}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
@@ -270,8 +262,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   NameClaims names_;
   const std::unique_ptr<AuditTrail> audit_;
   ProviderMemory providers_;
+  const std::unique_ptr<Witness> witness_;  // The store's; it outlives it.
   const std::unique_ptr<Store> store_;
   Model model_;
+  const std::uint64_t epoch_;
   Subscriptions subscriptions_;
   Announcer announcer_;
   Changes changes_;
@@ -284,11 +278,13 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   bool sumsUp_ = false;
 };
 
-// Only once the socket is ours is the file beside it, too.
+// Only once the socket is ours are the files beside it, too.
 std::string Service::Impl::open() {
   std::string problem = server_.open();
-  if (problem.empty()) providers_.open();
-  return problem;
+  if (!problem.empty()) return problem;
+  providers_.open();
+  witness_->begin({epoch_, model_.definitions().digest(), store_->storeId()}, store_->mark());
+  return {};
 }
 
 std::string Service::Impl::onGreeting(const PbUtility::Peer& peer) {
@@ -387,13 +383,17 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   if (!mistakes.empty()) return failed(StartStatus::BadDefinitions, std::move(mistakes));
   warnOfDistrusted(options.definitionsDir, log);
 
+  auto witness = std::make_unique<Witness>(besideSocket(options, ".witness"),
+                                           [&log](const std::string& line) { log.warning(line); });
+  witness->read();
   StoreOptions storeOptions;
   storeOptions.file = options.storeFile;
+  storeOptions.witness = witness.get();
   OpenedStore opened = Store::open(storeOptions);
   if (!opened.status.ok()) return failed(StartStatus::BadStore, {opened.status.text});
 
   auto impl = std::make_unique<Impl>(options, log, std::move(access), std::move(loaded.definitions),
-                                     std::move(opened));
+                                     std::move(witness), std::move(opened));
   const std::string problem = impl->open();
   if (!problem.empty()) return failed(StartStatus::BadSocket, {problem});
   warnOfRuntimeDir(options, log);

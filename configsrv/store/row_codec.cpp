@@ -49,6 +49,13 @@ void appendKey(const ConfigVar& key, std::string* out) {
   appendNumber(static_cast<std::uint32_t>(key.nameInstance()), 4, out);
 }
 
+// Spreads each bit over all of them (the end of SplitMix64).
+std::uint64_t mixed(std::uint64_t number) {
+  number = (number ^ (number >> 30)) * std::uint64_t{0xBF58476D1CE4E5B9};
+  number = (number ^ (number >> 27)) * std::uint64_t{0x94D049BB133111EB};
+  return number ^ (number >> 31);
+}
+
 constexpr std::array<std::uint32_t, 256> makeCrcTable() {
   constexpr std::uint32_t kCastagnoli = 0x82F63B78U;
   std::array<std::uint32_t, 256> table{};
@@ -112,6 +119,14 @@ std::uint32_t rowChecksum(const StoredVariable& variable, const std::optional<st
   appendNumber(variable.optionsChangedAt, 8, &row);
   appendNumber(variable.accessChangedAt, 8, &row);
   return crc32c(row);
+}
+
+std::uint64_t rowDigest(const StoredVariable& variable, std::uint32_t checksum) {
+  std::uint64_t digest = mixed(checksum);
+  for (const std::uint64_t revision :
+       {variable.valueChangedAt, variable.optionsChangedAt, variable.accessChangedAt})
+    digest = mixed(digest + revision);
+  return digest;
 }
 
 std::uint32_t metaChecksum(std::int64_t format, std::uint64_t storeId) {

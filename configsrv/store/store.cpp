@@ -39,21 +39,21 @@ const char* storeCodeName(StoreCode code) {
   return "unknown";
 }
 
-Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId,
-                  int logPages, std::uint64_t revision, std::uint64_t snapshotRevision,
-                  Clock::duration snapshotEvery)
+Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, const StoreOptions& options,
+                  const StoreContents& contents, std::uint64_t snapshotRevision)
     : files_(std::move(files)),
       lock_(std::move(lock)),
       database_(std::move(database)),
-      logReserve_(database_, logPages),
+      logReserve_(database_, options.logPages),
       table_(database_),
       begin_(database_, "BEGIN IMMEDIATE"),
       commit_(database_, "COMMIT"),
       rollBack_(database_, "ROLLBACK"),
-      storeId_(storeId),
-      revision_(revision),
+      witness_(options.witness),
+      storeId_(contents.storeId),
+      mark_(contents.mark),
       snapshotRevision_(snapshotRevision),
-      snapshotEvery_(snapshotEvery) {
+      snapshotEvery_(options.snapshotEvery) {
   database_.takePagesWritten();  // What opening wrote is no commit's.
 }
 
@@ -63,19 +63,23 @@ bool Store::Impl::isReady() const {
 
 // A snapshot newer than the store is a stranger's, or from before a restore: worth replacing.
 std::uint64_t Store::Impl::commitsSinceSnapshot() const {
-  return snapshotRevision_ <= revision_ ? revision_ - snapshotRevision_ : revision_;
+  const std::uint64_t present = revision();
+  return snapshotRevision_ <= present ? present - snapshotRevision_ : present;
 }
 
 CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactions) {
   CommitResult result;
   if (changeNothing(transactions)) {
-    result.revisions.assign(transactions.size(), revision_);
+    result.revisions.assign(transactions.size(), revision());
     return result;
   }
   bytes_.fetch_add(logReserve_.prepare(), std::memory_order_relaxed);
-  result.status = writeAll(transactions, &result.revisions);
+  StoreMark after = mark_;
+  result.status = writeAll(transactions, &result.revisions, &after);
   if (result.status.ok()) {
-    revision_ = result.revisions.back();
+    mark_ = after;
+    // Before anybody hears of it: from now on the state before is an older one.
+    if (witness_ != nullptr) witness_->settle(mark_);
     countWrite();
     snapshotWhenDue();
   } else {
@@ -86,31 +90,36 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
 }
 
 StoreStatus Store::Impl::writeAll(const std::vector<StoreTransaction>& transactions,
-                                  std::vector<std::uint64_t>* revisions) {
+                                  std::vector<std::uint64_t>* revisions, StoreMark* after) {
   if (!begin_.finish()) return writeFailure();
-  std::uint64_t revision = revision_;
   for (const StoreTransaction& transaction : transactions) {
-    if (!transaction.empty()) ++revision;
+    if (!transaction.empty()) ++after->revision;
     for (const StoreChange& change : transaction) {
-      StoreStatus status = writeChange(change, revision);
+      StoreStatus status = writeChange(change, after);
       if (!status.ok()) return status;
     }
-    revisions->push_back(revision);
+    revisions->push_back(after->revision);
   }
+  // A process that is killed from here on leaves a store of one of these marks.
+  if (witness_ != nullptr) witness_->expect(mark_, *after);
   return commit_.finish() ? StoreStatus() : writeFailure();
 }
 
-StoreStatus Store::Impl::writeChange(const StoreChange& change, std::uint64_t revision) {
+StoreStatus Store::Impl::writeChange(const StoreChange& change, StoreMark* after) {
   StoredVariable variable(change.key);
-  const VariableTable::Found found = table_.read(&variable);
+  std::uint64_t before = 0;
+  const VariableTable::Found found = table_.read(&variable, &before);
   if (found == VariableTable::Found::kFailed) return writeFailure();
   if (found == VariableTable::Found::kDamaged) {
     return {StoreCode::kIo, "cannot write to the store " + files_.file() + ": its row of " +
                                 change.key.dottedName() +
                                 " is damaged; restart the service, which sets the file aside"};
   }
-  applyChange(change, revision, &variable);
-  return table_.write(variable) ? StoreStatus() : writeFailure();
+  applyChange(change, after->revision, &variable);
+  std::uint64_t written = 0;
+  if (!table_.write(variable, &written)) return writeFailure();
+  after->digest += written - before;
+  return {};
 }
 
 StoreStatus Store::Impl::writeFailure() const {
@@ -162,7 +171,7 @@ StoreStatus Store::Impl::makeSnapshot() {
   if (status.ok()) status = copyInto(file);
   if (status.ok()) status = files_.install(file, files_.snapshotFile());
   if (status.ok()) {
-    snapshotRevision_ = revision_;
+    snapshotRevision_ = revision();
   } else {
     files_.discard(file);
   }
@@ -186,8 +195,7 @@ OpenedStore Store::open(const StoreOptions& options) {
   if (!opened.status.ok()) return opened;
   StoreContents& contents = opening.contents();
   auto impl = std::make_unique<Impl>(opening.files(), opening.takeLock(), opening.takeDatabase(),
-                                     contents.storeId, options.logPages, contents.revision,
-                                     opening.snapshotRevision(), options.snapshotEvery);
+                                     options, contents, opening.snapshotRevision());
   if (!impl->isReady()) {
     opened.status = impl->database().lastFailure("prepare");
     return opened;
@@ -199,6 +207,7 @@ OpenedStore Store::open(const StoreOptions& options) {
 
 std::uint64_t Store::storeId() const { return impl_->storeId(); }
 std::uint64_t Store::revision() const { return impl_->revision(); }
+StoreMark Store::mark() const { return impl_->mark(); }
 CommitResult Store::commit(const std::vector<StoreTransaction>& transactions) {
   return impl_->commit(transactions);
 }

@@ -13,6 +13,8 @@
 //          behind it; it is said as well, unless it is in the last two or three of them.
 //          A file written by a newer version is refused and not touched; one of an older version
 //          is brought to the present format, in one transaction.
+// Past     with a Witness, a store that is not the one that clients were told of last (an older copy
+//          that was put back, a log whose end is missing) gets a new id, and the notice says so.
 // Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
 //          has it, it is the queue's.
 // Owns     its files, from open() to destruction; a second open() of the same file is refused, in
@@ -34,6 +36,7 @@
 
 #include "configsrv/store/store_status.h"
 #include "configsrv/store/stored_variable.h"
+#include "configsrv/store/witness.h"
 
 namespace ConfigSrv {
 
@@ -57,6 +60,9 @@ struct StoreOptions {
   std::chrono::steady_clock::duration snapshotEvery = std::chrono::hours(24);
   // The formats that are known; null for those of this version. Outlives the store.
   const StoreFormats* formats = nullptr;
+  // Told of every commit before it is made, and asked about what is found; null: nobody. Outlives
+  // the store.
+  Witness* witness = nullptr;
 };
 
 // What the store did since it was opened.
@@ -98,6 +104,9 @@ class Store {
 
   // The newest committed revision; 0 in an empty store.
   std::uint64_t revision() const;
+
+  // What only this state of the store has.
+  StoreMark mark() const;
 
   // Makes the transactions durable, all of them or none, by one write to the disk; none when they
   // are empty. Takes a snapshot as well when it is time for one. Fails with

@@ -110,8 +110,8 @@ std::optional<ConfigVar> readKey(const Statement& row) {
   return ConfigVar(nameSpace, *group, groupInstance, *name, nameInstance);
 }
 
-// False when the row is not one that writeRow made.
-bool readRow(const Statement& row, StoredVariable* variable) {
+// False when the row is not one that VariableTable::write made.
+bool readRow(const Statement& row, StoredVariable* variable, std::uint64_t* digest) {
   std::optional<ConfigVar> key = readKey(row);
   std::optional<std::string> value;
   std::optional<std::string> options;
@@ -125,6 +125,7 @@ bool readRow(const Statement& row, StoredVariable* variable) {
     return false;
   }
   variable->key = std::move(*key);
+  *digest = rowDigest(*variable, checksum);
   return checksum == rowChecksum(*variable, value, options) &&
          decodeOptional(value, &variable->value) && decodeOptional(options, &variable->options);
 }
@@ -177,11 +178,14 @@ StoreContents readVariables(const Database& database, StoreContents contents) {
   Statement::Step step = rows.step();
   for (; step == Statement::Step::kRow; step = rows.step()) {
     StoredVariable variable{ConfigVar("", 0, "", 0)};
-    if (!readRow(rows, &variable)) return damagedContents("a row does not match its checksum");
+    std::uint64_t digest = 0;
+    if (!readRow(rows, &variable, &digest))
+      return damagedContents("a row does not match its checksum");
     if (!variables.empty() && !less(variables.back().key, variable.key)) {
       return damagedContents("its rows are out of order");
     }
-    contents.revision = std::max(contents.revision, newestRevision(variable));
+    contents.mark.revision = std::max(contents.mark.revision, newestRevision(variable));
+    contents.mark.digest += digest;
     variables.push_back(std::move(variable));
   }
   return step == Statement::Step::kDone ? std::move(contents) : contentsAfterFailure(database);
@@ -273,18 +277,18 @@ bool readNewestRevision(Database& database, std::uint64_t* revision) {
 VariableTable::VariableTable(const Database& database)
     : select_(database, kSelectOne), write_(database, kWriteOne) {}
 
-VariableTable::Found VariableTable::read(StoredVariable* variable) {
+VariableTable::Found VariableTable::read(StoredVariable* variable, std::uint64_t* digest) {
   const ConfigVar key = variable->key;  // What is bound must outlive the reading of the row.
   bindKey(key, &select_);
   const Statement::Step step = select_.step();
-  const bool good = step != Statement::Step::kRow || readRow(select_, variable);
+  const bool good = step != Statement::Step::kRow || readRow(select_, variable, digest);
   select_.reset();
   if (step == Statement::Step::kFailed) return Found::kFailed;
   if (step == Statement::Step::kDone) return Found::kNothing;
   return good ? Found::kRow : Found::kDamaged;
 }
 
-bool VariableTable::write(const StoredVariable& variable) {
+bool VariableTable::write(const StoredVariable& variable, std::uint64_t* digest) {
   const std::optional<std::string> value = encodeOptional(variable.value);
   const std::optional<std::string> options = encodeOptional(variable.options);
   bindKey(variable.key, &write_);
@@ -296,7 +300,9 @@ bool VariableTable::write(const StoredVariable& variable) {
   write_.bind(11, static_cast<std::int64_t>(variable.valueChangedAt));
   write_.bind(12, static_cast<std::int64_t>(variable.optionsChangedAt));
   write_.bind(13, static_cast<std::int64_t>(variable.accessChangedAt));
-  write_.bind(14, std::int64_t{rowChecksum(variable, value, options)});
+  const std::uint32_t checksum = rowChecksum(variable, value, options);
+  write_.bind(14, std::int64_t{checksum});
+  *digest = rowDigest(variable, checksum);
   return write_.finish();
 }
 

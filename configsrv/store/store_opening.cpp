@@ -50,6 +50,7 @@ StoreStatus StoreOpening::run() {
   StoreStatus status = files_.makeDirectory();
   if (status.ok()) status = files_.takeLock(&lock_);
   if (status.ok()) status = open();
+  if (status.ok()) status = holdAgainstWitness();
   return status;
 }
 
@@ -69,6 +70,20 @@ StoreStatus StoreOpening::open() {
       return load();
   }
   return status;
+}
+
+// Revisions that clients were told of may stand for something else here, so the id has to be another.
+StoreStatus StoreOpening::holdAgainstWitness() {
+  if (options_.witness == nullptr) return {};
+  const std::string objection = options_.witness->objectionTo(contents_.storeId, contents_.mark);
+  if (objection.empty()) return {};
+  contents_.storeId = makeStoreId();
+  if (!replaceStoreId(*database_, contents_.format, contents_.storeId))
+    return database_->lastFailure("give a new id to");
+  if (!notice_.empty()) notice_ += "; ";
+  notice_ += "the store " + files_.file() + " " + objection +
+             "; it is served as it is, and clients read everything again";
+  return {};
 }
 
 StoreStatus StoreOpening::beginEmpty() {
@@ -98,9 +113,10 @@ StoreStatus StoreOpening::load() {
   if (contents_.condition == Condition::kDamaged) contents_ = openAndRead();
   switch (contents_.condition) {
     case Condition::kGood:
-      return isBehindSnapshot() ? recover("it has revision " + std::to_string(contents_.revision) +
-                                          " and its snapshot a newer one, so its log is lost")
-                                : keepWhatWasRead();
+      return isBehindSnapshot()
+                 ? recover("it has revision " + std::to_string(contents_.mark.revision) +
+                           " and its snapshot a newer one, so its log is lost")
+                 : keepWhatWasRead();
     case Condition::kDamaged:
       return recover("it is damaged (" + contents_.damage + ")");
     case Condition::kOlderFormat:
@@ -126,7 +142,7 @@ bool StoreOpening::isBehindSnapshot() {
   Database snapshot(files_.snapshotFile(), options_.vfs, Database::Access::kReadOnly);
   std::uint64_t revision = 0;
   if (!snapshot.isOpen() || !readNewestRevision(snapshot, &revision)) return false;
-  if (revision <= contents_.revision) return false;
+  if (revision <= contents_.mark.revision) return false;
   const StoreContents newer = readContents(snapshot, formats());
   return newer.condition == Condition::kGood && newer.storeId == contents_.storeId;
 }
@@ -141,8 +157,8 @@ StoreStatus StoreOpening::goOnWithoutLostCommits() {
     return database_->lastFailure("repair");
   emptyLog(*database_);
   notice_ = "the log of the store " + files_.file() +
-            " is damaged: what was committed after revision " + std::to_string(contents_.revision) +
-            " is lost; the damaged log is " +
+            " is damaged: what was committed after revision " +
+            std::to_string(contents_.mark.revision) + " is lost; the damaged log is " +
             (kept.ok() ? "kept as " + aside : "not kept, for " + kept.text);
   return {};
 }
@@ -220,7 +236,7 @@ StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
   if (contents.condition == Condition::kGood) {
     *restored = true;
     notice_ +=
-        "; the snapshot of revision " + std::to_string(contents.revision) + " took its place";
+        "; the snapshot of revision " + std::to_string(contents.mark.revision) + " took its place";
     return files_.install(files_.newFile(), files_.file());
   }
   std::string aside;

@@ -98,7 +98,7 @@ struct Hello {
 };
 
 // Payload of a Welcome: epoch (8 bytes, little-endian). Revisions of one epoch compare; a service
-// whose store or definitions are not the ones of before has another epoch.
+// whose store or definitions are not the ones of before has a later epoch, which is a greater number.
 struct Welcome {
   std::uint64_t epoch = 0;
 };

@@ -30,6 +30,10 @@ std::uint32_t crc32c(std::string_view bytes);
 std::uint32_t rowChecksum(const StoredVariable& variable, const std::optional<std::string>& value,
                           const std::optional<std::string>& options);
 
+// A row's part of the digest of a store's contents, which is the sum of those of all rows: so a
+// commit need not read the others. The checksum is the row's.
+std::uint64_t rowDigest(const StoredVariable& variable, std::uint32_t checksum);
+
 std::uint32_t metaChecksum(std::int64_t format, std::uint64_t storeId);
 
 }  // namespace ConfigSrv

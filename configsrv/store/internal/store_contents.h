@@ -14,6 +14,7 @@
 #include "configsrv/store/internal/database.h"
 #include "configsrv/store/internal/store_format.h"
 #include "configsrv/store/stored_variable.h"
+#include "configsrv/store/witness.h"
 
 namespace ConfigSrv {
 
@@ -25,7 +26,7 @@ struct StoreContents {
   StoreStatus status;  // Why it could not be read, when that failed; or why it is refused.
   std::int64_t format = 0;
   std::uint64_t storeId = 0;
-  std::uint64_t revision = 0;
+  StoreMark mark;
   std::vector<StoredVariable> variables;
 };
 
@@ -59,10 +60,11 @@ class VariableTable {
 
   bool isReady() const { return select_.isReady() && write_.isReady(); }
 
-  // Fills in the row of variable->key; kNothing leaves the variable as it is.
-  Found read(StoredVariable* variable);
-  // Adds the row or replaces it.
-  [[nodiscard]] bool write(const StoredVariable& variable);
+  // Fills in the row of variable->key, and sets its part of the digest; kNothing leaves both as they
+  // are.
+  Found read(StoredVariable* variable, std::uint64_t* digest);
+  // Adds the row or replaces it, and sets its part of the digest.
+  [[nodiscard]] bool write(const StoredVariable& variable, std::uint64_t* digest);
 
  private:
   Statement select_;

@@ -17,15 +17,15 @@ namespace ConfigSrv {
 
 class Store::Impl {
  public:
-  Impl(StoreFiles files, FileLock lock, Database database, std::uint64_t storeId, int logPages,
-       std::uint64_t revision, std::uint64_t snapshotRevision,
-       std::chrono::steady_clock::duration snapshotEvery);
+  Impl(StoreFiles files, FileLock lock, Database database, const StoreOptions& options,
+       const StoreContents& contents, std::uint64_t snapshotRevision);
 
   bool isReady() const;
   const Database& database() const { return database_; }
 
   std::uint64_t storeId() const { return storeId_; }
-  std::uint64_t revision() const { return revision_; }
+  std::uint64_t revision() const { return mark_.revision; }
+  StoreMark mark() const { return mark_; }
   std::uint64_t commitsSinceSnapshot() const;
 
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
@@ -39,8 +39,9 @@ class Store::Impl {
   void snapshotWhenDue();
   void countWrite();
   StoreStatus writeAll(const std::vector<StoreTransaction>& transactions,
-                       std::vector<std::uint64_t>* revisions);
-  StoreStatus writeChange(const StoreChange& change, std::uint64_t revision);
+                       std::vector<std::uint64_t>* revisions, StoreMark* after);
+  // Gives the change the revision of `after`, and `after` the digest that it leads to.
+  StoreStatus writeChange(const StoreChange& change, StoreMark* after);
   StoreStatus writeFailure() const;
   void rollBack();
   StoreStatus copyInto(const std::string& file);
@@ -53,8 +54,9 @@ class Store::Impl {
   Statement begin_;
   Statement commit_;
   Statement rollBack_;
+  Witness* const witness_;
   const std::uint64_t storeId_;
-  std::uint64_t revision_;
+  StoreMark mark_;
   std::uint64_t snapshotRevision_;
   const Clock::duration snapshotEvery_;
   Clock::time_point snapshotTriedAt_ = Clock::now();

@@ -46,6 +46,7 @@ class StoreOpening {
   StoreStatus keepWhatWasRead();
   bool isBehindSnapshot();
   StoreStatus goOnWithoutLostCommits();
+  StoreStatus holdAgainstWitness();
   StoreContents openAndRead();
   StoreContents upgradeAndRead(Database& database, std::int64_t format) const;
   bool useLog();
