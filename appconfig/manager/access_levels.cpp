@@ -108,11 +108,12 @@ bool AppCfgManager::getAccessLevels(const std::string& group, int groupInstance,
 }
 
 bool AppCfgManager::loadAccessLevels(const ConfigVar& var, ConfigAccessLevels& levels) {
+  StateStamp stamp;
   Flight flight(cache_, var);
-  if (!service_->getAccessLevels(var, &levels.readRole, &levels.writeRole)) return false;
+  if (!service_->getAccessLevels(var, &levels.readRole, &levels.writeRole, stamp)) return false;
   levels.readRoleSet = true;
   levels.writeRoleSet = true;
-  flight.storeAccessLevels(levels);
+  flight.storeAccessLevels(levels, stamp);
   return true;
 }
 
@@ -122,6 +123,14 @@ void AppCfgManager::updateConfigVarAccessLevels(const std::string& group, int gr
   const ConfigVar key(group, groupInstance, name, nameInstance);
   const NoticeStore guard(cache_, key, partsIn(levels));
   cache_.updateAccessLevels(key, levels);
+}
+
+void AppCfgManager::takeAnnouncedLevels(const ConfigVar& var, ConfigAccessLevels levels,
+                                        const StateStamp& stamp) {
+  NoticeStore store(cache_, var);
+  levels.readRoleSet = levels.readRoleSet && store.admits(kReadRolePart, stamp);
+  levels.writeRoleSet = levels.writeRoleSet && store.admits(kWriteRolePart, stamp);
+  cache_.updateAccessLevels(var, levels);
 }
 
 }  // namespace AppConfig

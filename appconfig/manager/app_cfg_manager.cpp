@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "appconfig/core/internal/fork_lock.h"
+#include "appconfig/manager/internal/in_flight.h"
 #include "appconfig/service/platform_cfg_service.h"
 
 namespace AppConfig {
@@ -27,7 +28,7 @@ std::atomic<AppCfgManager*> AppCfgManager::ms_localInstance{nullptr};
 
 AppCfgManager::AppCfgManager(PlatformCfgService* service) : service_(service) {}
 
-AppCfgManager::~AppCfgManager() = default;
+AppCfgManager::~AppCfgManager() { forgetStamps(cache_); }
 
 AppCfgManager* AppCfgManager::getLocalCfgManager() {
   if (AppCfgManager* local = ms_localInstance) return local;

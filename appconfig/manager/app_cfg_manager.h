@@ -16,9 +16,12 @@
 //            failed, when the service answered.
 // Errors     returned, never thrown. Nothing is retried: the next call simply asks again.
 // Threads    any thread may call anything, handlers included. Requests block their caller for as
-//            long as the endpoint waits. What a notice stored while a read or a write of the same
-//            variable was on its way is never replaced by the older answer; when two requests about
-//            one variable finish with different values, the value is forgotten and asked for again.
+//            long as the endpoint waits. What a thread has read, or has written and was told is
+//            accepted, is never followed in any thread by something older, whatever order answers and
+//            notices come in (save what the application stores itself, and a service that begins a
+//            new epoch). A message layer that does not tell how new a value is leaves the order of
+//            arrival: then, when two requests about one variable finish with different values, the
+//            value is forgotten and asked for again.
 // Owns       its cache. Not the endpoint and no handler; both must outlive their use.
 //
 //   AppConfig::AppCfgManager* config = AppConfig::AppCfgManager::getInstance();
@@ -53,6 +56,7 @@ class PbUtils;
 namespace AppConfig {
 
 class PlatformCfgService;
+struct StateStamp;
 
 class APPCONFIG_EXPORT AppCfgManager {
  public:
@@ -272,20 +276,37 @@ class APPCONFIG_EXPORT AppCfgManager {
                                    const ConfigAccessLevels& levels);
 
  private:
-  // Stores the index that came with announced options.
+  // Stores what the service announces.
   friend class PlatformCfgService;
+  friend bool readFresh(const ConfigVar& var, std::list<std::string>& value,
+                        AppCfgManager* manager);
 
   APPCONFIG_LOCAL bool isCacheable(const ConfigVar& var) const;
   APPCONFIG_LOCAL bool copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const;
   APPCONFIG_LOCAL bool copyCachedFirstString(const ConfigVar& var, std::string& out) const;
-  // {""} when the service has no value for us.
+  // Empty when the service has no value for us.
+  APPCONFIG_LOCAL std::list<std::string> askForValue(const ConfigVar& var);
+  // {""} then.
   APPCONFIG_LOCAL std::list<std::string> readFromService(const ConfigVar& var);
   APPCONFIG_LOCAL std::string firstString(const ConfigVar& var);
   // The record, after a value read when there is none yet; false when there is none then either.
   APPCONFIG_LOCAL bool copyRecordAfterRead(const ConfigVar& key, ConfigValue& out);
   APPCONFIG_LOCAL unsigned int cachedDefaultIndex(const ConfigVar& key) const;
   APPCONFIG_LOCAL bool loadAccessLevels(const ConfigVar& var, ConfigAccessLevels& levels);
-  APPCONFIG_LOCAL void updateOptionDefaultIndex(const ConfigVar& var, unsigned int defaultIndex);
+
+  // What a notice tells goes into the cache, unless something newer is there. A null flag or index is
+  // one that the notice does not tell.
+  APPCONFIG_LOCAL void takeAnnounced(const ConfigVar& var, const std::list<std::string>& value,
+                                     const bool* isDefault, const StateStamp& stamp);
+  APPCONFIG_LOCAL void takeAnnouncedOptions(const ConfigVar& var,
+                                            const std::list<std::string>& options,
+                                            const unsigned int* defaultIndex,
+                                            const StateStamp& stamp);
+  APPCONFIG_LOCAL void takeAnnouncedLevels(const ConfigVar& var, ConfigAccessLevels levels,
+                                           const StateStamp& stamp);
+  // A value that is about to be committed, while the state of the stamp still holds.
+  APPCONFIG_LOCAL void takeTentative(const ConfigVar& var, const std::list<std::string>& value,
+                                     const StateStamp& held);
 
   APPCONFIG_LOCAL static std::atomic<AppCfgManager*> ms_instance;
   APPCONFIG_LOCAL static std::atomic<AppCfgManager*> ms_localInstance;

@@ -23,9 +23,10 @@ std::vector<std::string>& AppCfgManager::getConfigOptions(const ConfigVar& var,
   // A service that does not answer leaves the index, and so what is stored is what was there.
   unsigned int defaultIndex = cachedDefaultIndex(var);
   std::list<std::string> options;
-  service_->getConfigOptions(var, options, defaultIndex);
+  StateStamp stamp;
+  service_->getConfigOptions(var, options, defaultIndex, stamp);
   out.assign(options.begin(), options.end());
-  flight.storeOptions(out, defaultIndex);
+  flight.storeOptions(out, defaultIndex, stamp);
   return out;
 }
 
@@ -94,9 +95,10 @@ bool AppCfgManager::setConfigOptions(const std::string& group, int groupInstance
                                      unsigned int defaultIndex) {
   const ConfigVar key(group, groupInstance, name, nameInstance);
   Flight flight(cache_, key);
-  if (!service_->setConfigOptions(key, {options.begin(), options.end()}, &defaultIndex))
+  StateStamp stamp;
+  if (!service_->setConfigOptions(key, {options.begin(), options.end()}, &defaultIndex, stamp))
     return false;
-  flight.storeDefaultIndex(defaultIndex);
+  flight.storeDefaultIndex(defaultIndex, stamp);
   return true;
 }
 
@@ -108,9 +110,15 @@ void AppCfgManager::updateConfigVarOptions(const std::string& group, int groupIn
   cache_.updateOptions(key, {options.begin(), options.end()});
 }
 
-void AppCfgManager::updateOptionDefaultIndex(const ConfigVar& var, unsigned int defaultIndex) {
-  const NoticeStore guard(cache_, var, kDefaultIndexPart);
-  cache_.updateOptionDefaultIndex(var, defaultIndex);
+void AppCfgManager::takeAnnouncedOptions(const ConfigVar& var,
+                                         const std::list<std::string>& options,
+                                         const unsigned int* defaultIndex,
+                                         const StateStamp& stamp) {
+  NoticeStore store(cache_, var);
+  if (store.admits(kOptionsPart, stamp))
+    cache_.updateOptions(var, {options.begin(), options.end()});
+  if (defaultIndex && store.admits(kDefaultIndexPart, stamp))
+    cache_.updateOptionDefaultIndex(var, *defaultIndex);
 }
 
 }  // namespace AppConfig

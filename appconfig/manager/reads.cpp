@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "appconfig/manager/app_cfg_manager.h"
+#include "appconfig/manager/fresh_read.h"
 #include "appconfig/manager/internal/in_flight.h"
 #include "appconfig/manager/internal/local_key.h"
 #include "appconfig/service/platform_cfg_service.h"
@@ -47,16 +48,18 @@ ConfigCache::Position AppCfgManager::retrieveConfigVar(const ConfigVar& var) {
 }
 
 // An empty answer is not cached, so that a variable that comes to be is found by the next read.
-std::list<std::string> AppCfgManager::readFromService(const ConfigVar& var) {
+std::list<std::string> AppCfgManager::askForValue(const ConfigVar& var) {
   bool isDefault = false;
-  std::list<std::string> value;
-  if (isCacheable(var)) {
-    Flight flight(cache_, localKey(var));
-    value = service_->getConfigVar(var, isDefault);
-    if (!value.empty()) flight.storeRead(value, isDefault);
-  } else {
-    value = service_->getConfigVar(var, isDefault);
-  }
+  if (!isCacheable(var)) return service_->getConfigVar(var, isDefault);
+  StateStamp stamp;
+  Flight flight(cache_, localKey(var));
+  std::list<std::string> value = service_->getConfigVar(var, isDefault, stamp);
+  if (!value.empty()) flight.storeRead(value, isDefault, stamp);
+  return value;
+}
+
+std::list<std::string> AppCfgManager::readFromService(const ConfigVar& var) {
+  std::list<std::string> value = askForValue(var);
   if (value.empty()) value.emplace_back();
   return value;
 }
@@ -129,6 +132,12 @@ ConfigValue AppCfgManager::getConfigValue(const std::string& group, int groupIns
   std::vector<std::string> unused;
   if (!record.hasOptions()) getConfigOptions(key, unused);
   return cache_.copyRecord(key, record) ? record : ConfigValue();
+}
+
+bool readFresh(const ConfigVar& var, std::list<std::string>& value, AppCfgManager* manager) {
+  AppCfgManager* const facade = manager ? manager : AppCfgManager::getInstance();
+  value = facade->askForValue(var);
+  return !value.empty();
 }
 
 }  // namespace AppConfig

@@ -74,9 +74,10 @@ bool AppCfgManager::setConfigVar(const std::string& group, int groupInstance,
 bool AppCfgManager::setConfigVar(const ConfigVar& var, const std::list<std::string>& value,
                                  ConfigResult* result) {
   if (!isCacheable(var)) return service_->setConfigVar(var, value, result);
+  StateStamp stamp;
   Flight flight(cache_, localKey(var));
-  if (!service_->setConfigVar(var, value, result)) return false;
-  flight.storeWritten(value);
+  if (!service_->setConfigVar(var, value, result, stamp)) return false;
+  flight.storeWritten(value, stamp);
   return true;
 }
 
@@ -155,6 +156,20 @@ void AppCfgManager::updateIsDefault(const ConfigVar& var, bool isDefault) {
   const ConfigVar key = localKey(var);
   const NoticeStore guard(cache_, key, kDefaultFlagPart);
   cache_.updateIsDefault(key, isDefault);
+}
+
+// A notice names no namespace, so its key is the local one already.
+void AppCfgManager::takeAnnounced(const ConfigVar& var, const std::list<std::string>& value,
+                                  const bool* isDefault, const StateStamp& stamp) {
+  NoticeStore store(cache_, var);
+  if (store.admits(kValuePart, stamp)) cache_.update(var, value);
+  if (isDefault && store.admits(kDefaultFlagPart, stamp)) cache_.updateIsDefault(var, *isDefault);
+}
+
+void AppCfgManager::takeTentative(const ConfigVar& var, const std::list<std::string>& value,
+                                  const StateStamp& held) {
+  NoticeStore store(cache_, var);
+  if (store.admitsTentative(held)) cache_.update(var, value);
 }
 
 }  // namespace AppConfig

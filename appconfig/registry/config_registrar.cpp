@@ -12,6 +12,7 @@
 #include "appconfig/registry/config_registrar.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <string_view>
 #include <utility>
@@ -27,6 +28,9 @@ std::mutex guard;
 const AppConfig::ForkLock atFork(AppConfig::ForkLock::kRegistry,
                                  {[] { guard.lock(); }, [] { guard.unlock(); },
                                   [] { guard.unlock(); }});
+
+// How often a handler was taken out of any registrar.
+std::atomic<unsigned> removals{0};
 
 template <typename T>
 using HandlerMap = ConfigRegistrar::HandlerMap<T>;
@@ -112,7 +116,9 @@ template <typename T>
 bool removeAll(std::list<T*>& handlers, T* handler) {
   const std::size_t before = handlers.size();
   handlers.remove(handler);
-  return handlers.size() != before;
+  if (handlers.size() == before) return false;
+  ++removals;
+  return true;
 }
 
 }  // namespace
@@ -138,6 +144,8 @@ bool ConfigRegistrar::unregisterHandler(const ConfigVar& var, ProviderConfigHand
   const std::lock_guard<std::mutex> lock(guard);
   return removeAll(providerHandlers_[var], handler);
 }
+
+unsigned ConfigRegistrar::unregistrations() { return removals; }
 
 bool ConfigRegistrar::isHandlerRegistered(const ConfigVar& var, ConsumerCallbackType type) {
   const std::lock_guard<std::mutex> lock(guard);

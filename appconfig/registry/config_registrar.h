@@ -68,6 +68,10 @@ class ConfigRegistrar {
   bool isHandlerRegistered(const ConfigVar& var, ConsumerCallbackType type);
   bool isProviderHandlerRegistered(const ConfigVar& var);
 
+  // How often something was unregistered at any registrar so far: while the number stays the same,
+  // what covered a variable goes on doing so.
+  static unsigned unregistrations();
+
   // The handlers to call. Names may be in any case.
   std::list<ConsumerConfigHandler*> getHandlers(const std::string& group, const std::string& name,
                                                 ConsumerCallbackType type);

@@ -63,13 +63,27 @@ void PlatformCfgService::unregisterAllCallbacks() {
 // Both take a copy, for what they are given may be the key of an entry that is about to change.
 // NOLINTBEGIN(performance-unnecessary-value-param)
 bool PlatformCfgService::registerHandlerProactively(ConfigVar var, ConsumerCallbackType type) {
-  if (!isHandlerRegistered(var, type)) registerForAnswer(var, type);
+  if (!isHandlerRegistered(var, type)) registerMarker(var, type);
   return true;
 }
 
-void PlatformCfgService::registerForAnswer(const ConfigVar& var, ConsumerCallbackType type) {
+PlatformCfgService::Coverage PlatformCfgService::coverageOf(const ConfigVar& var,
+                                                            ConsumerCallbackType type) {
+  // Counted first: what is unregistered in between is looked for once more afterwards.
+  const unsigned before = unregistrations();
+  return {isHandlerRegistered(var, type), before};
+}
+
+void PlatformCfgService::registerAfterAnswer(const ConfigVar& var, ConsumerCallbackType type,
+                                             const Coverage& before) {
+  const bool mayHaveGone = unregistrations() != before.unregistrations;
+  const bool isCovered = before.isRegistered && (!mayHaveGone || isHandlerRegistered(var, type));
+  if (!isCovered) registerMarker(var, type);
+}
+
+void PlatformCfgService::registerMarker(const ConfigVar& var, ConsumerCallbackType type) {
   registerCallback(var, enumTranslate(type));
-  if (!isHandlerRegistered(var, type)) ConfigRegistrar::registerHandler(var, nullptr, type);
+  ConfigRegistrar::registerHandler(var, nullptr, type);
 }
 
 void PlatformCfgService::registerHandlerRequested(ConfigVar var, ConsumerConfigHandler* handler,

@@ -100,12 +100,13 @@ void validateWithProviders(PlatformCfgService& link, const ConfigIF::DynamicVali
 }
 
 // The cache first, so that a provider which reads the variable sees what it is told about.
-void changeAtProviders(PlatformCfgService& link, AppCfgManager& manager,
-                       const ConfigIF::OnChangeReq& request, ConfigResult& result) {
+template <typename StoreInCache>
+void changeAtProviders(PlatformCfgService& link, const ConfigIF::OnChangeReq& request,
+                       ConfigResult& result, StoreInCache storeInCache) {
   Name var;
   std::list<std::string> value;
   if (!readQuestion(request, var, value, result)) return;
-  manager.updateConfigVar(var.key(), value);
+  storeInCache(var.key(), value);
   const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
   for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
     provider->onChange(var.group, var.groupInstance, var.name, var.nameInstance, value, role,
@@ -156,8 +157,11 @@ MSG_Message* PlatformCfgService::onChangeHandler(const ConfigIF::OnChangeReq& re
   ConfigResult result = resultFor(request);
   Link* const link = findMatchingCfgService(userData, request.value().inst());
   AppCfgManager* const manager = findMatchingCfgManager(userData);
+  const auto storeInCache = [&](const ConfigVar& key, const std::list<std::string>& value) {
+    manager->takeTentative(key, value, stampIn(request));
+  };
   if (link && manager)
-    changeAtProviders(*link, *manager, request, result);
+    changeAtProviders(*link, request, result, storeInCache);
   else
     result.addResultMessage("Not interested");  // spelled otherwise than above: both are known
   return msgUtil_buildMsgWithHeader(ProtobufMessageHelper::getOnChangeResponse(result), message,
@@ -175,9 +179,10 @@ MSG_Message* PlatformCfgService::configChangedHandler(const ConfigIF::ConfigChan
   if (!var.readFrom(notice.value().inst())) return nullptr;
   if (ProtobufMessageHelper::getConfigVarValue(value, notice.value()) != 0) return nullptr;
   if (notice.callback_identity() != link->linkName_) return nullptr;
-  manager->updateConfigVar(var.key(), value);
   // A service that does not say leaves the flag as it was.
-  if (notice.has_is_default()) manager->updateIsDefault(var.key(), notice.is_default());
+  const bool isDefault = notice.is_default();
+  manager->takeAnnounced(var.key(), value, notice.has_is_default() ? &isDefault : nullptr,
+                         stampIn(notice));
   for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eValueChanged)) {
     consumer->configChanged(var.group, var.groupInstance, var.name, var.nameInstance, value,
                             notice.callback_identity());
@@ -203,11 +208,10 @@ MSG_Message* PlatformCfgService::optionsChangedHandler(const ConfigIF::OptionsCh
   const auto consumers = link->getHandlers(var.group, var.name, eOptionsChanged);
   std::list<std::string> options;
   ProtobufMessageHelper::getStringList(options, notice.options());
-  manager->updateConfigVarOptions(var.group, var.groupInstance, var.name, var.nameInstance,
-                                  options);
   // As with the default flag: a service that does not say leaves the index as it was.
-  if (notice.has_default_index())
-    manager->updateOptionDefaultIndex(var.key(), notice.default_index());
+  const unsigned int index = notice.default_index();
+  manager->takeAnnouncedOptions(var.key(), options, notice.has_default_index() ? &index : nullptr,
+                                stampIn(notice));
   for (ConsumerConfigHandler* consumer : consumers) {
     consumer->optionsChanged(var.group, var.groupInstance, var.name, var.nameInstance, options,
                              notice.callback_identity());
@@ -238,8 +242,7 @@ MSG_Message* PlatformCfgService::accessLevelsChangedHandler(
   if (!var.readFrom(notice.inst())) return nullptr;
   const auto consumers = link->getHandlers(var.group, var.name, eAccessLevelsChanged);
   const ConfigAccessLevels levels = levelsIn(notice);
-  manager->updateConfigVarAccessLevels(var.group, var.groupInstance, var.name, var.nameInstance,
-                                       levels);
+  manager->takeAnnouncedLevels(var.key(), levels, stampIn(notice));
   for (ConsumerConfigHandler* consumer : consumers) {
     consumer->accessLevelsChanged(var.group, var.groupInstance, var.name, var.nameInstance,
                                   levels.readRole, levels.writeRole, notice.callback_identity());

@@ -48,15 +48,24 @@ ConfigIF::SetAccessLevelsReq setAccessLevelsRequest(const std::string& client, W
 std::list<std::string>& PlatformCfgService::getConfigOptions(const ConfigVar& var,
                                                              std::list<std::string>& options,
                                                              unsigned int& defaultIndex) {
+  StateStamp unused;
+  return getConfigOptions(var, options, defaultIndex, unused);
+}
+
+std::list<std::string>& PlatformCfgService::getConfigOptions(const ConfigVar& var,
+                                                             std::list<std::string>& options,
+                                                             unsigned int& defaultIndex,
+                                                             StateStamp& stamp) {
   options.clear();
   if (!pb_) return options;
-  const bool wasRegistered = isHandlerRegistered(var, eOptionsChanged);
+  const Coverage coverage = coverageOf(var, eOptionsChanged);
   ConfigIF::GetAttributeOptionsRsp response;
   if (!ask(ProtobufMessageHelper::getGetOptionsRequest(getSelfFQName(), securityRole_, var),
            &response))
     return options;
-  if (takeOptions(response, options, defaultIndex) && !wasRegistered)
-    registerForAnswer(var, eOptionsChanged);
+  if (!takeOptions(response, options, defaultIndex)) return options;
+  stamp = stampIn(response);
+  registerAfterAnswer(var, eOptionsChanged, coverage);
   return options;
 }
 
@@ -77,19 +86,34 @@ std::list<std::string>& PlatformCfgService::getConfigDefaultOptions(const Config
 bool PlatformCfgService::setConfigOptions(const ConfigVar& var,
                                           const std::list<std::string>& options,
                                           unsigned int* defaultIndex) {
+  StateStamp unused;
+  return setConfigOptions(var, options, defaultIndex, unused);
+}
+
+bool PlatformCfgService::setConfigOptions(const ConfigVar& var,
+                                          const std::list<std::string>& options,
+                                          unsigned int* defaultIndex, StateStamp& stamp) {
   if (!pb_) return false;
   ConfigIF::SetAttributeOptionsRsp response;
-  return ask(ProtobufMessageHelper::getSetOptionsRequest(getSelfFQName(), securityRole_, var,
-                                                         options, defaultIndex),
-             &response) &&
-         response.result().error() == CommonIF::ERROR_NONE;
+  if (!ask(ProtobufMessageHelper::getSetOptionsRequest(getSelfFQName(), securityRole_, var, options,
+                                                       defaultIndex),
+           &response))
+    return false;
+  stamp = stampIn(response);
+  return response.result().error() == CommonIF::ERROR_NONE;
 }
 
 bool PlatformCfgService::getAccessLevels(const ConfigVar& var, SecurityRole* readRole,
                                          SecurityRole* writeRole) {
+  StateStamp unused;
+  return getAccessLevels(var, readRole, writeRole, unused);
+}
+
+bool PlatformCfgService::getAccessLevels(const ConfigVar& var, SecurityRole* readRole,
+                                         SecurityRole* writeRole, StateStamp& stamp) {
   if (!pb_) return false;
   const ConfigVar key = keyForRequest(var);
-  const bool wasRegistered = isHandlerRegistered(key, eAccessLevelsChanged);
+  const Coverage coverage = coverageOf(key, eAccessLevelsChanged);
   ConfigIF::GetAccessLevelsRsp response;
   if (!ask(ProtobufMessageHelper::getGetAccessLevelsReq(getSelfFQName(), securityRole_, key),
            &response))
@@ -97,7 +121,8 @@ bool PlatformCfgService::getAccessLevels(const ConfigVar& var, SecurityRole* rea
   if (response.result().error() != CommonIF::ERROR_NONE) return false;
   if (readRole) *readRole = enumTranslate(response.read_role());
   if (writeRole) *writeRole = enumTranslate(response.write_role());
-  if (!wasRegistered) registerForAnswer(key, eAccessLevelsChanged);
+  stamp = stampIn(response);
+  registerAfterAnswer(key, eAccessLevelsChanged, coverage);
   return true;
 }
 

@@ -37,6 +37,7 @@
 
 #include "appconfig/core/config_result.h"
 #include "appconfig/core/config_var.h"
+#include "appconfig/core/state_stamp.h"
 #include "appconfig/core/security_role.h"
 #include "appconfig/registry/config_registrar.h"
 
@@ -140,6 +141,9 @@ class PlatformCfgService : public ConfigRegistrar {
   // The value; empty on any failure, and then isDefault is as it was. Success makes sure that
   // changes of the variable are announced from now on, an empty value included.
   std::list<std::string> getConfigVar(const ConfigVar& var, bool& isDefault);
+  // The same, and how new the value is: a stamp is as it was where the service tells none. So it is
+  // with the other requests that have one.
+  std::list<std::string> getConfigVar(const ConfigVar& var, bool& isDefault, StateStamp& stamp);
 
   // Writes without waiting: true when the message layer took the request; the service's verdict
   // stays unknown. Changes are announced from now on, even when the send failed.
@@ -148,6 +152,8 @@ class PlatformCfgService : public ConfigRegistrar {
   // whenever the service answered and untouched otherwise. Acceptance makes sure that changes are
   // announced from now on.
   bool setConfigVar(const ConfigVar& var, std::list<std::string> value, ConfigResult* result);
+  bool setConfigVar(const ConfigVar& var, const std::list<std::string>& value, ConfigResult* result,
+                    StateStamp& stamp);
 
   // Whether the service would accept the value; the result as for a write. Registers nothing.
   bool isValid(const ConfigVar& var, const std::list<std::string>& value, ConfigResult* result);
@@ -164,18 +170,24 @@ class PlatformCfgService : public ConfigRegistrar {
   // announced from now on; reading the default ones does not.
   std::list<std::string>& getConfigOptions(const ConfigVar& var, std::list<std::string>& options,
                                            unsigned int& defaultIndex);
+  std::list<std::string>& getConfigOptions(const ConfigVar& var, std::list<std::string>& options,
+                                           unsigned int& defaultIndex, StateStamp& stamp);
   std::list<std::string>& getConfigDefaultOptions(const ConfigVar& var,
                                                   std::list<std::string>& options,
                                                   unsigned int& defaultIndex);
   // Whether the service accepted. A null index stays as it is at the service.
   bool setConfigOptions(const ConfigVar& var, const std::list<std::string>& options,
                         unsigned int* defaultIndex);
+  bool setConfigOptions(const ConfigVar& var, const std::list<std::string>& options,
+                        unsigned int* defaultIndex, StateStamp& stamp);
 
   // --- Requests about access levels ---
 
   // Whether the service answered; the roles are set only then, and either may be null. Success
   // makes sure that changes of the roles are announced from now on.
   bool getAccessLevels(const ConfigVar& var, SecurityRole* readRole, SecurityRole* writeRole);
+  bool getAccessLevels(const ConfigVar& var, SecurityRole* readRole, SecurityRole* writeRole,
+                       StateStamp& stamp);
   // A null role stays as it is at the service. The first form waits for nothing and tells whether
   // the message layer took the request. The second tells whether the service accepted all of it,
   // and appends one code for each variable it answered for, successful ones included; those are
@@ -251,9 +263,21 @@ class PlatformCfgService : public ConfigRegistrar {
   // names no variable is skipped.
   void takeAccessLevelsRecord(const ConfigIF::AccessLevelsRecord& record,
                               std::list<std::pair<ConfigVar, eErrorT>>& errors);
-  // Registers the library's own interest after an answer whose request was sent while nothing
-  // covered the variable; also when something does by now, for what that is told begins later.
-  void registerForAnswer(const ConfigVar& var, ConsumerCallbackType type);
+  // Whether something covers a variable before a request about it is sent, and how many handlers had
+  // been unregistered by then: if none has been since, what covered it still does.
+  struct Coverage {
+    bool isRegistered;
+    unsigned unregistrations;
+  };
+  Coverage coverageOf(const ConfigVar& var, ConsumerCallbackType type);
+  // Makes sure, after an answer, that what changes behind it is told, for the library's own sake.
+  // That something covered the variable when the request was sent is not enough: its handler may be
+  // gone by now. Nor is it enough that something covers it now, when nothing did then: what that is
+  // told may begin behind a change that the answer does not hold.
+  void registerAfterAnswer(const ConfigVar& var, ConsumerCallbackType type, const Coverage& before);
+  // Registers the library's own interest, and enters its marker whatever handlers come meanwhile:
+  // the interest outlives them.
+  void registerMarker(const ConfigVar& var, ConsumerCallbackType type);
   // Sends and waits. False without an endpoint and when the send failed.
   bool ask(const google::protobuf::MessageLite& request,
            google::protobuf::MessageLite* response) const;

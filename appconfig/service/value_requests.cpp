@@ -1,10 +1,12 @@
 // Reads, writes, validates and resets one variable's value at the service.
 //
-// Who has to register is settled before the request is sent. A registration that another thread
-// made while the answer was on its way covers what that thread has read, not what is in this answer.
+// Whether something covers the variable is noted before the request is sent. A registration that
+// another thread made while the answer was on its way covers what that thread has read, not what is
+// in this answer; so the answer is followed by one of its own.
 //
 // The writes differ in when they register for changes. The one-way write does it before it sends,
-// for nobody will tell whether the write arrived; the others once the service has said yes.
+// for nobody will tell whether the write arrived; the other once the service has said yes, and
+// before its caller hears of that.
 
 #include <utility>
 
@@ -16,10 +18,14 @@ namespace AppConfig {
 
 namespace {
 
-// Hands the outcome to the caller, who may have passed null, and tells whether it is success.
-bool report(const ConfigIF::ReturnMessage& message, ConfigResult* result) {
+ConfigResult outcomeOf(const ConfigIF::ReturnMessage& message) {
   ConfigResult outcome;
   ProtobufMessageHelper::fillReturnMessage(outcome, message);
+  return outcome;
+}
+
+// Hands the outcome to the caller, who may have passed null, and tells whether it is success.
+bool report(ConfigResult outcome, ConfigResult* result) {
   const bool accepted = outcome.error() == eErrNone;
   if (result) *result = std::move(outcome);
   return accepted;
@@ -28,16 +34,23 @@ bool report(const ConfigIF::ReturnMessage& message, ConfigResult* result) {
 }  // namespace
 
 std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, bool& isDefault) {
+  StateStamp unused;
+  return getConfigVar(var, isDefault, unused);
+}
+
+std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, bool& isDefault,
+                                                        StateStamp& stamp) {
   if (!pb_) return {};
   const ConfigVar key = keyForRequest(var);
-  const bool wasRegistered = isHandlerRegistered(key, eValueChanged);
+  const Coverage coverage = coverageOf(key, eValueChanged);
   ConfigIF::ReadRsp response;
   if (!ask(ProtobufMessageHelper::getReadRequest(getSelfFQName(), securityRole_, key), &response))
     return {};
   if (response.result().error() != CommonIF::ERROR_NONE) return {};
   std::list<std::string> value(response.values().begin(), response.values().end());
   isDefault = response.is_default();
-  if (!wasRegistered) registerForAnswer(key, eValueChanged);
+  stamp = stampIn(response);
+  registerAfterAnswer(key, eValueChanged, coverage);
   return value;
 }
 
@@ -52,18 +65,25 @@ bool PlatformCfgService::setConfigVar(const ConfigVar& var, std::list<std::strin
 
 bool PlatformCfgService::setConfigVar(const ConfigVar& var, std::list<std::string> value,
                                       ConfigResult* result) {
+  StateStamp unused;
+  return setConfigVar(var, value, result, unused);
+}
+// NOLINTEND(performance-unnecessary-value-param)
+
+bool PlatformCfgService::setConfigVar(const ConfigVar& var, const std::list<std::string>& value,
+                                      ConfigResult* result, StateStamp& stamp) {
   if (!pb_) return false;
   const ConfigVar key = keyForRequest(var);
-  const bool wasRegistered = isHandlerRegistered(key, eValueChanged);
+  const Coverage coverage = coverageOf(key, eValueChanged);
   ConfigIF::WriteRsp response;
   if (!ask(ProtobufMessageHelper::getWriteRequest(getSelfFQName(), securityRole_, key, value),
            &response))
     return false;
-  const bool accepted = report(response.result(), result);
-  if (accepted && !wasRegistered) registerForAnswer(key, eValueChanged);
-  return accepted;
+  ConfigResult outcome = outcomeOf(response.result());
+  stamp = stampIn(response);
+  if (outcome.error() == eErrNone) registerAfterAnswer(key, eValueChanged, coverage);
+  return report(std::move(outcome), result);
 }
-// NOLINTEND(performance-unnecessary-value-param)
 
 bool PlatformCfgService::isValid(const ConfigVar& var, const std::list<std::string>& value,
                                  ConfigResult* result) {
@@ -73,7 +93,7 @@ bool PlatformCfgService::isValid(const ConfigVar& var, const std::list<std::stri
                                                      keyForRequest(var), value),
            &response))
     return false;
-  return report(response.result(), result);
+  return report(outcomeOf(response.result()), result);
 }
 
 bool PlatformCfgService::isValid(const std::string& group, int groupInstance,

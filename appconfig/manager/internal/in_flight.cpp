@@ -71,36 +71,77 @@ void Flight::leaveList() {
   if (next_) next_->previous_ = previous_;
 }
 
-void Flight::storeRead(const std::list<std::string>& value, bool isDefault) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
-  if (isOvertakenIn(kValuePart) || !landValue(value)) return;
-  if (!isOvertakenIn(kDefaultFlagPart)) cache_.updateIsDefault(key_, isDefault);
+// Null for an answer that comes without a stamp: the order of arrival decides about it.
+Stamps* Flight::stampsFor(const StateStamp& stamp) const {
+  return stamp.isKnown() ? &Stamps::of(cache_, key_) : nullptr;
 }
 
-void Flight::storeWritten(const std::list<std::string>& value) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
-  if (isOvertakenIn(kValuePart))
-    distrustUnlessEqual(value);
-  else
-    landValue(value);
+bool Flight::takesPlace(Parts part, const StateStamp& stamp, Stamps* stamps) const {
+  const Age age = stamps ? stamps->ageOf(part, stamp) : Age::Unknown;
+  const bool mayStay = age == Age::Unknown || age == Age::Same;
+  if (age == Age::Older || (mayStay && isOvertakenIn(part))) return false;
+  if (stamps) stamps->set(part, stamp);
+  return true;
 }
 
-void Flight::storeOptions(const std::vector<std::string>& options, unsigned int defaultIndex) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
-  if (!isOvertakenIn(kOptionsPart)) cache_.updateOptions(key_, options);
-  if (!isOvertakenIn(kDefaultIndexPart)) cache_.updateOptionDefaultIndex(key_, defaultIndex);
+// Of the same state the cache may hold something else all the same: nothing, because it was removed or
+// emptied; or what somebody stored who needs no stamp, and that stays.
+void Flight::storeByAge(Age age, const std::list<std::string>& value) {
+  std::string unused;
+  if (age == Age::Older || (age == Age::Same && cache_.copyFirstString(key_, unused))) return;
+  contestOthers();
+  cache_.update(key_, value);
 }
 
-void Flight::storeDefaultIndex(unsigned int defaultIndex) {
+bool Flight::storeValue(const std::list<std::string>& value, const StateStamp& stamp,
+                        Stamps* stamps, bool isWritten) {
+  const Age age = stamps ? stamps->ageOf(kValuePart, stamp) : Age::Unknown;
+  if (age != Age::Unknown) {
+    storeByAge(age, value);
+    if (age == Age::Newer) stamps->set(kValuePart, stamp);
+    return true;
+  }
+  const bool overtaken = isOvertakenIn(kValuePart);
+  if (overtaken && !isWritten) return false;
+  const bool stands = overtaken ? distrustUnlessEqual(value) : landValue(value);
+  if (stands && stamps) stamps->set(kValuePart, stamp);
+  return stands;
+}
+
+void Flight::storeRead(const std::list<std::string>& value, bool isDefault,
+                       const StateStamp& stamp) {
   const std::lock_guard<std::mutex> guard(flightsMutex);
-  if (!isOvertakenIn(kDefaultIndexPart)) cache_.updateOptionDefaultIndex(key_, defaultIndex);
+  Stamps* const stamps = stampsFor(stamp);
+  if (!storeValue(value, stamp, stamps, false)) return;
+  if (takesPlace(kDefaultFlagPart, stamp, stamps)) cache_.updateIsDefault(key_, isDefault);
+}
+
+void Flight::storeWritten(const std::list<std::string>& value, const StateStamp& stamp) {
+  const std::lock_guard<std::mutex> guard(flightsMutex);
+  storeValue(value, stamp, stampsFor(stamp), true);
+}
+
+void Flight::storeOptions(const std::vector<std::string>& options, unsigned int defaultIndex,
+                          const StateStamp& stamp) {
+  const std::lock_guard<std::mutex> guard(flightsMutex);
+  Stamps* const stamps = stampsFor(stamp);
+  if (takesPlace(kOptionsPart, stamp, stamps)) cache_.updateOptions(key_, options);
+  if (takesPlace(kDefaultIndexPart, stamp, stamps))
+    cache_.updateOptionDefaultIndex(key_, defaultIndex);
+}
+
+void Flight::storeDefaultIndex(unsigned int defaultIndex, const StateStamp& stamp) {
+  const std::lock_guard<std::mutex> guard(flightsMutex);
+  if (takesPlace(kDefaultIndexPart, stamp, stampsFor(stamp)))
+    cache_.updateOptionDefaultIndex(key_, defaultIndex);
 }
 
 // Half of the levels may have been announced meanwhile; the other half is still good.
-void Flight::storeAccessLevels(ConfigAccessLevels levels) {
+void Flight::storeAccessLevels(ConfigAccessLevels levels, const StateStamp& stamp) {
   const std::lock_guard<std::mutex> guard(flightsMutex);
-  if (isOvertakenIn(kReadRolePart)) levels.readRoleSet = false;
-  if (isOvertakenIn(kWriteRolePart)) levels.writeRoleSet = false;
+  Stamps* const stamps = stampsFor(stamp);
+  levels.readRoleSet = levels.readRoleSet && takesPlace(kReadRolePart, stamp, stamps);
+  levels.writeRoleSet = levels.writeRoleSet && takesPlace(kWriteRolePart, stamp, stamps);
   cache_.updateAccessLevels(key_, levels);
 }
 
@@ -135,11 +176,37 @@ void Flight::contestOthers() const {
   }
 }
 
+NoticeStore::NoticeStore(const ConfigCache& cache, const ConfigVar& key)
+    : guard_(flightsMutex), cache_(cache), key_(key) {}
+
 NoticeStore::NoticeStore(const ConfigCache& cache, const ConfigVar& key, Parts parts)
-    : guard_(flightsMutex) {
+    : NoticeStore(cache, key) {
+  overtake(parts);
+}
+
+void NoticeStore::overtake(Parts parts) const {
   for (Flight* flight = openFlights; flight; flight = flight->next_) {
-    if (flight->isSameEntryAs(cache, key)) flight->overtaken_ |= parts;
+    if (flight->isSameEntryAs(cache_, key_)) flight->overtaken_ |= parts;
   }
+}
+
+bool NoticeStore::admits(Parts part, const StateStamp& stamp) {
+  if (stamp.isKnown()) {
+    if (stamps_ == nullptr) stamps_ = &Stamps::of(cache_, key_);
+    if (stamps_->ageOf(part, stamp) == Age::Older) return false;
+    stamps_->set(part, stamp);
+  }
+  overtake(part);
+  return true;
+}
+
+// The stamp is that of what holds, so that both what the change comes to and, when it fails, what
+// still holds take the place of the tentative value.
+bool NoticeStore::admitsTentative(const StateStamp& held) { return admits(kValuePart, held); }
+
+void forgetStamps(const ConfigCache& cache) {
+  const std::lock_guard<std::mutex> guard(flightsMutex);
+  Stamps::forget(cache);
 }
 
 }  // namespace AppConfig

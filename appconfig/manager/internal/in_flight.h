@@ -1,19 +1,26 @@
-// Flight, NoticeStore: keep the answer of a slow request from replacing a newer value.
+// Flight, NoticeStore: keep the answer of a slow request from replacing a newer value, and a late
+// notice likewise.
 //
 // A read that misses the cache asks the service and then stores the answer; a write that waits does
 // likewise. Until it stores, anything may happen to the variable: a notice may bring a newer value,
-// another read or write may finish first. The cache cannot tell, so the facade opens a Flight
-// before such a request and stores through it afterwards; stores from outside any flight, notices
-// above all, go through a NoticeStore.
+// another read or write may finish first. So the facade opens a Flight before such a request and
+// stores through it afterwards; stores from outside any flight go through a NoticeStore.
 //
-// Against a notice   a read's flight loses: what a notice stored since the flight began stays. The
-//                    notices about a registered variable end with its newest value, an answer need
-//                    not be. A write's flight does not: the notice may tell of the write before it,
-//                    and who reads what was just written must not get what was there before. Unless
-//                    both agree the cached value is emptied, and the next read asks the service.
-// Against a flight   nobody can tell which of two answers is the newer. Equal values agree. Of
-//                    different ones neither may stay: the cached value is emptied, and the next
-//                    read asks the service. Of options, default index and roles the last one stays.
+// With stamps     the service says of each state how new it is (StateStamp). What is older than what the
+//                 cache holds, or held before removeVars, is not stored, whichever way and in
+//                 whatever order it came; what is newer is. So what a thread has read or written is
+//                 never followed by something older.
+// Without         a message layer or a service that tells no stamps, and stores that the
+//                 application makes itself, leave only the order of arrival:
+//                 Against a notice   a read's flight loses: what a notice stored since the flight
+//                 began stays. The notices about a registered variable end with its newest value, an
+//                 answer need not be. A write's flight does not: the notice may tell of the write
+//                 before it, and who reads what was just written must not get what was there
+//                 before. Unless both agree the cached value is emptied, and the next read asks the
+//                 service.
+//                 Against a flight   nobody can tell which of two answers is the newer. Equal values
+//                 agree. Of different ones neither may stay: the cached value is emptied, and the
+//                 next read asks the service. Of options, default index and roles the last one stays.
 // Without contention a flight simply stores.
 //
 // Parts of a record are told apart: a notice about the options does not keep a flight from storing
@@ -27,9 +34,9 @@
 // Owns     nothing. A flight lives on the stack of the thread that asks, the cache outlives it.
 //
 //   Flight flight(cache, key);
-//   const std::list<std::string> value = link.getConfigVar(key, isDefault);
+//   const std::list<std::string> value = link.getConfigVar(key, isDefault, stamp);
 //   // ... during which a notice may have come
-//   flight.storeRead(value, isDefault);
+//   flight.storeRead(value, isDefault, stamp);
 #pragma once
 
 #include <list>
@@ -40,17 +47,11 @@
 
 #include "appconfig/cache/config_cache.h"
 #include "appconfig/core/config_var.h"
+#include "appconfig/core/state_stamp.h"
+#include "appconfig/manager/internal/parts.h"
+#include "appconfig/manager/internal/stamps.h"
 
 namespace AppConfig {
-
-// Parts of a record that are announced and answered apart. Bits of a set.
-using Parts = unsigned int;
-constexpr Parts kValuePart = 1;
-constexpr Parts kDefaultFlagPart = 2;
-constexpr Parts kOptionsPart = 4;
-constexpr Parts kDefaultIndexPart = 8;
-constexpr Parts kReadRolePart = 16;
-constexpr Parts kWriteRolePart = 32;
 
 // One request about one entry of one cache, from before it is sent until after its answer is
 // stored. Opened on the key under which the answer will be stored.
@@ -62,12 +63,13 @@ class Flight {
   Flight& operator=(const Flight&) = delete;
 
   // Each stores what the rules above leave of it, and is called at most once.
-  void storeRead(const std::list<std::string>& value, bool isDefault);
+  void storeRead(const std::list<std::string>& value, bool isDefault, const StateStamp& stamp = {});
   // The default flag stays as it is: a write does not learn it.
-  void storeWritten(const std::list<std::string>& value);
-  void storeOptions(const std::vector<std::string>& options, unsigned int defaultIndex);
-  void storeDefaultIndex(unsigned int defaultIndex);
-  void storeAccessLevels(ConfigAccessLevels levels);
+  void storeWritten(const std::list<std::string>& value, const StateStamp& stamp = {});
+  void storeOptions(const std::vector<std::string>& options, unsigned int defaultIndex,
+                    const StateStamp& stamp = {});
+  void storeDefaultIndex(unsigned int defaultIndex, const StateStamp& stamp = {});
+  void storeAccessLevels(ConfigAccessLevels levels, const StateStamp& stamp = {});
 
  private:
   friend class NoticeStore;
@@ -75,6 +77,14 @@ class Flight {
 
   bool isOvertakenIn(Parts part) const { return (overtaken_ & part) != 0; }
   bool isSameEntryAs(const ConfigCache& cache, const ConfigVar& key) const;
+  Stamps* stampsFor(const StateStamp& stamp) const;
+  // Whether this part of the answer is to be stored; if so it is what the entry now holds. The mutex
+  // is held for this and the rest.
+  bool takesPlace(Parts part, const StateStamp& stamp, Stamps* stamps) const;
+  void storeByAge(Age age, const std::list<std::string>& value);
+  // Whether what the answer tells of the value's flag is worth storing, too.
+  bool storeValue(const std::list<std::string>& value, const StateStamp& stamp, Stamps* stamps,
+                  bool isWritten);
   // Whether the value now stands in the cache. The mutex is held.
   bool landValue(const std::list<std::string>& value);
   // Empties the cached value when it is another; whether it stands. The mutex is held.
@@ -94,16 +104,34 @@ class Flight {
   Flight* next_ = nullptr;
 };
 
-// While it lives, the holder may store these parts of an entry; every flight of that entry which is
-// open now has been overtaken in them. Holds the mutex of the list: store and let go.
+// While it lives, the holder may store into an entry what admits() lets in. Holds the mutex of the
+// list: store and let go.
 class NoticeStore {
  public:
+  NoticeStore(const ConfigCache& cache, const ConfigVar& key);
+  // For stores that no stamp comes with: these parts are admitted.
   NoticeStore(const ConfigCache& cache, const ConfigVar& key, Parts parts);
   NoticeStore(const NoticeStore&) = delete;
   NoticeStore& operator=(const NoticeStore&) = delete;
 
+  // Whether this part may be stored: unless it is older than what the entry holds. Every flight of
+  // the entry that is open now has been overtaken in it then.
+  [[nodiscard]] bool admits(Parts part, const StateStamp& stamp);
+  // A value that is not committed yet, told while the state of the stamp holds: it may be stored
+  // unless the entry holds something newer than that.
+  [[nodiscard]] bool admitsTentative(const StateStamp& held);
+
  private:
+  void overtake(Parts parts) const;
+
   const std::lock_guard<std::mutex> guard_;
+  const ConfigCache& cache_;
+  const ConfigVar& key_;
+  // Looked up once there is a stamp to compare.
+  Stamps* stamps_ = nullptr;
 };
+
+// The cache is about to be destroyed: what is known of its entries' age goes.
+void forgetStamps(const ConfigCache& cache);
 
 }  // namespace AppConfig

@@ -1,5 +1,6 @@
 #include "appconfig/service/platform_cfg_service.h"
 #include "tests/appconfig/service/link_fixture.h"
+#include "tests/support/recording_handlers.h"
 
 namespace {
 
@@ -40,6 +41,17 @@ TEST_F(OptionRequestsTest, ReadingOptionsReplacesTheListSetsTheIndexAndRegisters
   expectRequest(sent[1], Helper::getRegClientCallbackRequest(self, role, "net.mtu",
                                                              ConfigIF::CALLBACK_OPTIONS_CHANGED,
                                                              TestSupport::linkName(0)));
+}
+
+TEST_F(OptionRequestsTest, ReadingWhoseOnlyHandlerWasUnregisteredMeanwhileRegistersForItself) {
+  TestSupport::RecordingConsumer consumer;
+  link->registerHandler("net", "mtu", &consumer);
+  pb.takeSent();
+  pb.answer<ConfigIF::GetAttributeOptionsReq, ConfigIF::GetAttributeOptionsRsp>(
+      [&](const auto&, auto&) { link->unregisterHandler("net", "mtu", &consumer); });
+  link->getConfigOptions(mtu, options, index);
+  EXPECT_EQ(pb.sentOf<ConfigIF::RegisterClientCallbackReq>().size(), 1U);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eOptionsChanged));
 }
 
 TEST_F(OptionRequestsTest, OldContentsAreDiscardedAlsoWhenTheRequestFails) {
@@ -163,6 +175,17 @@ TEST_F(AccessRequestsTest, RolesAreTranslatedAndChangesOfThemRegistered) {
   expectRequest(sent[1], Helper::getRegClientCallbackRequest(
                              self, role, "net.mtu", ConfigIF::CALLBACK_ACCESS_LEVELS_CHANGED,
                              TestSupport::linkName(0)));
+}
+
+TEST_F(AccessRequestsTest, ReadingWhoseOnlyHandlerWasUnregisteredMeanwhileRegistersForItself) {
+  TestSupport::RecordingConsumer consumer;
+  link->registerHandler("net", "mtu", &consumer);
+  pb.takeSent();
+  pb.answer<ConfigIF::GetAccessLevelsReq, ConfigIF::GetAccessLevelsRsp>(
+      [&](const auto&, auto&) { link->unregisterHandler("net", "mtu", &consumer); });
+  EXPECT_TRUE(link->getAccessLevels(mtu, &read, &write));
+  EXPECT_EQ(pb.sentOf<ConfigIF::RegisterClientCallbackReq>().size(), 1U);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eAccessLevelsChanged));
 }
 
 TEST_F(AccessRequestsTest, EitherOutputMayBeNull) {

@@ -1,5 +1,6 @@
 #include "appconfig/service/platform_cfg_service.h"
 #include "tests/appconfig/service/link_fixture.h"
+#include "tests/support/recording_handlers.h"
 
 namespace {
 
@@ -55,6 +56,74 @@ TEST_F(ValueRequestsTest, AWriteRegistersAlsoWhenAnotherDidWhileItWasOnItsWay) {
   });
   EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, nullptr));
   EXPECT_EQ(registrations(), 2U);
+}
+
+// What was told to the handler that is gone was told for its sake; the answer is cached for longer.
+TEST_F(ValueRequestsTest, AReadWhoseOnlyHandlerWasUnregisteredMeanwhileRegistersForItself) {
+  TestSupport::RecordingConsumer consumer;
+  link->registerHandler("net", "mtu", &consumer);
+  pb.takeSent();
+  pb.answer<ConfigIF::ReadReq, ConfigIF::ReadRsp>([&](const auto&, auto& response) {
+    link->unregisterHandler("net", "mtu", &consumer);
+    response.add_values("1500");
+  });
+  bool isDefault = false;
+  link->getConfigVar(mtu, isDefault);
+  EXPECT_EQ(registrations(), 1U);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged));
+}
+
+TEST_F(ValueRequestsTest, AWriteWhoseOnlyHandlerWasUnregisteredMeanwhileRegistersForItself) {
+  TestSupport::RecordingConsumer consumer;
+  link->registerHandler("net", "mtu", &consumer);
+  pb.takeSent();
+  pb.answer<ConfigIF::WriteReq, ConfigIF::WriteRsp>(
+      [&](const auto&, auto&) { link->unregisterHandler("net", "mtu", &consumer); });
+  EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, nullptr));
+  EXPECT_EQ(registrations(), 1U);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged));
+}
+
+TEST_F(ValueRequestsTest, AReadWhoseHandlerStaysWhileAnotherGoesRegistersNothing) {
+  TestSupport::RecordingConsumer stays;
+  TestSupport::RecordingConsumer goes;
+  link->registerHandler("net", "mtu", &stays);
+  link->registerHandler("net", "name", &goes);
+  pb.takeSent();
+  pb.answer<ConfigIF::ReadReq, ConfigIF::ReadRsp>([&](const auto&, auto& response) {
+    link->unregisterHandler("net", "name", &goes);
+    response.add_values("1500");
+  });
+  bool isDefault = false;
+  link->getConfigVar(mtu, isDefault);
+  EXPECT_EQ(registrations(), 0U);
+}
+
+// The library's own interest outlives a handler that came while it was being registered.
+TEST_F(ValueRequestsTest, AHandlerThatComesDuringTheLibrarysOwnRegistrationDoesNotStandInForIt) {
+  TestSupport::RecordingConsumer consumer;
+  TestSupport::answerReadsWith(pb, {"1500"});
+  pb.answer<ConfigIF::RegisterClientCallbackReq, ConfigIF::RegisterClientCallbackRsp>(
+      [&](const auto&, auto&) {
+        link->ConfigRegistrar::registerHandler(mtu, &consumer, ConfigRegistrar::eValueChanged);
+      });
+  bool isDefault = false;
+  link->getConfigVar(mtu, isDefault);
+  link->unregisterHandler("net", "mtu", &consumer);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged));
+  link->getConfigVar(mtu, isDefault);
+  EXPECT_EQ(registrations(), 1U);
+}
+
+TEST_F(ValueRequestsTest, AnAcceptedWriteIsRegisteredBeforeItsResultIsHandedOver) {
+  ConfigResult result;
+  result.fillConfigResult(false, eErrVetoed, false);
+  eErrorT during = eErrNone;
+  pb.answer<ConfigIF::RegisterClientCallbackReq, ConfigIF::RegisterClientCallbackRsp>(
+      [&](const auto&, auto&) { during = result.error(); });
+  EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, &result));
+  EXPECT_EQ(during, eErrVetoed) << "untouched as yet";
+  EXPECT_EQ(result.error(), eErrNone);
 }
 
 TEST_F(ValueRequestsTest, RequestsGoToTheServiceByItsFullNameAndNameTheClientByItsOwn) {
