@@ -32,12 +32,13 @@ Host::Knows knowsAfter(const std::vector<Subscriber>& subscribers, std::size_t i
 }
 
 // For everybody alike; whom it is for, address() writes into it.
-ConfigIF::ConfigChangedNtfy valueNotice(const Variable& variable) {
+ConfigIF::ConfigChangedNtfy valueNotice(const Model& model, const Variable& variable) {
   ConfigIF::ConfigChangedNtfy notice;
   ConfigIF::InstValue& value = *notice.mutable_value();
   fillInst(value.mutable_inst(), variable.key());
   for (const std::string& element : variable.value()) value.add_values(element);
   notice.set_is_default(variable.isDefault());
+  fillStamp({model.epoch(), variable.valueChangedAt()}, notice);
   return notice;
 }
 
@@ -52,7 +53,7 @@ void Announcer::valueChanged(const Variable& variable) {
   const std::string name = variable.key().dottedName();
   const auto subscribers = subscriptions_.covering(name, ConfigIF::CALLBACK_VALUE_CHANGED);
   if (subscribers.empty()) return;
-  ConfigIF::ConfigChangedNtfy notice = valueNotice(variable);
+  ConfigIF::ConfigChangedNtfy notice = valueNotice(model_, variable);
   for (std::size_t i = 0; i < subscribers.size(); ++i) {
     const Subscriber& to = subscribers[i];
     if (!mayRead(to, variable)) continue;
@@ -173,7 +174,7 @@ void Announcer::bringUpToDate(PeerId peer, const Registration& registration,
 
 void Announcer::tellValue(PeerId peer, std::string_view identity, const Variable& variable,
                           Knows knows) {
-  ConfigIF::ConfigChangedNtfy notice = valueNotice(variable);
+  ConfigIF::ConfigChangedNtfy notice = valueNotice(model_, variable);
   address(identity, notice);
   notify(peer, notice, 'v', identity, variable, knows);
 }
@@ -185,6 +186,7 @@ void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variab
   fillInst(notice.mutable_inst(), variable.key());
   for (const std::string& option : variable.options()) notice.add_options(option);
   notice.set_default_index(variable.defaultIndex());
+  fillStamp({model_.epoch(), variable.optionsChangedAt()}, notice);
   notify(peer, notice, 'o', identity, variable, knows);
 }
 
@@ -199,6 +201,7 @@ void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const V
   fillInst(notice.mutable_inst(), variable.key());
   notice.set_read_role(toWire(variable.readRole()));
   notice.set_write_role(toWire(variable.writeRole()));
+  fillStamp({model_.epoch(), variable.accessChangedAt()}, notice);
   notify(peer, notice, 'a', identity, variable, knows);
 }
 

@@ -41,6 +41,8 @@ struct ChangeOutcome {
   std::vector<std::string> messages;
   // Revision of the commit; 0 when there was none.
   std::uint64_t revision = 0;
+  // After a success: revision at which what was to be changed last changed, by this or before it.
+  std::uint64_t changedAt = 0;
 };
 
 // Called once for each change, in the loop, perhaps before submit() returns.

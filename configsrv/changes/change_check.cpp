@@ -225,6 +225,15 @@ bool changesValue(const StoreChange& change) {
          std::holds_alternative<StoreChange::ResetValue>(change.what);
 }
 
+std::uint64_t partChangedAt(const Variable& variable, const StoreChange& change) {
+  if (changesValue(change)) return variable.valueChangedAt();
+  if (std::holds_alternative<StoreChange::SetOptions>(change.what))
+    return variable.optionsChangedAt();
+  if (std::holds_alternative<StoreChange::SetAccess>(change.what))
+    return variable.accessChangedAt();
+  return std::max(variable.optionsChangedAt(), variable.accessChangedAt());
+}
+
 std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change) {
   if (const auto* set = std::get_if<StoreChange::SetValue>(&change.what)) return set->value;
   if (std::holds_alternative<StoreChange::ResetValue>(change.what))

@@ -86,6 +86,13 @@ void forgetTold(Change& change, PeerId peer) {
   told.erase(std::remove(told.begin(), told.end(), peer), told.end());
 }
 
+ChangeOutcome unchangedAt(const Variable& variable, const StoreChange& what) {
+  ChangeOutcome outcome;
+  outcome.unchanged = true;
+  outcome.changedAt = partChangedAt(variable, what);
+  return outcome;
+}
+
 ChangeOutcome notFound(const ConfigVar& key) {
   return failure(key, eErrNotFound, "no such variable");
 }
@@ -240,8 +247,7 @@ void Changes::Impl::endAtOnce(const Variable& variable, const ChangeRequest& req
   if (log_.isOn(LogLevel::Debug))
     log_.debug("a change of " + formatKey(variable.key()) + " by " + request.by.clientName +
                ": changes nothing");
-  ChangeOutcome unchanged;
-  unchanged.unchanged = true;
+  const ChangeOutcome unchanged = unchangedAt(variable, request.what);
   ++counters_.unchanged;
   if (observer_ != nullptr) observer_->changeEnds(request, &variable, unchanged);
   done(unchanged);
@@ -292,11 +298,8 @@ void Changes::Impl::setState(Change& change, State state) {
 void Changes::Impl::begin(Change& change) {
   const ChangeOutcome outcome = checkChange(*change.variable, change.request);
   if (outcome.error != eErrNone) return end(change, outcome);
-  if (changesNothing(*change.variable, change.request.what)) {
-    ChangeOutcome unchanged;
-    unchanged.unchanged = true;
-    return end(change, unchanged);
-  }
+  if (changesNothing(*change.variable, change.request.what))
+    return end(change, unchangedAt(*change.variable, change.request.what));
   if (changesValue(change.request.what))
     beginToValidate(change);
   else
@@ -361,8 +364,12 @@ void Changes::Impl::askNext(Change& change) {
 
 void Changes::Impl::ask(Change& change, Provider provider) {
   const std::list<std::string> value = valueAfter(*change.variable, change.request.what);
-  const auto message = messageOf({change.phase(), "change " + std::to_string(change.number),
-                                  change.key(), value, change.request.by});
+  const auto message = messageOf({change.phase(),
+                                  "change " + std::to_string(change.number),
+                                  change.key(),
+                                  value,
+                                  change.request.by,
+                                  {model_.epoch(), change.variable->valueChangedAt()}});
   change.asked = std::move(provider);
   change.answered = false;
   const PeerId peer = change.asked.peer;
@@ -413,6 +420,7 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   const bool wasDefault = variable.isDefault();
   ChangeOutcome outcome;
   outcome.revision = revision;
+  outcome.changedAt = revision;
   record(change, outcome);
   model_.apply(what, revision);
   // On change they heard the value and not whether it is the default.

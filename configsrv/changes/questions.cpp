@@ -9,6 +9,12 @@ namespace {
 
 using google::protobuf::MessageLite;
 
+// Judging has no effect, so it says nothing of what holds.
+void fillHeld(const Question&, ConfigIF::DynamicValidateReq&) {}
+void fillHeld(const Question& question, ConfigIF::OnChangeReq& request) {
+  fillStamp(question.held, request);
+}
+
 template <typename Request>
 std::unique_ptr<MessageLite> filled(const Question& question) {
   auto request = std::make_unique<Request>();
@@ -21,6 +27,7 @@ std::unique_ptr<MessageLite> filled(const Question& question) {
   // to another service, behind the same endpoint, and that link's cache must not take this value.
   inst->set_scope(ConfigIF::SCOPE_NAMESPACE);
   for (const std::string& element : question.value) request->mutable_value()->add_values(element);
+  fillHeld(question, *request);
   return request;
 }
 

@@ -8,6 +8,7 @@
 
 #include "appconfig/core/config_var.h"
 #include "appconfig/core/security_role.h"
+#include "appconfig/core/state_stamp.h"
 
 namespace ConfigIF {
 class Inst;
@@ -28,5 +29,13 @@ std::optional<ConfigVar> readInst(const ConfigIF::Inst& inst);
 // The wire numbers the installer above the service technician, the library below.
 AppConfig::SecurityRole fromWire(CommonIF::eSecurityRole role);
 CommonIF::eSecurityRole toWire(AppConfig::SecurityRole role);
+
+// How new the state is that a message carries. An epoch of 0 says nothing.
+template <typename Message>
+void fillStamp(const AppConfig::StateStamp& stamp, Message& message) {
+  if (!stamp.isKnown()) return;
+  message.set_epoch(stamp.epoch);
+  message.set_changed_at(stamp.changedAt);
+}
 
 }  // namespace ConfigSrv

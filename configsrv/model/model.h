@@ -105,6 +105,9 @@ class Model {
 
   // The newest revision taken over.
   std::uint64_t revision() const { return revision_; }
+  // What its revisions belong to: those of one epoch compare. 0 until it is set, once.
+  std::uint64_t epoch() const { return epoch_; }
+  void setEpoch(std::uint64_t epoch) { epoch_ = epoch; }
   // Position of a variable in the order of the keys: its number for as long as the model lives.
   std::uint32_t indexOf(const Variable& variable) const;
   std::size_t size() const { return variables_.size(); }
@@ -122,6 +125,7 @@ class Model {
   std::unique_ptr<KeyIndex> byKey_;
   std::unique_ptr<NameIndex> byName_;
   std::uint64_t revision_ = 0;
+  std::uint64_t epoch_ = 0;
   std::size_t changedVariables_ = 0;
 };
 

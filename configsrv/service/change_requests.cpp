@@ -9,6 +9,7 @@ namespace ConfigSrv {
 namespace {
 
 using AppConfig::formatKey;
+using AppConfig::StateStamp;
 
 std::list<std::string> listOf(const google::protobuf::RepeatedPtrField<std::string>& strings) {
   return {strings.begin(), strings.end()};
@@ -61,6 +62,14 @@ ConfigIF::SetAccessLevelsRsp accessAnswer(const NamedVariables& named,
   return response;
 }
 
+// Of the answers to changes those tell how new the state is that a client caches from them.
+void setStamp(const StateStamp& stamp, ConfigIF::WriteRsp& response) { fillStamp(stamp, response); }
+void setStamp(const StateStamp& stamp, ConfigIF::SetAttributeOptionsRsp& response) {
+  fillStamp(stamp, response);
+}
+template <typename Response>
+void setStamp(const StateStamp&, Response&) {}
+
 StoreChange::SetOptions optionsOf(const ConfigIF::SetAttributeOptionsReq& request) {
   StoreChange::SetOptions options;
   options.options.emplace(request.options().begin(), request.options().end());
@@ -81,6 +90,7 @@ ChangeDone Requests::answering(const Call& call) {
   return [this, id = call.id](const ChangeOutcome& outcome) {
     Response response;
     setOutcome(*response.mutable_result(), outcome);
+    if (outcome.error == eErrNone) setStamp({with_.model.epoch(), outcome.changedAt}, response);
     respond(id, response);
   };
 }

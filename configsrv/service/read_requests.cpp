@@ -52,7 +52,9 @@ void Requests::read(const Call& call, const ConfigIF::ReadReq& request,
                     ConfigIF::ReadRsp& response) {
   ++reads_;
   const Variable* variable = findReadable(call, request.inst(), *response.mutable_result());
-  if (variable != nullptr) fillValue(response, *variable);
+  if (variable == nullptr) return;
+  fillValue(response, *variable);
+  fillStamp({with_.model.epoch(), variable->valueChangedAt()}, response);
 }
 
 void Requests::batchRead(const Call& call, const ConfigIF::BatchReadReq& request,
@@ -80,6 +82,7 @@ void Requests::getOptions(const Call& call, const ConfigIF::GetAttributeOptionsR
   if (variable == nullptr) return;
   for (const std::string& option : variable->options()) response.add_options(option);
   response.set_default_index(variable->defaultIndex());
+  fillStamp({with_.model.epoch(), variable->optionsChangedAt()}, response);
 }
 
 void Requests::getDefaultOptions(const Call& call, const ConfigIF::GetDefaultOptionsReq& request,
@@ -100,6 +103,7 @@ void Requests::getAccessLevels(const Call&, const ConfigIF::GetAccessLevelsReq& 
   if (variable == nullptr) return;
   response.set_read_role(toWire(variable->readRole()));
   response.set_write_role(toWire(variable->writeRole()));
+  fillStamp({with_.model.epoch(), variable->accessChangedAt()}, response);
 }
 
 void Requests::readAttributes(const Call& call, const ConfigIF::ReadAttributesReq& request,

@@ -151,10 +151,11 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
                    server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_, providers_, audit_.get(), *store_, epoch_}),
+                   server_, providers_, audit_.get(), *store_}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
+    model_.setEpoch(epoch_);
     log_.whenHeldBack([this] { server_.post([this] { sumUpLater(); }); });
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))

@@ -1,7 +1,8 @@
 /*
  * Coherence: clients that cache a variable, and a service that is killed, restarted with other
  * definitions, and cut off from them. Whatever happens in whatever order: once it is quiet, a
- * client's cache is empty or holds the service's value.
+ * client's cache is empty or holds the service's value; and what a thread of a client has read or
+ * written is never followed, in any of its threads, by an older value.
  *
  * README.md tells which code each step stands for; scripts/model checks it. A value is a number that
  * is never used twice, so that an old one is recognised. A second variable, which nobody caches here,
@@ -32,6 +33,9 @@
 #ifndef CUTS
 #define CUTS 0           /* of client 0's delivery connection */
 #endif
+#ifndef REMOVALS
+#define REMOVALS 0       /* how often client 0 forgets what it has cached */
+#endif
 #ifndef LOSSES
 #define LOSSES 1         /* requests whose connection dies before, or after, they are taken */
 #endif
@@ -56,11 +60,16 @@ bool reachable[CLIENTS];
 bool waits[CLIENTS];     /* a notice that found no room; the newest alone is kept */
 
 /* --- What the service wrote and the client has not read --- */
-typedef Wire { chan frames = [ROOM] of { mtype, byte, byte } };
+typedef Wire { chan frames = [ROOM] of { mtype, byte, byte, byte } };
 Wire wire[CLIENTS];
 
 /* --- A client --- */
 byte cached[CLIENTS];
+byte stampEpoch[CLIENTS];    /* how new what is cached is, or what was removed was; 0: not known */
+byte stampAt[CLIENTS];
+/* How new the newest is that any of its threads has read or written. For the proof alone. */
+byte seenEpoch[CLIENTS];
+byte seenAt[CLIENTS];
 bool hasHandler[CLIENTS];
 bool connected[CLIENTS];
 bool toRepeat[CLIENTS];      /* the registration is on its way over the delivery connection */
@@ -79,10 +88,12 @@ bool otherEpochAnswered[CLIENTS];
 byte connection[CLIENTS];    /* counts delivery connections */
 byte delivered[CLIENTS];     /* the newest revision of a notice; 0: none */
 
+#ifdef WITHOUT_STAMPS
 /* --- Requests on their way: 0 and 1 of client 0, 2 of client 1 --- */
 bool open[3];
 bool overtaken[3];
 bool contested[3];
+#endif
 
 byte running = 0;
 byte lossesLeft = LOSSES;
@@ -92,7 +103,7 @@ inline tell(c) {
   if
   :: reachable[c] && (waits[c] || len(wire[c].frames) == ROOM) -> waits[c] = true
   :: reachable[c] && !waits[c] && len(wire[c].frames) < ROOM ->
-       wire[c].frames!notice(value, revision)
+       wire[c].frames!notice(value, revision, changedAt)
   :: !reachable[c] -> skip
   fi
 }
@@ -150,6 +161,45 @@ inline repeat(c) {
   repeatWith[c] = since[c]; toRepeat[c] = true
 }
 
+#define OLDER(e, at, than_e, than_at) ((e) < (than_e) || ((e) == (than_e) && (at) < (than_at)))
+
+/* A thread has read this, or has written it and was told so. */
+inline see(c, e, at) {
+  if
+  :: OLDER(seenEpoch[c], seenAt[c], e, at) -> seenEpoch[c] = e; seenAt[c] = at
+  :: else -> skip
+  fi
+}
+
+inline begin(me) {
+#ifdef WITHOUT_STAMPS
+  open[me] = true; overtaken[me] = false; contested[me] = false
+#else
+  skip
+#endif
+}
+
+inline giveUp(me) {
+#ifdef WITHOUT_STAMPS
+  open[me] = false
+#else
+  skip
+#endif
+}
+
+#ifndef WITHOUT_STAMPS
+/* The value of an answer goes into the cache, unless that holds, or held, something newer. */
+inline land(c, me) {
+  if
+#ifndef OLDER_ANSWERS_ARE_STORED
+  :: OLDER(ofEpoch, answerAt, stampEpoch[c], stampAt[c]) -> skip
+#endif
+  :: ofEpoch == stampEpoch[c] && answerAt == stampAt[c] ->
+       if :: cached[c] == NOTHING -> cached[c] = answer :: else -> skip fi
+  :: else -> cached[c] = answer; stampEpoch[c] = ofEpoch; stampAt[c] = answerAt
+  fi
+}
+#else
 /* The value of an answer goes into the cache, unless a notice or another answer forbids it. What a
    notice brought during a write may be what the write replaced: neither stays. */
 inline land(c, me) {
@@ -166,27 +216,31 @@ inline land(c, me) {
   fi;
   open[me] = false
 }
+#endif
 
 /* A thread of an application: it reads, or writes and waits for the answer. */
 proctype Application(byte c; byte me; bool writes) {
   byte calls = CALLS;
-  byte answer, atRevision, ofEpoch, counted, knows, ackRevision, ackEpoch;
+  byte answer, answerAt, atRevision, ofEpoch, counted, knows, ackRevision, ackEpoch;
+  byte sinceEpochSeen, sinceSeen;
+  byte removals = (me == 0 -> REMOVALS : 0);
   bool ok, wasRegistered;
   do
   :: d_step {
        calls > 0 && (writes || cached[c] == NOTHING) ->
        calls--; ok = false; wasRegistered = hasHandler[c];
-       open[me] = true; overtaken[me] = false; contested[me] = false
+       begin(me);
+       sinceEpochSeen = seenEpoch[c]; sinceSeen = seenAt[c]
      };
      /* The request. */
      if
      :: atomic {
           up && writes ->
-          commit(); answer = value; atRevision = revision; ofEpoch = epoch; ok = true
+          commit(); answer = value; answerAt = changedAt; atRevision = revision; ofEpoch = epoch; ok = true
         }
      :: d_step {
           up && !writes ->
-          answer = value; atRevision = revision; ofEpoch = epoch; ok = true
+          answer = value; answerAt = changedAt; atRevision = revision; ofEpoch = epoch; ok = true
         }
      :: atomic { up && writes && lossesLeft > 0 -> lossesLeft--; commit() }
      :: d_step { up && lossesLeft > 0 -> lossesLeft-- }
@@ -196,6 +250,10 @@ proctype Application(byte c; byte me; bool writes) {
        if :: ok && keptEpoch[c] != 0 && ofEpoch != keptEpoch[c] -> otherEpochAnswered[c] = true
           :: else -> skip
        fi
+     };
+     /* What is asked for is never older than what was read before. */
+     d_step {
+       if :: ok -> assert(!OLDER(ofEpoch, answerAt, sinceEpochSeen, sinceSeen)) :: else -> skip fi
      };
      if
      :: ok && !wasRegistered ->
@@ -235,12 +293,21 @@ proctype Application(byte c; byte me; bool writes) {
             fi;
             hasHandler[c] = true
           };
-          d_step { land(c, me) }
-     :: ok && wasRegistered -> d_step { land(c, me) }
-     :: !ok -> open[me] = false
+          d_step { land(c, me); see(c, ofEpoch, answerAt) }
+     :: ok && wasRegistered -> d_step { land(c, me); see(c, ofEpoch, answerAt) }
+     :: !ok -> giveUp(me)
      fi;
-     d_step { answer = 0; atRevision = 0; ofEpoch = 0; counted = 0; knows = 0; ackRevision = 0; ackEpoch = 0 }
-  :: d_step { calls > 0 && !writes && cached[c] != NOTHING -> calls-- }
+     d_step { answer = 0; answerAt = 0; sinceEpochSeen = 0; sinceSeen = 0; atRevision = 0; ofEpoch = 0; counted = 0; knows = 0; ackRevision = 0; ackEpoch = 0 }
+  /* The cache answers. */
+  :: d_step {
+       calls > 0 && !writes && cached[c] != NOTHING ->
+       calls--;
+#ifndef WITHOUT_STAMPS
+       assert(!OLDER(stampEpoch[c], stampAt[c], seenEpoch[c], seenAt[c]));
+       see(c, stampEpoch[c], stampAt[c])
+#endif
+     }
+  :: d_step { removals > 0 && cached[c] != NOTHING -> removals--; cached[c] = NOTHING }
   :: calls == 0 -> break
   od;
   running--
@@ -248,7 +315,7 @@ proctype Application(byte c; byte me; bool writes) {
 
 /* The delivery thread, and the service's end of its connection. */
 proctype Delivery(byte c) {
-  byte v, r;
+  byte v, r, at;
 end:
   do
   :: d_step {
@@ -275,23 +342,24 @@ end:
      }
   :: atomic {
        reachable[c] && toAnswer[c] && !waits[c] && len(wire[c].frames) < ROOM ->
-       toAnswer[c] = false; wire[c].frames!acknowledgement(0, revision)
+       toAnswer[c] = false; wire[c].frames!acknowledgement(0, revision, 0)
      }
   /* Room again: what waited leaves, as the newest state. */
   :: atomic {
        reachable[c] && waits[c] && len(wire[c].frames) < ROOM ->
-       waits[c] = false; wire[c].frames!notice(value, revision)
+       waits[c] = false; wire[c].frames!notice(value, revision, changedAt)
      }
   /* What the client reads. */
   :: atomic {
-       connected[c] && wire[c].frames?[acknowledgement, _, _] ->
-       wire[c].frames?acknowledgement(v, r);
+       connected[c] && wire[c].frames?[acknowledgement, _, _, _] ->
+       wire[c].frames?acknowledgement(v, r, at);
        acknowledge(c, connection[c], keptEpoch[c], r);
        v = 0; r = 0
      }
   :: atomic {
-       connected[c] && wire[c].frames?[notice, _, _] ->
-       wire[c].frames?notice(v, r);
+       connected[c] && wire[c].frames?[notice, _, _, _] ->
+       wire[c].frames?notice(v, r, at);
+#ifdef WITHOUT_STAMPS
 #ifndef NOTICES_MAY_BE_OVERWRITTEN
        if
        :: c == 0 -> overtaken[0] = true; overtaken[1] = true
@@ -299,12 +367,21 @@ end:
        fi;
 #endif
        cached[c] = v;
+#else
+       /* What is older than what the cache holds, or held, is told to handlers and not stored. */
+       if
+#ifndef OLDER_NOTICES_ARE_STORED
+       :: OLDER(keptEpoch[c], at, stampEpoch[c], stampAt[c]) -> skip
+#endif
+       :: else -> cached[c] = v; stampEpoch[c] = keptEpoch[c]; stampAt[c] = at
+       fi;
+#endif
        if :: r > delivered[c] -> delivered[c] = r :: else -> skip fi;
-       v = 0; r = 0
+       v = 0; r = 0; at = 0
      }
   :: atomic {
-       connected[c] && wire[c].frames?[otherNotice, _, _] ->
-       wire[c].frames?otherNotice(v, r);
+       connected[c] && wire[c].frames?[otherNotice, _, _, _] ->
+       wire[c].frames?otherNotice(v, r, at);
        if :: r > delivered[c] -> delivered[c] = r :: else -> skip fi;
        v = 0; r = 0
      }
@@ -313,7 +390,7 @@ end:
        connected[c] && !reachable[c] ->
        connected[c] = false; toRepeat[c] = false; toRepeatOther[c] = false; toAnswer[c] = false;
        do
-       :: len(wire[c].frames) > 0 -> wire[c].frames?_, _, _
+       :: len(wire[c].frames) > 0 -> wire[c].frames?_, _, _, _
        :: len(wire[c].frames) == 0 -> break
        od
      }
@@ -335,7 +412,7 @@ proctype World() {
        others--; revision++;
        if
        :: registeredOther[0] && reachable[0] && !waits[0] && len(wire[0].frames) < ROOM ->
-            wire[0].frames!otherNotice(0, revision)
+            wire[0].frames!otherNotice(0, revision, 0)
        :: !(registeredOther[0] && reachable[0] && !waits[0] && len(wire[0].frames) < ROOM) -> skip
        fi
      }

@@ -1,6 +1,8 @@
 // The library as an application uses it, against the running service.
 #include <atomic>
+#include <mutex>
 
+#include "appconfig/manager/fresh_read.h"
 #include "tests/integration/application.h"
 #include "tests/integration/fixture.h"
 #include "tests/support/cut_connections.h"
@@ -173,6 +175,88 @@ TEST_F(LibraryTest, AHandlerMadeBeforeTheServiceCameHearsWhatItMissed) {
   registerHandler("net", "mtu", &consumer_);
   service_.start();
   EXPECT_TRUE(consumer_.waitFor("value net.mtu = 1500"));
+}
+
+// Holds up all notices behind the one about test.marker, and notes what the cache holds when it is
+// told of a change of net.name.
+class SlowConsumer final : public ConsumerConfigHandler {
+ public:
+  explicit SlowConsumer(AppCfgManager* config) : config_(config) {}
+
+  void configChanged(const std::string&, int, const std::string& name, int,
+                     const std::list<std::string>& value, const std::string&) override {
+    if (name == "marker") return wait();
+    if (name != "name") return;
+    const std::string cached = config_->getConfigVar("net", 0, "name", 0);
+    const std::lock_guard<std::mutex> guard(mutex_);
+    told_.push_back(value.front());
+    cached_.push_back(cached);
+  }
+  void submit(const std::string&, int, const std::string&, int, int, const std::string&) override {}
+  void attributeChanged(const std::string&, int, const std::string&, int) override {}
+  void optionsChanged(const std::string&, int, const std::string&, int,
+                      const std::list<std::string>&, std::string) override {}
+  void accessLevelsChanged(const std::string&, int, const std::string&, int,
+                           AppConfig::SecurityRole, AppConfig::SecurityRole, std::string) override {
+  }
+
+  bool isWaiting() const { return waiting_; }
+  void goOn() { mayGoOn_ = true; }
+  std::vector<std::string> told() const { return copyOf(told_); }
+  std::vector<std::string> cached() const { return copyOf(cached_); }
+
+ private:
+  void wait() {
+    waiting_ = true;
+    EXPECT_TRUE(eventually([this] { return mayGoOn_.load(); }));
+  }
+  std::vector<std::string> copyOf(const std::vector<std::string>& lines) const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return lines;
+  }
+
+  AppCfgManager* const config_;
+  std::atomic<bool> waiting_{false};
+  std::atomic<bool> mayGoOn_{false};
+  mutable std::mutex mutex_;  // Guards told_ and cached_.
+  std::vector<std::string> told_;
+  std::vector<std::string> cached_;
+};
+
+TEST_F(LibraryTest, WhatWasWrittenIsNotFollowedByWhatLateNoticesTell) {
+  // Never ends before the delivery thread, which the fixture's endpoint stops later.
+  static SlowConsumer slow(config_);
+  registerHandler("net", "name", &slow);
+  registerHandler("test", "marker", &slow);
+  ASSERT_TRUE(other_.write("test.marker", "7").ok());
+  ASSERT_TRUE(eventually([] { return slow.isWaiting(); }));
+  ASSERT_TRUE(other_.write("net.name", "theirs").ok());
+  ConfigResult result;
+  ASSERT_TRUE(config_->setConfigVar("net", 0, "name", 0, "mine", &result));
+  EXPECT_EQ(config_->getConfigVar("net", 0, "name", 0), "mine");
+  config_->removeVars("net");
+  std::list<std::string> fresh;
+  EXPECT_TRUE(AppConfig::readFresh(ConfigVar("net", 0, "name", 0), fresh));
+  EXPECT_THAT(fresh, ElementsAre("mine"));
+  slow.goOn();
+  ASSERT_TRUE(eventually([] { return !slow.told().empty() && slow.told().back() == "mine"; }));
+  EXPECT_THAT(slow.cached(), testing::Each("mine"));
+  EXPECT_EQ(config_->getConfigVar("net", 0, "name", 0), "mine");
+}
+
+TEST_F(LibraryTest, AFreshReadWaitsForNoNotice) {
+  static SlowConsumer slow(config_);
+  registerHandler("test", "marker", &slow);
+  EXPECT_EQ(config_->getConfigVar("net", 0, "name", 0), "gateway");
+  ASSERT_TRUE(other_.write("test.marker", "7").ok());
+  ASSERT_TRUE(eventually([] { return slow.isWaiting(); }));
+  ASSERT_TRUE(other_.write("net.name", "renamed").ok());
+  EXPECT_EQ(config_->getConfigVar("net", 0, "name", 0), "gateway") << "its notice waits";
+  std::list<std::string> fresh;
+  EXPECT_TRUE(AppConfig::readFresh(ConfigVar("net", 0, "name", 0), fresh));
+  EXPECT_THAT(fresh, ElementsAre("renamed"));
+  EXPECT_EQ(config_->getConfigVar("net", 0, "name", 0), "renamed");
+  slow.goOn();
 }
 
 TEST_F(LibraryTest, OptionsAndAccessLevelsAreReadSetAndAnnounced) {

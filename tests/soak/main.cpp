@@ -69,7 +69,7 @@ void compare(Worker& worker, const std::string& file) {
 void tellCounts(const Soak::Counts& counts) {
   std::cout << "done " << counts.reads << ' ' << counts.changes << ' ' << counts.refused << ' '
             << counts.unanswered << ' ' << counts.told << ' ' << counts.asked << ' '
-            << counts.outOfOrder << std::endl;
+            << counts.outOfOrder << ' ' << counts.backwards << std::endl;
 }
 
 // False when the worker is to end.

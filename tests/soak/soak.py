@@ -6,8 +6,8 @@ continued, or killed and started again. Every few seconds the writers pause, and
 process has to hold what the service says, every handler has to know the last change of what it was
 registered for, and each acknowledged write has to be there.
 
-Ends with the line "soak: N stale, N lost, N out of order, N kills, N changes". Exit codes: 0 all is
-well; 1 something is stale, lost or out of order, or a program failed; 2 usage; 3 there were too few
+Ends with the line "soak: N stale, N lost, N out of order, N backwards, N kills, N changes". Exit codes: 0 all is
+well; 1 something is stale, lost, out of order or went backwards, or a program failed; 2 usage; 3 there were too few
 changes for the run to mean anything.
 """
 
@@ -23,7 +23,7 @@ import threading
 import time
 
 PATIENCE = 120  # seconds until a program that does not answer has failed
-COUNTS = ("reads", "changes", "refused", "unanswered", "told", "asked", "out of order")
+COUNTS = ("reads", "changes", "refused", "unanswered", "told", "asked", "out of order", "backwards")
 
 
 class Failed(Exception):
@@ -274,13 +274,14 @@ class Soak:
             self.mistreat(min(end, began + self.options.phase))
             self.working += time.monotonic() - began
             self.look()
-            if self.counts()["out of order"]:
-                self.tell_out_of_order()
+            counts = self.counts()
+            if counts["out of order"]:
+                print("soak: handlers were told values out of order")
+                break
+            if counts["backwards"]:
+                print("soak: a thread read a value older than one that was read or written before")
                 break
         return self.counts()
-
-    def tell_out_of_order(self):
-        print("soak: handlers were told values out of order")
 
     def end(self):
         for worker in self.workers:
@@ -341,12 +342,12 @@ def main():
             soak.end()
     tell_summary(soak, counts)
     rate = counts["changes"] / max(soak.working, 0.001)
-    wrong = soak.stale + soak.lost + counts["out of order"]
+    wrong = soak.stale + soak.lost + counts["out of order"] + counts["backwards"]
     if not wrong and rate < options.min_rate:
         print(f"soak: {rate:.0f} changes a second are fewer than {options.min_rate:.0f}: this run "
               "does not count")
     print(f"soak: {soak.stale} stale, {soak.lost} lost, {counts['out of order']} out of order, "
-          f"{soak.kills} kills, {counts['changes']} changes")
+          f"{counts['backwards']} backwards, {soak.kills} kills, {counts['changes']} changes")
     if wrong:
         return 1
     return 3 if rate < options.min_rate else 0

@@ -38,6 +38,15 @@ std::uint64_t numberIn(const std::string& value) {
   return dash == std::string::npos ? 0 : std::strtoull(value.c_str() + dash + 1, nullptr, 10);
 }
 
+// The place of a value among those of its variable's only writer: "w3x1-17" is the 17th of its second
+// life. A default comes before all.
+std::uint64_t placeOf(const std::string& value) {
+  const std::size_t cross = value.find('x');
+  if (value.empty() || value.front() != 'w' || cross == std::string::npos) return 0;
+  const std::uint64_t life = std::strtoull(value.c_str() + cross + 1, nullptr, 10);
+  return ((life + 1) << 40U) + numberIn(value);
+}
+
 }  // namespace
 
 Worker::Worker(WorkerOptions options)
@@ -46,6 +55,7 @@ Worker::Worker(WorkerOptions options)
       writer_("w" + std::to_string(options_.number) + "x" + std::to_string(options_.life)),
       histories_(plan_.size()),
       seen_(plan_.size()),
+      newest_(plan_.size()),
       atQuestions_(options_.seed + static_cast<unsigned>(options_.number + options_.life)),
       config_(AppConfig::AppCfgManager::getInstance()),
       endpoint_(writer_, endpointOptions(options_)) {
@@ -139,9 +149,34 @@ void Worker::read(std::size_t index, Random& random) {
   if (once(random, 8)) {
     config_->isDefault(key.group(), 0, key.name(), key.nameInstance());
   } else {
-    config_->getConfigVar(key);
+    const std::uint64_t newestBefore = newest_[index];
+    noteRead(index, newestBefore, config_->getConfigVar(key));
   }
   ++counts_.reads;
+}
+
+// Values of several writers have no order that a reader knows; a provider has cached what it refuses
+// a moment later.
+bool Worker::hasKnownOrder(std::size_t index) const {
+  const Kind kind = plan_[index].kind;
+  if (kind == Kind::Provided) return !options_.provides;
+  return kind != Kind::Contended && kind != Kind::Untouched;
+}
+
+// Nothing is read while the service is away and nothing is cached.
+void Worker::noteRead(std::size_t index, std::uint64_t newestBefore, const std::string& value) {
+  if (value.empty() || !hasKnownOrder(index)) return;
+  if (placeOf(value) < newestBefore) {
+    ++counts_.backwards;
+    histories_[index].noteEvent("read " + value + ", older than what was read or written before");
+  }
+  noteNewest(index, value);
+}
+
+void Worker::noteNewest(std::size_t index, const std::string& value) {
+  const std::uint64_t place = placeOf(value);
+  std::uint64_t known = newest_[index];
+  while (known < place && !newest_[index].compare_exchange_weak(known, place)) continue;
 }
 
 void Worker::writeSome(Random& random) {
@@ -181,6 +216,7 @@ void Worker::writeAndWait(std::size_t index) {
   ConfigResult result;
   const bool done = config_->setConfigVar(plan_[index].key, value, &result);
   const bool answered = done || result.error() != eErrNone;
+  if (done) noteNewest(index, value);
   history.noteWritten(value, done,
                       done       ? "acknowledged"
                       : answered ? "refused with " + std::to_string(result.error())

@@ -43,6 +43,7 @@ struct Counts {
   std::atomic<std::uint64_t> told{0};
   std::atomic<std::uint64_t> asked{0};
   std::atomic<std::uint64_t> outOfOrder{0};
+  std::atomic<std::uint64_t> backwards{0};
 };
 
 struct Findings {
@@ -79,6 +80,10 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   void readSome(Random& random);
   void writeSome(Random& random);
   void read(std::size_t index, Random& random);
+  // Whether what a thread reads of the variable has an order that readers know.
+  bool hasKnownOrder(std::size_t index) const;
+  void noteRead(std::size_t index, std::uint64_t newestBefore, const std::string& value);
+  void noteNewest(std::size_t index, const std::string& value);
   void write(std::size_t index, Random& random);
   void writeAndWait(std::size_t index);
   void awaitService(std::size_t index);
@@ -114,6 +119,8 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   const std::string writer_;
   std::vector<History> histories_;
   std::vector<std::optional<Truth>> seen_;
+  // Of each variable the newest value that any thread has read or written, as its place in the order.
+  std::vector<std::atomic<std::uint64_t>> newest_;
   Counts counts_;
   std::atomic<unsigned> handlersOfGroup_{0};
   Random atQuestions_;  // the delivery thread's own

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <string>
 
@@ -21,6 +22,10 @@ bool changesNothing(const Variable& variable, const StoreChange& change);
 
 // Whether it is the value that changes: only then have providers a say.
 bool changesValue(const StoreChange& change);
+
+// The revision at which the part of the variable that the change is about last changed; of several
+// the newest.
+std::uint64_t partChangedAt(const Variable& variable, const StoreChange& change);
 
 // The value that the variable would have.
 std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change);

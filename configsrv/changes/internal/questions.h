@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "appconfig/core/state_stamp.h"
 #include "configsrv/changes/change.h"
 
 namespace google {
@@ -29,6 +30,8 @@ struct Question {
   const ConfigVar& key;
   const std::list<std::string>& value;
   const Requester& by;
+  // Of the value that holds while this is asked.
+  AppConfig::StateStamp held{};
 };
 
 std::unique_ptr<google::protobuf::MessageLite> messageOf(const Question& question);

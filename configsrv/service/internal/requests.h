@@ -48,8 +48,6 @@ struct RequestContext {
   AuditTrail* audit;
   // For its counters alone; all else of it is another thread's.
   const Store& store;
-  // Under which all revisions of this run stand; a later one is greater. See docs/protocol.md.
-  std::uint64_t epoch;
 };
 
 class Requests {
