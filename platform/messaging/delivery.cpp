@@ -8,12 +8,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "platform/messaging/internal/dispatch.h"
 #include "platform/messaging/internal/frame_bytes.h"
+#include "platform/messaging/internal/retry_pace.h"
 #include "platform/messaging/internal/time_slice.h"
+#include "platform/schema/registration_key.h"
 
 namespace PbUtility {
 namespace {
@@ -35,6 +38,15 @@ MSG_Sender nextSender() {
   return ++last;
 }
 
+// Why a registration found no room; nothing when it was answered otherwise.
+std::optional<std::string> refusalForRoom(const FrameHeader& header, std::string_view payload) {
+  if (header.kind == FrameKind::Response)
+    return PlatformSchema::refusalForRoom(header.messageId, payload);
+  Refusal refusal;
+  if (!decode(payload, refusal).empty() || refusal.error != kRefusedByLimit) return std::nullopt;
+  return refusal.text;
+}
+
 }  // namespace
 
 struct Delivery::Remote {
@@ -52,8 +64,14 @@ struct Delivery::Remote {
   Clock::time_point nextAttempt;
   milliseconds delay = kShortestDelay;
   std::uint32_t lastSequence = 0;
+  struct Awaited {
+    std::string key;
+    // It was refused before on this connection.
+    bool retried = false;
+  };
   // Registrations repeated on this connection whose response is awaited, by sequence.
-  std::unordered_map<std::uint32_t, std::string> awaited;
+  std::unordered_map<std::uint32_t, Awaited> awaited;
+  RetryPace pace;
 
   // Behind Delivery::mutex_.
   Condition condition = Condition::Away;
@@ -226,7 +244,8 @@ bool Delivery::takeWelcome(Remote& remote, const FrameHeader& header, std::strin
   return true;
 }
 
-void Delivery::repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats) {
+void Delivery::repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats,
+                      bool retried) {
   FrameHeader header;
   header.kind = FrameKind::Request;
   for (KeptRegistrations::Repeat& each : repeats) {
@@ -234,7 +253,7 @@ void Delivery::repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> rep
     header.sequence = ++remote.lastSequence;
     header.revision = each.revision;
     appendFrame(header, each.payload, remote.outgoing);
-    remote.awaited.emplace(header.sequence, std::move(each.key));
+    remote.awaited.emplace(header.sequence, Remote::Awaited{std::move(each.key), retried});
   }
   setCondition(remote, remote.awaited.empty() ? Condition::Standing : Condition::Repeating);
 }
@@ -252,6 +271,21 @@ void Delivery::repeatAbandoned(const std::string& name) {
 bool Delivery::takeAbandonedMark(Remote& remote) {
   const std::lock_guard<std::mutex> guard(mutex_);
   return std::exchange(remote.abandoned, false);
+}
+
+void Delivery::retryRefused(Remote& remote) {
+  const Clock::time_point now = Clock::now();
+  if (remote.registrations->anyRefused()) remote.pace.refused(now);
+  if (!remote.pace.dueAt() || now < *remote.pace.dueAt()) return;
+  std::vector<KeptRegistrations::Repeat> repeats =
+      remote.registrations->takeRefused(remote.pace.batch());
+  if (repeats.empty()) {
+    // All were accepted or withdrawn meanwhile.
+    remote.pace = {};
+    return;
+  }
+  remote.pace.sent(repeats.size());
+  repeat(remote, std::move(repeats), true);
 }
 
 // Writes as much as the socket takes: the rest waits for poll, since a service that is itself
@@ -278,6 +312,7 @@ void Delivery::lose(Remote& remote) {
   remote.incoming.clear();
   remote.outgoing.clear();
   remote.awaited.clear();
+  remote.pace = {};
   // A service that was there a moment ago may be back at once; one that was not is given time.
   remote.nextAttempt = Clock::now() + (remote.greeted ? milliseconds(0) : remote.delay);
   if (!remote.greeted) remote.delay = std::min(remote.delay * 2, kLongestDelay);
@@ -286,14 +321,18 @@ void Delivery::lose(Remote& remote) {
   endAttempt(remote);
 }
 
-void Delivery::noteResponse(Remote& remote, const FrameHeader& header) {
+void Delivery::noteResponse(Remote& remote, const FrameHeader& header, std::string_view payload) {
   const auto found = remote.awaited.find(header.sequence);
   if (found == remote.awaited.end()) return;
-  if (header.kind == FrameKind::Response) {
-    KeptRegistrations& registrations = *remote.registrations;
-    registrations.acknowledge(found->second, registrations.connection(), remote.epoch,
-                              header.revision);
+  const auto& [key, retried] = found->second;
+  KeptRegistrations& registrations = *remote.registrations;
+  const std::optional<std::string> refusal = refusalForRoom(header, payload);
+  if (refusal) {
+    registrations.refuse(key, registrations.connection(), *refusal);
+  } else if (header.kind == FrameKind::Response) {
+    registrations.acknowledge(key, registrations.connection(), remote.epoch, header.revision);
   }
+  if (retried) remote.pace.answered(!refusal, Clock::now());
   remote.awaited.erase(found);
   if (remote.awaited.empty()) setCondition(remote, Condition::Standing);
 }
@@ -301,7 +340,7 @@ void Delivery::noteResponse(Remote& remote, const FrameHeader& header) {
 bool Delivery::take(Remote& remote, const FrameHeader& header, std::string_view payload) {
   if (!remote.greeted) return takeWelcome(remote, header, payload);
   if (header.kind == FrameKind::Response || header.kind == FrameKind::Refusal) {
-    noteResponse(remote, header);
+    noteResponse(remote, header, payload);
     return true;
   }
   if (header.kind != FrameKind::Notice && header.kind != FrameKind::Question) return false;
@@ -357,13 +396,15 @@ int Delivery::poll(const std::vector<Remote*>& remotes) {
   auto wait = wakeUp_ ? milliseconds(-1) : kUnwakenedPoll;
   const Clock::time_point now = Clock::now();
   for (const Remote* remote : remotes) {
+    std::optional<Clock::time_point> next = remote->nextAttempt;
     if (remote->stream.isOpen()) {
       const bool pending = !remote->outgoing.empty();
       waiting.push_back(
           {remote->stream.fd(), static_cast<short>(pending ? POLLIN | POLLOUT : POLLIN), 0});
-      continue;
+      next = remote->pace.dueAt();
     }
-    const auto left = std::chrono::ceil<milliseconds>(remote->nextAttempt - now);
+    if (!next) continue;
+    const auto left = std::chrono::ceil<milliseconds>(*next - now);
     const auto atLeastNone = std::max(left, milliseconds(0));
     if (wait.count() < 0 || atLeastNone < wait) wait = atLeastNone;
   }
@@ -380,6 +421,7 @@ void Delivery::run() {
     const std::vector<Remote*> all = remotes();
     for (Remote* remote : all) {
       if (!remote->stream.isOpen() && Clock::now() >= remote->nextAttempt) tryConnect(*remote);
+      if (remote->greeted) retryRefused(*remote);
     }
     poll(all);
     for (Remote* remote : all) {

@@ -18,6 +18,7 @@
 #include "platform/messaging/internal/connection_pool.h"
 #include "platform/messaging/internal/delivery.h"
 #include "platform/messaging/internal/dispatch.h"
+#include "platform/messaging/internal/layer_table.h"
 #include "platform/messaging/internal/private_fd.h"
 #include "platform/messaging/runtime_dir.h"
 #include "platform/schema/message_ids.h"
@@ -94,8 +95,9 @@ const char* describe(CallStatus status) {
 
 class Endpoint::State {
  public:
-  State(std::string name, EndpointOptions options)
-      : generation_(forkGeneration),
+  State(const PbUtils* layer, std::string name, EndpointOptions options)
+      : layer_(layer),
+        generation_(forkGeneration),
         options_(std::move(options)),
         hello_{ConnectionUse::Requests, randomToken(), std::move(name)},
         nameProblem_(nameProblem(hello_.name)),
@@ -108,7 +110,8 @@ class Endpoint::State {
   State& operator=(const State&) = delete;
 
   // For a child after fork.
-  State(const State& parent, unsigned generation) : State(parent.hello_.name, parent.options_) {
+  State(const State& parent, unsigned generation)
+      : State(parent.layer_, parent.hello_.name, parent.options_) {
     generation_ = generation;
     tables_ = parent.tables_;
     for (const auto& [name, remote] : parent.remotes_) {
@@ -122,6 +125,8 @@ class Endpoint::State {
   // The first endpoint of a process begins to watch its forks. pthread_atfork is called once, also
   // when a fork comes in between.
   static void watchForks() {
+    // Before: that lock may be taken while locks of the states are held.
+    LayerTable::watchForks();
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once,
                  [] { pthread_atfork(holdAllForFork, releaseAllInParent, leaveAllToParent); });
@@ -177,11 +182,12 @@ class Endpoint::State {
  private:
   struct Remote {
     Remote(std::string remoteName, std::string socketPath, std::string problemText,
-           const Hello& hello, unsigned maxConnections)
+           const Hello& hello, unsigned maxConnections, const PbUtils* layer)
         : name(std::move(remoteName)),
           path(std::move(socketPath)),
           problem(std::move(problemText)),
-          pool(path, hello, maxConnections) {}
+          pool(path, hello, maxConnections),
+          registrations(layer, name) {}
 
     const std::uint64_t number = nextRemoteNumber();
     const std::string name;
@@ -255,7 +261,8 @@ class Endpoint::State {
     std::string path;
     std::string problem = socketPath(options_.runtimeDir, name, path);
     if (problem.empty() && !nameProblem_.empty()) problem = "own name: " + nameProblem_;
-    auto made = std::make_unique<Remote>(name, path, problem, hello_, options_.maxConnections);
+    auto made =
+        std::make_unique<Remote>(name, path, problem, hello_, options_.maxConnections, layer_);
     return remotes_.emplace(name, std::move(made)).first->second.get();
   }
 
@@ -306,7 +313,7 @@ class Endpoint::State {
     }
     const CallStatus status = remote.pool.call(request, response, exchange);
     if (status == kCallOk && response != nullptr) {
-      kept.acknowledge(key, connection, exchange.epoch, exchange.answerRevision);
+      noteAnswer(remote, key, connection, *response, exchange);
     } else if (status == kCallBadRequest) {
       kept.withdraw(key);
     } else {
@@ -315,6 +322,16 @@ class Endpoint::State {
       delivery_.repeatAbandoned(remote.name);
     }
     return status;
+  }
+
+  void noteAnswer(Remote& remote, const std::string& key, KeptRegistrations::Connection connection,
+                  const google::protobuf::MessageLite& response, const Exchange& exchange) {
+    KeptRegistrations& kept = remote.registrations;
+    const auto refusal = PlatformSchema::refusalForRoom(PlatformSchema::messageIdOf(response),
+                                                        response.SerializeAsString());
+    if (!refusal) return kept.acknowledge(key, connection, exchange.epoch, exchange.answerRevision);
+    kept.refuse(key, connection, *refusal);
+    delivery_.repeatRefused();
   }
 
   static void forgetWithdrawn(Remote& remote, const google::protobuf::MessageLite& request,
@@ -329,6 +346,8 @@ class Endpoint::State {
   static State* first_;
   State* previous_ = nullptr;
   State* next_ = nullptr;
+  // The endpoint, as others know it.
+  const PbUtils* const layer_;
   unsigned generation_;
   EndpointOptions options_;
   const Hello hello_;
@@ -344,7 +363,7 @@ Endpoint::State* Endpoint::State::first_ = nullptr;
 
 Endpoint::Endpoint(std::string name, EndpointOptions options) : state_(nullptr) {
   State::watchForks();
-  state_ = new State(std::move(name), std::move(options));
+  state_ = new State(this, std::move(name), std::move(options));
 }
 
 Endpoint::~Endpoint() {

@@ -9,7 +9,8 @@
 //
 // Start    any order: a service that is not there yet makes requests fail at once; the endpoint
 //          finds it when it comes, and repeats its callback registrations whenever it comes back,
-//          so that no change in between goes untold.
+//          so that no change in between goes untold. A registration that the service has no room for
+//          is repeated until it has (registration_refusals.h), and then told what it missed.
 // Errors   send and sendWaitResponse return a CallStatus; nothing here throws or raises SIGPIPE.
 // Threads  all operations from any thread, also from inside receivers. Only one delivery thread
 //          runs receivers, so a receiver that blocks holds up all later messages.
@@ -91,8 +92,8 @@ class __attribute__((visibility("default"))) Endpoint final : public PbUtils {
   // Text of the last refusal or failure that this thread met; empty when there was none.
   std::string lastRefusal() const;
 
-  // Waits until the delivery connection to this remote stands and every registration made so far
-  // is known to the service, at most `atMost`. Tools and tests use it; applications need not.
+  // Waits until the delivery connection to this remote stands and the service has answered every
+  // registration made so far, at most `atMost`. Tools and tests use it; applications need not.
   bool waitUntilConnected(const std::string& endpointName, std::chrono::milliseconds atMost);
 
  private:

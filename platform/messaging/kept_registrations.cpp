@@ -1,7 +1,9 @@
 #include "platform/messaging/internal/kept_registrations.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "platform/messaging/internal/layer_table.h"
 #include "platform/schema/registration_key.h"
 
 namespace PbUtility {
@@ -16,7 +18,15 @@ std::uint64_t lesser(std::uint64_t a, std::uint64_t b) {
   return a == kRevisionNone || b == kRevisionNone ? kRevisionNone : std::min(a, b);
 }
 
+// For a repeat on the connection that is there: since when it wants to be told.
+std::uint64_t sinceOrAll(std::uint64_t since) {
+  return since == kRevisionNow ? kRevisionNone : since;
+}
+
 }  // namespace
+
+KeptRegistrations::KeptRegistrations(const PbUtils* layer, std::string remoteName)
+    : layer_(layer), remoteName_(std::move(remoteName)) {}
 
 KeptRegistrations::Connection KeptRegistrations::keep(const std::string& key,
                                                       std::uint32_t messageId, std::string payload,
@@ -58,9 +68,38 @@ void KeptRegistrations::acknowledge(const std::string& key, Connection connectio
   if (registration == nullptr || (epoch_ != 0 && epoch != epoch_)) return;
   registration->acknowledgedAt = std::max(registration->acknowledgedAt, revision);
   registration->acknowledged = registration->unanswered == 0;
+  noteAccepted(key, *registration);
   if (registration->since != kRevisionNow) return;
   registration->since = revision;
   registration->epoch = epoch;
+}
+
+void KeptRegistrations::refuse(const std::string& key, Connection connection,
+                               const std::string& reason) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Registration* const registration = answeredOne(key, connection);
+  if (registration == nullptr) return;
+  registration->refused = true;
+  if (layer_ != nullptr) LayerTable::noteRefused(layer_, remoteName_, key, reason);
+  if (registration->place != 0) return;
+  registration->place = ++lastPlace_;
+  refused_.emplace(registration->place, key);
+}
+
+void KeptRegistrations::leaveQueue(Registration& registration) {
+  refused_.erase(std::exchange(registration.place, 0));
+}
+
+void KeptRegistrations::noteAccepted(const std::string& key, Registration& registration) {
+  leaveQueue(registration);
+  if (!std::exchange(registration.refused, false) || layer_ == nullptr) return;
+  LayerTable::noteAccepted(layer_, remoteName_, key);
+}
+
+KeptRegistrations::Registrations::iterator KeptRegistrations::erase(
+    Registrations::iterator position) {
+  noteAccepted(position->first, position->second);
+  return registrations_.erase(position);
 }
 
 void KeptRegistrations::abandon(const std::string& key, Connection connection) {
@@ -70,7 +109,8 @@ void KeptRegistrations::abandon(const std::string& key, Connection connection) {
 
 void KeptRegistrations::withdraw(const std::string& key) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  registrations_.erase(key);
+  const auto found = registrations_.find(key);
+  if (found != registrations_.end()) erase(found);
 }
 
 void KeptRegistrations::withdrawAll(const std::string& keyPrefix) {
@@ -78,7 +118,7 @@ void KeptRegistrations::withdrawAll(const std::string& keyPrefix) {
   auto position = registrations_.lower_bound(keyPrefix);
   while (position != registrations_.end() &&
          position->first.compare(0, keyPrefix.size(), keyPrefix) == 0) {
-    position = registrations_.erase(position);
+    position = erase(position);
   }
 }
 
@@ -130,8 +170,10 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::beginConnection(std::u
   const std::lock_guard<std::mutex> guard(mutex_);
   std::vector<Repeat> repeats;
   repeats.reserve(registrations_.size());
-  for (auto& [key, registration] : registrations_)
+  for (auto& [key, registration] : registrations_) {
+    leaveQueue(registration);
     repeats.push_back(repeat(key, registration, repeatedWith(registration, epoch), epoch));
+  }
   if (epoch_ != epoch) {
     anyDelivered_ = false;
     delivered_ = 0;
@@ -148,11 +190,29 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeAbandoned() {
   std::vector<Repeat> repeats;
   for (auto& [key, registration] : registrations_) {
     if (registration.acknowledged || registration.unanswered > 0) continue;
-    const std::uint64_t known = registration.since;
-    repeats.push_back(
-        repeat(key, registration, known == kRevisionNow ? kRevisionNone : known, epoch_));
+    if (registration.place != 0) continue;
+    repeats.push_back(repeat(key, registration, sinceOrAll(registration.since), epoch_));
   }
   return repeats;
+}
+
+std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeRefused(std::size_t atMost) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Repeat> repeats;
+  while (repeats.size() < atMost && !refused_.empty()) {
+    const std::string key = refused_.begin()->second;
+    Registration& registration = registrations_.at(key);
+    leaveQueue(registration);
+    // Its caller has just asked again, and the answer to that counts.
+    if (registration.unanswered > 0) continue;
+    repeats.push_back(repeat(key, registration, sinceOrAll(registration.since), epoch_));
+  }
+  return repeats;
+}
+
+bool KeptRegistrations::anyRefused() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return !refused_.empty();
 }
 
 KeptRegistrations::Connection KeptRegistrations::connection() const {
@@ -173,6 +233,7 @@ void KeptRegistrations::copyTo(KeptRegistrations& other) const {
     copy.since = knownBy(registration);
     copy.acknowledged = false;
     copy.unanswered = 0;
+    copy.place = 0;
   }
   other.epoch_ = epoch_;
   other.otherEpochAnswered_ = otherEpochAnswered_;

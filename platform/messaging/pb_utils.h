@@ -9,6 +9,7 @@
 // Owns     nothing that is passed in; tables are copied.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 struct MSG_Callback;
@@ -20,9 +21,24 @@ class MessageLite;
 
 namespace PbUtility {
 
+class PbUtils;
+
+// Visible outside of the shared library that this folder becomes a part of.
+#pragma GCC visibility push(default)
+
+// Tells message layers apart for as long as the process lives, which their addresses do not: another
+// one may stand where one was destroyed. 1 and up, the same at each call. Any thread.
+std::uint64_t layerNumber(const PbUtils* layer);
+
+// The layer is gone, and what was known about it beside the object with it: its number, and what
+// registration_refusals.h tells. The destructor calls it.
+void forgetLayer(const PbUtils* layer) noexcept;
+
+#pragma GCC visibility pop
+
 class PbUtils {
  public:
-  virtual ~PbUtils() = default;
+  virtual ~PbUtils() { forgetLayer(this); }
 
   // Makes a remote endpoint known, so that its messages can reach this one. The instance is -1 for
   // "the only one of that name". Repeating it is harmless, and the remote need not exist yet.

@@ -9,6 +9,8 @@ namespace {
 using google::protobuf::MessageLite;
 
 constexpr std::uint32_t kMonitor = 0x1A0430;
+constexpr std::uint32_t kMonitorResponse = 0x1A0431;
+constexpr std::uint32_t kRegisterResponse = 0x1A0211;
 
 bool parse(MessageLite& message, std::string_view payload) {
   return message.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
@@ -38,6 +40,22 @@ std::string keyOfMonitor(std::string_view payload) {
   return parse(request, payload) ? clientPart(request.client_name()) + "monitor" : std::string();
 }
 
+std::string textOf(const ConfigIF::ReturnMessage& result) {
+  if (result.messages_size() == 0) return "a limit of the service is reached";
+  std::string text = result.messages(0);
+  for (int i = 1; i < result.messages_size(); ++i) text += "; " + result.messages(i);
+  return text;
+}
+
+// Most answers are empty, which is success.
+template <typename Response>
+std::optional<std::string> refusalIn(std::string_view payload) {
+  Response response;
+  if (payload.empty() || !parse(response, payload)) return std::nullopt;
+  if (response.result().error() != CommonIF::ERROR_LIMIT) return std::nullopt;
+  return textOf(response.result());
+}
+
 }  // namespace
 
 std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
@@ -49,10 +67,33 @@ std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
   return parse(request, payload) ? clientPart(request.client_name()) : std::string();
 }
 
+std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view payload) {
+  const std::string own = registrationKey(messageId, payload);
+  if (own.empty() || !isRepeatedOnReconnect(messageId)) return {};
+  std::vector<std::string> keys{own};
+  ConfigIF::RegisterClientCallbackReq request;
+  if (messageId == kMonitor || !parse(request, payload)) return keys;
+  std::string name = request.name();
+  while (!name.empty()) {
+    const std::size_t dot = name.rfind('.');
+    name.resize(dot == std::string::npos ? 0 : dot);
+    request.set_name(name);
+    keys.push_back(registrationKey(messageId, request.SerializeAsString()));
+  }
+  return keys;
+}
+
 bool isToldOnChange(std::uint32_t messageId, std::string_view payload) {
   if (messageId == kMonitor || !isRepeatedOnReconnect(messageId)) return false;
   ConfigIF::RegisterClientCallbackReq request;
   return parse(request, payload) && request.type() == ConfigIF::CALLBACK_ON_CHANGE;
+}
+
+std::optional<std::string> refusalForRoom(std::uint32_t responseId, std::string_view payload) {
+  if (responseId == kRegisterResponse)
+    return refusalIn<ConfigIF::RegisterClientCallbackRsp>(payload);
+  if (responseId == kMonitorResponse) return refusalIn<ConfigIF::MonitorRsp>(payload);
+  return std::nullopt;
 }
 
 }  // namespace PlatformSchema

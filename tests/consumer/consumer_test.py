@@ -24,7 +24,8 @@ DEFINITION = '[variable."room.target"]\ntype = "int"\ndefault = 20\nmax = 30\n'
 # as well, and nothing else.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/registry/registration.h",
            "appconfig/registry/consumer_config_handler.h", "appconfig/registry/provider_config_handler.h",
-           "platform/messaging/endpoint.h", "platform/messaging/msg.h", "platform/messaging/pb_utils.h")
+           "platform/messaging/endpoint.h", "platform/messaging/msg.h", "platform/messaging/pb_utils.h",
+           "platform/messaging/registration_refusals.h")
 
 
 def run(*command, code=0, **options):

@@ -109,8 +109,8 @@ HEADERS_ONLY = {
     # An endpoint repeats its registrations after a restart of the service, so it has to know which
     # messages are registrations and which of them are the same; it knows no other message.
     ("platform/messaging", "platform/schema"): ("message_ids.h", "registration_key.h"),
-    # A device with a message layer of its own implements these two; the library needs no more.
-    ("appconfig/service", "platform/messaging"): ("msg.h", "pb_utils.h"),
+    # A device with a message layer of its own implements the first two; the library needs no more.
+    ("appconfig/service", "platform/messaging"): ("msg.h", "pb_utils.h", "registration_refusals.h"),
     ("examples", "platform/messaging"): ("endpoint.h", "pb_utils.h"),
 }
 

@@ -7,7 +7,9 @@
 //               once when a request finds the service (kick)
 //   Greeting    connected; the service has not answered the greeting yet
 //   Repeating   the kept registrations have been sent, not all are acknowledged
-//   Standing    every registration is acknowledged
+//   Standing    every registration is answered
+//
+// What the service has no room for is asked for again on the standing connection (RetryPace).
 //
 // Threads  the delivery thread owns the connections; what others ask for is behind one mutex, which
 //          is never held while a receiver runs or bytes move.
@@ -50,11 +52,13 @@ class Delivery {
 
   // Some registrations were abandoned: repeat them on the connection that is there.
   void repeatAbandoned(const std::string& name);
+  // Some were refused for want of room: repeat them there in a while.
+  void repeatRefused() { wake(); }
 
   // Waits until the connection stands, or an attempt that began after the call has failed. False,
   // at once, when the system has no thread to deliver on.
   bool waitForAttempt(const std::string& name, Clock::time_point deadline);
-  // Waits until the connection stands and every registration is acknowledged.
+  // Waits until the connection stands and every registration is answered.
   bool waitUntilStanding(const std::string& name, Clock::time_point deadline);
 
   // Whether the calling thread is the delivery thread, which cannot wait for its own end.
@@ -78,12 +82,13 @@ class Delivery {
   std::string greeting() const;
   bool takeWelcome(Remote& remote, const FrameHeader& header, std::string_view payload);
   void endAttempt(Remote& remote);
-  void repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats);
+  void repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats, bool retried = false);
   bool takeAbandonedMark(Remote& remote);
+  void retryRefused(Remote& remote);
   void readFrom(Remote& remote);
   bool consume(Remote& remote);
   bool take(Remote& remote, const FrameHeader& header, std::string_view payload);
-  void noteResponse(Remote& remote, const FrameHeader& header);
+  void noteResponse(Remote& remote, const FrameHeader& header, std::string_view payload);
   bool writePending(Remote& remote);
   void lose(Remote& remote);
   void setCondition(Remote& remote, Condition condition);

@@ -17,7 +17,10 @@
 //   - the registration is told on change of values to come, and a question was delivered: the value
 //     may have been taken over, and nobody will say that it did not come to be.
 //
-// Threads  any; one mutex, held for the map alone.
+// What the service refuses for want of room is asked for again, in the order of the refusals, when
+// whoever owns the connection says so (takeRefused); isRegistrationRefused tells of it until then.
+//
+// Threads  any; one mutex, held for what is kept here and while the refusals are noted.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +33,13 @@
 
 namespace PbUtility {
 
+class PbUtils;
+
 class KeptRegistrations {
  public:
+  // Refusals are noted as those of this layer at this remote; of no layer, nowhere.
+  explicit KeptRegistrations(const PbUtils* layer = nullptr, std::string remoteName = {});
+
   struct Repeat {
     std::string key;
     std::uint32_t messageId;
@@ -42,13 +50,15 @@ class KeptRegistrations {
   using Connection = std::uint64_t;
 
   // A registration is about to be sent for the first time, or again. Keys are those of
-  // platform/schema/registration_key.h. To be followed by acknowledge or abandon, with the
+  // platform/schema/registration_key.h. To be followed by acknowledge, refuse or abandon, with the
   // connection that is handed back.
   Connection keep(const std::string& key, std::uint32_t messageId, std::string payload,
                   std::uint64_t epoch, std::uint64_t revision);
   // The service has it since this revision.
   void acknowledge(const std::string& key, Connection connection, std::uint64_t epoch,
                    std::uint64_t revision);
+  // The service has no room for it, in these words.
+  void refuse(const std::string& key, Connection connection, const std::string& reason);
   // Whether the service has it is not known.
   void abandon(const std::string& key, Connection connection);
   void withdraw(const std::string& key);
@@ -63,10 +73,14 @@ class KeptRegistrations {
   void answered(std::uint64_t epoch);
 
   // Begins a new delivery connection: all registrations, each with the revision to repeat it with.
-  // Each is to be followed by acknowledge or abandon, with connection().
+  // Each is to be followed by acknowledge, refuse or abandon, with connection().
   std::vector<Repeat> beginConnection(std::uint64_t epoch);
   // Those that were abandoned, to be repeated on this connection, likewise.
   std::vector<Repeat> takeAbandoned();
+  // At most so many of those that were refused, likewise; those refused longest ago come first.
+  std::vector<Repeat> takeRefused(std::size_t atMost);
+  // Whether any waits to be taken.
+  bool anyRefused() const;
   Connection connection() const;
 
   std::size_t size() const;
@@ -87,16 +101,27 @@ class KeptRegistrations {
     unsigned unanswered = 0;  // how often it is on its way
     bool acknowledged = false;
     std::uint64_t acknowledgedAt = 0;
+    bool refused = false;     // and not accepted since
+    std::uint64_t place = 0;  // in refused_; 0: in none
   };
+  using Registrations = std::map<std::string, Registration>;
   // The mutex is held for all of these.
   std::uint64_t knownBy(const Registration& registration) const;
   std::uint64_t repeatedWith(const Registration& registration, std::uint64_t epoch) const;
   static Repeat repeat(const std::string& key, Registration& registration, std::uint64_t revision,
                        std::uint64_t epoch);
   Registration* answeredOne(const std::string& key, Connection connection);
+  void leaveQueue(Registration& registration);
+  void noteAccepted(const std::string& key, Registration& registration);
+  Registrations::iterator erase(Registrations::iterator position);
 
+  const PbUtils* const layer_;
+  const std::string remoteName_;
   mutable std::mutex mutex_;
-  std::map<std::string, Registration> registrations_;
+  Registrations registrations_;
+  // Keys of those that wait to be asked for again, by place.
+  std::map<std::uint64_t, std::string> refused_;
+  std::uint64_t lastPlace_ = 0;
   Connection connection_ = 0;
   std::uint64_t epoch_ = 0;
   bool otherEpochAnswered_ = false;

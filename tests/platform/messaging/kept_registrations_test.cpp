@@ -166,6 +166,60 @@ TEST_F(KeptRegistrationsTest, WhatAnotherConnectionRepeatedIsNotAbandonedByALate
   EXPECT_TRUE(kept.takeAbandoned().empty());
 }
 
+TEST_F(KeptRegistrationsTest, ARefusedRegistrationIsTakenForARepeatWithWhatWasKnown) {
+  begin();
+  EXPECT_FALSE(kept.anyRefused());
+  kept.refuse("k", keep(3), "full");
+  EXPECT_TRUE(kept.anyRefused());
+  EXPECT_TRUE(kept.takeAbandoned().empty()) << "there is no room yet";
+  EXPECT_EQ(onlyOf(kept.takeRefused(10)), 3U);
+  EXPECT_FALSE(kept.anyRefused()) << "it is on its way";
+  acknowledge(9);
+  kept.delivered(12);
+  EXPECT_TRUE(kept.takeRefused(10).empty());
+  EXPECT_EQ(repeatedWith(), 12U);
+}
+
+TEST_F(KeptRegistrationsTest, ARefusedRegistrationMadeWithoutKnowledgeAsksForEverything) {
+  begin();
+  kept.refuse("k", keep(kRevisionNow, 0), "full");
+  EXPECT_EQ(onlyOf(kept.takeRefused(10)), kRevisionNone);
+}
+
+TEST_F(KeptRegistrationsTest, RefusedRegistrationsAreTakenInTheOrderOfTheirRefusals) {
+  begin();
+  for (const char* key : {"c", "a", "b"})
+    kept.refuse(key, kept.keep(key, kRegister, key, kEpoch, 1), "full");
+  const auto first = kept.takeRefused(2);
+  ASSERT_EQ(first.size(), 2U);
+  EXPECT_EQ(first[0].key, "c");
+  EXPECT_EQ(first[1].key, "a");
+  kept.refuse("c", kept.connection(), "full");
+  kept.withdraw("b");
+  const auto second = kept.takeRefused(2);
+  ASSERT_EQ(second.size(), 1U);
+  EXPECT_EQ(second[0].key, "c");
+}
+
+TEST_F(KeptRegistrationsTest, OfARefusedRegistrationThatItsCallerMakesAgainTheCallersAnswerCounts) {
+  begin();
+  kept.refuse("k", keep(3), "full");
+  keep(3);
+  EXPECT_TRUE(kept.takeRefused(10).empty());
+  acknowledge(9);
+  EXPECT_FALSE(kept.anyRefused());
+}
+
+TEST_F(KeptRegistrationsTest, ANewConnectionRepeatsRefusedRegistrationsWithAllOthers) {
+  begin();
+  const Connection before = keep(3);
+  kept.refuse("k", before, "full");
+  EXPECT_EQ(repeatedWith(), 3U);
+  EXPECT_FALSE(kept.anyRefused());
+  kept.refuse("k", before, "full");
+  EXPECT_FALSE(kept.anyRefused()) << "a refusal from before the connection says nothing about it";
+}
+
 std::string registrationOf(ConfigIF::CallbackType type) {
   ConfigIF::RegisterClientCallbackReq request;
   request.set_client_name("me");

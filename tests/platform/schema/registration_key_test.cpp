@@ -93,6 +93,44 @@ TEST(RegistrationKeyTest, OnlyAProvidersRegistrationForChangesIsToldOfValuesToCo
   EXPECT_FALSE(isToldOnChange(messageIdOf(ConfigIF::MonitorReq()), ""));
 }
 
+TEST(RegistrationKeyTest, WhatCoversARegistrationIsEachNameAboveItForTheSameCallerAndType) {
+  const auto covering = [](const google::protobuf::MessageLite& request) {
+    return coveringKeys(messageIdOf(request), request.SerializeAsString());
+  };
+  const std::vector<std::string> expected = {keyOf(registration("net.eth.mtu")),
+                                             keyOf(registration("net.eth")),
+                                             keyOf(registration("net")), keyOf(registration(""))};
+  EXPECT_EQ(covering(registration("net.eth.mtu")), expected);
+  EXPECT_EQ(covering(registration("")), std::vector<std::string>{keyOf(registration(""))});
+  ConfigIF::MonitorReq monitor;
+  monitor.set_prefix("net.mtu");
+  EXPECT_EQ(covering(monitor), std::vector<std::string>{keyOf(monitor)});
+  EXPECT_TRUE(covering(ConfigIF::ReadReq()).empty());
+  EXPECT_TRUE(coveringKeys(0x1A0210, "\xFF\xFF\xFF").empty());
+}
+
+template <typename Response>
+std::optional<std::string> refusalFor(CommonIF::eErrorType error,
+                                      const std::vector<std::string>& texts = {}) {
+  Response response;
+  if (error != CommonIF::ERROR_NONE) response.mutable_result()->set_error(error);
+  for (const std::string& text : texts) response.mutable_result()->add_messages(text);
+  return refusalForRoom(messageIdOf(response), response.SerializeAsString());
+}
+
+TEST(RegistrationKeyTest, OnlyALimitIsARefusalForWantOfRoom) {
+  using Registered = ConfigIF::RegisterClientCallbackRsp;
+  EXPECT_EQ(refusalFor<Registered>(CommonIF::ERROR_LIMIT, {"full", "of user 7"}),
+            "full; of user 7");
+  EXPECT_EQ(refusalFor<ConfigIF::MonitorRsp>(CommonIF::ERROR_LIMIT),
+            "a limit of the service is reached");
+  EXPECT_EQ(refusalFor<Registered>(CommonIF::ERROR_NONE), std::nullopt);
+  EXPECT_EQ(refusalFor<Registered>(CommonIF::ERROR_NONE, {"welcome"}), std::nullopt);
+  EXPECT_EQ(refusalFor<Registered>(CommonIF::ERROR_DENIED, {"no"}), std::nullopt);
+  EXPECT_EQ(refusalFor<ConfigIF::WriteRsp>(CommonIF::ERROR_LIMIT), std::nullopt);
+  EXPECT_EQ(refusalForRoom(0x1A0211, "\xFF\xFF\xFF"), std::nullopt);
+}
+
 TEST(RegistrationKeyTest, OtherMessagesAndRubbishHaveNone) {
   EXPECT_EQ(keyOf(ConfigIF::ReadReq()), "");
   EXPECT_EQ(registrationKey(0x1A0210, "\xFF\xFF\xFF"), "");
