@@ -95,7 +95,9 @@ bool AppCfgManager::getAccessLevels(const ConfigVar& var, SecurityRole* readRole
   ConfigValue record;
   if (!copyRecordAfterRead(var, record)) return false;
   ConfigAccessLevels levels = record.accessLevels();
-  if (!record.hasAccessLevels() && !loadAccessLevels(var, levels)) return false;
+  const bool isKnown =
+      record.hasAccessLevels() && service_->isTold(var, PlatformCfgService::eAccessLevelsChanged);
+  if (!isKnown && !loadAccessLevels(var, levels)) return false;
   if (readRole) *readRole = levels.readRole;
   if (writeRole) *writeRole = levels.writeRole;
   return true;

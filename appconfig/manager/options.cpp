@@ -18,7 +18,9 @@ unsigned int AppCfgManager::cachedDefaultIndex(const ConfigVar& key) const {
 std::vector<std::string>& AppCfgManager::getConfigOptions(const ConfigVar& var,
                                                           std::vector<std::string>& out) {
   ConfigValue record;
-  if (copyRecordAfterRead(var, record) && record.hasOptions()) return out = record.getOptions();
+  if (copyRecordAfterRead(var, record) && record.hasOptions() &&
+      service_->isTold(var, PlatformCfgService::eOptionsChanged))
+    return out = record.getOptions();
   Flight flight(cache_, var);
   // A service that does not answer leaves the index, and so what is stored is what was there.
   unsigned int defaultIndex = cachedDefaultIndex(var);

@@ -33,12 +33,15 @@ bool AppCfgManager::isCacheable(const ConfigVar& var) const {
   return var.nameSpace() == 0 || var.nameSpace() == service_->getNamespace();
 }
 
+// What nobody would tell a change of is asked for each time.
 bool AppCfgManager::copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const {
+  if (!service_->isTold(var, PlatformCfgService::eValueChanged)) return false;
   if (var.nameSpace() == 0) return cache_.copyValue(var, out);
   return isCacheable(var) && cache_.copyValue(localKey(var), out);
 }
 
 bool AppCfgManager::copyCachedFirstString(const ConfigVar& var, std::string& out) const {
+  if (!service_->isTold(var, PlatformCfgService::eValueChanged)) return false;
   if (var.nameSpace() == 0) return cache_.copyFirstString(var, out);
   return isCacheable(var) && cache_.copyFirstString(localKey(var), out);
 }
@@ -108,7 +111,8 @@ bool AppCfgManager::getConfigVarBool(const std::string& group, int groupInstance
 }
 
 bool AppCfgManager::copyRecordAfterRead(const ConfigVar& key, ConfigValue& out) {
-  if (cache_.copyRecord(key, out)) return true;
+  const bool isTold = service_->isTold(key, PlatformCfgService::eValueChanged);
+  if (isTold && cache_.copyRecord(key, out)) return true;
   std::list<std::string> unused;
   getConfigVar(key, unused);
   return cache_.copyRecord(key, out);
@@ -128,9 +132,13 @@ ConfigValue AppCfgManager::getConfigValue(const std::string& group, int groupIns
   const ConfigVar key(group, groupInstance, name, nameInstance);
   ConfigValue record;
   if (!copyRecordAfterRead(key, record)) return ConfigValue();
-  if (!record.hasAccessLevels()) getAccessLevels(key, nullptr, nullptr);
+  const bool knowsLevels =
+      record.hasAccessLevels() && service_->isTold(key, PlatformCfgService::eAccessLevelsChanged);
+  if (!knowsLevels) getAccessLevels(key, nullptr, nullptr);
   std::vector<std::string> unused;
-  if (!record.hasOptions()) getConfigOptions(key, unused);
+  const bool knowsOptions =
+      record.hasOptions() && service_->isTold(key, PlatformCfgService::eOptionsChanged);
+  if (!knowsOptions) getConfigOptions(key, unused);
   return cache_.copyRecord(key, record) ? record : ConfigValue();
 }
 

@@ -7,6 +7,7 @@
 
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "platform/messaging/registration_refusals.h"
 #include "platform/schema/config_if.pb.h"
 
 namespace AppConfig {
@@ -58,6 +59,15 @@ bool PlatformCfgService::unregisterAccessLevelsCallback(const ConfigVar& var) {
 
 void PlatformCfgService::unregisterAllCallbacks() {
   tell(ProtobufMessageHelper::getUnregAllClientCallbacksRequest(getSelfFQName()));
+}
+
+// Nearly always one look at a number.
+bool PlatformCfgService::isTold(const ConfigVar& var, ConsumerCallbackType type) const {
+  if (!PbUtility::isAnyRegistrationRefused()) return true;
+  return !PbUtility::isRegistrationRefused(
+      pb_, getConfigFQName(),
+      ProtobufMessageHelper::getRegClientCallbackRequest(
+          getSelfFQName(), securityRole_, var.dottedName(), enumTranslate(type), linkName_));
 }
 
 // Both take a copy, for what they are given may be the key of an entry that is about to change.

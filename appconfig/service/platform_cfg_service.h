@@ -213,6 +213,11 @@ class PlatformCfgService : public ConfigRegistrar {
   // registered here. Nothing without an endpoint.
   void unregisterAllCallbacks();
 
+  // Whether changes of this type are told to this process. Not while the service has no room for a
+  // registration that covers the variable: what was read of it then is good for once. As far as the
+  // message layer tells (platform/messaging/registration_refusals.h).
+  bool isTold(const ConfigVar& var, ConsumerCallbackType type) const;
+
   // Makes sure that notices of this type come, for the library's own sake: a marker is registered
   // unless anything covers the variable already. Always true.
   bool registerHandlerProactively(ConfigVar var, ConsumerCallbackType type);

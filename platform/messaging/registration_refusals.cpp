@@ -21,6 +21,8 @@ std::string keyOf(const MessageLite& registration) {
 
 }  // namespace
 
+bool isAnyRegistrationRefused() { return LayerTable::anyRefused(); }
+
 bool isRegistrationRefused(const PbUtils* layer, const std::string& endpointName,
                            const MessageLite& registration) {
   if (!LayerTable::anyRefused()) return false;

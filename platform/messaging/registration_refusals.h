@@ -34,6 +34,9 @@ class PbUtils;
 // Visible outside of the shared library that this folder becomes a part of.
 #pragma GCC visibility push(default)
 
+// Whether any service refused any registration and has not accepted it since.
+bool isAnyRegistrationRefused();
+
 // Whether the service refused this registration (a RegisterClientCallbackReq or MonitorReq), or one
 // that covers it (net.eth, net or everything for net.eth.mtu), and has not accepted that one since.
 // False for other messages and for a null layer.
