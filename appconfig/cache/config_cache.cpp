@@ -144,6 +144,16 @@ ConfigValue ConfigCache::update(ConfigVar var, std::list<std::string> value) {
   return record;
 }
 
+void ConfigCache::store(const ConfigVar& var, const std::list<std::string>& value) {
+  const Guard guard(lock_);
+  entries_.try_emplace(var).first->second.setValue(value);
+}
+
+void ConfigCache::storeIsDefault(const ConfigVar& var, bool isDefault) {
+  const Guard guard(lock_);
+  entries_.try_emplace(var).first->second.isDefault(isDefault);
+}
+
 ConfigValue ConfigCache::updateIsDefault(ConfigVar var, bool isDefault) {
   const Guard guard(lock_);
   ConfigValue& record = entries_.try_emplace(std::move(var)).first->second;

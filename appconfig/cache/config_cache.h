@@ -69,6 +69,11 @@ class ConfigCache {
   // Takes only the roles that levels says are set.
   ConfigValue updateAccessLevels(ConfigVar var, const ConfigAccessLevels& levels);
 
+  // update and updateIsDefault for whoever has no use for the record: nothing is copied but the value,
+  // and the key when there is no entry yet.
+  void store(const ConfigVar& var, const std::list<std::string>& value);
+  void storeIsDefault(const ConfigVar& var, bool isDefault);
+
  private:
   std::map<ConfigVar, ConfigValue> entries_;
   // Guards entries_. Taken last: nothing is called and no other lock is taken while it is held.

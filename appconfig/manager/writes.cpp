@@ -162,14 +162,14 @@ void AppCfgManager::updateIsDefault(const ConfigVar& var, bool isDefault) {
 void AppCfgManager::takeAnnounced(const ConfigVar& var, const std::list<std::string>& value,
                                   const bool* isDefault, const StateStamp& stamp) {
   NoticeStore store(cache_, var);
-  if (store.admits(kValuePart, stamp)) cache_.update(var, value);
-  if (isDefault && store.admits(kDefaultFlagPart, stamp)) cache_.updateIsDefault(var, *isDefault);
+  if (store.admits(kValuePart, stamp)) cache_.store(var, value);
+  if (isDefault && store.admits(kDefaultFlagPart, stamp)) cache_.storeIsDefault(var, *isDefault);
 }
 
 void AppCfgManager::takeTentative(const ConfigVar& var, const std::list<std::string>& value,
                                   const StateStamp& held) {
   NoticeStore store(cache_, var);
-  if (store.admitsTentative(held)) cache_.update(var, value);
+  if (store.admitsTentative(held)) cache_.store(var, value);
 }
 
 }  // namespace AppConfig

@@ -1,5 +1,7 @@
 #include "appconfig/manager/internal/in_flight.h"
 
+#include <utility>
+
 #include "appconfig/core/internal/fork_lock.h"
 
 namespace AppConfig {
@@ -48,7 +50,7 @@ struct FlightsAtFork {
 static const ForkLock atFork(ForkLock::kFlights,
                              {FlightsAtFork::hold, FlightsAtFork::release, FlightsAtFork::enter});
 
-Flight::Flight(ConfigCache& cache, const ConfigVar& key) : cache_(cache), key_(key) {
+Flight::Flight(ConfigCache& cache, ConfigVar key) : cache_(cache), key_(std::move(key)) {
   const std::lock_guard<std::mutex> guard(flightsMutex);
   joinList(nullptr);
 }
@@ -84,13 +86,14 @@ bool Flight::takesPlace(Parts part, const StateStamp& stamp, Stamps* stamps) con
   return true;
 }
 
-// Of the same state the cache may hold something else all the same: nothing, because it was removed or
-// emptied; or what somebody stored who needs no stamp, and that stays.
+// What was stored meanwhile under the same state may be another value all the same, of somebody who
+// needs no stamp, and stays; unless it was removed or emptied since.
 void Flight::storeByAge(Age age, const std::list<std::string>& value) {
   std::string unused;
-  if (age == Age::Older || (age == Age::Same && cache_.copyFirstString(key_, unused))) return;
+  if (age == Age::Older) return;
+  if (age == Age::Same && isOvertakenIn(kValuePart) && cache_.copyFirstString(key_, unused)) return;
   contestOthers();
-  cache_.update(key_, value);
+  cache_.store(key_, value);
 }
 
 bool Flight::storeValue(const std::list<std::string>& value, const StateStamp& stamp,
@@ -113,7 +116,7 @@ void Flight::storeRead(const std::list<std::string>& value, bool isDefault,
   const std::lock_guard<std::mutex> guard(flightsMutex);
   Stamps* const stamps = stampsFor(stamp);
   if (!storeValue(value, stamp, stamps, false)) return;
-  if (takesPlace(kDefaultFlagPart, stamp, stamps)) cache_.updateIsDefault(key_, isDefault);
+  if (takesPlace(kDefaultFlagPart, stamp, stamps)) cache_.storeIsDefault(key_, isDefault);
 }
 
 void Flight::storeWritten(const std::list<std::string>& value, const StateStamp& stamp) {
@@ -156,7 +159,7 @@ bool Flight::isSameEntryAs(const ConfigCache& cache, const ConfigVar& key) const
 bool Flight::landValue(const std::list<std::string>& value) {
   contestOthers();
   if (!contested_) {
-    cache_.update(key_, value);
+    cache_.store(key_, value);
     return true;
   }
   return distrustUnlessEqual(value);
@@ -166,7 +169,7 @@ bool Flight::distrustUnlessEqual(const std::list<std::string>& value) {
   std::list<std::string> cached;
   if (!cache_.copyValue(key_, cached)) return false;
   if (cached == value) return true;
-  cache_.update(key_, {});
+  cache_.store(key_, {});
   return false;
 }
 

@@ -57,7 +57,7 @@ namespace AppConfig {
 // stored. Opened on the key under which the answer will be stored.
 class Flight {
  public:
-  Flight(ConfigCache& cache, const ConfigVar& key);
+  Flight(ConfigCache& cache, ConfigVar key);
   ~Flight();
   Flight(const Flight&) = delete;
   Flight& operator=(const Flight&) = delete;

@@ -115,6 +115,24 @@ TEST(ConfigCacheTest, AnUpdateReturnsACopyThatLaterUpdatesDoNotChange) {
   EXPECT_EQ(before.getSinglestringValue(), "1500");
 }
 
+TEST(ConfigCacheTest, StoringMakesOrChangesOnePartAsUpdatingDoes) {
+  ConfigCache cache;
+  cache.storeIsDefault(kMtu, true);
+  ConfigValue record;
+  ASSERT_TRUE(cache.copyRecord(kMtu, record));
+  EXPECT_FALSE(record.hasValue());
+  EXPECT_TRUE(record.isDefault());
+  cache.store(ConfigVar("NET", 0, "Mtu", 0), {"1500", "x"});
+  ASSERT_TRUE(cache.copyRecord(kMtu, record));
+  EXPECT_EQ(record.getValue(), (std::list<std::string>{"1500", "x"}));
+  EXPECT_TRUE(record.isDefault());
+  cache.storeIsDefault(kMtu, false);
+  cache.store(kMtu, {});
+  ASSERT_TRUE(cache.copyRecord(kMtu, record));
+  EXPECT_FALSE(record.hasValue());
+  EXPECT_FALSE(record.isDefault());
+}
+
 TEST(ConfigCacheTest, StoringAnEmptyValueKeepsTheEntryAndForgetsTheValue) {
   ConfigCache cache;
   cache.update(kMtu, {"1500"});
