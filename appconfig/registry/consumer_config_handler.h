@@ -9,6 +9,8 @@
 //            handler that was registered while the service was away is told all values when it comes.
 // Threads    called on the endpoint's delivery thread, one notice after another; a slow handler
 //            delays the next notice. It may read, write, register and unregister, itself included.
+// Errors     an operation must not throw: the program ends, after a line on standard error that names
+//            operation and variable.
 // Owns       nothing: the application keeps the handler alive until it has unregistered it and no
 //            notice can be on its way, and deletes it. References are valid during the call.
 //

@@ -12,6 +12,8 @@
 // Threads    called on the endpoint's delivery thread. The service waits for the answer for a
 //            limited time and then fails the change, so answer soon. A provider may read and write
 //            other variables; writing the one it is asked about fails with eErrConflict.
+// Errors     an operation must not throw: the program ends, after a line on standard error that names
+//            operation and variable. A value that cannot be taken is refused by the result.
 // Owns       nothing: the application keeps the handler alive until it has unregistered it and no
 //            request can be on its way, and deletes it. References are valid during the call.
 //

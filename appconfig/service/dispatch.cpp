@@ -4,13 +4,14 @@
 //
 // Each receiver parses its payload, calls the handler of that message and sends what the handler
 // returns. A notice for somebody else is dropped without a word; a provider's question is always
-// answered, for the service waits.
+// answered, for the service waits. A handler that throws ends the program (handler_call.h).
 
 #include <cstdio>
 
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/registry/consumer_config_handler.h"
 #include "appconfig/registry/provider_config_handler.h"
+#include "appconfig/service/internal/handler_call.h"
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "platform/messaging/msg.h"
@@ -34,6 +35,13 @@ struct Name {
                                                    inst) == 0;
   }
   ConfigVar key() const { return ConfigVar(group, groupInstance, name, nameInstance); }
+
+  // One operation of a handler of this variable.
+  template <typename Call>
+  auto calling(const char* operation, Call call) const {
+    return callHandler(
+        operation, [this] { return key().dottedName(); }, call);
+  }
 };
 
 void sendReply(const MSG_Message* incoming, MSG_Message* reply) {
@@ -93,9 +101,11 @@ void validateWithProviders(PlatformCfgService& link, const ConfigIF::DynamicVali
   if (!readQuestion(request, var, value, result)) return;
   const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
   for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
-    if (!provider->dynamicValidate(var.group, var.groupInstance, var.name, var.nameInstance, value,
-                                   role, &result))
-      return;
+    const bool goesOn = var.calling("dynamicValidate", [&] {
+      return provider->dynamicValidate(var.group, var.groupInstance, var.name, var.nameInstance,
+                                       value, role, &result);
+    });
+    if (!goesOn) return;
   }
 }
 
@@ -109,8 +119,10 @@ void changeAtProviders(PlatformCfgService& link, const ConfigIF::OnChangeReq& re
   storeInCache(var.key(), value);
   const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
   for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
-    provider->onChange(var.group, var.groupInstance, var.name, var.nameInstance, value, role,
-                       &result);
+    var.calling("onChange", [&] {
+      return provider->onChange(var.group, var.groupInstance, var.name, var.nameInstance, value,
+                                role, &result);
+    });
   }
 }
 
@@ -184,8 +196,10 @@ MSG_Message* PlatformCfgService::configChangedHandler(const ConfigIF::ConfigChan
   manager->takeAnnounced(var.key(), value, notice.has_is_default() ? &isDefault : nullptr,
                          stampIn(notice));
   for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eValueChanged)) {
-    consumer->configChanged(var.group, var.groupInstance, var.name, var.nameInstance, value,
-                            notice.callback_identity());
+    var.calling("configChanged", [&] {
+      consumer->configChanged(var.group, var.groupInstance, var.name, var.nameInstance, value,
+                              notice.callback_identity());
+    });
   }
   return nullptr;
 }
@@ -213,8 +227,10 @@ MSG_Message* PlatformCfgService::optionsChangedHandler(const ConfigIF::OptionsCh
   manager->takeAnnouncedOptions(var.key(), options, notice.has_default_index() ? &index : nullptr,
                                 stampIn(notice));
   for (ConsumerConfigHandler* consumer : consumers) {
-    consumer->optionsChanged(var.group, var.groupInstance, var.name, var.nameInstance, options,
-                             notice.callback_identity());
+    var.calling("optionsChanged", [&] {
+      consumer->optionsChanged(var.group, var.groupInstance, var.name, var.nameInstance, options,
+                               notice.callback_identity());
+    });
   }
   return nullptr;
 }
@@ -226,8 +242,10 @@ MSG_Message* PlatformCfgService::submitHandler(const ConfigIF::SubmitNtfy& notic
   Name var;
   if (!var.readFrom(notice.inst())) return nullptr;
   for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eSubmit)) {
-    consumer->submit(var.group, var.groupInstance, var.name, var.nameInstance,
-                     enumTranslate(notice.type()), notice.callback_identity());
+    var.calling("submit", [&] {
+      consumer->submit(var.group, var.groupInstance, var.name, var.nameInstance,
+                       enumTranslate(notice.type()), notice.callback_identity());
+    });
   }
   return nullptr;
 }
@@ -244,8 +262,10 @@ MSG_Message* PlatformCfgService::accessLevelsChangedHandler(
   const ConfigAccessLevels levels = levelsIn(notice);
   manager->takeAnnouncedLevels(var.key(), levels, stampIn(notice));
   for (ConsumerConfigHandler* consumer : consumers) {
-    consumer->accessLevelsChanged(var.group, var.groupInstance, var.name, var.nameInstance,
-                                  levels.readRole, levels.writeRole, notice.callback_identity());
+    var.calling("accessLevelsChanged", [&] {
+      consumer->accessLevelsChanged(var.group, var.groupInstance, var.name, var.nameInstance,
+                                    levels.readRole, levels.writeRole, notice.callback_identity());
+    });
   }
   return nullptr;
 }

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <mutex>
+#include <set>
 
 #include "appconfig/core/internal/fork_lock.h"
 #include "appconfig/service/platform_cfg_service.h"
@@ -22,12 +24,27 @@ namespace {
 
 constexpr int kTheOnlyInstance = -1;
 
-// Guards the making and replacing of the two instances. Taken after the facade's mutex of the same
+// Guards the making and replacing of the two instances, and which receivers are installed. Taken after the facade's mutex of the same
 // purpose; nothing else is taken and nothing outside this file is called while it is held.
 std::mutex instancesMutex;
 const ForkLock atFork(ForkLock::kLinks,
                       {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
                        [] { instancesMutex.unlock(); }});
+
+// The numbers of the message layers on which a link has installed its receivers: a second time, each
+// message would be told twice. Numbers, because an endpoint that takes a destroyed one's address has
+// none of the receivers. Here rather than in the link, whose fields are laid down. Never destroyed,
+// for links are not either.
+std::map<const PlatformCfgService*, std::set<std::uint64_t>>& installedOn() {
+  static auto* const installed = new std::map<const PlatformCfgService*, std::set<std::uint64_t>>;
+  return *installed;
+}
+
+// Whether the receivers have yet to be installed there, which the caller then does.
+bool takeInstalling(const PlatformCfgService* link, std::uint64_t layer) {
+  const std::lock_guard<std::mutex> guard(instancesMutex);
+  return installedOn()[link].insert(layer).second;
+}
 
 // std::to_string rather than a stream: a locale that groups digits must not get into the name.
 std::string nameOfLink(int nameSpace) {
@@ -86,8 +103,12 @@ PlatformCfgService* PlatformCfgService::changePrimaryConfigService(int nameSpace
 }
 
 void PlatformCfgService::setPbInterface(PbUtility::PbUtils* pb) {
-  if (!pb || pb_.exchange(pb) == pb) return;
+  if (!pb) return;
+  const bool isAttached = pb_.exchange(pb) == pb;
+  const bool isNew = takeInstalling(this, PbUtility::layerNumber(pb));
+  if (isAttached && !isNew) return;
   pb->addRemoteEndpoint(getConfigFQName(), kTheOnlyInstance);
+  if (!isNew) return;
   MSG_Callback receivers[kReceiverRecords];
   std::copy(std::begin(msgCallbacks), std::end(msgCallbacks), std::begin(receivers));
   for (MSG_Callback& record : receivers) {

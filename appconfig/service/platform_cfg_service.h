@@ -99,7 +99,7 @@ class PlatformCfgService : public ConfigRegistrar {
 
   // Sends through this endpoint from now on, makes the service known to it and adds the receivers.
   // Null and the attached endpoint are ignored. A second endpoint gets all of it too; the first
-  // is told nothing.
+  // is told nothing, and has its receivers still when it is attached again.
   void setPbInterface(PbUtility::PbUtils* pb);
 
   // --- Identity ---

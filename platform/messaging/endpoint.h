@@ -12,6 +12,7 @@
 //          so that no change in between goes untold. A registration that the service has no room for
 //          is repeated until it has (registration_refusals.h), and then told what it missed.
 // Errors   send and sendWaitResponse return a CallStatus; nothing here throws or raises SIGPIPE.
+//          Receivers must not throw either: that ends the program.
 // Threads  all operations from any thread, also from inside receivers. Only one delivery thread
 //          runs receivers, so a receiver that blocks holds up all later messages.
 // Forking  any thread may, at any moment. A child's first call opens connections and starts a

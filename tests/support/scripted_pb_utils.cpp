@@ -8,20 +8,18 @@ namespace {
 
 using Guard = std::lock_guard<std::mutex>;
 
-constexpr int kFailed = -1;
-
 }  // namespace
 
 ScriptedPbUtils::ScriptedPbUtils(std::string localName) : localName_(std::move(localName)) {}
 
-void ScriptedPbUtils::failAll() {
+void ScriptedPbUtils::failAll(int status) {
   const Guard guard(mutex_);
-  allFail_ = true;
+  allFailWith_ = status;
 }
 
 void ScriptedPbUtils::succeed() {
   const Guard guard(mutex_);
-  allFail_ = false;
+  allFailWith_ = 0;
   failing_.clear();
 }
 
@@ -94,23 +92,24 @@ void ScriptedPbUtils::addHandlers(const MSG_Callback* table) {
 
 std::string ScriptedPbUtils::localEndpoint() const { return localName_; }
 
-bool ScriptedPbUtils::record(const google::protobuf::MessageLite& request,
-                             const std::string& endpointName, bool isOneWay) {
+int ScriptedPbUtils::record(const google::protobuf::MessageLite& request,
+                            const std::string& endpointName, bool isOneWay) {
   const std::string type = request.GetTypeName();
   const Guard guard(mutex_);
   sent_.push_back({type, request.SerializeAsString(), endpointName, isOneWay});
-  return allFail_ || failing_.count(type) != 0;
+  return failing_.count(type) != 0 ? kFailed : allFailWith_;
 }
 
 int ScriptedPbUtils::send(const google::protobuf::MessageLite& request,
                           const std::string& endpointName, unsigned int* /*sequence*/) {
-  return record(request, endpointName, true) ? kFailed : 0;
+  return record(request, endpointName, true);
 }
 
 int ScriptedPbUtils::sendWaitResponse(const google::protobuf::MessageLite& request,
                                       google::protobuf::MessageLite* response,
                                       const std::string& endpointName) {
-  if (record(request, endpointName, false)) return kFailed;
+  const int status = record(request, endpointName, false);
+  if (status != 0) return status;
   const Script script = scriptFor(request.GetTypeName());
   const std::string bytes = script ? script(request.SerializeAsString()) : "";
   return response->ParseFromString(bytes) ? 0 : kFailed;

@@ -41,6 +41,9 @@ class ScriptedPbUtils : public PbUtility::PbUtils {
  public:
   explicit ScriptedPbUtils(std::string localName = "thermostat-ui");
 
+  // What a call that fails returns.
+  static constexpr int kFailed = -1;
+
   // --- The script ---
 
   // How round trips of this type are answered from now on: script(request, response).
@@ -60,7 +63,7 @@ class ScriptedPbUtils : public PbUtility::PbUtils {
   void fail() {
     failType(Request().GetTypeName());
   }
-  void failAll();
+  void failAll(int status = kFailed);
   void succeed();
 
   // --- What was asked of it ---
@@ -107,16 +110,16 @@ class ScriptedPbUtils : public PbUtility::PbUtils {
 
   void setScript(const std::string& type, Script script);
   void failType(const std::string& type);
-  // Keeps the request and tells whether it is to fail.
-  bool record(const google::protobuf::MessageLite& request, const std::string& endpointName,
-              bool isOneWay);
+  // Keeps the request and tells how it ends: 0 unless it is to fail.
+  int record(const google::protobuf::MessageLite& request, const std::string& endpointName,
+             bool isOneWay);
   Script scriptFor(const std::string& type) const;
 
   const std::string localName_;
   mutable std::mutex mutex_;  // guards all below; not held while a script or a receiver runs
   std::map<std::string, Script> scripts_;
   std::map<std::string, bool> failing_;
-  bool allFail_ = false;
+  int allFailWith_ = 0;
   std::vector<SentRequest> sent_;
   std::vector<RemoteEndpoint> remoteEndpoints_;
   std::vector<std::vector<MSG_Callback>> tables_;

@@ -97,6 +97,12 @@ TEST(FacadeInstancesTest, ThePrimaryServiceMayBeChangedBeforeTheFirstUse) {
   EXPECT_NE(AppCfgManager::getLocalCfgManager(), AppCfgManager::getInstance());
 }
 
+TEST(FacadeInstancesTest, APrimaryFacadeThatWasMadeBeforeAnyOtherIsNotReplacedEither) {
+  ASSERT_TRUE(AppCfgManager::changePrimaryConfigService(4, "", "", nullptr));
+  EXPECT_FALSE(AppCfgManager::changePrimaryConfigService(5, "", "", nullptr));
+  EXPECT_EQ(AppCfgManager::getInstance()->getPlatformCfgService()->getNamespace(), 4);
+}
+
 TEST(FacadeInstancesTest, WhereTheLinkRefusesTheFacadeStays) {
   AppCfgManager* const local = AppCfgManager::getInstance();
   ASSERT_NE(PlatformCfgService::changePrimaryConfigService(4, "", "", nullptr), nullptr);

@@ -1,5 +1,8 @@
+#include <signal.h>
+
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <utility>
 
 #include "appconfig/manager/app_cfg_manager.h"
@@ -625,6 +628,106 @@ TEST_F(DispatchTest, AnEmptyPayloadIsAMessageWithoutFields) {
 TEST_F(DispatchTest, AnIdOfNoReceiverIsNotTaken) {
   EXPECT_EQ(pb.deliver(0x1A0151, ConfigIF::DynamicValidateRsp()), 0);
   EXPECT_EQ(pb.deliver(0x1A0110, ConfigIF::ReadReq()), 0);
+}
+
+// --- Whose notices they are ---
+
+// Each sort of notice about net.mtu under this identity.
+template <typename Notice>
+Notice noticeUnder(const std::string& identity, const ConfigVar& var) {
+  Notice notice;
+  notice.set_callback_identity(identity);
+  Helper::addVarName(notice.mutable_inst(), var);
+  return notice;
+}
+
+TEST_F(DispatchTest, ANoticeIsForThisLinkOnlyWhenItsIdentityIsTheLinksWholeName) {
+  const std::string shorter = identity.substr(0, identity.size() - 1);
+  for (const std::string& wrong : {identity + "1", identity + " ", shorter, std::string()}) {
+    ConfigIF::ConfigChangedNtfy changed = changeNotice(mtu, {"1400"});
+    changed.set_callback_identity(wrong);
+    pb.deliver(TestSupport::kConfigChangedId, changed);
+    pb.deliver(TestSupport::kSubmitId, noticeUnder<ConfigIF::SubmitNtfy>(wrong, mtu));
+    pb.deliver(TestSupport::kOptionsChangedId,
+               noticeUnder<ConfigIF::OptionsChangedNtfy>(wrong, mtu));
+    pb.deliver(TestSupport::kAccessLevelsChangedId,
+               noticeUnder<ConfigIF::AccessLevelChangedNtfy>(wrong, mtu));
+    EXPECT_EQ(consumer.lines.take(), Lines{}) << '"' << wrong << '"';
+    EXPECT_FALSE(hasEntry(mtu)) << '"' << wrong << '"';
+  }
+  pb.deliver(TestSupport::kSubmitId, noticeUnder<ConfigIF::SubmitNtfy>(identity, mtu));
+  EXPECT_EQ(consumer.lines.take().size(), 1U);
+}
+
+// --- Endpoints that change ---
+
+TEST_F(DispatchTest, AnEndpointThatIsAttachedAgainTellsEachNoticeOnce) {
+  ScriptedPbUtils other("other");
+  manager->setPbInterface(&other);
+  manager->setPbInterface(&pb);
+  EXPECT_EQ(pb.deliver(TestSupport::kConfigChangedId, changeNotice(mtu, {"1400"})), 1);
+  EXPECT_EQ(consumer.lines.take().size(), 1U);
+  EXPECT_TRUE(manager->setConfigVar(mtu, "1300", nullptr));
+  EXPECT_FALSE(pb.takeSent().empty());
+  EXPECT_TRUE(other.sent().empty());
+}
+
+// --- Handlers that throw ---
+
+using DispatchDeathTest = DispatchTest;
+
+TEST_F(DispatchDeathTest, AConsumerThatThrowsEndsTheProgramWhichSaysWhoItWas) {
+  // Made here, for the name of a link holds the process's number.
+  const auto notice = changeNotice(mtu, {"1400"});
+  consumer.onConfigChanged = [] { throw std::runtime_error("no such thing"); };
+  EXPECT_EXIT(pb.deliver(TestSupport::kConfigChangedId, notice), testing::KilledBySignal(SIGABRT),
+              "appconfig: a handler's configChanged for net.mtu threw: no such thing\n");
+  consumer.onConfigChanged = [] { throw 7; };
+  EXPECT_EXIT(pb.deliver(TestSupport::kConfigChangedId, notice), testing::KilledBySignal(SIGABRT),
+              "threw: something that is no std::exception\n");
+}
+
+TEST_F(DispatchDeathTest, AProviderThatThrowsEndsTheProgramWhichSaysWhoItWas) {
+  useProviders();
+  first.verdict = [](ConfigResult*) -> bool { throw std::runtime_error("no such thing"); };
+  EXPECT_EXIT(askedToValidate(question<ConfigIF::DynamicValidateReq>(mtu, {"1"})),
+              testing::KilledBySignal(SIGABRT),
+              "appconfig: a handler's dynamicValidate for net.mtu threw: no such thing\n");
+  EXPECT_EXIT(askedToChange(question<ConfigIF::OnChangeReq>(mtu, {"1"})),
+              testing::KilledBySignal(SIGABRT),
+              "appconfig: a handler's onChange for net.mtu threw: no such thing\n");
+}
+
+// Each of the other operations throws its own name.
+class ThrowingConsumer : public RecordingConsumer {
+ public:
+  void submit(const std::string&, int, const std::string&, int, int, const std::string&) override {
+    throw std::runtime_error("in submit");
+  }
+  void optionsChanged(const std::string&, int, const std::string&, int,
+                      const std::list<std::string>&, std::string) override {
+    throw std::runtime_error("in optionsChanged");
+  }
+  void accessLevelsChanged(const std::string&, int, const std::string&, int,
+                           AppConfig::SecurityRole, AppConfig::SecurityRole, std::string) override {
+    throw std::runtime_error("in accessLevelsChanged");
+  }
+};
+
+TEST_F(DispatchDeathTest, EveryOperationOfAConsumerIsNamed) {
+  ThrowingConsumer thrower;
+  link->registerHandler("net", "mtu", &thrower);
+  const auto options = optionsNotice(mtu, {"a"});
+  EXPECT_EXIT(pb.deliver(TestSupport::kSubmitId, noticeUnder<ConfigIF::SubmitNtfy>(identity, mtu)),
+              testing::KilledBySignal(SIGABRT),
+              "a handler's submit for net.mtu threw: in submit\n");
+  EXPECT_EXIT(pb.deliver(TestSupport::kOptionsChangedId, options), testing::KilledBySignal(SIGABRT),
+              "a handler's optionsChanged for net.mtu threw: in optionsChanged\n");
+  EXPECT_EXIT(pb.deliver(TestSupport::kAccessLevelsChangedId,
+                         noticeUnder<ConfigIF::AccessLevelChangedNtfy>(identity, mtu)),
+              testing::KilledBySignal(SIGABRT),
+              "a handler's accessLevelsChanged for net.mtu threw: in accessLevelsChanged\n");
+  link->unregisterHandler("net", "mtu", &thrower);
 }
 
 class TwoLinksDispatchTest : public DispatchTest {};

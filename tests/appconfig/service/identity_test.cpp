@@ -184,6 +184,45 @@ TEST_F(LinkIdentityTest, ASecondEndpointIsSetUpTooAndTakesTheRequests) {
   EXPECT_EQ(pb.tables().size(), 1U);
 }
 
+TEST_F(LinkIdentityTest, ASecondEndpointHearsOfTheServiceByItsFullNameToo) {
+  PlatformCfgService tested(0, "/engine", "");
+  ScriptedPbUtils first;
+  ScriptedPbUtils second("second");
+  tested.setPbInterface(&first);
+  tested.setPbInterface(&second);
+  ASSERT_EQ(second.remoteEndpoints().size(), 1U);
+  EXPECT_EQ(second.remoteEndpoints().front().name, "/engine/ConfigSrvc");
+  EXPECT_EQ(second.remoteEndpoints().front().instance, -1);
+}
+
+TEST_F(LinkIdentityTest, AFormerEndpointTakesTheRequestsAgainAndItsReceiversStayTheOnesItHas) {
+  ScriptedPbUtils second("second");
+  link->setPbInterface(&second);
+  link->setPbInterface(&pb);
+  EXPECT_EQ(pb.tables().size(), 1U);
+  link->resetValue(mtu);
+  EXPECT_EQ(pb.sent().size(), 1U);
+  EXPECT_TRUE(second.sent().empty());
+  link->setPbInterface(&second);
+  EXPECT_EQ(second.tables().size(), 1U);
+}
+
+TEST_F(LinkIdentityTest, AnEndpointThatStandsWhereAnotherStoodIsSetUpLikeAnyOther) {
+  alignas(ScriptedPbUtils) unsigned char place[sizeof(ScriptedPbUtils)];
+  for (const bool isStillAttached : {true, false}) {
+    auto* const before = new (place) ScriptedPbUtils;
+    link->setPbInterface(before);
+    if (!isStillAttached) link->setPbInterface(&pb);
+    before->~ScriptedPbUtils();
+    auto* const after = new (place) ScriptedPbUtils;
+    link->setPbInterface(after);
+    EXPECT_EQ(after->tables().size(), 1U);
+    EXPECT_EQ(after->remoteEndpoints().size(), 1U);
+    link->setPbInterface(&pb);
+    after->~ScriptedPbUtils();
+  }
+}
+
 TEST_F(LinkIdentityTest, TheRoleAndTheEndpointMayBeSetWhileRequestsRun) {
   ScriptedPbUtils second("second");
   std::thread setter([&] {
@@ -245,6 +284,14 @@ TEST(LinkInstancesTest, ThePrimaryLinkMayBeReplacedBeforeItsFirstUseAndWithoutAn
   EXPECT_EQ(PlatformCfgService::getInstance(), primary);
   EXPECT_EQ(primary->getSelfFQName(), "");
   EXPECT_NE(PlatformCfgService::getLocalCfgService(), primary);
+}
+
+TEST(LinkInstancesTest, APrimaryLinkThatWasMadeBeforeAnyOtherIsNotReplacedEither) {
+  PlatformCfgService* const primary =
+      PlatformCfgService::changePrimaryConfigService(4, "", "", nullptr);
+  ASSERT_NE(primary, nullptr);
+  EXPECT_EQ(PlatformCfgService::changePrimaryConfigService(5, "", "", nullptr), nullptr);
+  EXPECT_EQ(PlatformCfgService::getInstance(), primary);
 }
 
 TEST(LinkInstancesTest, UserDataFindsThePrimaryTheLocalOrNoLink) {

@@ -124,6 +124,19 @@ TEST_F(ValueRequestsTest, AnAcceptedWriteIsRegisteredBeforeItsResultIsHandedOver
   EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, &result));
   EXPECT_EQ(during, eErrVetoed) << "untouched as yet";
   EXPECT_EQ(result.error(), eErrNone);
+// A message layer of a device's own may count its failures downwards from -1 or upwards from 1.
+TEST_F(ValueRequestsTest, AnyStatusOfTheMessageLayerButZeroIsAFailure) {
+  for (const int status : {-2, -1, 1, 2}) {
+    pb.failAll(status);
+    EXPECT_FALSE(link->setConfigVar(mtu, {"1400"})) << status;
+    EXPECT_FALSE(link->setConfigVar(mtu, {"1400"}, nullptr)) << status;
+    EXPECT_FALSE(link->isValid(mtu, {"1400"}, nullptr)) << status;
+    EXPECT_FALSE(link->resetValue(mtu)) << status;
+    EXPECT_FALSE(link->getAccessLevels(mtu, nullptr, nullptr)) << status;
+  }
+  pb.succeed();
+  EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}));
+  EXPECT_TRUE(link->resetValue(mtu));
 }
 
 TEST_F(ValueRequestsTest, RequestsGoToTheServiceByItsFullNameAndNameTheClientByItsOwn) {
