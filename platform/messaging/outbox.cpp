@@ -12,12 +12,12 @@ namespace {
 
 // As much as a Unix socket usually takes at once.
 constexpr std::size_t kStageBytes = std::size_t{64} * 1024;
-// What one large answer made grow is given back above this size.
-constexpr std::size_t kKeptBytes = std::size_t{256} * 1024;
-
 }  // namespace
 
-void Outbox::add(std::string_view frame) { bytes_.append(frame); }
+void Outbox::add(std::string& frame) {
+  if (bytes_.empty() && frame.size() > kKeptBytes) return bytes_.swap(frame);
+  bytes_.append(frame);
+}
 
 void Outbox::add(const FrameHeader& header, std::string_view payload) {
   appendFrame(header, payload, bytes_);
@@ -49,6 +49,14 @@ void Outbox::stage() {
   }
 }
 
+// The rest moves to a place of its own size once it is the smaller part: memory goes with what is read,
+// and each byte is moved once or twice, however little a reader takes at a time.
+void Outbox::forgetWritten() {
+  if (written_ < bytes_.size() - written_) return;
+  bytes_ = bytes_.substr(written_);
+  written_ = 0;
+}
+
 Outbox::Written Outbox::writeTo(int fd) {
   for (;;) {
     stage();
@@ -62,8 +70,7 @@ Outbox::Written Outbox::writeTo(int fd) {
         ::send(fd, bytes_.data() + written_, bytes_.size() - written_, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      bytes_.erase(0, written_);
-      written_ = 0;
+      forgetWritten();
       return Written::Some;
     }
     if (sent < 0) return Written::Failed;

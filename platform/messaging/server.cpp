@@ -7,6 +7,12 @@
 // offers_, an epoll of its own. When the leader steps aside to do work that blocks, it puts epoll_
 // into offers_: the first event that comes meanwhile wakes the other thread, which takes the lead
 // and keeps it. If none comes, the leader takes epoll_ out again and goes on, and nobody was woken.
+//
+// One event that comes alone is served at once. Of several, each connection stands in line behind the
+// others of its user, and each user has a turn (Turns, Slice); then epoll is asked again, for all that
+// is ready, so that who comes new waits for one turn of each user. Work of the server's own that grows
+// with the number of clients (taking in, telling a crowd, burying the dead, timers) is bounded for
+// each such round in the same way.
 #include "platform/messaging/server.h"
 
 #include <google/protobuf/message_lite.h>
@@ -23,6 +29,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 #include <unordered_map>
@@ -30,12 +37,14 @@
 #include <vector>
 
 #include "platform/messaging/frame.h"
+#include "platform/messaging/internal/buffers.h"
+#include "platform/messaging/internal/connection.h"
 #include "platform/messaging/internal/frame_bytes.h"
 #include "platform/messaging/internal/listener.h"
-#include "platform/messaging/internal/outbox.h"
-#include "platform/messaging/internal/quotas.h"
+#include "platform/messaging/internal/slice.h"
 #include "platform/messaging/internal/timers.h"
 #include "platform/messaging/internal/turn.h"
+#include "platform/messaging/internal/turns.h"
 #include "platform/schema/message_ids.h"
 
 namespace PbUtility {
@@ -49,75 +58,38 @@ constexpr std::uint64_t kTimerKey = 3;
 constexpr std::uint64_t kStopKey = 4;
 constexpr std::uint64_t kLeadKey = 5;
 constexpr std::uint64_t kFirstConnectionKey = 6;
-constexpr std::size_t kReadBytes = std::size_t{64} * 1024;
-constexpr int kEventsAtOnce = 64;
+constexpr std::size_t kReadBufferBytes = std::size_t{64} * 1024;
+// Read at once, unless a longer frame is known to come: about what one turn takes. What is read and not
+// taken has to be kept.
+constexpr std::size_t kReadBytes = std::size_t{4} * 1024;
+// All that may be ready at once: who comes last would wait for several rounds otherwise.
+constexpr int kEventsAtOnce = 1088;
 constexpr int kToldBeforeAnswers = 8;
-// Connections that are taken in before it is the others' turn.
-constexpr int kAcceptsAtOnce = 64;
+// In one round:
+constexpr int kAcceptsAtOnce = 16;
+constexpr std::size_t kFlushedAtOnce = 128;
+constexpr int kReapedAtOnce = 64;
+constexpr std::size_t kTimersAtOnce = 64;
 // A greeting is no longer than its name makes it.
 constexpr std::size_t kMaxHelloBytes = 256;
 // A buffer that one large frame made grow is given back above this size.
-constexpr std::size_t kKeptBufferBytes = std::size_t{64} * 1024;
-
-struct PeerState;
-
-// Whether a connection is listened to.
-enum class Intake {
-  Open,
-  // It has more to say than one turn takes; its next turn is noted.
-  Queued,
-  // Its next request waits until there is room.
-  Held,
-};
-
-// The rest of a request, which waits for room.
-struct Postponed {
-  RequestId request;
-  std::function<void()> run;
-};
-
-struct Connection {
-  std::uint64_t key = 0;
-  UniqueFd fd;
-  ucred who{};
-  ConnectionUse use = ConnectionUse::Requests;
-  // Null until the greeting.
-  PeerState* peer = nullptr;
-  std::uint64_t greetingTimer = 0;
-  std::uint64_t frameTimer = 0;
-  std::string incoming;
-  Intake intake = Intake::Open;
-  Outbox outbox;
-  bool waitsForRoom = false;
-  // It is in Server::Impl::toFlush_.
-  bool willFlush = false;
-  std::deque<Postponed> whenRoom;
-  // What epoll was told to watch for, and whether it watches at all.
-  std::uint32_t events = EPOLLIN;
-  bool watched = true;
-  // Its part of bufferedBytes_.
-  std::size_t bufferedBytes = 0;
-  bool dead = false;
-};
-
-struct PeerState {
-  Peer peer;
-  EndpointToken token{};
-  Connection* delivery = nullptr;
-  std::set<Connection*> connections;
-  std::set<std::uint32_t> openQuestions;
-  std::uint32_t lastQuestion = 0;
-  // An answer to it waits to be flushed.
-  bool isAnswered = false;
-  unsigned openRequests = 0;
-  std::size_t openRequestBytes = 0;
-};
+constexpr std::size_t kKeptBufferBytes = std::size_t{1} * 1024;
+// Notices that wait for the end of the event, and count for nobody until then.
+constexpr std::size_t kUncountedBytes = std::size_t{4} * 1024;
 
 std::string nameOf(const Connection& connection) {
   const std::string who =
       "pid " + std::to_string(connection.who.pid) + ", uid " + std::to_string(connection.who.uid);
   if (connection.peer == nullptr) return "a client that has not greeted (" + who + ")";
   return "client \"" + connection.peer->peer.name + "\" (" + who + ")";
+}
+
+// Nobody's, all 0, when the kernel does not tell.
+ucred peerOf(int fd) {
+  ucred who{};
+  socklen_t size = sizeof who;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &size) != 0) return {};
+  return who;
 }
 
 void signalEvent(int fd) noexcept {
@@ -131,6 +103,23 @@ void drainEvent(int fd) {
   static_cast<void>(!::read(fd, &count, sizeof count));
 }
 
+ShareLimits connectionLimits(const ServerOptions& options) {
+  const unsigned reserved = std::min(options.reservedConnections, options.maxConnections);
+  return {options.maxConnections, options.maxConnections - reserved, options.maxConnectionsPerUser,
+          options.maxConnectionsPerProcess};
+}
+
+// Room for so many bytes more, of a frame that is `whole` bytes long: as it comes, and never more than
+// twice of what has come or more than the frame.
+void growFor(std::string& bytes, std::size_t more, std::size_t whole) {
+  const std::size_t needed = bytes.size() + more;
+  if (needed <= bytes.capacity()) return;
+  std::string larger;
+  larger.reserve(std::max(needed, std::min(2 * bytes.capacity(), whole)));
+  larger.append(bytes);
+  bytes.swap(larger);
+}
+
 }  // namespace
 
 class Server::Impl {
@@ -139,8 +128,10 @@ class Server::Impl {
       : options_(std::move(options)),
         handler_(handler),
         turn_([this] { settle(); }),
-        readBuffer_(kReadBytes),
-        quotas_(::geteuid()) {}
+        readBuffer_(kReadBufferBytes),
+        connectionShares_("connections", connectionLimits(options_), ::geteuid()),
+        questionShares_("open questions", options_.openQuestions, ::geteuid()),
+        buffers_(options_.bufferedBytes, ::geteuid()) {}
 
   std::string open();
   void run();
@@ -157,6 +148,7 @@ class Server::Impl {
   void aside(std::function<void()> work, std::function<void()> done);
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);
   void cancel(std::uint64_t timer) { timers_.cancel(timer); }
+  void later(uid_t user, std::function<void()> task) { turns_.add(user, {0, std::move(task)}); }
 
   PeerState* findPeer(PeerId id) const {
     const auto found = peersById_.find(id);
@@ -191,15 +183,20 @@ class Server::Impl {
   }
   static bool watchIn(const UniqueFd& epoll, int fd, std::uint64_t key, std::uint32_t events,
                       int operation = EPOLL_CTL_ADD);
-  void handleEvent(const epoll_event& event);
-  void handleConnection(const epoll_event& event);
+  void handleEvent(const epoll_event& event, bool isAlone);
+  void takeRound();
+  void takeTurn();
+  void serve(Connection& connection, Slice& slice);
+  void listenTo(Connection& connection, std::uint32_t ready, Slice& slice);
   void acceptAll();
   void begin(UniqueFd fd);
   void refuseConnection(int fd, const ucred& who, const std::string& text);
-  void readFrom(Connection& connection);
+  // Whether there may be more to read.
+  bool readFrom(Connection& connection, Slice& slice);
+  void takeBytes(Connection& connection, std::string_view bytes, Slice& slice);
   // Takes the whole frames of the bytes, as many as are due now; returns how many bytes that was.
-  std::size_t takeFrames(Connection& connection, std::string_view bytes);
-  void takeTurns();
+  std::size_t takeFrames(Connection& connection, std::string_view bytes, Slice& slice);
+  void goOn(Connection& connection, Slice& slice);
   void queueTurn(Connection& connection);
   bool isFull(const Connection& connection) const;
   bool mustWait(const Connection& connection, const FrameHeader& header) const;
@@ -220,7 +217,15 @@ class Server::Impl {
   void answer(Connection& connection, const FrameHeader& header, std::string_view payload);
   void flush(Connection& connection);
   void flushLater(Connection& connection);
-  void flushAll();
+  // Most events leave one connection to flush, and most calls find none.
+  void flushAll() {
+    if (!toFlush_.empty()) flushWaiting();
+    if (buffers_.isPast()) keepWithinBuffers();
+  }
+  void flushWaiting();
+  void flushOne(Connection& connection);
+  void flushCrowd();
+  void writeAhead(Connection& connection);
   void sortToFlush();
   void checkBacklog(Connection& connection);
   void sendRefusal(Connection& connection, const RequestId& request, std::uint32_t error,
@@ -228,13 +233,22 @@ class Server::Impl {
   void close(Connection& connection) { markDead(connection); }
   void close(Connection& connection, Fault kind, const std::string& why);
   void markDead(Connection& connection);
-  void reap();
+  void reap() {
+    if (!dead_.empty()) buryDead();
+  }
+  void buryDead();
   void end(Connection& connection);
   void endQuestions(PeerState& peer);
+  std::string whyNotAsked(const PeerState& peer) const;
   void leave(PeerState& peer);
-  Connection* find(std::uint64_t key) const {
-    const auto found = connections_.find(key);
-    return found == connections_.end() || found->second->dead ? nullptr : found->second.get();
+  // Null when it is gone, or about to be. Who asked is looked for again when it is answered, mostly next.
+  Connection* find(std::uint64_t key) {
+    if (latest_ == nullptr || latest_->key != key) {
+      const auto found = connections_.find(key);
+      if (found == connections_.end()) return nullptr;
+      latest_ = found->second.get();
+    }
+    return latest_->dead ? nullptr : latest_;
   }
 
   const ServerOptions options_;
@@ -257,23 +271,29 @@ class Server::Impl {
   bool leadIsOffered_ = false;
   std::thread::id leadingThread_;
   std::deque<Aside> aside_;
-  // Whether there is work aside, or a connection's turn; the leader looks before it waits.
+  bool hasWaiting() const { return !turns_.isEmpty() || !crowd_.empty() || !dead_.empty(); }
+
+  // Whether there is work aside, or some that waits for its turn; the leader looks before it waits.
   std::atomic<bool> hasMore_{false};
   Timers timers_;
   Timers::Clock::time_point timerArmedFor_ = Timers::kNever;
   std::vector<char> readBuffer_;
   std::string scratch_;
-  Quotas quotas_;
-  // Connections whose next turn has come.
-  std::vector<std::uint64_t> turns_;
-  std::size_t bufferedBytes_ = 0;
+  Shares connectionShares_;
+  Shares questionShares_;
+  Buffers buffers_;
+  Turns turns_;
 
   std::uint64_t nextKey_ = kFirstConnectionKey;
   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> connections_;
-  std::vector<std::uint64_t> dead_;
+  // Found last; null when it is gone.
+  Connection* latest_ = nullptr;
+  std::deque<std::uint64_t> dead_;
   // Connections that something was written to since the last event.
   std::vector<Connection*> toFlush_;
   std::vector<Connection*> flushing_;
+  // Of many who are told at once, those whom it is not due yet.
+  std::deque<std::uint64_t> crowd_;
   PeerId lastPeer_ = 0;
   std::map<EndpointToken, std::unique_ptr<PeerState>> peers_;
   std::unordered_map<PeerId, PeerState*> peersById_;
@@ -334,8 +354,10 @@ bool Server::Impl::handleEvents(Seat seat, const epoll_event* events, int count)
   if (leader_ != seat) return false;
   if (leadIsOffered_) withdrawOffer();
   leadingThread_ = std::this_thread::get_id();
-  for (int i = 0; i < count; ++i) handleEvent(events[i]);
-  if (!turns_.empty()) takeTurns();
+  const bool isAlone = count == 1 && turns_.isEmpty();
+  for (int i = 0; i < count; ++i) handleEvent(events[i], isAlone);
+  if (!isAlone) takeRound();
+  if (!crowd_.empty()) flushCrowd();
   reap();
   return !aside_.empty();
 }
@@ -363,7 +385,7 @@ void Server::Impl::stepAside(Seat seat) {
     aside_.pop_front();
     if (leader_ == seat) offerLead();
     // Of these no event tells the other thread.
-    if (!turns_.empty()) signalEvent(wakeUp_.get());
+    if (hasWaiting()) signalEvent(wakeUp_.get());
     turn_.unlock();
     job.work();
     if (!turn_.tryLock()) return turn_.post(job.done);
@@ -400,7 +422,7 @@ void Server::Impl::settle() {
   flushAll();
   reap();
   flushAll();
-  hasMore_ = !aside_.empty() || !turns_.empty();
+  hasMore_ = !aside_.empty() || hasWaiting();
   if (hasMore_ && leadingThread_ != std::this_thread::get_id()) signalEvent(wakeUp_.get());
 }
 
@@ -428,13 +450,13 @@ void Server::Impl::armTimer() {
 
 void Server::Impl::runDueTimers() {
   drainEvent(timer_.get());
-  timers_.runDue();
+  timers_.runDue(kTimersAtOnce);
   armTimer();
 }
 
 // --- Events ---
 
-void Server::Impl::handleEvent(const epoll_event& event) {
+void Server::Impl::handleEvent(const epoll_event& event, bool isAlone) {
   switch (event.data.u64) {
     case kListenerKey:
       return acceptAll();
@@ -445,20 +467,65 @@ void Server::Impl::handleEvent(const epoll_event& event) {
     case kStopKey:
       return;
     default:
-      return handleConnection(event);
+      break;
   }
-}
-
-void Server::Impl::handleConnection(const epoll_event& event) {
   Connection* connection = find(event.data.u64);
   if (connection == nullptr) return;
-  if ((event.events & EPOLLOUT) != 0) flush(*connection);
-  if (connection->dead || (event.events & ~EPOLLOUT) == 0) return flushAll();
-  if (connection->intake == Intake::Open) readFrom(*connection);
-  // Its other end is closed, which epoll goes on telling; what it sent is still to be taken.
-  else if (connection->intake == Intake::Held)
-    stopWatching(*connection);
+  connection->ready |= event.events;
+  if (!isAlone) return queueTurn(*connection);
+  Slice slice(options_.framesPerTurn, options_.turnTime);
+  serve(*connection, slice);
+}
+
+// Users that become ready while the others have their turn wait for the next round.
+void Server::Impl::takeRound() {
+  for (std::size_t left = turns_.users(); left > 0; --left) takeTurn();
+}
+
+void Server::Impl::takeTurn() {
+  Slice slice(options_.framesPerTurn, options_.turnTime);
+  slice.begin();
+  turns_.begin();
+  Turns::Item item;
+  while (!slice.isOver() && turns_.next(item)) {
+    if (item.task) {
+      item.task();
+      flushAll();
+      break;
+    }
+    Connection* connection = find(item.connection);
+    if (connection == nullptr) continue;
+    const unsigned before = slice.taken();
+    serve(*connection, slice);
+    if (slice.taken() == before) slice.take();
+  }
+  turns_.end();
+}
+
+void Server::Impl::serve(Connection& connection, Slice& slice) {
+  connection.waitsForTurn = false;
+  const std::uint32_t ready = std::exchange(connection.ready, 0);
+  if ((ready & EPOLLOUT) != 0) flush(connection);
+  if (!connection.dead) listenTo(connection, ready, slice);
   flushAll();
+}
+
+void Server::Impl::listenTo(Connection& connection, std::uint32_t ready, Slice& slice) {
+  switch (connection.intake) {
+    case Intake::Queued:
+      return goOn(connection, slice);
+    case Intake::Open:
+      if ((ready & ~EPOLLOUT) == 0) return;
+      while (readFrom(connection, slice)) {
+        slice.begin();
+        slice.take();
+        if (slice.isOver()) return;
+      }
+      return;
+    case Intake::Held:
+      // Its other end is closed, which epoll goes on telling; what it sent is still to be taken.
+      if ((ready & (EPOLLHUP | EPOLLERR)) != 0) stopWatching(connection);
+  }
 }
 
 void Server::Impl::acceptAll() {
@@ -467,7 +534,7 @@ void Server::Impl::acceptAll() {
     UniqueFd fd = listener_.accept(exhausted);
     if (!fd) return;
     if (exhausted) {
-      refuseConnection(fd.get(), ucred{}, "the service is out of file descriptors");
+      refuseConnection(fd.get(), peerOf(fd.get()), "the service is out of file descriptors");
     } else {
       begin(std::move(fd));
     }
@@ -487,14 +554,16 @@ void Server::Impl::refuseConnection(int fd, const ucred& who, const std::string&
 
 void Server::Impl::begin(UniqueFd fd) {
   auto connection = std::make_unique<Connection>();
-  socklen_t size = sizeof connection->who;
-  if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &connection->who, &size) != 0) return;
-  const std::string refusal = quotas_.refusal(connection->who, options_);
+  connection->who = peerOf(fd.get());
+  const std::string refusal = connectionShares_.refusal(connection->owner());
   if (!refusal.empty()) return refuseConnection(fd.get(), connection->who, refusal);
   connection->key = nextKey_++;
+  connection->buffered.owner = connection->owner();
+  connection->buffered.connection = connection->key;
   connection->fd = std::move(fd);
+  connection->events = EPOLLIN;
   if (!watch(connection->fd.get(), connection->key, EPOLLIN)) return;
-  quotas_.add(connection->who);
+  connectionShares_.add(connection->owner());
   const std::uint64_t key = connection->key;
   connection->greetingTimer = after(options_.greetingDeadline, [this, key] {
     Connection* silent = find(key);
@@ -503,23 +572,34 @@ void Server::Impl::begin(UniqueFd fd) {
   connections_.emplace(key, std::move(connection));
 }
 
-void Server::Impl::readFrom(Connection& connection) {
-  const ssize_t got =
-      ::recv(connection.fd.get(), readBuffer_.data(), readBuffer_.size(), MSG_DONTWAIT);
-  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+bool Server::Impl::readFrom(Connection& connection, Slice& slice) {
+  const std::size_t known =
+      connection.frameBytes - std::min(connection.frameBytes, connection.incoming.size());
+  const std::size_t wanted = std::min(std::max(known, kReadBytes), readBuffer_.size());
+  const ssize_t got = ::recv(connection.fd.get(), readBuffer_.data(), wanted, MSG_DONTWAIT);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return false;
   if (got <= 0) {
-    if (connection.incoming.empty()) return close(connection);
-    return close(connection, Fault::HalfFrame, "it left in the middle of a frame");
+    if (connection.incoming.empty())
+      close(connection);
+    else
+      close(connection, Fault::HalfFrame, "it left in the middle of a frame");
+    return false;
   }
-  const std::string_view bytes(readBuffer_.data(), static_cast<std::size_t>(got));
+  takeBytes(connection, {readBuffer_.data(), static_cast<std::size_t>(got)}, slice);
+  const bool filled = static_cast<std::size_t>(got) == wanted;
+  return filled && !connection.dead && connection.intake == Intake::Open;
+}
+
+void Server::Impl::takeBytes(Connection& connection, std::string_view bytes, Slice& slice) {
   if (connection.incoming.empty()) {
-    const std::size_t taken = takeFrames(connection, bytes);
+    const std::size_t taken = takeFrames(connection, bytes, slice);
     if (taken == bytes.size()) return;
     connection.incoming.append(bytes.substr(taken));
     return watchFrame(connection, true);
   }
+  growFor(connection.incoming, bytes.size(), connection.frameBytes);
   connection.incoming.append(bytes);
-  const std::size_t taken = takeFrames(connection, connection.incoming);
+  const std::size_t taken = takeFrames(connection, connection.incoming, slice);
   connection.incoming.erase(0, taken);
   watchFrame(connection, taken > 0);
 }
@@ -527,20 +607,15 @@ void Server::Impl::readFrom(Connection& connection) {
 // --- Turns and room ---
 
 void Server::Impl::queueTurn(Connection& connection) {
-  connection.intake = Intake::Queued;
-  turns_.push_back(connection.key);
+  if (std::exchange(connection.waitsForTurn, true)) return;
+  turns_.add(connection.who.uid, {connection.key, nullptr});
 }
 
-void Server::Impl::takeTurns() {
-  const std::vector<std::uint64_t> turns = std::exchange(turns_, {});
-  for (const std::uint64_t key : turns) {
-    Connection* connection = find(key);
-    if (connection == nullptr) continue;
-    connection->intake = Intake::Open;
-    connection->incoming.erase(0, takeFrames(*connection, connection->incoming));
-    watchFrame(*connection, true);
-    flushAll();
-  }
+// With frames that have come already.
+void Server::Impl::goOn(Connection& connection, Slice& slice) {
+  connection.intake = Intake::Open;
+  connection.incoming.erase(0, takeFrames(connection, connection.incoming, slice));
+  watchFrame(connection, true);
 }
 
 bool Server::Impl::isFull(const Connection& connection) const {
@@ -564,7 +639,9 @@ void Server::Impl::letGoOn(Connection& connection) {
     rest.run();
   }
   const bool waits = isFull(connection) || !connection.whenRoom.empty();
-  if (!connection.dead && connection.intake == Intake::Held && !waits) queueTurn(connection);
+  if (connection.dead || connection.intake != Intake::Held || waits) return;
+  connection.intake = Intake::Queued;
+  queueTurn(connection);
 }
 
 void Server::Impl::letGoOn(PeerState& peer) {
@@ -601,7 +678,7 @@ void Server::Impl::watchFrame(Connection& connection, bool isNewFrame) {
   }
   watchFor(connection);
   countBuffered(connection);
-  keepWithinBuffers();
+  if (buffers_.isPast()) keepWithinBuffers();
 }
 
 void Server::Impl::watchFor(Connection& connection) {
@@ -622,20 +699,15 @@ void Server::Impl::stopWatching(Connection& connection) {
 }
 
 void Server::Impl::countBuffered(Connection& connection) {
-  const std::size_t now =
-      connection.dead ? 0 : connection.incoming.size() + connection.outbox.memoryBytes();
-  bufferedBytes_ += now - connection.bufferedBytes;
-  connection.bufferedBytes = now;
+  buffers_.set(
+      connection.buffered,
+      connection.dead ? 0 : connection.incoming.capacity() + connection.outbox.memoryBytes());
 }
 
 void Server::Impl::keepWithinBuffers() {
-  while (bufferedBytes_ > options_.maxBufferedBytes) {
-    const auto greediest = std::max_element(
-        connections_.begin(), connections_.end(), [](const auto& a, const auto& b) {
-          return a.second->bufferedBytes < b.second->bufferedBytes;
-        });
-    close(*greediest->second, Fault::NotReading,
-          "of all that waits for readers and for the rest of frames, most is its own");
+  while (const std::optional<Buffers::Excess> excess = buffers_.excess()) {
+    close(*find(excess->connection), Fault::NotReading,
+          "it does not read what is for it, or does not end its frames: " + excess->limit);
   }
 }
 
@@ -655,9 +727,9 @@ void Server::Impl::whenRoom(const RequestId& request, std::function<void()> task
 
 // --- Frames ---
 
-std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view bytes) {
+std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view bytes, Slice& slice) {
   std::size_t taken = 0;
-  unsigned left = options_.framesPerTurn;
+  connection.frameBytes = 0;
   while (!connection.dead && bytes.size() - taken >= kFrameHeaderBytes) {
     FrameHeader header;
     const char* frame = bytes.data() + taken;
@@ -667,16 +739,23 @@ std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view by
       close(connection, Fault::BadFrame, tooLong ? "its greeting is too long" : problem);
       break;
     }
-    if (bytes.size() - taken < kFrameHeaderBytes + header.payloadBytes) break;
+    const std::size_t frameBytes = kFrameHeaderBytes + header.payloadBytes;
+    if (bytes.size() - taken < frameBytes) {
+      connection.frameBytes = frameBytes;
+      break;
+    }
     if (mustWait(connection, header)) {
       connection.intake = Intake::Held;
       break;
     }
-    if (left-- == 0) {
+    if (slice.isOver()) {
+      connection.intake = Intake::Queued;
       queueTurn(connection);
       break;
     }
-    taken += kFrameHeaderBytes + header.payloadBytes;
+    if (bytes.size() - taken > frameBytes) slice.begin();
+    slice.take();
+    taken += frameBytes;
     take(connection, header, {frame + kFrameHeaderBytes, header.payloadBytes});
   }
   return connection.dead ? bytes.size() : taken;
@@ -789,6 +868,7 @@ void Server::Impl::answer(Connection& connection, const FrameHeader& header,
     return handler_.onAnswer(peer.peer.id, header.sequence, header.messageId, payload);
   }
   peer.openQuestions.erase(question);
+  questionShares_.remove(peer.owner());
   handler_.onQuestionDone(peer.peer.id, header.sequence, false);
 }
 
@@ -798,7 +878,7 @@ void Server::Impl::flush(Connection& connection) {
   connection.waitsForRoom = written == Outbox::Written::Some;
   if (connection.intake == Intake::Held || !connection.whenRoom.empty()) letGoOn(connection);
   watchFor(connection);
-  if (connection.waitsForRoom || connection.bufferedBytes > 0) countBuffered(connection);
+  countBuffered(connection);
 }
 
 // Bytes leave at the end of the event that they are for: several notices to one peer in one go.
@@ -807,19 +887,51 @@ void Server::Impl::flushLater(Connection& connection) {
 }
 
 // What is flushed makes room, and what waited for room writes more.
-void Server::Impl::flushAll() {
+void Server::Impl::flushWaiting() {
   while (!toFlush_.empty()) {
-    if (toFlush_.size() > 1) sortToFlush();
-    flushing_.swap(toFlush_);
-    for (Connection* connection : flushing_) {
-      connection->willFlush = false;
-      if (connection->dead) continue;
-      connection->waitsForRoom ? countBuffered(*connection) : flush(*connection);
-      checkBacklog(*connection);
+    if (toFlush_.size() == 1) {
+      Connection& only = *toFlush_.front();
+      toFlush_.clear();
+      flushOne(only);
+      continue;
     }
+    sortToFlush();
+    flushing_.swap(toFlush_);
+    const std::size_t now = std::min(flushing_.size(), kFlushedAtOnce);
+    for (std::size_t i = 0; i < now; ++i) flushOne(*flushing_[i]);
+    for (std::size_t i = now; i < flushing_.size(); ++i) crowd_.push_back(flushing_[i]->key);
     flushing_.clear();
   }
-  keepWithinBuffers();
+}
+
+void Server::Impl::flushOne(Connection& connection) {
+  connection.willFlush = false;
+  if (connection.dead) return;
+  connection.waitsForRoom ? countBuffered(connection) : flush(connection);
+  checkBacklog(connection);
+}
+
+// Some of those for whom there was no time at the end of their event.
+void Server::Impl::flushCrowd() {
+  for (std::size_t left = std::min(crowd_.size(), kFlushedAtOnce); left > 0; --left) {
+    Connection* connection = find(crowd_.front());
+    crowd_.pop_front();
+    if (connection != nullptr) flushOne(*connection);
+  }
+  flushAll();
+}
+
+// Long notices leave at once as far as they can, and count if they cannot: of one that is for many, there
+// would be as many copies until the event ends.
+void Server::Impl::writeAhead(Connection& connection) {
+  if (!connection.waitsForRoom) {
+    const Outbox::Written written = connection.outbox.writeTo(connection.fd.get());
+    if (written == Outbox::Written::Failed) return close(connection);
+    connection.waitsForRoom = written == Outbox::Written::Some;
+    watchFor(connection);
+  }
+  countBuffered(connection);
+  if (buffers_.isPast()) keepWithinBuffers();
 }
 
 // The first few who are told of a change hear of it before its writer does, whose answer would only
@@ -848,13 +960,12 @@ void Server::Impl::markDead(Connection& connection) {
   countBuffered(connection);
 }
 
-void Server::Impl::reap() {
-  while (!dead_.empty()) {
-    const std::uint64_t key = dead_.back();
-    dead_.pop_back();
-    const auto found = connections_.find(key);
-    if (found == connections_.end()) continue;
+void Server::Impl::buryDead() {
+  for (int left = kReapedAtOnce; left > 0 && !dead_.empty(); --left) {
+    const auto found = connections_.find(dead_.front());
+    dead_.pop_front();
     const std::unique_ptr<Connection> connection = std::move(found->second);
+    if (latest_ == connection.get()) latest_ = nullptr;
     connections_.erase(found);
     end(*connection);
   }
@@ -863,7 +974,7 @@ void Server::Impl::reap() {
 void Server::Impl::end(Connection& connection) {
   timers_.cancel(connection.greetingTimer);
   timers_.cancel(connection.frameTimer);
-  quotas_.remove(connection.who);
+  connectionShares_.remove(connection.owner());
   for (const Postponed& rest : connection.whenRoom) endRequest(rest.request);
   PeerState* peer = connection.peer;
   if (peer == nullptr) return;
@@ -877,6 +988,7 @@ void Server::Impl::end(Connection& connection) {
 
 void Server::Impl::endQuestions(PeerState& peer) {
   const std::set<std::uint32_t> open = std::exchange(peer.openQuestions, {});
+  questionShares_.remove(peer.owner(), open.size());
   for (const std::uint32_t question : open) {
     handler_.onQuestionDone(peer.peer.id, question, true);
   }
@@ -914,6 +1026,7 @@ void Server::Impl::respond(const RequestId& request, const MessageLite& response
     return sendRefusal(*connection, request, kRefusedByLimit, "the answer is larger than 16 MiB");
   }
   connection->outbox.add(scratch_);
+  if (scratch_.capacity() > kReadBufferBytes) std::string().swap(scratch_);
   flushLater(*connection);
 }
 
@@ -957,16 +1070,23 @@ void Server::Impl::notify(PeerId id, const MessageLite& notice, std::uint64_t re
   }
   connection.outbox.queue(std::move(frame), key);
   flushLater(connection);
+  if (connection.outbox.waitingBytes() > kUncountedBytes) writeAhead(connection);
+}
+
+std::string Server::Impl::whyNotAsked(const PeerState& peer) const {
+  if (peer.openQuestions.size() < options_.maxOpenQuestions)
+    return questionShares_.refusal(peer.owner());
+  return "it has " + std::to_string(options_.maxOpenQuestions) + " questions to answer";
 }
 
 std::uint32_t Server::Impl::ask(PeerId id, const MessageLite& question, std::uint64_t revision) {
   PeerState* peer = findPeer(id);
   if (peer == nullptr || peer->delivery == nullptr || peer->delivery->dead) return 0;
   Connection& connection = *peer->delivery;
-  if (peer->openQuestions.size() >= options_.maxOpenQuestions) {
-    handler_.onFault(Fault::NotAnswering, nameOf(connection) + " has " +
-                                              std::to_string(options_.maxOpenQuestions) +
-                                              " questions to answer and is asked nothing more");
+  const std::string refusal = whyNotAsked(*peer);
+  if (!refusal.empty()) {
+    handler_.onFault(Fault::NotAnswering,
+                     nameOf(connection) + " is asked nothing more: " + refusal);
     return 0;
   }
   if (++peer->lastQuestion == 0) ++peer->lastQuestion;
@@ -977,8 +1097,10 @@ std::uint32_t Server::Impl::ask(PeerId id, const MessageLite& question, std::uin
   std::string frame;
   if (!encodeFrame(header, question, frame)) return 0;
   peer->openQuestions.insert(header.sequence);
+  questionShares_.add(peer->owner());
   connection.outbox.queue(std::move(frame), {});
   flushLater(connection);
+  if (connection.outbox.waitingBytes() > kUncountedBytes) writeAhead(connection);
   return header.sequence;
 }
 
@@ -1019,6 +1141,8 @@ void Server::post(std::function<void()> task) { impl_->post(std::move(task)); }
 void Server::aside(std::function<void()> work, std::function<void()> done) {
   impl_->aside(std::move(work), std::move(done));
 }
+
+void Server::later(uid_t user, std::function<void()> task) { impl_->later(user, std::move(task)); }
 
 std::uint64_t Server::after(std::chrono::milliseconds delay, std::function<void()> task) {
   return impl_->after(delay, std::move(task));

@@ -7,8 +7,10 @@
 //
 // Peers    all connections of one endpoint of one process make one peer: they share a token and the
 //          kernel's word (uid, pid) for who is there. Only a peer's own connections answer for it.
-// Turns    each connection that has something to say is listened to for a few frames at a time, so
-//          that one that says much delays the others by a turn and no more.
+// Turns    users take turns, and so do the connections of each: a turn is a few frames, or what fits
+//          into a fraction of a millisecond. Who says much, on however many connections, delays the
+//          others by a turn and no more. Long work of a handler's own goes in slices: see later().
+// Shares   connections, bytes and open questions are shared out among users and processes (shares.h).
 // Room     what a peer does not read is not piled up for it: as long as its answers wait, its next
 //          requests wait too, in its own socket. So do those of a peer that has too many requests
 //          under way; it is slowed down, and nothing of what it sent is lost. Answers to questions
@@ -29,6 +31,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/messaging/shares.h"
 
 namespace google {
 namespace protobuf {
@@ -148,23 +152,29 @@ struct ServerOptions {
   std::chrono::milliseconds greetingDeadline = std::chrono::seconds(10);
   // Who has begun a frame has this long to end it.
   std::chrono::milliseconds frameDeadline = std::chrono::seconds(30);
-  // Frames of one connection that are taken before it is the others' turn.
+  // Frames of one user that are taken, and the time after which no further one is, before it is the
+  // others' turn.
   unsigned framesPerTurn = 32;
+  std::chrono::microseconds turnTime{200};
   // Requests of one peer that were taken and not answered yet, and their bytes: the next ones wait.
   // Those from inside a receiver do not, for its peer's questions may wait for them.
   unsigned maxOpenRequests = 1024;
   std::size_t maxOpenRequestBytes = std::size_t{16} * 1024 * 1024;
-  // Questions to one peer that it has not done with: it is asked nothing more.
+  // Questions to one peer that it has not done with, and what its user and its process have of them
+  // with all their peers: it is asked nothing more.
   unsigned maxOpenQuestions = 1024;
+  ShareLimits openQuestions{16384, 8192, 2048, 1024};
   // While more bytes than these wait for a connection's reader, its requests wait.
   std::size_t roomBytes = std::size_t{256} * 1024;
   // Bytes that may wait for one connection's reader before it is closed.
   std::size_t maxAnswerBytes = std::size_t{32} * 1024 * 1024;
   // Notices that may wait for one peer; only the newest for each coalescing key counts.
   std::size_t maxNotices = 65536;
-  // Bytes that all connections together may make the server keep: unfinished frames, and what waits
-  // for readers. Past it, the connection that has most is closed.
-  std::size_t maxBufferedBytes = std::size_t{64} * 1024 * 1024;
+  // Bytes that connections may make the server keep, as they stand in memory: unfinished frames, and
+  // what waits for readers. Past a share, the connection that has most of it is closed: see
+  // internal/buffers.h.
+  ShareLimits bufferedBytes{std::size_t{64} << 20, std::size_t{10} << 20, std::size_t{6} << 20,
+                            std::size_t{32} << 20};
 };
 
 class Server {
@@ -203,8 +213,8 @@ class Server {
   void notify(PeerId peer, const google::protobuf::MessageLite& notice, std::uint64_t revision,
               const std::string& coalescingKey);
 
-  // Asks a peer. The question's number, or 0 when the peer has no delivery connection or as many
-  // open questions as the limit allows.
+  // Asks a peer. The question's number, or 0 when the peer has no delivery connection, or it, its
+  // process or its user has as many open questions as the limits allow.
   std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question,
                     std::uint64_t revision);
 
@@ -217,6 +227,11 @@ class Server {
   // at hand are handled; then runs `done` in the loop. If events come before the work is over, a
   // second thread goes on with the loop: no thread is woken for work during which nothing comes.
   void aside(std::function<void()> work, std::function<void()> done);
+
+  // Runs a task in the loop after the others had their turn, as part of a user's share of the loop:
+  // one such task is one turn of it. Long work is done in slices of some hundred microseconds, each
+  // of which asks for the next one. Not run any more once the server is stopped. Called in the loop.
+  void later(uid_t user, std::function<void()> task);
 
   // Runs a task in the loop at a time. The number cancels it.
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);

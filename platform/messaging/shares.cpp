@@ -29,20 +29,32 @@ bool fits(std::size_t present, std::size_t amount, std::size_t limit) {
 Shares::Shares(std::string name, ShareLimits limits, uid_t own)
     : name_(std::move(name)), limits_(limits), own_(own) {}
 
+Shares::Limit Shares::passed(Owner owner, std::size_t amount) const {
+  if (!fits(ofProcess(owner.pid), amount, limits_.perProcess)) return Limit::Process;
+  if (isOrdinary(owner) && !fits(ofUser(owner.uid), amount, limits_.perUser)) return Limit::User;
+  if (isOrdinary(owner) && !fits(ordinary_, amount, limits_.ordinary)) return Limit::Ordinary;
+  return fits(all_, amount, limits_.all) ? Limit::None : Limit::All;
+}
+
 std::string Shares::refusal(Owner owner, std::size_t amount) const {
   const auto past = [this](std::size_t limit, const std::string& whose) {
     return "no more than " + std::to_string(limit) + " " + name_ + " " + whose;
   };
-  if (!fits(ofProcess(owner.pid), amount, limits_.perProcess))
-    return past(limits_.perProcess,
-                "for one process, and process " + std::to_string(owner.pid) + " has its share");
-  if (isOrdinary(owner) && !fits(ofUser(owner.uid), amount, limits_.perUser))
-    return past(limits_.perUser,
-                "for one user, and user " + std::to_string(owner.uid) + " has its share");
-  if (isOrdinary(owner) && !fits(ordinary_, amount, limits_.ordinary))
-    return past(limits_.ordinary,
-                "for all users together, save root and the service's own, and they have them");
-  if (!fits(all_, amount, limits_.all)) return past(limits_.all, "in all, and they are in use");
+  switch (passed(owner, amount)) {
+    case Limit::None:
+      break;
+    case Limit::Process:
+      return past(limits_.perProcess,
+                  "for one process, and process " + std::to_string(owner.pid) + " has its share");
+    case Limit::User:
+      return past(limits_.perUser,
+                  "for one user, and user " + std::to_string(owner.uid) + " has its share");
+    case Limit::Ordinary:
+      return past(limits_.ordinary,
+                  "for all users together, save root and the service's own, and they have them");
+    case Limit::All:
+      return past(limits_.all, "in all, and they are in use");
+  }
   return {};
 }
 

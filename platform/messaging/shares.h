@@ -47,6 +47,9 @@ class Shares {
   // user has part in what is kept for root.
   Shares(std::string name, ShareLimits limits, uid_t own);
 
+  enum class Limit { None, Process, User, Ordinary, All };
+  // The first limit that the owner would pass with so much more, or has passed.
+  Limit passed(Owner owner, std::size_t amount = 0) const;
   // Empty when so much more of the owner's fits, else which limit it would pass, and whose it is.
   std::string refusal(Owner owner, std::size_t amount = 1) const;
 

@@ -47,12 +47,12 @@ Limits limitsOfTheMessageLayer() {
       {"ServerOptions::greetingDeadline", number(server.greetingDeadline.count())},
       {"ServerOptions::frameDeadline", number(server.frameDeadline.count())},
       {"ServerOptions::framesPerTurn", number(server.framesPerTurn)},
+      {"ServerOptions::turnTime", number(server.turnTime.count())},
       {"ServerOptions::roomBytes", number(server.roomBytes)},
       {"ServerOptions::maxOpenRequests", number(server.maxOpenRequests)},
       {"ServerOptions::maxOpenRequestBytes", number(server.maxOpenRequestBytes)},
       {"ServerOptions::maxAnswerBytes", number(server.maxAnswerBytes)},
       {"ServerOptions::maxNotices", number(server.maxNotices)},
-      {"ServerOptions::maxBufferedBytes", number(server.maxBufferedBytes)},
       {"ServerOptions::maxOpenQuestions", number(server.maxOpenQuestions)},
       {"Listener::kBacklog", number(PbUtility::Listener::kBacklog)},
       {"kMaxPayloadBytes", number(PbUtility::kMaxPayloadBytes)},
@@ -60,6 +60,23 @@ Limits limitsOfTheMessageLayer() {
       {"EndpointOptions::maxConnections", number(endpoint.maxConnections)},
       {"kMaxRemotes", number(PbUtility::kMaxRemotes)},
   };
+}
+
+// The four limits of what is shared out.
+Limits limitsOfShares(const std::string& constant, const PbUtility::ShareLimits& shares) {
+  return {
+      {constant + ".all", number(shares.all)},
+      {constant + ".ordinary", number(shares.ordinary)},
+      {constant + ".perUser", number(shares.perUser)},
+      {constant + ".perProcess", number(shares.perProcess)},
+  };
+}
+
+Limits limitsOfSharesOfTheMessageLayer() {
+  const PbUtility::ServerOptions server;
+  Limits all = limitsOfShares("ServerOptions::bufferedBytes", server.bufferedBytes);
+  all.merge(limitsOfShares("ServerOptions::openQuestions", server.openQuestions));
+  return all;
 }
 
 Limits limitsOfRequests() {
@@ -106,6 +123,7 @@ Limits limitsOfVariables() {
 
 Limits limitsOfTheProgram() {
   Limits all = limitsOfTheMessageLayer();
+  all.merge(limitsOfSharesOfTheMessageLayer());
   all.merge(limitsOfRequests());
   all.merge(limitsOfVariables());
   return all;
@@ -114,7 +132,7 @@ Limits limitsOfTheProgram() {
 // Rows of the form "| what | `constant` | number | ...".
 Limits limitsOfThePage() {
   Limits limits;
-  const std::regex row(R"(^\| [^|]+ \| `([A-Za-z:]+)` \| ([0-9]+) \| [^|]+ \| [^|]+ \|$)");
+  const std::regex row(R"(^\| [^|]+ \| `([A-Za-z:.]+)` \| ([0-9]+) \| [^|]+ \| [^|]+ \|$)");
   std::istringstream lines(TestSupport::readFile(LIMITS_PAGE));
   for (std::string line; std::getline(lines, line);) {
     std::smatch found;

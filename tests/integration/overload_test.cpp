@@ -191,7 +191,7 @@ TEST(StoppedClientTest, AMonitorThatDoesNotReadIsClosedAtTheLimit) {
   ASSERT_TRUE(writer.write(loadVariable(0), std::string(kMiB, 'x')).ok());
   for (int i = 0; i < 50; ++i) ASSERT_TRUE(writer.read(loadVariable(0)).ok());
   EXPECT_EQ(service.linesWith("\"monitor\""), 1) << service.log();
-  EXPECT_THAT(service.log(), HasSubstr("does not read its notices"));
+  EXPECT_THAT(service.log(), HasSubstr("does not read what is for it"));
   if (!kSanitized) {
     EXPECT_TRUE(eventually([&] { return residentBytes(service.pid()) < 80 * kMiB; }));
   }
@@ -397,7 +397,8 @@ TEST(LimitTest, AProcessThatTakesAllConnectionsItCanLeavesSomeForOthers) {
   TestClient refused("refused", service.runtimeDir());
   const Outcome outcome = refused.read(loadVariable(0));
   EXPECT_EQ(outcome.call, PbUtility::kCallRefused);
-  EXPECT_EQ(outcome.text, "all 256 connections that one process may have are in use");
+  EXPECT_EQ(outcome.text, "no more than 256 connections for one process, and process " +
+                              std::to_string(getpid()) + " has its share");
   EXPECT_TRUE(anotherProcessIsServed(service));
   EXPECT_EQ(service.linesWith("refused a connection of pid"), 1);
 }

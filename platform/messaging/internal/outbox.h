@@ -23,8 +23,12 @@ class Outbox {
   Outbox(const Outbox&) = delete;
   Outbox& operator=(const Outbox&) = delete;
 
-  // Appends a whole frame that must be sent as it is.
-  void add(std::string_view frame);
+  // What one large answer made grow is given back above this size.
+  static constexpr std::size_t kKeptBytes = std::size_t{2} * 1024;
+
+  // Appends a whole frame that must be sent as it is. A long one is taken, not copied, where that is
+  // possible; what the string holds afterwards is unspecified.
+  void add(std::string& frame);
   void add(const FrameHeader& header, std::string_view payload);
   // Appends a whole frame to the queue of messages; of those with the same non-empty key that have
   // not begun to be written, only this one remains.
@@ -36,8 +40,11 @@ class Outbox {
 
   bool isEmpty() const { return waitingBytes() == 0; }
   std::size_t waitingBytes() const { return bytes_.size() - written_ + queuedBytes_; }
-  // What all of it takes in memory, about: a queued message is more than its bytes.
-  std::size_t memoryBytes() const { return waitingBytes() + messages_.size() * kMessageBytes; }
+  // What all of it takes in memory, about: what is empty may be kept for the next, and a queued message
+  // is more than its bytes.
+  std::size_t memoryBytes() const {
+    return bytes_.capacity() + queuedBytes_ + messages_.size() * kMessageBytes;
+  }
   std::size_t queuedMessages() const { return messages_.size(); }
 
  private:
@@ -49,6 +56,7 @@ class Outbox {
   static constexpr std::size_t kMessageBytes = 256;
 
   void dropOlder(std::string_view key);
+  void forgetWritten();
   // Moves messages into the bytes to be written, a few at a time, so that the rest can still be
   // replaced by newer ones.
   void stage();

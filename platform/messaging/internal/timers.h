@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -31,10 +32,10 @@ class Timers {
   // When the next task is due; never when there is none.
   Clock::time_point next() const { return tasks_.empty() ? kNever : tasks_.begin()->first; }
 
-  // Runs what is due. A task may add and cancel timers.
-  void runDue() {
+  // Runs what is due, at most so many; the rest stays due. A task may add and cancel timers.
+  void runDue(std::size_t atMost) {
     const Clock::time_point now = Clock::now();
-    while (!tasks_.empty() && tasks_.begin()->first <= now) {
+    for (; atMost > 0 && !tasks_.empty() && tasks_.begin()->first <= now; --atMost) {
       const Task task = std::move(tasks_.begin()->second);
       byNumber_.erase(task.number);
       tasks_.erase(tasks_.begin());

@@ -124,6 +124,8 @@ TEST_F(ValueRequestsTest, AnAcceptedWriteIsRegisteredBeforeItsResultIsHandedOver
   EXPECT_TRUE(link->setConfigVar(mtu, {"1400"}, &result));
   EXPECT_EQ(during, eErrVetoed) << "untouched as yet";
   EXPECT_EQ(result.error(), eErrNone);
+}
+
 // A message layer of a device's own may count its failures downwards from -1 or upwards from 1.
 TEST_F(ValueRequestsTest, AnyStatusOfTheMessageLayerButZeroIsAFailure) {
   for (const int status : {-2, -1, 1, 2}) {

@@ -24,6 +24,8 @@ class OutboxTest : public ::testing::Test {
     return bytes;
   }
 
+  void add(std::string frame) { outbox.add(frame); }
+
   std::string readAll() {
     std::string all;
     for (;;) {
@@ -37,7 +39,7 @@ class OutboxTest : public ::testing::Test {
   // Fills the socket, so that what is queued next waits.
   void fill() {
     while (outbox.writeTo(writer.get()) == Outbox::Written::All) {
-      outbox.add(std::string(65536, '.'));
+      add(std::string(65536, '.'));
     }
   }
 
@@ -48,7 +50,7 @@ class OutboxTest : public ::testing::Test {
 
 TEST_F(OutboxTest, WritesAnswersThenMessagesInTheirOrder) {
   outbox.queue("message", "");
-  outbox.add("answer ");
+  add("answer ");
   EXPECT_EQ(outbox.writeTo(writer.get()), Outbox::Written::All);
   EXPECT_EQ(readAll(), "answer message");
   EXPECT_TRUE(outbox.isEmpty());
@@ -86,9 +88,30 @@ TEST_F(OutboxTest, AMessageThatIsPartlyWrittenIsNotReplaced) {
   EXPECT_EQ(all.substr(all.size() - 8), "LL|newer");
 }
 
+TEST_F(OutboxTest, MemoryGoesWithWhatIsRead) {
+  const std::size_t whole = std::size_t{8} << 20;
+  add(std::string(whole, 'L'));
+  std::size_t read = 0;
+  while (read < whole) {
+    outbox.writeTo(writer.get());
+    read += readSome().size();
+    EXPECT_GE(outbox.memoryBytes(), outbox.waitingBytes());
+    EXPECT_LE(outbox.memoryBytes(), 2 * (whole - read) + (std::size_t{1} << 20));
+  }
+}
+
+TEST_F(OutboxTest, WhatIsEmptyKeepsLittle) {
+  add(std::string(Outbox::kKeptBytes / 2, 'a'));
+  EXPECT_EQ(readAll().size(), Outbox::kKeptBytes / 2);
+  add(std::string(Outbox::kKeptBytes, 'a'));
+  add(std::string(Outbox::kKeptBytes, 'b'));
+  EXPECT_EQ(readAll().size(), 2 * Outbox::kKeptBytes);
+  EXPECT_LE(outbox.memoryBytes(), Outbox::kKeptBytes);
+}
+
 TEST_F(OutboxTest, AReaderThatIsGoneIsAFailureAndNoSignal) {
   reader.reset();
-  outbox.add("answer");
+  add("answer");
   EXPECT_EQ(outbox.writeTo(writer.get()), Outbox::Written::Failed);
 }
 

@@ -251,7 +251,7 @@ TEST_F(ServerTest, ConnectionsBeyondTheLimitAreToldSoAndLogged) {
   ASSERT_TRUE(second.send(RawClient::hello("second")));
   ASSERT_FALSE(second.receive().empty());
   RawClient third(socketFile());
-  EXPECT_EQ(refusalTo(third), "11: all 2 connections of the service are in use");
+  EXPECT_EQ(refusalTo(third), "11: no more than 2 connections in all, and they are in use");
   EXPECT_TRUE(eventually([&] { return linesAbout(serving, "refused a connection of pid") == 1; }));
   first.close();
   EXPECT_TRUE(eventually([&] {
@@ -266,7 +266,8 @@ TEST_F(ServerTest, ConnectionsOfOneProcessBeyondTheLimitAreToldSo) {
   Serving serving(limited);
   RawClient first(socketFile());
   RawClient second(socketFile());
-  EXPECT_EQ(refusalTo(second), "11: all 1 connections that one process may have are in use");
+  EXPECT_EQ(refusalTo(second), "11: no more than 1 connections for one process, and process " +
+                                   std::to_string(::getpid()) + " has its share");
 }
 
 TEST_F(ServerTest, AnEndpointThatIsRefusedTellsItsCallerWhy) {
@@ -283,7 +284,7 @@ TEST_F(ServerTest, AnEndpointThatIsRefusedTellsItsCallerWhy) {
     ConfigIF::ReadRsp response;
     ASSERT_EQ(endpoint.sendWaitResponse(ConfigIF::ReadReq(), &response, "ConfigSrvc"),
               kCallRefused);
-    EXPECT_EQ(endpoint.lastRefusal(), "all 1 connections of the service are in use");
+    EXPECT_EQ(endpoint.lastRefusal(), "no more than 1 connections in all, and they are in use");
   }
 }
 
@@ -300,6 +301,10 @@ TEST_F(ServerTest, WithoutDescriptorsConnectionsAreToldSoAndServedAgainLater) {
   while (taken.empty() || taken.back()) taken.emplace_back(::open("/dev/null", O_RDONLY));
   unlucky.connect();
   EXPECT_EQ(refusalTo(unlucky), "11: the service is out of file descriptors");
+  EXPECT_GE(linesAbout(serving, "refused a connection of pid " + std::to_string(::getpid()) +
+                                    ", uid " + std::to_string(::getuid()) + ": "),
+            1U);
+  EXPECT_EQ(linesAbout(serving, "pid 0, uid 0"), 0U);
   taken.clear();
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
   expectServed();
@@ -382,7 +387,7 @@ TEST_F(ServerTest, WhoseAnswersPileUpIsClosedAtTheLimit) {
 
 TEST_F(ServerTest, OfAllThatWaitsTheGreediestConnectionIsClosedAndTheOthersAreNot) {
   ServerOptions limited = options();
-  limited.maxBufferedBytes = 1 << 20;
+  limited.bufferedBytes.perProcess = 1 << 20;
   Serving serving(limited);
   serving.onRequestDo = answerAtLength;
   RawClient modest(socketFile());
@@ -524,7 +529,7 @@ TEST_F(ServerTest, AProviderThatDoesNotAnswerIsAskedNoMoreThanTheLimit) {
   const std::uint32_t first = serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq());
   EXPECT_NE(serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq()), 0U);
   EXPECT_EQ(serving.ask(serving.readyPeer(), ConfigIF::DynamicValidateReq()), 0U);
-  EXPECT_EQ(linesAbout(serving, "has 2 questions to answer"), 1U);
+  EXPECT_EQ(linesAbout(serving, "it has 2 questions to answer"), 1U);
   FrameHeader done;
   done.kind = FrameKind::Done;
   done.sequence = first;
