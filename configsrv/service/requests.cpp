@@ -60,6 +60,7 @@ bool Requests::admit(const Incoming& incoming, const std::string& clientName,
           {peer.id, clientName.substr(0, kMaxClientName), role, waits},
           incoming.revision,
           incoming.overDelivery};
+  call.by.owner = {peer.uid, peer.pid};
   if (with_.access.mayClaim(peer.uid, peer.gid, role)) return true;
   const std::string text = with_.access.denial(peer.uid, peer.gid, role);
   with_.log.repeatable(

@@ -147,6 +147,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         providers_(providerFile(options_), log),
         store_(std::move(opened.store)),
         model_(std::move(definitions)),
+        subscriptions_({}, ::geteuid(),
+                       [this](std::function<void()> task) {
+                         server_.after(std::chrono::milliseconds(0), std::move(task));
+                       }),
         announcer_(model_, subscriptions_, *this),
         changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),
                  audit_.get()),

@@ -62,10 +62,25 @@ Limits limitsOfTheMessageLayer() {
   };
 }
 
+// The four limits of a share.
+void addShare(Limits& limits, const std::string& name, const PbUtility::ShareLimits& share) {
+  limits[name + ".all"] = number(share.all);
+  limits[name + ".ordinary"] = number(share.ordinary);
+  limits[name + ".perUser"] = number(share.perUser);
+  limits[name + ".perProcess"] = number(share.perProcess);
+}
+
+Limits limitsOfShares() {
+  Limits limits;
+  addShare(limits, "SubscriptionLimits::bytes", SubscriptionLimits().bytes);
+  return limits;
+}
+
 Limits limitsOfRequests() {
   const SubscriptionLimits subscriptions;
   const ChangesOptions changes;
   return {
+      {"SubscriptionLimits::kErasedAtOnce", number(SubscriptionLimits::kErasedAtOnce)},
       {"SubscriptionLimits::registrations", number(subscriptions.registrations)},
       {"SubscriptionLimits::registrationsPerPeer", number(subscriptions.registrationsPerPeer)},
       {"SubscriptionLimits::callersPerPeer", number(subscriptions.callersPerPeer)},
@@ -107,6 +122,7 @@ Limits limitsOfVariables() {
 Limits limitsOfTheProgram() {
   Limits all = limitsOfTheMessageLayer();
   all.merge(limitsOfRequests());
+  all.merge(limitsOfShares());
   all.merge(limitsOfVariables());
   return all;
 }
@@ -114,7 +130,7 @@ Limits limitsOfTheProgram() {
 // Rows of the form "| what | `constant` | number | ...".
 Limits limitsOfThePage() {
   Limits limits;
-  const std::regex row(R"(^\| [^|]+ \| `([A-Za-z:]+)` \| ([0-9]+) \| [^|]+ \| [^|]+ \|$)");
+  const std::regex row(R"(^\| [^|]+ \| `([A-Za-z:.]+)` \| ([0-9]+) \| [^|]+ \| [^|]+ \|$)");
   std::istringstream lines(TestSupport::readFile(LIMITS_PAGE));
   for (std::string line; std::getline(lines, line);) {
     std::smatch found;
