@@ -187,6 +187,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   static ChangesOptions changesOptions(const ServiceOptions& options) {
     ChangesOptions result;
     result.providerDeadline = options.providerDeadline;
+    result.own = ::geteuid();
     return result;
   }
 

@@ -73,6 +73,10 @@ void addShare(Limits& limits, const std::string& name, const PbUtility::ShareLim
 Limits limitsOfShares() {
   Limits limits;
   addShare(limits, "SubscriptionLimits::bytes", SubscriptionLimits().bytes);
+  const ChangesOptions changes;
+  addShare(limits, "ChangesOptions::underWay", changes.underWay);
+  addShare(limits, "ChangesOptions::bytesUnderWay", changes.bytesUnderWay);
+  addShare(limits, "ChangesOptions::waitingPerVariable", changes.waitingPerVariable);
   return limits;
 }
 
@@ -90,9 +94,6 @@ Limits limitsOfRequests() {
       {"Requests::kMaxClientName", number(Requests::kMaxClientName)},
       {"Monitor::kMaxWatchers", number(Monitor::kMaxWatchers)},
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
-      {"ChangesOptions::underWay", number(changes.underWay)},
-      {"ChangesOptions::bytesUnderWay", number(changes.bytesUnderWay)},
-      {"ChangesOptions::waitingPerVariable", number(changes.waitingPerVariable)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
