@@ -197,11 +197,7 @@ bool Requests::mayRead(const Call& call, const Variable& variable,
 
 // Of several instances and namespaces any will do: they share their definition.
 const Variable* Requests::findByDottedName(const std::string& name) const {
-  const std::string wanted = lowerCase(name);
-  for (const Variable* variable : with_.model.covered(wanted)) {
-    if (variable->key().dottedName() == wanted) return variable;
-  }
-  return nullptr;
+  return with_.model.named(lowerCase(name));
 }
 
 }  // namespace ConfigSrv

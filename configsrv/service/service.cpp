@@ -157,11 +157,13 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         server_(serverOptions(options_, epochOf(store_->storeId(), model_.definitions().digest()),
                               model_.size()),
                 *this),
-        monitor_(model_,
-                 // A report of a notice goes before the notice.
-                 [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-                   server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
-                 }),
+        monitor_(
+            model_,
+            // A report of a notice goes before the notice.
+            [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
+              server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
+            },
+            {}, ::geteuid()),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
                    server_, providers_, audit_.get(), *store_}),
         commits_(*store_, [this] {

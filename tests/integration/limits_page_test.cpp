@@ -74,6 +74,9 @@ Limits limitsOfShares() {
   Limits limits;
   addShare(limits, "SubscriptionLimits::bytes", SubscriptionLimits().bytes);
   const ChangesOptions changes;
+  const MonitorLimits monitors;
+  addShare(limits, "MonitorLimits::watchers", monitors.watchers);
+  addShare(limits, "MonitorLimits::openBytes", monitors.openBytes);
   addShare(limits, "ChangesOptions::underWay", changes.underWay);
   addShare(limits, "ChangesOptions::bytesUnderWay", changes.bytesUnderWay);
   addShare(limits, "ChangesOptions::waitingPerVariable", changes.waitingPerVariable);
@@ -92,7 +95,7 @@ Limits limitsOfRequests() {
       {"SubscriptionLimits::identityBytes", number(subscriptions.identityBytes)},
       {"SubscriptionLimits::clientNameBytes", number(subscriptions.clientNameBytes)},
       {"Requests::kMaxClientName", number(Requests::kMaxClientName)},
-      {"Monitor::kMaxWatchers", number(Monitor::kMaxWatchers)},
+      {"Monitor::kMaxLookedAt", number(Monitor::kMaxLookedAt)},
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
