@@ -13,6 +13,7 @@
 #include "appconfig/core/security_role.h"
 #include "configsrv/store/stored_variable.h"
 #include "platform/messaging/server.h"
+#include "platform/messaging/shares.h"
 
 namespace ConfigSrv {
 
@@ -26,6 +27,8 @@ struct Requester {
   // Who the peer is, for a change that may end after the peer is gone; null unless somebody records
   // changes (ChangeObserver).
   std::shared_ptr<const PbUtility::Peer> caller{};
+  // Whose share of the service's limits it takes from.
+  PbUtility::Owner owner{};
 };
 
 struct ChangeRequest {

@@ -261,6 +261,12 @@ std::size_t bytesOf(const StoreChange& change) {
   return set != nullptr && set->options ? bytesOfAll(*set->options) : 0;
 }
 
+std::size_t stringsOf(const StoreChange& change) {
+  if (const auto* set = std::get_if<StoreChange::SetValue>(&change.what)) return set->value.size();
+  const auto* set = std::get_if<StoreChange::SetOptions>(&change.what);
+  return set != nullptr && set->options ? set->options->size() : 0;
+}
+
 ChangeOutcome failure(const ConfigVar& key, eErrorT error, const std::string& text) {
   return {error, false, {AppConfig::formatKey(key) + ": " + text}, 0};
 }

@@ -20,6 +20,7 @@
 
 #include "appconfig/core/key_notation.h"
 #include "configsrv/changes/internal/change_check.h"
+#include "configsrv/changes/internal/change_shares.h"
 #include "configsrv/changes/internal/questions.h"
 #include "platform/schema/config_if.pb.h"
 
@@ -59,6 +60,8 @@ struct Change {
   Number number = 0;
   ChangeRequest request;
   ChangeDone done;
+  // Its part of its owner's share.
+  std::size_t bytes = 0;
   const Variable* variable = nullptr;
   // Ends after the dynamic validation and is in no queue.
   bool validateOnly = false;
@@ -109,7 +112,8 @@ class Changes::Impl {
         host_(host),
         log_(log),
         options_(options),
-        observer_(observer) {}
+        observer_(observer),
+        shares_(options_) {}
 
   void submit(ChangeRequest request, ChangeDone done);
   void validate(ChangeRequest request, ChangeDone done);
@@ -134,6 +138,7 @@ class Changes::Impl {
   void endAtOnce(const Variable& variable, const ChangeRequest& request, const ChangeDone& done);
   Change& remember(const Variable& variable, ChangeRequest request, ChangeDone done);
   void enqueue(Change& change);
+  std::string refusalToWait(const Queue& queue, const Change& change) const;
   bool asksItsRequester(const Queue& queue, PeerId requester) const;
 
   // The phases.
@@ -191,7 +196,7 @@ class Changes::Impl {
   bool workingOff_ = false;
   bool stopped_ = false;
   Number lastNumber_ = 0;
-  std::size_t bytes_ = 0;
+  ChangeShares shares_;
   ChangeCounters counters_;
 };
 
@@ -230,10 +235,8 @@ ChangeOutcome Changes::Impl::refusalOf(const Variable* variable,
   if (stopped_) return failure(variable->key(), eErrUnavailable, "the service is stopping");
   ChangeOutcome outcome = checkChange(*variable, request);
   if (outcome.error != eErrNone) return outcome;
-  if (changes_.size() >= options_.underWay ||
-      bytes_ + bytesOf(request.what) > options_.bytesUnderWay)
-    return failure(variable->key(), eErrLimit, "too many changes are under way");
-  return {};
+  const std::string refusal = shares_.refusal(request.by.owner, ChangeShares::bytesOf(request));
+  return refusal.empty() ? ChangeOutcome{} : failure(variable->key(), eErrLimit, refusal);
 }
 
 // A device writes what it has again and again; with no change before it, nothing of such a write has
@@ -258,7 +261,8 @@ Change& Changes::Impl::remember(const Variable& variable, ChangeRequest request,
   change->number = ++lastNumber_;
   change->done = std::move(done);
   change->variable = &variable;
-  bytes_ += bytesOf(change->request.what);
+  change->bytes = ChangeShares::bytesOf(change->request);
+  shares_.add(change->request.by.owner, change->bytes);
   if (change->request.by.insideReceiver)
     awaitedInside_[change->request.by.peer].insert(change->number);
   return *changes_.emplace(lastNumber_, std::move(change)).first->second;
@@ -267,14 +271,31 @@ Change& Changes::Impl::remember(const Variable& variable, ChangeRequest request,
 void Changes::Impl::enqueue(Change& change) {
   Queue& queue = queues_[change.variable];
   const bool asksRequester = asksItsRequester(queue, change.request.by.peer);
-  const bool full = queue.size() > options_.waitingPerVariable;
+  const std::string refusal = refusalToWait(queue, change);
   queue.push_back(change.number);
   if (asksRequester)
     return fail(change, eErrConflict, "this process is being asked about a change of it right now");
-  if (full) return fail(change, eErrLimit, "too many changes of it are waiting");
+  if (!refusal.empty()) return fail(change, eErrLimit, refusal);
   if (queue.size() == 1) return begin(change);
   if (waitsForItself(change))
     fail(change, eErrConflict, "the change before it waits for this process");
+}
+
+// Counted only where so many wait that somebody may have their share: all but rarely one change is
+// alone.
+std::string Changes::Impl::refusalToWait(const Queue& queue, const Change& change) const {
+  const PbUtility::ShareLimits& limits = options_.waitingPerVariable;
+  if (queue.size() <= std::min({limits.all, limits.ordinary, limits.perUser, limits.perProcess}))
+    return {};
+  PbUtility::Shares waiting("changes that wait for their turn at one variable", limits,
+                            options_.own);
+  // The first has its turn.
+  for (std::size_t i = 1; i < queue.size(); ++i) {
+    const Change* other = find(queue[i]);
+    if (other != nullptr) waiting.add(other->request.by.owner);
+  }
+  const std::string refusal = waiting.refusal(change.request.by.owner);
+  return refusal.empty() ? refusal : refusal + ": write less often";
 }
 
 // A provider that writes the variable it is being asked about, from whatever thread, could only be
@@ -415,13 +436,13 @@ void Changes::Impl::onCommitted(Number number, const StoreStatus& status, std::u
 
 void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   const Variable& variable = *change.variable;
-  const StoreChange what = asStored(variable, change.request.what);
   const Announcer::Roles before{variable.readRole(), variable.writeRole()};
   const bool wasDefault = variable.isDefault();
   ChangeOutcome outcome;
   outcome.revision = revision;
   outcome.changedAt = revision;
   record(change, outcome);
+  const StoreChange what = asStored(variable, std::move(change.request.what));
   model_.apply(what, revision);
   // On change they heard the value and not whether it is the default.
   const bool flagIsNews = variable.isDefault() != wasDefault;
@@ -542,7 +563,7 @@ void Changes::Impl::end(Change& change, const ChangeOutcome& outcome) {
   const auto found = changes_.find(change.number);
   const std::unique_ptr<Change> ended = std::move(found->second);
   changes_.erase(found);
-  bytes_ -= bytesOf(ended->request.what);
+  shares_.remove(ended->request.by.owner, ended->bytes);
   const auto inside = awaitedInside_.find(ended->request.by.peer);
   if (inside != awaitedInside_.end()) {
     inside->second.erase(ended->number);

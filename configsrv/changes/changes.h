@@ -18,7 +18,8 @@
 // Deadlock a change that would have to wait for a peer which itself waits for this very change
 //          fails at once with eErrConflict: a provider writes the variable that it is being asked
 //          about, or writes, from inside its handler, what it would be asked about.
-// Limits   ChangesOptions; what goes past one fails with eErrLimit.
+// Limits   ChangesOptions; what goes past one fails with eErrLimit and says whose it is. They are
+//          shared out: no user, and no process, can take what others need.
 // Threads  one at a time, whichever runs the server's loop; completions and timers come in it too.
 #pragma once
 
@@ -32,17 +33,21 @@
 #include "configsrv/changes/change.h"
 #include "configsrv/changes/host.h"
 #include "configsrv/log/log.h"
+#include "platform/messaging/shares.h"
 
 namespace ConfigSrv {
 
 struct ChangesOptions {
   // How long a provider may take to answer one question.
   std::chrono::milliseconds providerDeadline{3000};
-  // Changes that may wait for their turn at one variable.
-  std::size_t waitingPerVariable = 1024;
-  // Changes and validations under way in all, and the bytes of their values.
-  std::size_t underWay = 16384;
-  std::size_t bytesUnderWay = std::size_t{64} * 1024 * 1024;
+  // The service's own user, who is no ordinary one.
+  uid_t own = 0;
+  // Changes that may wait for their turn at one variable: all, ordinary users, a user, a process.
+  PbUtility::ShareLimits waitingPerVariable{1024, 768, 256, 1024};
+  // Changes and validations under way, and what they take in memory (ChangeShares::bytesOf).
+  PbUtility::ShareLimits underWay{16384, 12288, 2048, 4096};
+  PbUtility::ShareLimits bytesUnderWay{std::size_t{64} << 20, std::size_t{6} << 20,
+                                       std::size_t{3} << 20, std::size_t{16} << 20};
 };
 
 // Since the start.

@@ -195,6 +195,27 @@ std::vector<const Variable*> Model::covered(std::string_view dottedName) const {
   return result;
 }
 
+CoveredVariables Model::below(std::string_view dottedName) const {
+  if (dottedName.empty()) return CoveredVariables(variables_);
+  return {variables_, byName_->exactly(dottedName), byName_->below(dottedName)};
+}
+
+const Variable* Model::named(std::string_view dottedName) const {
+  const NameIndex::Range same = byName_->exactly(dottedName);
+  return same.first == same.second ? nullptr : &variables_[*same.first];
+}
+
+std::size_t CoveredVariables::size() const {
+  if (everything_) return all_->size();
+  return static_cast<std::size_t>((same_.second - same_.first) + (below_.second - below_.first));
+}
+
+const Variable& CoveredVariables::operator[](std::size_t i) const {
+  if (everything_) return (*all_)[i];
+  const auto same = static_cast<std::size_t>(same_.second - same_.first);
+  return (*all_)[i < same ? same_.first[i] : below_.first[i - same]];
+}
+
 void Model::apply(const StoreChange& change, std::uint64_t revision) {
   Variable* variable = findMutable(change.key);
   if (variable == nullptr) stopForUnknown(change.key);

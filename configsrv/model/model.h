@@ -80,6 +80,27 @@ class Variable {
   std::unique_ptr<Usable> stored_;
 };
 
+// What a name covers, to be walked without a list of it: in the order of the names, those that have
+// this very name first; all variables in the order of their keys. Stays right as long as the model
+// lives.
+class CoveredVariables {
+ public:
+  std::size_t size() const;
+  const Variable& operator[](std::size_t i) const;
+
+ private:
+  friend class Model;
+  using Range = std::pair<const std::uint32_t*, const std::uint32_t*>;
+  explicit CoveredVariables(const std::vector<Variable>& all) : all_(&all), everything_(true) {}
+  CoveredVariables(const std::vector<Variable>& all, Range same, Range below)
+      : all_(&all), same_(same), below_(below) {}
+
+  const std::vector<Variable>* all_;
+  bool everything_ = false;
+  Range same_{};
+  Range below_{};
+};
+
 class Model {
  public:
   explicit Model(Definitions definitions);
@@ -99,6 +120,11 @@ class Model {
   // boundaries, whatever their namespaces and instances, in the order of their keys. An empty name
   // covers all. The name is in lower case.
   std::vector<const Variable*> covered(std::string_view dottedName) const;
+  // The same for those who need no order: nothing is copied, and a walk may go on later.
+  CoveredVariables below(std::string_view dottedName) const;
+  // One variable of this full name, in lower case; null when there is none. Of several instances
+  // and namespaces the first.
+  const Variable* named(std::string_view dottedName) const;
 
   // Takes over what was committed under a revision; the variable has to be one of this model.
   void apply(const StoreChange& change, std::uint64_t revision);

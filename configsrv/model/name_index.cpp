@@ -41,23 +41,33 @@ NameIndex::NameIndex(const std::vector<Variable>& variables)
 
 std::vector<std::uint32_t> NameIndex::covered(std::string_view dottedName) const {
   if (dottedName.empty()) return numbersUpTo(sorted_.size());
-  std::vector<std::uint32_t> positions;
-  append(dottedName, true, positions);
-  append(std::string(dottedName) + ".", false, positions);
-  std::sort(positions.begin(), positions.end());
+  const Range same = exactly(dottedName);
+  const Range others = below(dottedName);
+  std::vector<std::uint32_t> positions(same.first, same.second);
+  positions.insert(positions.end(), others.first, others.second);
+  // Names without instances are in the order of the keys already.
+  if (!std::is_sorted(positions.begin(), positions.end()))
+    std::sort(positions.begin(), positions.end());
   return positions;
 }
 
-// Appends the variables whose full name begins with a text, or is it when `whole`.
-void NameIndex::append(std::string_view begin, bool whole,
-                       std::vector<std::uint32_t>& positions) const {
+NameIndex::Range NameIndex::exactly(std::string_view dottedName) const {
+  return range(dottedName, true);
+}
+
+NameIndex::Range NameIndex::below(std::string_view dottedName) const {
+  return range(std::string(dottedName) + ".", false);
+}
+
+NameIndex::Range NameIndex::range(std::string_view begin, bool whole) const {
   const auto first = std::partition_point(sorted_.begin(), sorted_.end(), [&](std::uint32_t i) {
     return compareFullName(variables_[i].key(), begin, !whole) < 0;
   });
   const auto last = std::partition_point(first, sorted_.end(), [&](std::uint32_t i) {
     return compareFullName(variables_[i].key(), begin, !whole) <= 0;
   });
-  positions.insert(positions.end(), first, last);
+  const std::uint32_t* const all = sorted_.data();
+  return {all + (first - sorted_.begin()), all + (last - sorted_.begin())};
 }
 
 }  // namespace ConfigSrv

@@ -5,6 +5,7 @@
 
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "configsrv/monitor/internal/facts.h"
+#include "configsrv/monitor/internal/open_messages.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_ids.h"
 
@@ -15,13 +16,6 @@ using PbUtility::Peer;
 using PbUtility::PeerId;
 using PbUtility::RequestId;
 
-struct Monitor::Open {
-  Peer peer;
-  Facts facts;
-  std::string message;
-  bool answered = false;
-};
-
 struct Monitor::Happened {
   ConfigIF::MonitorEvent event;
   const Peer& peer;
@@ -31,6 +25,16 @@ struct Monitor::Happened {
 };
 
 namespace {
+
+using Kind = OpenMessages::Kind;
+
+OpenMessages::Key keyOf(const RequestId& request) {
+  return {Kind::Request, request.connection, request.sequence};
+}
+
+OpenMessages::Key keyOf(PeerId peer, std::uint32_t question) {
+  return {Kind::Question, peer, question};
+}
 
 std::uint64_t nowInMicroseconds() {
   const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
@@ -63,27 +67,36 @@ std::string payloadOf(const google::protobuf::MessageLite& message) {
 
 }  // namespace
 
-Monitor::Monitor(const Model& model, Send send) : model_(model), send_(std::move(send)) {}
+Monitor::Monitor(const Model& model, Send send, MonitorLimits limits, uid_t own)
+    : model_(model),
+      send_(std::move(send)),
+      watcherShares_("monitors", limits.watchers, own),
+      open_(std::make_unique<OpenMessages>(limits.openBytes, own)) {}
 Monitor::~Monitor() = default;
 
-std::string Monitor::add(PeerId peer, SecurityRole role, const std::string& prefix) {
+std::string Monitor::add(PeerId peer, PbUtility::Owner owner, SecurityRole role,
+                         const std::string& prefix) {
   if (prefix.size() > kMaxPrefixBytes) {
     return "a name of " + std::to_string(prefix.size()) + " bytes is longer than the limit of " +
            std::to_string(kMaxPrefixBytes);
   }
-  if (watchers_.count(peer) == 0 && watchers_.size() >= kMaxWatchers) {
-    return "more monitors than the limit of " + std::to_string(kMaxWatchers);
+  if (watchers_.count(peer) == 0) {
+    const std::string refusal = watcherShares_.refusal(owner);
+    if (!refusal.empty()) return refusal + ": end one of them first";
+    watcherShares_.add(owner);
   }
-  watchers_[peer] = {role, lowerCase(prefix)};
+  watchers_[peer] = {owner, role, lowerCase(prefix)};
   return {};
 }
 
 // What is open is only known for the sake of watchers: the next one starts afresh.
 void Monitor::remove(PeerId peer) {
-  watchers_.erase(peer);
-  if (isActive()) return;
-  requests_.clear();
-  questions_.clear();
+  const auto found = watchers_.find(peer);
+  if (found != watchers_.end()) {
+    watcherShares_.remove(found->second.owner);
+    watchers_.erase(found);
+  }
+  if (!isActive()) open_->clear();
 }
 
 // --- What is told to whom ---
@@ -111,8 +124,12 @@ bool Monitor::isVisible(const Facts& facts, SecurityRole role) const {
     if (!visible(model_.find(key))) return false;
   }
   if (!facts.name) return true;
-  const std::vector<const Variable*> covered = model_.covered(lowerCase(*facts.name));
-  return std::all_of(covered.begin(), covered.end(), visible);
+  const CoveredVariables covered = model_.below(lowerCase(*facts.name));
+  if (covered.size() > kMaxLookedAt) return false;
+  for (std::size_t i = 0; i < covered.size(); ++i) {
+    if (!isVisible(covered[i], role)) return false;
+  }
+  return true;
 }
 
 bool Monitor::isKnown(const Facts& facts) const {
@@ -161,37 +178,30 @@ void Monitor::requestCame(const PbUtility::IncomingRequest& request) {
   std::optional<Facts> facts = factsOf(request.messageId, request.payload);
   if (!facts) return;
   const std::string message = PlatformSchema::messageName(request.messageId);
-  if (!request.id.oneWay) {
-    requests_[{request.id.connection, request.id.sequence}] = {request.peer, *facts, message,
-                                                               false};
-  }
+  if (!request.id.oneWay) open_->remember(keyOf(request.id), request.peer, *facts, message);
   tell({ConfigIF::MONITOR_REQUEST, request.peer, message, std::move(*facts)});
 }
 
 void Monitor::responseLeaves(const RequestId& request,
                              const google::protobuf::MessageLite& response) {
-  const auto found = requests_.find({request.connection, request.sequence});
-  if (found == requests_.end()) return;
-  Open open = std::move(found->second);
-  requests_.erase(found);
+  std::optional<OpenMessage> open = open_->take(keyOf(request));
+  if (!open) return;
   const std::uint32_t id = PlatformSchema::messageIdOf(response);
   std::optional<Facts> facts = factsOf(id, payloadOf(response));
   if (!facts) return;
-  facts->variables = std::move(open.facts.variables);
-  facts->name = std::move(open.facts.name);
-  tell({ConfigIF::MONITOR_RESPONSE, open.peer, PlatformSchema::messageName(id), std::move(*facts)});
+  facts->variables = std::move(open->facts.variables);
+  facts->name = std::move(open->facts.name);
+  tell(
+      {ConfigIF::MONITOR_RESPONSE, open->peer, PlatformSchema::messageName(id), std::move(*facts)});
 }
 
 void Monitor::requestRefused(const RequestId& request, std::uint32_t error,
                              const std::string& text) {
-  const auto found = requests_.find({request.connection, request.sequence});
-  if (found == requests_.end()) return;
-  Open open = std::move(found->second);
-  requests_.erase(found);
-  open.facts.values.clear();
-  open.facts.error = static_cast<CommonIF::eErrorType>(error);
-  open.facts.text = text;
-  tell({ConfigIF::MONITOR_RESPONSE, open.peer, open.message, std::move(open.facts)});
+  std::optional<OpenMessage> open = open_->take(keyOf(request));
+  if (!open) return;
+  open->facts.error = static_cast<CommonIF::eErrorType>(error);
+  open->facts.text = text;
+  tell({ConfigIF::MONITOR_RESPONSE, open->peer, open->message, std::move(open->facts)});
 }
 
 void Monitor::noticeLeaves(const Peer& to, const google::protobuf::MessageLite& notice) {
@@ -208,33 +218,28 @@ void Monitor::questionLeaves(const Peer& to, std::uint32_t question,
   std::optional<Facts> facts = factsOf(id, payloadOf(message));
   if (!facts) return;
   const std::string name = PlatformSchema::messageName(id);
-  questions_[{to.id, question}] = {to, *facts, name, false};
+  open_->remember(keyOf(to.id, question), to, *facts, name);
   tell({ConfigIF::MONITOR_QUESTION, to, name, std::move(*facts)});
 }
 
 void Monitor::answerCame(PeerId from, std::uint32_t question, std::uint32_t messageId,
                          std::string_view payload) {
-  const auto found = questions_.find({from, question});
-  if (found == questions_.end()) return;
-  Open& open = found->second;
-  open.answered = true;
+  OpenMessage* open = open_->find(keyOf(from, question));
+  if (open == nullptr) return;
+  open->answered = true;
   Facts facts = factsOf(messageId, payload).value_or(Facts());
-  facts.variables = open.facts.variables;
+  facts.variables = open->facts.variables;
   facts.name.reset();
   facts.values.clear();
-  tell({ConfigIF::MONITOR_ANSWER, open.peer, PlatformSchema::messageName(messageId),
+  tell({ConfigIF::MONITOR_ANSWER, open->peer, PlatformSchema::messageName(messageId),
         std::move(facts)});
 }
 
 void Monitor::questionDone(PeerId from, std::uint32_t question, bool peerGone) {
-  const auto found = questions_.find({from, question});
-  if (found == questions_.end()) return;
-  Open open = std::move(found->second);
-  questions_.erase(found);
-  if (!peerGone || open.answered) return;
-  open.facts.values.clear();
-  open.facts.error = CommonIF::ERROR_UNAVAILABLE;
-  tell({ConfigIF::MONITOR_ANSWER, open.peer, open.message, std::move(open.facts)});
+  std::optional<OpenMessage> open = open_->take(keyOf(from, question));
+  if (!open || !peerGone || open->answered) return;
+  open->facts.error = CommonIF::ERROR_UNAVAILABLE;
+  tell({ConfigIF::MONITOR_ANSWER, open->peer, open->message, std::move(open->facts)});
 }
 
 // A watcher of some name only is not told: clients are about no variable.

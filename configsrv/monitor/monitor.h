@@ -9,22 +9,22 @@
 //          somebody sends for a variable that does not exist are masked for everybody: they may
 //          have been meant for a secret one.
 // No loop  what watchers are told, and their asking for it, is never reported to any watcher.
-// Limits   kMaxWatchers; what is open (requests to be answered, questions to be answered) is
-// bounded
-//          by those who bound that.
+// Limits   MonitorLimits: watchers, and what is remembered of requests and questions until they are
+//          answered. What passes the second is reported when it comes, and its answer is not.
 // Threads  one. Owns nothing: the model outlives it.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "appconfig/core/security_role.h"
 #include "configsrv/model/model.h"
 #include "platform/messaging/server.h"
+#include "platform/messaging/shares.h"
 
 namespace ConfigIF {
 class MonitorNtfy;
@@ -33,18 +33,29 @@ enum MonitorEvent : int;
 
 namespace ConfigSrv {
 
+class OpenMessages;
 struct Facts;
+
+// All, ordinary users, a user, a process.
+struct MonitorLimits {
+  PbUtility::ShareLimits watchers{16, 12, 4, 2};
+  PbUtility::ShareLimits openBytes{std::size_t{4} << 20, std::size_t{768} << 10,
+                                   std::size_t{384} << 10, std::size_t{1} << 20};
+};
 
 class Monitor {
  public:
-  static constexpr std::size_t kMaxWatchers = 16;
   // Of the name that a watcher watches.
   static constexpr std::size_t kMaxPrefixBytes = 1024;
+  // Variables below a name that are looked at to know whether a text about it may be shown; of more,
+  // it is not.
+  static constexpr std::size_t kMaxLookedAt = 4096;
 
   // How a notice leaves.
   using Send = std::function<void(PbUtility::PeerId to, const ConfigIF::MonitorNtfy& notice)>;
 
-  Monitor(const Model& model, Send send);
+  // The service's own user is no ordinary one.
+  Monitor(const Model& model, Send send, MonitorLimits limits = {}, uid_t own = 0);
   ~Monitor();
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
@@ -52,9 +63,9 @@ class Monitor {
   bool isActive() const { return !watchers_.empty(); }
 
   // The peer watches all that concerns this dotted name, in any case; empty: everything. What it
-  // watched before, it no longer does. Empty on success, else which limit it would pass.
-  [[nodiscard]] std::string add(PbUtility::PeerId peer, AppConfig::SecurityRole role,
-                                const std::string& prefix);
+  // watched before, it no longer does. Empty on success, else which limit it would pass, and whose.
+  [[nodiscard]] std::string add(PbUtility::PeerId peer, PbUtility::Owner owner,
+                                AppConfig::SecurityRole role, const std::string& prefix);
   // It watches no longer; that it did not is fine.
   void remove(PbUtility::PeerId peer);
 
@@ -76,14 +87,11 @@ class Monitor {
 
  private:
   struct Watcher {
+    PbUtility::Owner owner;
     AppConfig::SecurityRole role;
     std::string prefix;
   };
-  // What an answer needs of what it answers.
-  struct Open;
   struct Happened;
-  using Key = std::pair<std::uint64_t, std::uint32_t>;
-  using OpenByKey = std::map<Key, Open>;
 
   static bool concerns(const Facts& facts, const std::string& prefix);
   bool isVisible(const Variable& variable, AppConfig::SecurityRole role) const;
@@ -97,10 +105,9 @@ class Monitor {
   const Model& model_;
   const Send send_;
   std::map<PbUtility::PeerId, Watcher> watchers_;
-  // By connection and sequence.
-  OpenByKey requests_;
-  // By peer and number.
-  OpenByKey questions_;
+  PbUtility::Shares watcherShares_;
+  // What an answer needs of what it answers.
+  const std::unique_ptr<OpenMessages> open_;
 };
 
 }  // namespace ConfigSrv

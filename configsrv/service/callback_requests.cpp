@@ -52,7 +52,7 @@ void Requests::registerCallback(const Call& call,
                  "read it and a user who may write it");
     return respond(call.id, response);
   }
-  const std::string refusal = with_.subscriptions.add(call.by.peer, registration);
+  const std::string refusal = with_.subscriptions.add(call.by.peer, call.by.owner, registration);
   if (!refusal.empty()) {
     with_.log.repeatable(LogLevel::Warning, "registration",
                          "a registration of " + call.by.clientName + " refused: " + refusal);

@@ -60,6 +60,7 @@ bool Requests::admit(const Incoming& incoming, const std::string& clientName,
           {peer.id, clientName.substr(0, kMaxClientName), role, waits},
           incoming.revision,
           incoming.overDelivery};
+  call.by.owner = {peer.uid, peer.pid};
   if (with_.access.mayClaim(peer.uid, peer.gid, role)) return true;
   const std::string text = with_.access.denial(peer.uid, peer.gid, role);
   with_.log.repeatable(
@@ -196,11 +197,7 @@ bool Requests::mayRead(const Call& call, const Variable& variable,
 
 // Of several instances and namespaces any will do: they share their definition.
 const Variable* Requests::findByDottedName(const std::string& name) const {
-  const std::string wanted = lowerCase(name);
-  for (const Variable* variable : with_.model.covered(wanted)) {
-    if (variable->key().dottedName() == wanted) return variable;
-  }
-  return nullptr;
+  return with_.model.named(lowerCase(name));
 }
 
 }  // namespace ConfigSrv

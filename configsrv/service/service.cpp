@@ -141,15 +141,21 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         store_(std::move(opened.store)),
         model_(std::move(definitions)),
         epoch_(witness_->epochFor(store_->storeId(), model_.definitions().digest())),
+        subscriptions_({}, ::geteuid(),
+                       [this](std::function<void()> task) {
+                         server_.after(std::chrono::milliseconds(0), std::move(task));
+                       }),
         announcer_(model_, subscriptions_, *this),
         changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),
                  audit_.get()),
         server_(serverOptions(options_, epoch_, model_.size()), *this),
-        monitor_(model_,
-                 // A report of a notice goes before the notice.
-                 [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-                   server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
-                 }),
+        monitor_(
+            model_,
+            // A report of a notice goes before the notice.
+            [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
+              server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
+            },
+            {}, ::geteuid()),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
                    server_, providers_, audit_.get(), *store_}),
         commits_(*store_, [this] {
@@ -176,6 +182,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   static ChangesOptions changesOptions(const ServiceOptions& options) {
     ChangesOptions result;
     result.providerDeadline = options.providerDeadline;
+    result.own = ::geteuid();
     return result;
   }
 

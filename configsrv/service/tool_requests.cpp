@@ -107,7 +107,8 @@ void Requests::clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::Clien
 void Requests::monitor(const Call& call, const ConfigIF::MonitorReq& request,
                        ConfigIF::MonitorRsp& response) {
   if (request.stop()) return with_.monitor.remove(call.by.peer);
-  const std::string refusal = with_.monitor.add(call.by.peer, call.by.role, request.prefix());
+  const std::string refusal =
+      with_.monitor.add(call.by.peer, call.by.owner, call.by.role, request.prefix());
   if (!refusal.empty()) setError(*response.mutable_result(), eErrLimit, refusal);
 }
 

@@ -2,51 +2,58 @@
 // stand together. A variable's subscribers are found by looking up its full name and each of its
 // beginnings at a dot, so a million registrations elsewhere cost nothing.
 //
-// Entries are small (16 bytes) because a client registers for every variable that it reads: the
-// texts that its registrations share, identity and client name, are kept once for each peer.
+// Entries are small (8 bytes) because a client registers for every variable that it reads: what its
+// registrations share, the peer, the identity and the client name, is kept once, as their caller. A
+// caller knows the names of its entries. To withdraw all of its registrations, or those of a peer that
+// is gone, is to mark callers: their entries count no more, and are erased in slices. Whoever registers
+// again meanwhile, under the same texts, is another caller.
 #include "configsrv/subscriptions/subscriptions.h"
 
 #include <algorithm>
-#include <tuple>
+#include <array>
+#include <deque>
+#include <set>
 #include <unordered_map>
-#include <unordered_set>
+
+#include "configsrv/subscriptions/internal/name_table.h"
 
 namespace ConfigSrv {
 namespace {
 
 using AppConfig::SecurityRole;
+using PbUtility::Owner;
 using PbUtility::PeerId;
+using Node = NameTable::Node;
 
-// The texts of a peer's registrations, used by `uses` of them. A slot without uses is free.
+using CallerNumber = std::uint32_t;
+constexpr CallerNumber kNoCaller = ~CallerNumber{0};
+// Types of callbacks are numbers below this.
+constexpr std::size_t kTypes = 8;
+
+// Whose registrations these are, under which texts.
 struct Caller {
+  PeerId peer = 0;
+  Owner owner;
   std::string identity;
   std::string clientName;
-  std::size_t uses = 0;
+  // What it registered counts.
+  bool isActive = true;
+  // A tree, for a table of a hundred thousand would move them all when it grows.
+  std::set<Node*> names;
+  std::size_t registrations = 0;
+  std::array<std::uint32_t, kTypes> ofType{};
 };
-
-struct Entry {
-  PeerId peer;
-  std::uint32_t caller;
-  std::uint8_t type;
-  std::uint8_t role;
-};
-
-auto orderOf(const Entry& entry) {
-  return std::tie(entry.type, entry.peer, entry.caller, entry.role);
-}
-bool operator<(const Entry& a, const Entry& b) { return orderOf(a) < orderOf(b); }
-
-using Entries = std::vector<Entry>;
-// Names and their entries; nodes do not move, so that peers can point to theirs.
-using Index = std::unordered_map<std::string, Entries>;
 
 struct PeerRecord {
-  std::vector<Caller> callers;
-  std::unordered_set<Index::value_type*> names;
+  // The active ones.
+  std::vector<CallerNumber> callers;
+  // With those that are still to be erased.
   std::size_t registrations = 0;
 };
 
 std::uint8_t small(int number) { return static_cast<std::uint8_t>(number); }
+
+std::uint32_t& countOf(Caller& caller, std::uint8_t type) { return caller.ofType[type]; }
 
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -65,6 +72,18 @@ std::string tooMany(const char* what, std::size_t limit) {
   return std::string("more ") + what + " than the limit of " + std::to_string(limit);
 }
 
+std::size_t bytesOfOne(const Node& node) {
+  return SubscriptionLimits::kRegistrationBytes + node.first.text.size();
+}
+
+std::size_t bytesOf(const Registration& registration) {
+  return SubscriptionLimits::kRegistrationBytes + registration.name.size();
+}
+
+std::size_t bytesOfCaller(const std::string& identity, const std::string& clientName) {
+  return SubscriptionLimits::kCallerBytes + identity.size() + clientName.size();
+}
+
 bool samePlace(const Subscriber& a, const Subscriber& b) {
   return a.peer == b.peer && a.identity == b.identity;
 }
@@ -79,57 +98,69 @@ bool beforeInList(const Subscriber& a, const Subscriber& b) {
 
 class Subscriptions::Impl {
  public:
-  explicit Impl(SubscriptionLimits limits) : limits_(limits) {}
+  Impl(SubscriptionLimits limits, uid_t own, Later later)
+      : limits_(limits),
+        bytes_("bytes of registrations", limits.bytes, own),
+        later_(std::move(later)) {}
 
-  std::string add(PeerId peer, const Registration& registration);
+  std::string add(PeerId peer, Owner owner, const Registration& registration);
   bool remove(PeerId peer, std::string_view name, ConfigIF::CallbackType type,
               std::string_view identity);
   std::size_t removeAll(PeerId peer, std::string_view clientName);
-  void forget(PeerId peer) {
-    eraseWhere(peer, [](const Entry&, const Caller&) { return true; });
-  }
+  void forget(PeerId peer);
 
-  // Calls visit(entry) for each entry that covers the name, until it returns false.
+  // Calls visit(entry, caller) for each entry that covers the name and counts, until it returns
+  // false.
   template <typename Visit>
   void visitCovering(std::string_view fullName, ConfigIF::CallbackType type, Visit visit) const;
 
-  const Caller& callerOf(const Entry& entry) const {
-    return peers_.at(entry.peer).callers[entry.caller];
-  }
+  bool contains(PeerId peer, const Registration& registration) const;
   std::vector<std::string> names(PeerId peer, ConfigIF::CallbackType type) const;
   std::size_t count() const { return count_; }
   std::size_t count(PeerId peer) const {
     const auto found = peers_.find(peer);
     return found == peers_.end() ? 0 : found->second.registrations;
   }
+  const PbUtility::Shares& bytes() const { return bytes_; }
+  bool isErasing() const { return !leaving_.empty(); }
 
  private:
-  static constexpr std::uint32_t kNoCaller = ~std::uint32_t{0};
-
   std::string checkTexts(const Registration& registration) const;
-  std::string checkCounts(const PeerRecord& record) const;
-  std::uint32_t findCaller(const PeerRecord& record, const Registration& registration) const;
-  std::uint32_t takeCaller(PeerRecord& record, const Registration& registration) const;
-  bool isKnown(const std::string& name, const Entry& entry) const;
-  void insert(PeerRecord& record, const std::string& name, const Entry& entry);
-  void eraseNameIfEmpty(Index::value_type* node);
-  void erasePeerIfEmpty(PeerId peer);
+  std::string refusalOf(PeerId peer, Owner owner, const Registration& registration,
+                        bool isNewCaller) const;
+  CallerNumber findCaller(PeerId peer, const Registration& registration) const;
+  CallerNumber newCaller(PeerId peer, Owner owner, const Registration& registration);
+  void insert(CallerNumber number, const std::string& name, Entry entry);
+  // What was erased at a name is counted no longer.
+  void uncount(Caller& caller, const Node& node, std::uint8_t type, std::size_t count);
+  void dropName(CallerNumber number, Node& node);
+  void dropCaller(CallerNumber number);
+  void dropPeerIfEmpty(PeerId peer);
 
-  template <typename Predicate>
-  std::size_t eraseWhere(PeerId peer, Predicate predicate);
-  template <typename Predicate>
-  std::size_t eraseFromName(PeerId peer, PeerRecord& record, Index::value_type* node,
-                            Predicate predicate);
+  void deactivate(CallerNumber number);
+  void eraseLater();
+  void eraseSlice();
+  std::size_t eraseOneName(CallerNumber number);
 
   const SubscriptionLimits limits_;
-  Index index_;
+  NameTable names_;
+  // By number; null: the number is free.
+  std::vector<std::unique_ptr<Caller>> callers_;
+  std::vector<CallerNumber> freeNumbers_;
   std::unordered_map<PeerId, PeerRecord> peers_;
   std::size_t count_ = 0;
-  // Reused for each look-up, so that looking up allocates nothing.
-  mutable std::string searched_;
+  PbUtility::Shares bytes_;
+  // Callers whose entries are to be erased.
+  std::deque<CallerNumber> leaving_;
+  const Later later_;
+  bool isScheduled_ = false;
 };
 
+// --- Adding ---
+
 std::string Subscriptions::Impl::checkTexts(const Registration& registration) const {
+  if (static_cast<std::size_t>(registration.type) >= kTypes)
+    return "there is no callback type " + std::to_string(registration.type);
   if (registration.name.size() > limits_.nameBytes)
     return tooLong("a name", registration.name.size(), limits_.nameBytes);
   if (registration.identity.size() > limits_.identityBytes)
@@ -139,161 +170,224 @@ std::string Subscriptions::Impl::checkTexts(const Registration& registration) co
   return {};
 }
 
-std::string Subscriptions::Impl::checkCounts(const PeerRecord& record) const {
-  if (record.registrations >= limits_.registrationsPerPeer)
+std::string Subscriptions::Impl::refusalOf(PeerId peer, Owner owner,
+                                           const Registration& registration,
+                                           bool isNewCaller) const {
+  const auto found = peers_.find(peer);
+  const bool isKnown = found != peers_.end();
+  if (isKnown && found->second.registrations >= limits_.registrationsPerPeer)
     return tooMany("registrations of one process", limits_.registrationsPerPeer);
   if (count_ >= limits_.registrations) return tooMany("registrations", limits_.registrations);
+  if (isNewCaller && isKnown && found->second.callers.size() >= limits_.callersPerPeer)
+    return tooMany("callback identities of one process", limits_.callersPerPeer);
+  const std::size_t forCaller =
+      isNewCaller ? bytesOfCaller(registration.identity, registration.clientName) : 0;
+  return bytes_.refusal(owner, bytesOf(registration) + forCaller);
+}
+
+CallerNumber Subscriptions::Impl::findCaller(PeerId peer, const Registration& registration) const {
+  const auto found = peers_.find(peer);
+  if (found == peers_.end()) return kNoCaller;
+  for (const CallerNumber number : found->second.callers) {
+    const Caller& caller = *callers_[number];
+    if (caller.identity == registration.identity && caller.clientName == registration.clientName)
+      return number;
+  }
+  return kNoCaller;
+}
+
+CallerNumber Subscriptions::Impl::newCaller(PeerId peer, Owner owner,
+                                            const Registration& registration) {
+  auto caller = std::make_unique<Caller>();
+  caller->peer = peer;
+  caller->owner = owner;
+  caller->identity = registration.identity;
+  caller->clientName = registration.clientName;
+  bytes_.add(owner, bytesOfCaller(caller->identity, caller->clientName));
+  if (freeNumbers_.empty()) {
+    freeNumbers_.push_back(static_cast<CallerNumber>(callers_.size()));
+    callers_.emplace_back();
+  }
+  const CallerNumber number = freeNumbers_.back();
+  freeNumbers_.pop_back();
+  callers_[number] = std::move(caller);
+  peers_[peer].callers.push_back(number);
+  return number;
+}
+
+void Subscriptions::Impl::insert(CallerNumber number, const std::string& name, Entry entry) {
+  Caller& caller = *callers_[number];
+  entry.caller = number;
+  Node& node = names_.at(name);
+  NameTable::insert(node, entry);
+  caller.names.insert(&node);
+  ++caller.registrations;
+  ++countOf(caller, entry.type);
+  ++peers_[caller.peer].registrations;
+  ++count_;
+  bytes_.add(caller.owner, bytesOfOne(node));
+}
+
+bool Subscriptions::Impl::contains(PeerId peer, const Registration& registration) const {
+  const CallerNumber caller = findCaller(peer, registration);
+  const Node* node = caller == kNoCaller ? nullptr : names_.find(folded(registration.name));
+  const Entry entry{caller, small(registration.type), small(registration.role)};
+  return node != nullptr && std::binary_search(node->second.begin(), node->second.end(), entry);
+}
+
+std::string Subscriptions::Impl::add(PeerId peer, Owner owner, const Registration& registration) {
+  std::string refusal = checkTexts(registration);
+  if (!refusal.empty() || contains(peer, registration)) return refusal;
+  const CallerNumber known = findCaller(peer, registration);
+  refusal = refusalOf(peer, owner, registration, known == kNoCaller);
+  if (!refusal.empty()) return refusal;
+  insert(known == kNoCaller ? newCaller(peer, owner, registration) : known,
+         folded(registration.name), {0, small(registration.type), small(registration.role)});
   return {};
 }
 
-std::uint32_t Subscriptions::Impl::findCaller(const PeerRecord& record,
-                                              const Registration& registration) const {
-  const auto found =
-      std::find_if(record.callers.begin(), record.callers.end(), [&](const Caller& caller) {
-        return caller.uses > 0 && caller.identity == registration.identity &&
-               caller.clientName == registration.clientName;
-      });
-  return found == record.callers.end() ? kNoCaller
-                                       : static_cast<std::uint32_t>(found - record.callers.begin());
+// --- Erasing ---
+
+void Subscriptions::Impl::uncount(Caller& caller, const Node& node, std::uint8_t type,
+                                  std::size_t count) {
+  caller.registrations -= count;
+  countOf(caller, type) -= static_cast<std::uint32_t>(count);
+  count_ -= count;
+  bytes_.remove(caller.owner, count * bytesOfOne(node));
+  const auto peer = peers_.find(caller.peer);
+  if (peer != peers_.end()) peer->second.registrations -= count;
 }
 
-// A free slot filled with the registration's texts; kNoCaller when the limit is reached.
-std::uint32_t Subscriptions::Impl::takeCaller(PeerRecord& record,
-                                              const Registration& registration) const {
-  auto slot = std::find_if(record.callers.begin(), record.callers.end(),
-                           [](const Caller& caller) { return caller.uses == 0; });
-  if (slot == record.callers.end()) {
-    if (record.callers.size() >= limits_.callersPerPeer) return kNoCaller;
-    slot = record.callers.insert(slot, Caller{});
-  }
-  *slot = {registration.identity, registration.clientName, 0};
-  return static_cast<std::uint32_t>(slot - record.callers.begin());
+// Once nothing of the caller is left at it.
+void Subscriptions::Impl::dropName(CallerNumber number, Node& node) {
+  if (NameTable::hasAnyOf(node, number)) return;
+  callers_[number]->names.erase(&node);
+  names_.dropIfEmpty(node);
 }
 
-bool Subscriptions::Impl::isKnown(const std::string& name, const Entry& entry) const {
-  const auto found = index_.find(name);
-  return found != index_.end() &&
-         std::binary_search(found->second.begin(), found->second.end(), entry);
+void Subscriptions::Impl::dropCaller(CallerNumber number) {
+  const std::unique_ptr<Caller> caller = std::move(callers_[number]);
+  bytes_.remove(caller->owner, bytesOfCaller(caller->identity, caller->clientName));
+  freeNumbers_.push_back(number);
+  const auto peer = peers_.find(caller->peer);
+  if (peer == peers_.end()) return;
+  std::vector<CallerNumber>& all = peer->second.callers;
+  all.erase(std::remove(all.begin(), all.end(), number), all.end());
+  dropPeerIfEmpty(caller->peer);
 }
 
-void Subscriptions::Impl::insert(PeerRecord& record, const std::string& name, const Entry& entry) {
-  Index::value_type& node = *index_.try_emplace(name).first;
-  Entries& entries = node.second;
-  entries.insert(std::lower_bound(entries.begin(), entries.end(), entry), entry);
-  record.names.insert(&node);
-  record.callers[entry.caller].uses++;
-  record.registrations++;
-  count_++;
-}
-
-std::string Subscriptions::Impl::add(PeerId peer, const Registration& registration) {
-  std::string tooLongText = checkTexts(registration);
-  if (!tooLongText.empty()) return tooLongText;
-  const std::string name = folded(registration.name);
-  PeerRecord& record = peers_[peer];
-  Entry entry{peer, findCaller(record, registration), small(registration.type),
-              small(registration.role)};
-  if (entry.caller != kNoCaller && isKnown(name, entry)) return {};
-
-  std::string refusal = checkCounts(record);
-  if (refusal.empty() && entry.caller == kNoCaller) entry.caller = takeCaller(record, registration);
-  if (refusal.empty() && entry.caller == kNoCaller)
-    refusal = tooMany("callback identities of one process", limits_.callersPerPeer);
-  if (refusal.empty())
-    insert(record, name, entry);
-  else
-    erasePeerIfEmpty(peer);
-  return refusal;
-}
-
-void Subscriptions::Impl::eraseNameIfEmpty(Index::value_type* node) {
-  if (node->second.empty()) index_.erase(index_.find(node->first));
-}
-
-void Subscriptions::Impl::erasePeerIfEmpty(PeerId peer) {
+void Subscriptions::Impl::dropPeerIfEmpty(PeerId peer) {
   const auto found = peers_.find(peer);
-  if (found != peers_.end() && found->second.registrations == 0) peers_.erase(found);
-}
-
-// Erases the peer's entries at one name for which predicate(entry, caller) holds. The caller takes
-// the name out of the peer's record when none is left.
-template <typename Predicate>
-std::size_t Subscriptions::Impl::eraseFromName(PeerId peer, PeerRecord& record,
-                                               Index::value_type* node, Predicate predicate) {
-  Entries& entries = node->second;
-  const auto erased = [&](const Entry& entry) {
-    if (entry.peer != peer || !predicate(entry, record.callers[entry.caller])) return false;
-    record.callers[entry.caller].uses--;
-    return true;
-  };
-  const auto end = std::remove_if(entries.begin(), entries.end(), erased);
-  const auto removed = static_cast<std::size_t>(entries.end() - end);
-  entries.erase(end, entries.end());
-  record.registrations -= removed;
-  count_ -= removed;
-  return removed;
-}
-
-namespace {
-
-bool holdsEntryOf(const Entries& entries, PeerId peer) {
-  return std::any_of(entries.begin(), entries.end(),
-                     [&](const Entry& entry) { return entry.peer == peer; });
-}
-
-}  // namespace
-
-template <typename Predicate>
-std::size_t Subscriptions::Impl::eraseWhere(PeerId peer, Predicate predicate) {
-  const auto found = peers_.find(peer);
-  if (found == peers_.end()) return 0;
-  PeerRecord& record = found->second;
-  std::size_t removed = 0;
-  for (auto name = record.names.begin(); name != record.names.end();) {
-    Index::value_type* node = *name;
-    removed += eraseFromName(peer, record, node, predicate);
-    name = holdsEntryOf(node->second, peer) ? std::next(name) : record.names.erase(name);
-    eraseNameIfEmpty(node);
-  }
-  erasePeerIfEmpty(peer);
-  return removed;
+  if (found != peers_.end() && found->second.callers.empty() && found->second.registrations == 0)
+    peers_.erase(found);
 }
 
 bool Subscriptions::Impl::remove(PeerId peer, std::string_view name, ConfigIF::CallbackType type,
                                  std::string_view identity) {
-  const auto foundPeer = peers_.find(peer);
-  const auto foundName = index_.find(folded(name));
-  if (foundPeer == peers_.end() || foundName == index_.end()) return false;
-  Index::value_type* node = &*foundName;
-  PeerRecord& record = foundPeer->second;
-  const std::size_t removed =
-      eraseFromName(peer, record, node, [&](const Entry& entry, const Caller& caller) {
-        return entry.type == small(type) && caller.identity == identity;
-      });
-  if (!holdsEntryOf(node->second, peer)) record.names.erase(node);
-  eraseNameIfEmpty(node);
-  erasePeerIfEmpty(peer);
-  return removed > 0;
+  const auto found = peers_.find(peer);
+  if (found == peers_.end()) return false;
+  const std::string wanted = folded(name);
+  bool any = false;
+  const std::vector<CallerNumber> callers = found->second.callers;
+  for (const CallerNumber number : callers) {
+    Caller& caller = *callers_[number];
+    Node* node = caller.identity == identity ? names_.find(wanted) : nullptr;
+    const std::size_t count = node == nullptr ? 0 : NameTable::erase(*node, number, small(type));
+    if (count == 0) continue;
+    any = true;
+    uncount(caller, *node, small(type), count);
+    dropName(number, *node);
+    if (caller.registrations == 0) dropCaller(number);
+  }
+  return any;
+}
+
+// --- Erasing later ---
+
+void Subscriptions::Impl::deactivate(CallerNumber number) {
+  callers_[number]->isActive = false;
+  leaving_.push_back(number);
 }
 
 std::size_t Subscriptions::Impl::removeAll(PeerId peer, std::string_view clientName) {
-  return eraseWhere(
-      peer, [&](const Entry&, const Caller& caller) { return caller.clientName == clientName; });
+  const auto found = peers_.find(peer);
+  if (found == peers_.end()) return 0;
+  std::vector<CallerNumber>& all = found->second.callers;
+  std::size_t withdrawn = 0;
+  const auto isKept = [&](CallerNumber number) {
+    return callers_[number]->clientName != clientName;
+  };
+  const auto theirs = std::stable_partition(all.begin(), all.end(), isKept);
+  for (auto number = theirs; number != all.end(); ++number) {
+    withdrawn += callers_[*number]->registrations;
+    deactivate(*number);
+  }
+  all.erase(theirs, all.end());
+  eraseLater();
+  return withdrawn;
 }
+
+void Subscriptions::Impl::forget(PeerId peer) {
+  const auto found = peers_.find(peer);
+  if (found == peers_.end()) return;
+  for (const CallerNumber number : found->second.callers) deactivate(number);
+  peers_.erase(found);
+  eraseLater();
+}
+
+void Subscriptions::Impl::eraseLater() {
+  if (!later_) {
+    while (!leaving_.empty()) eraseSlice();
+  } else if (!leaving_.empty() && !isScheduled_) {
+    isScheduled_ = true;
+    later_([this] {
+      isScheduled_ = false;
+      eraseSlice();
+      eraseLater();
+    });
+  }
+}
+
+void Subscriptions::Impl::eraseSlice() {
+  for (std::size_t done = 0; done < SubscriptionLimits::kErasedAtOnce && !leaving_.empty();) {
+    const CallerNumber number = leaving_.front();
+    done += eraseOneName(number);
+    if (!callers_[number]->names.empty()) continue;
+    leaving_.pop_front();
+    dropCaller(number);
+  }
+}
+
+// How much work it was.
+std::size_t Subscriptions::Impl::eraseOneName(CallerNumber number) {
+  Caller& caller = *callers_[number];
+  if (caller.names.empty()) return 1;
+  Node& node = **caller.names.begin();
+  const std::size_t each = 1 + node.second.size() / SubscriptionLimits::kMovedForOne;
+  const std::size_t before = caller.registrations;
+  for (std::uint8_t type = 0; type < kTypes; ++type) {
+    if (countOf(caller, type) > 0)
+      uncount(caller, node, type, NameTable::erase(node, number, type));
+  }
+  const std::size_t erased = before - caller.registrations;
+  dropName(number, node);
+  return erased * each;
+}
+
+// --- Finding ---
 
 template <typename Visit>
 void Subscriptions::Impl::visitCovering(std::string_view fullName, ConfigIF::CallbackType type,
                                         Visit visit) const {
   std::size_t length = 0;
   while (true) {
-    searched_.assign(fullName.data(), length);
-    const auto found = index_.find(searched_);
-    if (found != index_.end()) {
-      const Entries& entries = found->second;
-      const Entry first{0, 0, small(type), 0};
-      for (auto entry = std::lower_bound(entries.begin(), entries.end(), first);
+    const Node* node = names_.find(fullName.substr(0, length));
+    if (node != nullptr) {
+      const NameTable::Entries& entries = node->second;
+      for (auto entry = std::lower_bound(entries.begin(), entries.end(), Entry{0, small(type), 0});
            entry != entries.end() && entry->type == small(type); ++entry) {
-        if (!visit(*entry)) return;
+        const Caller& caller = *callers_[entry->caller];
+        if (caller.isActive && !visit(*entry, caller)) return;
       }
     }
     if (length == fullName.size()) return;
@@ -307,22 +401,32 @@ std::vector<std::string> Subscriptions::Impl::names(PeerId peer,
   std::vector<std::string> names;
   const auto found = peers_.find(peer);
   if (found == peers_.end()) return names;
-  const auto wanted = [&](const Entry& entry) {
-    return entry.peer == peer && entry.type == small(type);
-  };
-  for (const Index::value_type* node : found->second.names) {
-    const Entries& entries = node->second;
-    if (std::any_of(entries.begin(), entries.end(), wanted)) names.push_back(node->first);
+  for (const CallerNumber number : found->second.callers) {
+    Caller& caller = *callers_[number];
+    if (countOf(caller, small(type)) == 0) continue;
+    const auto isWanted = [&](const Entry& entry) {
+      return entry.caller == number && entry.type == small(type);
+    };
+    for (const Node* node : caller.names) {
+      const NameTable::Entries& entries = node->second;
+      const auto first =
+          std::lower_bound(entries.begin(), entries.end(), Entry{number, small(type), 0});
+      if (first != entries.end() && isWanted(*first)) names.push_back(node->first.text);
+    }
   }
   std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
   return names;
 }
 
-Subscriptions::Subscriptions(SubscriptionLimits limits) : impl_(std::make_unique<Impl>(limits)) {}
+// --- Subscriptions ---
+
+Subscriptions::Subscriptions(SubscriptionLimits limits, uid_t own, Later later)
+    : impl_(std::make_unique<Impl>(limits, own, std::move(later))) {}
 Subscriptions::~Subscriptions() = default;
 
-std::string Subscriptions::add(PeerId peer, const Registration& registration) {
-  return impl_->add(peer, registration);
+std::string Subscriptions::add(PeerId peer, Owner owner, const Registration& registration) {
+  return impl_->add(peer, owner, registration);
 }
 
 bool Subscriptions::remove(PeerId peer, std::string_view name, ConfigIF::CallbackType type,
@@ -339,10 +443,9 @@ void Subscriptions::forget(PeerId peer) { impl_->forget(peer); }
 std::vector<Subscriber> Subscriptions::covering(std::string_view fullName,
                                                 ConfigIF::CallbackType type) const {
   std::vector<Subscriber> result;
-  impl_->visitCovering(fullName, type, [&](const Entry& entry) {
-    const Caller& caller = impl_->callerOf(entry);
+  impl_->visitCovering(fullName, type, [&](const Entry& entry, const Caller& caller) {
     result.push_back(
-        {entry.peer, caller.identity, caller.clientName, static_cast<SecurityRole>(entry.role)});
+        {caller.peer, caller.identity, caller.clientName, static_cast<SecurityRole>(entry.role)});
     return true;
   });
   std::sort(result.begin(), result.end(), beforeInList);
@@ -352,11 +455,15 @@ std::vector<Subscriber> Subscriptions::covering(std::string_view fullName,
 
 bool Subscriptions::anyCovering(std::string_view fullName, ConfigIF::CallbackType type) const {
   bool any = false;
-  impl_->visitCovering(fullName, type, [&](const Entry&) {
+  impl_->visitCovering(fullName, type, [&](const Entry&, const Caller&) {
     any = true;
     return false;
   });
   return any;
+}
+
+bool Subscriptions::contains(PeerId peer, const Registration& registration) const {
+  return impl_->contains(peer, registration);
 }
 
 std::vector<std::string> Subscriptions::names(PeerId peer, ConfigIF::CallbackType type) const {
@@ -365,5 +472,7 @@ std::vector<std::string> Subscriptions::names(PeerId peer, ConfigIF::CallbackTyp
 
 std::size_t Subscriptions::count() const { return impl_->count(); }
 std::size_t Subscriptions::count(PeerId peer) const { return impl_->count(peer); }
+bool Subscriptions::isErasing() const { return impl_->isErasing(); }
+const PbUtility::Shares& Subscriptions::bytes() const { return impl_->bytes(); }
 
 }  // namespace ConfigSrv

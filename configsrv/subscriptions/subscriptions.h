@@ -10,12 +10,16 @@
 //
 // Cost     finding the subscribers of a variable costs by the depth of its name and by how many
 //          there are, not by how many registrations exist.
+// Slices   what is withdrawn together, or is a peer's that went, counts for nobody from that moment
+//          on. It is erased afterwards, some of it at a time, so that nothing waits for that; until
+//          then it counts as its owner's, who must not gain by withdrawing.
 // Errors   what would pass a limit is refused; nothing else can fail.
 // Threads  one.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,6 +27,7 @@
 
 #include "appconfig/core/security_role.h"
 #include "platform/messaging/server.h"
+#include "platform/messaging/shares.h"
 
 namespace ConfigIF {
 enum CallbackType : int;
@@ -40,6 +45,18 @@ struct SubscriptionLimits {
   // each of its links, and at most two links.
   std::size_t callersPerPeer = 64;
   std::size_t registrations = 1'000'000;
+  // What all of it may take in memory, in bytes: all, ordinary users, a user, a process.
+  PbUtility::ShareLimits bytes{std::size_t{64} << 20, std::size_t{12} << 20, std::size_t{6} << 20,
+                               std::size_t{24} << 20};
+
+  // What one registration counts as, beside the bytes of its name, and one caller beside its texts:
+  // no less than they take, in whatever order they came.
+  static constexpr std::size_t kRegistrationBytes = 208;
+  static constexpr std::size_t kCallerBytes = 512;
+  // Erased in one slice: registrations, or for a long list of registrations of one name as many
+  // entries of it as are moved in the same time.
+  static constexpr std::size_t kErasedAtOnce = 1000;
+  static constexpr std::size_t kMovedForOne = 512;
 };
 
 struct Registration {
@@ -63,14 +80,19 @@ struct Subscriber {
 
 class Subscriptions {
  public:
-  explicit Subscriptions(SubscriptionLimits limits = {});
+  // Has a task run later, when others had their turn.
+  using Later = std::function<void(std::function<void()> task)>;
+
+  // The service's own user is no ordinary one. Without `later` everything is erased at once.
+  explicit Subscriptions(SubscriptionLimits limits = {}, uid_t own = 0, Later later = {});
   ~Subscriptions();
   Subscriptions(const Subscriptions&) = delete;
   Subscriptions& operator=(const Subscriptions&) = delete;
 
-  // Empty on success, else which limit the registration would pass. A registration made before is
-  // accepted again and changes nothing.
-  [[nodiscard]] std::string add(PbUtility::PeerId peer, const Registration& registration);
+  // Empty on success, else which limit the registration would pass, and whose it is. A registration
+  // made before is accepted again and changes nothing. The owner is the peer's.
+  [[nodiscard]] std::string add(PbUtility::PeerId peer, PbUtility::Owner owner,
+                                const Registration& registration);
 
   // Withdraws the peer's registrations of this name, type and identity, whatever their roles and
   // client names. False when there are none.
@@ -88,8 +110,16 @@ class Subscriptions {
   // Whether anybody is.
   bool anyCovering(std::string_view fullName, ConfigIF::CallbackType type) const;
 
+  // Whether this very registration is there.
+  bool contains(PbUtility::PeerId peer, const Registration& registration) const;
+
+  // Those that are kept, what is still to be erased included.
   std::size_t count() const;
   std::size_t count(PbUtility::PeerId peer) const;
+  // Whether something is still to be erased.
+  bool isErasing() const;
+  // What they count as in memory.
+  const PbUtility::Shares& bytes() const;
   // The names that the peer registered for this type, in lower case and in their order, each once.
   std::vector<std::string> names(PbUtility::PeerId peer, ConfigIF::CallbackType type) const;
 

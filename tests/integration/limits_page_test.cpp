@@ -62,27 +62,35 @@ Limits limitsOfTheMessageLayer() {
   };
 }
 
-// The four limits of what is shared out.
-Limits limitsOfShares(const std::string& constant, const PbUtility::ShareLimits& shares) {
-  return {
-      {constant + ".all", number(shares.all)},
-      {constant + ".ordinary", number(shares.ordinary)},
-      {constant + ".perUser", number(shares.perUser)},
-      {constant + ".perProcess", number(shares.perProcess)},
-  };
+// The four limits of a share.
+void addShare(Limits& limits, const std::string& name, const PbUtility::ShareLimits& share) {
+  limits[name + ".all"] = number(share.all);
+  limits[name + ".ordinary"] = number(share.ordinary);
+  limits[name + ".perUser"] = number(share.perUser);
+  limits[name + ".perProcess"] = number(share.perProcess);
 }
 
-Limits limitsOfSharesOfTheMessageLayer() {
+Limits limitsOfShares() {
+  Limits limits;
   const PbUtility::ServerOptions server;
-  Limits all = limitsOfShares("ServerOptions::bufferedBytes", server.bufferedBytes);
-  all.merge(limitsOfShares("ServerOptions::openQuestions", server.openQuestions));
-  return all;
+  addShare(limits, "ServerOptions::bufferedBytes", server.bufferedBytes);
+  addShare(limits, "ServerOptions::openQuestions", server.openQuestions);
+  addShare(limits, "SubscriptionLimits::bytes", SubscriptionLimits().bytes);
+  const ChangesOptions changes;
+  const MonitorLimits monitors;
+  addShare(limits, "MonitorLimits::watchers", monitors.watchers);
+  addShare(limits, "MonitorLimits::openBytes", monitors.openBytes);
+  addShare(limits, "ChangesOptions::underWay", changes.underWay);
+  addShare(limits, "ChangesOptions::bytesUnderWay", changes.bytesUnderWay);
+  addShare(limits, "ChangesOptions::waitingPerVariable", changes.waitingPerVariable);
+  return limits;
 }
 
 Limits limitsOfRequests() {
   const SubscriptionLimits subscriptions;
   const ChangesOptions changes;
   return {
+      {"SubscriptionLimits::kErasedAtOnce", number(SubscriptionLimits::kErasedAtOnce)},
       {"SubscriptionLimits::registrations", number(subscriptions.registrations)},
       {"SubscriptionLimits::registrationsPerPeer", number(subscriptions.registrationsPerPeer)},
       {"SubscriptionLimits::callersPerPeer", number(subscriptions.callersPerPeer)},
@@ -90,11 +98,8 @@ Limits limitsOfRequests() {
       {"SubscriptionLimits::identityBytes", number(subscriptions.identityBytes)},
       {"SubscriptionLimits::clientNameBytes", number(subscriptions.clientNameBytes)},
       {"Requests::kMaxClientName", number(Requests::kMaxClientName)},
-      {"Monitor::kMaxWatchers", number(Monitor::kMaxWatchers)},
+      {"Monitor::kMaxLookedAt", number(Monitor::kMaxLookedAt)},
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
-      {"ChangesOptions::underWay", number(changes.underWay)},
-      {"ChangesOptions::bytesUnderWay", number(changes.bytesUnderWay)},
-      {"ChangesOptions::waitingPerVariable", number(changes.waitingPerVariable)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
@@ -123,8 +128,8 @@ Limits limitsOfVariables() {
 
 Limits limitsOfTheProgram() {
   Limits all = limitsOfTheMessageLayer();
-  all.merge(limitsOfSharesOfTheMessageLayer());
   all.merge(limitsOfRequests());
+  all.merge(limitsOfShares());
   all.merge(limitsOfVariables());
   return all;
 }

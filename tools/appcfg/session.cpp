@@ -38,7 +38,7 @@ constexpr ErrorText kErrorTexts[] = {
     {CommonIF::ERROR_CONFLICT, "another change of it is on its way", "try again"},
     {CommonIF::ERROR_INVALID_REQUEST, "the service does not understand the request",
      "check the key, the role and the values"},
-    {CommonIF::ERROR_LIMIT, "a limit of the service is reached", "make the value smaller"},
+    {CommonIF::ERROR_LIMIT, "a limit of the service is reached", ""},
     {CommonIF::ERROR_STORAGE, "the store could not keep the change; nothing was changed",
      "look for a full or failing disk"},
     {CommonIF::ERROR_NOT_SUPPORTED, "the service is too old for this request",

@@ -35,8 +35,9 @@ std::list<std::string> valueAfter(const Variable& variable, const StoreChange& c
 // variable goes, so that what is acknowledged here is what the next start finds.
 StoreChange asStored(const Variable& variable, StoreChange change);
 
-// Bytes of what the change carries.
+// Bytes of the strings that the change carries, and how many those are.
 std::size_t bytesOf(const StoreChange& change);
+std::size_t stringsOf(const StoreChange& change);
 
 // A failure with a text that begins with the variable.
 ChangeOutcome failure(const ConfigVar& key, eErrorT error, const std::string& text);

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace ConfigSrv {
@@ -18,11 +19,17 @@ class NameIndex {
   // The variables have to stay where they are.
   explicit NameIndex(const std::vector<Variable>& variables);
 
+  using Range = std::pair<const std::uint32_t*, const std::uint32_t*>;
+
   // Positions of the covered variables, ascending; an empty name covers all.
   std::vector<std::uint32_t> covered(std::string_view dottedName) const;
+  // The same in the order of their names, without a copy: those of this very name, and those below it.
+  Range exactly(std::string_view dottedName) const;
+  Range below(std::string_view dottedName) const;
 
  private:
-  void append(std::string_view begin, bool whole, std::vector<std::uint32_t>& positions) const;
+  // The variables whose full name begins with a text, or is it when `whole`.
+  Range range(std::string_view begin, bool whole) const;
 
   const std::vector<Variable>& variables_;
   std::vector<std::uint32_t> sorted_;

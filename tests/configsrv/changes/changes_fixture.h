@@ -94,9 +94,9 @@ class ChangesFixture : public testing::Test {
   void registerFor(PbUtility::PeerId peer, ConfigIF::CallbackType type, const std::string& name,
                    AppConfig::SecurityRole role = AppConfig::eRoleUser,
                    const std::string& identity = "link") {
-    ASSERT_EQ(
-        subscriptions_.add(peer, {name, type, identity, "client-" + std::to_string(peer), role}),
-        "");
+    ASSERT_EQ(subscriptions_.add(peer, {},
+                                 {name, type, identity, "client-" + std::to_string(peer), role}),
+              "");
   }
   void provide(PbUtility::PeerId peer, const std::string& name) {
     registerFor(peer, ConfigIF::CALLBACK_DYNAMIC_VALIDATE, name);

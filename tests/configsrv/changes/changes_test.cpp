@@ -1,5 +1,6 @@
 #include "configsrv/changes/changes.h"
 
+#include "configsrv/changes/internal/change_shares.h"
 #include "tests/configsrv/changes/changes_fixture.h"
 
 namespace ConfigSrv {
@@ -483,8 +484,8 @@ TEST_F(ChangesTest, AChangeMadeFromTheEndOfAnotherTakesItsTurn) {
 
 TEST_F(ChangesTest, WhatPassesALimitIsRefusedAndLaterServedAgain) {
   ChangesOptions options;
-  options.waitingPerVariable = 1;
-  options.underWay = 3;
+  options.waitingPerVariable.perProcess = 1;
+  options.underWay.perProcess = 3;
   changes_ = std::make_unique<Changes>(model_, subscriptions_, announcer_, host_, log_, options);
   write("net.mtu", "1400");
   write("net.mtu", "1300");
@@ -497,7 +498,9 @@ TEST_F(ChangesTest, WhatPassesALimitIsRefusedAndLaterServedAgain) {
 
 TEST_F(ChangesTest, BytesUnderWayAreLimited) {
   ChangesOptions options;
-  options.bytesUnderWay = 10;
+  // The writer's name counts, and the variable's.
+  options.bytesUnderWay.perProcess =
+      ChangeShares::kChangeBytes + 6 + 7 + ChangeShares::kStringBytes + 10;
   changes_ = std::make_unique<Changes>(model_, subscriptions_, announcer_, host_, log_, options);
   EXPECT_EQ(write("net.name", "12345678901")->error(), eErrLimit);
   EXPECT_FALSE(write("net.name", "1234567890")->ended());

@@ -274,5 +274,25 @@ TEST_F(ModelTest, PositionsFollowTheOrderOfTheKeys) {
   for (std::uint32_t i = 0; i < all.size(); ++i) EXPECT_EQ(model_.indexOf(*all[i]), i);
 }
 
+// Those of the one, sorted, are those of the other.
+TEST_F(ModelTest, AWalkBelowANameVisitsExactlyWhatItCovers) {
+  for (const char* name :
+       {"", "net", "net.mtu", "net.eth", "net.eth.mtu", "ne", "net.", "unknown"}) {
+    std::vector<const Variable*> walked;
+    const CoveredVariables below = model_.below(name);
+    for (std::size_t i = 0; i < below.size(); ++i) walked.push_back(&below[i]);
+    std::sort(walked.begin(), walked.end());
+    EXPECT_EQ(walked, model_.covered(name)) << name;
+  }
+}
+
+TEST_F(ModelTest, AVariableIsFoundByItsWholeNameAlone) {
+  ASSERT_NE(model_.named("net.mtu"), nullptr);
+  EXPECT_EQ(model_.named("net.mtu"), model_.covered("net.mtu").front());
+  EXPECT_EQ(model_.named("net"), nullptr);
+  EXPECT_EQ(model_.named(""), nullptr);
+  EXPECT_EQ(model_.named("net.mt"), nullptr);
+}
+
 }  // namespace
 }  // namespace ConfigSrv

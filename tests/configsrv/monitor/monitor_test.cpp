@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "configsrv/monitor/internal/open_messages.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_ids.h"
 #include "tests/support/definition_builder.h"
@@ -21,6 +22,7 @@ using TestSupport::keyOf;
 
 constexpr PbUtility::PeerId kWatcher = 1;
 constexpr PbUtility::PeerId kOther = 2;
+constexpr PbUtility::Owner kRoot{0, 10};
 
 std::vector<VariableDefinition> someVariables() {
   return {DefinitionBuilder("net.mtu"),
@@ -52,8 +54,8 @@ class MonitorTest : public testing::Test {
 
 TEST_F(MonitorTest, IsActiveWhileSomebodyWatches) {
   EXPECT_FALSE(monitor_.isActive());
-  EXPECT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
-  EXPECT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, "net"), "");
+  EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "net"), "");
   EXPECT_TRUE(monitor_.isActive());
   monitor_.remove(kOther);
   EXPECT_TRUE(monitor_.isActive());
@@ -62,7 +64,7 @@ TEST_F(MonitorTest, IsActiveWhileSomebodyWatches) {
 }
 
 TEST_F(MonitorTest, ARequestIsToldWithItsValueAndItsAnswerWithTheOutcome) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   const PbUtility::RequestId id = request(write("net.mtu", "9"));
   ConfigIF::WriteRsp response;
   response.mutable_result()->set_error(CommonIF::ERROR_INVALID_VALUE);
@@ -89,8 +91,8 @@ TEST_F(MonitorTest, ARequestIsToldWithItsValueAndItsAnswerWithTheOutcome) {
 }
 
 TEST_F(MonitorTest, EachWatcherIsToldWhatItsRoleMayRead) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
-  ASSERT_EQ(monitor_.add(kOther, AppConfig::eRoleService, ""), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kOther, kRoot, AppConfig::eRoleService, ""), "");
   const PbUtility::RequestId id = request(write("net.secret", "hush"));
   ConfigIF::WriteRsp response;
   response.mutable_result()->set_error(CommonIF::ERROR_VETOED);
@@ -106,7 +108,7 @@ TEST_F(MonitorTest, EachWatcherIsToldWhatItsRoleMayRead) {
 }
 
 TEST_F(MonitorTest, APrefixSelectsVariablesBelowItAndGroupsAboveIt) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, "Net.MTU"), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "Net.MTU"), "");
   request(write("net.mtu", "9"));
   EXPECT_EQ(told_.size(), 1U);
   request(write("other.x", "9"));
@@ -125,7 +127,7 @@ TEST_F(MonitorTest, APrefixSelectsVariablesBelowItAndGroupsAboveIt) {
 }
 
 TEST_F(MonitorTest, ManyVariablesOfOneRequestAreOneEventWithoutValues) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, "other"), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "other"), "");
   request(ProtobufMessageHelper::getBatchReadRequest("c", CommonIF::SECURITY_ROLE_USER,
                                                      {keyOf("net.mtu"), keyOf("other.x")}));
   ASSERT_EQ(told_.size(), 1U);
@@ -134,7 +136,7 @@ TEST_F(MonitorTest, ManyVariablesOfOneRequestAreOneEventWithoutValues) {
 }
 
 TEST_F(MonitorTest, WatchingItselfIsNeverTold) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   const PbUtility::RequestId id = request(ConfigIF::MonitorReq());
   monitor_.responseLeaves(id, ConfigIF::MonitorRsp());
   monitor_.noticeLeaves(client_, MonitorNtfy());
@@ -142,7 +144,7 @@ TEST_F(MonitorTest, WatchingItselfIsNeverTold) {
 }
 
 TEST_F(MonitorTest, ABrokenRequestAndAnUnknownMessageAreNotTold) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   const PbUtility::RequestId id{5, 1, false};
   monitor_.requestCame({id, client_, 0x1A0140, false, 0, "\xff"});
   monitor_.requestRefused(id, 9, "no");
@@ -152,7 +154,7 @@ TEST_F(MonitorTest, ABrokenRequestAndAnUnknownMessageAreNotTold) {
 }
 
 TEST_F(MonitorTest, AProviderThatGoesWithoutAnAnswerIsToldAsUnavailable) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   ConfigIF::OnChangeReq question;
   ProtobufMessageHelper::addVarName(question.mutable_value()->mutable_inst(), keyOf("net.mtu"));
   question.mutable_value()->add_values("9");
@@ -170,23 +172,135 @@ TEST_F(MonitorTest, AProviderThatGoesWithoutAnAnswerIsToldAsUnavailable) {
 }
 
 TEST_F(MonitorTest, WhoWatchesLaterIsNotToldAnswersToEarlierRequests) {
-  ASSERT_EQ(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   const PbUtility::RequestId id = request(write("net.mtu", "9"));
   monitor_.remove(kWatcher);
-  ASSERT_EQ(monitor_.add(kOther, AppConfig::eRoleUser, ""), "");
+  ASSERT_EQ(monitor_.add(kOther, kRoot, AppConfig::eRoleUser, ""), "");
   told_.clear();
   monitor_.responseLeaves(id, ConfigIF::WriteRsp());
   EXPECT_THAT(told_, IsEmpty());
 }
 
-TEST_F(MonitorTest, LimitsAreRefused) {
-  for (std::size_t i = 0; i < Monitor::kMaxWatchers; ++i) {
-    EXPECT_EQ(monitor_.add(100 + i, AppConfig::eRoleUser, ""), "");
-  }
-  EXPECT_THAT(monitor_.add(kWatcher, AppConfig::eRoleUser, ""), HasSubstr("limit of 16"));
-  EXPECT_EQ(monitor_.add(100, AppConfig::eRoleUser, std::string(1024, 'a')), "");
-  EXPECT_THAT(monitor_.add(100, AppConfig::eRoleUser, std::string(1025, 'a')),
+TEST_F(MonitorTest, ANameOfTheLimitsLengthIsWatchedAndALongerOneRefused) {
+  EXPECT_EQ(monitor_.add(100, kRoot, AppConfig::eRoleUser, std::string(1024, 'a')), "");
+  EXPECT_THAT(monitor_.add(100, kRoot, AppConfig::eRoleUser, std::string(1025, 'a')),
               HasSubstr("1025 bytes"));
+}
+
+TEST_F(MonitorTest, MonitorsAreSharedOutAndARefusalSaysWhoseTheyAre) {
+  PbUtility::PeerId peer = 100;
+  const auto added = [&](uid_t user, pid_t process) {
+    return monitor_.add(++peer, {user, process}, AppConfig::eRoleUser, "");
+  };
+  for (pid_t process = 1; process <= 2; ++process) {
+    EXPECT_EQ(added(1000, process), "");
+    EXPECT_EQ(added(1000, process), "");
+    EXPECT_THAT(added(1000, process), HasSubstr("process " + std::to_string(process)));
+  }
+  EXPECT_THAT(added(1000, 3), HasSubstr("no more than 4 monitors for one user, and user 1000 has"));
+  for (uid_t user = 1001; user <= 1002; ++user) {
+    for (pid_t process = 0; process < 4; ++process)
+      EXPECT_EQ(added(user, static_cast<pid_t>(10 * user) + process), "");
+  }
+  EXPECT_THAT(added(1003, 5), HasSubstr("for all users together"));
+  EXPECT_EQ(added(0, 6), "");
+}
+
+TEST_F(MonitorTest, WhoWatchesNoLongerMakesRoomAndWhoAsksAgainTakesNoMore) {
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+    EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "net"), "");
+    EXPECT_EQ(monitor_.add(kOther, kRoot, AppConfig::eRoleUser, ""), "");
+    monitor_.remove(kOther);
+    monitor_.remove(kOther);
+  }
+  monitor_.remove(kWatcher);
+  EXPECT_FALSE(monitor_.isActive());
+}
+
+// The text that a watcher is told of a failed reset of so many variables.
+std::string textOfFailedReset(std::size_t variables) {
+  std::vector<VariableDefinition> definitions;
+  for (std::size_t i = 0; i < variables; ++i)
+    definitions.push_back(DefinitionBuilder("net.v" + std::to_string(i)));
+  const Model model{Definitions(std::move(definitions))};
+  std::string text;
+  Monitor monitor(model,
+                  [&](PbUtility::PeerId, const MonitorNtfy& notice) { text = notice.text(); });
+  EXPECT_EQ(monitor.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ConfigIF::ResetNodeValueReq request;
+  request.set_name("net");
+  const std::string payload = request.SerializeAsString();
+  const PbUtility::Peer client{kOther, "client", 0, 0, 42};
+  monitor.requestCame(
+      {{1, 1, false}, client, PlatformSchema::messageIdOf(request), false, 0, payload});
+  ConfigIF::ResetNodeValueRsp response;
+  response.mutable_result()->add_messages("why");
+  monitor.responseLeaves({1, 1, false}, response);
+  return text;
+}
+
+TEST(MonitorTextTest, ATextAboutMoreVariablesThanAreLookedAtIsNotShown) {
+  EXPECT_EQ(textOfFailedReset(Monitor::kMaxLookedAt), "why");
+  EXPECT_EQ(textOfFailedReset(Monitor::kMaxLookedAt + 1), "");
+}
+
+// --- What waits to be seen answered ---
+
+class OpenMessagesTest : public testing::Test {
+ protected:
+  static OpenMessages::Key nth(std::uint32_t n) { return {OpenMessages::Kind::Request, 1, n}; }
+  static Facts factsOf(const std::string& key, std::vector<std::string> values) {
+    Facts facts;
+    facts.variables.push_back(keyOf(key));
+    facts.values = std::move(values);
+    facts.text = "text";
+    return facts;
+  }
+  static std::size_t fill(OpenMessages& open, const PbUtility::Peer& peer, std::uint32_t from) {
+    std::uint32_t n = from;
+    while (open.find(nth(n - 1)) != nullptr || n == from)
+      open.remember(nth(n++), peer, factsOf("net.mtu", {}), "WriteReq");
+    return n - from - 1;
+  }
+
+  const PbUtility::Peer root_{1, "root", 0, 0, 42};
+  const PbUtility::Peer user_{2, "user", 1000, 1000, 43};
+  static constexpr std::size_t kOne =
+      OpenMessages::kOpenBytes + OpenMessages::kVariableBytes + 4 + 8 + 6;
+  OpenMessages open_{{8 * kOne, 4 * kOne, 2 * kOne, 3 * kOne}, 990};
+};
+
+TEST_F(OpenMessagesTest, RemembersTheVariablesAndTheNameAndNeitherValuesNorTexts) {
+  Facts facts = factsOf("net.mtu", {"a secret"});
+  facts.name = "net";
+  open_.remember(nth(1), user_, facts, "WriteReq");
+  const std::optional<OpenMessage> open = open_.take(nth(1));
+  ASSERT_TRUE(open);
+  ASSERT_EQ(open->facts.variables.size(), 1U);
+  EXPECT_EQ(open->facts.variables.front().dottedName(), "net.mtu");
+  EXPECT_EQ(open->facts.name, "net");
+  EXPECT_THAT(open->facts.values, IsEmpty());
+  EXPECT_EQ(open->facts.text, "");
+  EXPECT_FALSE(open_.take(nth(1)));
+}
+
+TEST_F(OpenMessagesTest, AUsersOpenMessagesPastItsShareAreNotRememberedAndRootsAre) {
+  EXPECT_EQ(fill(open_, user_, 1), 2U);
+  EXPECT_EQ(fill(open_, root_, 100), 3U);
+  EXPECT_EQ(open_.bytes(), 5 * kOne);
+}
+
+TEST_F(OpenMessagesTest, WhatWasTakenReplacedOrClearedMakesRoomToTheByte) {
+  fill(open_, user_, 1);
+  open_.remember(nth(1), user_, factsOf("net.mtu", {}), "WriteReq");
+  EXPECT_NE(open_.find(nth(1)), nullptr);
+  EXPECT_EQ(open_.bytes(), 2 * kOne);
+  open_.take(nth(1));
+  EXPECT_EQ(open_.bytes(), kOne);
+  open_.clear();
+  EXPECT_EQ(open_.bytes(), 0U);
+  EXPECT_EQ(fill(open_, user_, 1), 2U);
 }
 
 }  // namespace

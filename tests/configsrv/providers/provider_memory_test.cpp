@@ -37,7 +37,7 @@ class ProviderMemoryTest : public testing::Test {
   }
   // As the service does it.
   bool registered(const PbUtility::Peer& peer, const Registration& registration) {
-    EXPECT_EQ(subscriptions_.add(peer.id, registration), "");
+    EXPECT_EQ(subscriptions_.add(peer.id, {peer.uid, peer.pid}, registration), "");
     return memory_->registered(peer, registration);
   }
   bool expects(const std::string& name) const {

@@ -22,6 +22,7 @@ using testing::IsEmpty;
 
 constexpr PbUtility::PeerId kPeer = 1;
 constexpr PbUtility::PeerId kOther = 2;
+constexpr PbUtility::Owner kOwner{0, 1};
 
 Registration named(const std::string& name, const std::string& identity = "link",
                    SecurityRole role = eRoleUser) {
@@ -69,7 +70,7 @@ const CoverCase kCoverCases[] = {
 TEST(SubscriptionsTest, ANameCoversItselfAndAllBelowItAtDotBoundaries) {
   for (const CoverCase& c : kCoverCases) {
     Subscriptions subscriptions;
-    ASSERT_EQ(subscriptions.add(kPeer, named(c.registered)), "");
+    ASSERT_EQ(subscriptions.add(kPeer, kOwner, named(c.registered)), "");
     EXPECT_EQ(told(subscriptions, c.variable).size(), c.covered ? 1u : 0u) << c.why;
     EXPECT_EQ(subscriptions.anyCovering(c.variable, CALLBACK_VALUE_CHANGED), c.covered) << c.why;
   }
@@ -77,53 +78,53 @@ TEST(SubscriptionsTest, ANameCoversItselfAndAllBelowItAtDotBoundaries) {
 
 TEST(SubscriptionsTest, OnlyTheTypeThatWasRegisteredIsTold) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
   EXPECT_THAT(told(subscriptions, "net.mtu", CALLBACK_OPTIONS_CHANGED), IsEmpty());
 }
 
 TEST(SubscriptionsTest, ARepeatedRegistrationIsAcceptedAndChangesNothing) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu")), "");
-  EXPECT_EQ(subscriptions.add(kPeer, named("Net.MTU")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
+  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("Net.MTU")), "");
   EXPECT_EQ(subscriptions.count(), 1u);
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/link/1"));
 }
 
 TEST(SubscriptionsTest, AVariableAndItsGroupUnderOneIdentityAreToldOnce) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/link/1"));
 }
 
 TEST(SubscriptionsTest, TheHighestOfSeveralRolesCounts) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "link", eRoleUser)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "link", eRoleFactory)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "link", eRolePublic)), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleUser)), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleFactory)), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRolePublic)), "");
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/link/4"));
 }
 
 TEST(SubscriptionsTest, EachIdentityAndEachPeerIsToldInOrderOfPeer) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kOther, named("net.mtu", "link")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net", "second")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "first")), "");
+  ASSERT_EQ(subscriptions.add(kOther, kOwner, named("net.mtu", "link")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net", "second")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "first")), "");
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/first/1", "1/second/1", "2/link/1"));
 }
 
 TEST(SubscriptionsTest, WithdrawingTakesEveryRoleOfThatNameTypeAndIdentity) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "link", eRoleUser)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "link", eRoleFactory)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu", "another")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleUser)), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleFactory)), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "another")), "");
   EXPECT_TRUE(subscriptions.remove(kPeer, "NET.mtu", CALLBACK_VALUE_CHANGED, "link"));
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/another/1"));
 }
 
 TEST(SubscriptionsTest, WithdrawingWhatWasNotRegisteredIsFalse) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
   EXPECT_FALSE(subscriptions.remove(kPeer, "net", CALLBACK_VALUE_CHANGED, "link"));
   EXPECT_FALSE(subscriptions.remove(kPeer, "net.mtu", CALLBACK_OPTIONS_CHANGED, "link"));
   EXPECT_FALSE(subscriptions.remove(kPeer, "net.mtu", CALLBACK_VALUE_CHANGED, "lin"));
@@ -132,7 +133,7 @@ TEST(SubscriptionsTest, WithdrawingWhatWasNotRegisteredIsFalse) {
 
 TEST(SubscriptionsTest, APeerWithdrawsOnlyItsOwn) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
   EXPECT_FALSE(subscriptions.remove(kOther, "net.mtu", CALLBACK_VALUE_CHANGED, "link"));
   EXPECT_EQ(subscriptions.removeAll(kOther, "client"), 0u);
   subscriptions.forget(kOther);
@@ -141,9 +142,9 @@ TEST(SubscriptionsTest, APeerWithdrawsOnlyItsOwn) {
 
 TEST(SubscriptionsTest, WithdrawingAllTakesWhatThatClientNameRegistered) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, ofClient("net.mtu", "first")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, ofClient("net.ip", "first")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, ofClient("net.ip", "second")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, ofClient("net.mtu", "first")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, ofClient("net.ip", "first")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, ofClient("net.ip", "second")), "");
   EXPECT_EQ(subscriptions.removeAll(kPeer, "first"), 2u);
   EXPECT_THAT(told(subscriptions, "net.mtu"), IsEmpty());
   EXPECT_THAT(told(subscriptions, "net.ip"), ElementsAre("1/link/1"));
@@ -151,9 +152,9 @@ TEST(SubscriptionsTest, WithdrawingAllTakesWhatThatClientNameRegistered) {
 
 TEST(SubscriptionsTest, APeerThatIsGoneIsToldNothing) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("net.mtu")), "");
-  ASSERT_EQ(subscriptions.add(kOther, named("net.mtu")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
+  ASSERT_EQ(subscriptions.add(kOther, kOwner, named("net.mtu")), "");
   subscriptions.forget(kPeer);
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("2/link/1"));
   EXPECT_EQ(subscriptions.count(), 1u);
@@ -164,40 +165,42 @@ TEST(SubscriptionsTest, RegistrationsPastThePeersLimitAreRefusedAndOthersAreNot)
   SubscriptionLimits limits;
   limits.registrationsPerPeer = 2;
   Subscriptions subscriptions(limits);
-  ASSERT_EQ(subscriptions.add(kPeer, named("a")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("b")), "");
-  EXPECT_THAT(subscriptions.add(kPeer, named("c")), HasSubstr("limit of 2"));
-  EXPECT_EQ(subscriptions.add(kPeer, named("a")), "");
-  EXPECT_EQ(subscriptions.add(kOther, named("c")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("b")), "");
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("c")), HasSubstr("limit of 2"));
+  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
+  EXPECT_EQ(subscriptions.add(kOther, kOwner, named("c")), "");
 }
 
 TEST(SubscriptionsTest, RegistrationsPastTheTotalLimitAreRefused) {
   SubscriptionLimits limits;
   limits.registrations = 1;
   Subscriptions subscriptions(limits);
-  ASSERT_EQ(subscriptions.add(kPeer, named("a")), "");
-  EXPECT_THAT(subscriptions.add(kOther, named("b")), HasSubstr("limit of 1"));
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
+  EXPECT_THAT(subscriptions.add(kOther, kOwner, named("b")), HasSubstr("limit of 1"));
   EXPECT_EQ(subscriptions.count(kOther), 0u);
 }
 
 TEST(SubscriptionsTest, ANameOfTheLimitsLengthIsAcceptedAndALongerOneRefused) {
   Subscriptions subscriptions;
-  EXPECT_EQ(subscriptions.add(kPeer, named(std::string(1024, 'a'))), "");
-  EXPECT_THAT(subscriptions.add(kPeer, named(std::string(1025, 'a'))), HasSubstr("1025 bytes"));
+  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named(std::string(1024, 'a'))), "");
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named(std::string(1025, 'a'))),
+              HasSubstr("1025 bytes"));
 }
 
 TEST(SubscriptionsTest, AnIdentityPastTheLimitIsRefused) {
   Subscriptions subscriptions;
-  EXPECT_EQ(subscriptions.add(kPeer, named("a", std::string(256, 'i'))), "");
-  EXPECT_THAT(subscriptions.add(kPeer, named("a", std::string(257, 'i'))), HasSubstr("identity"));
+  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("a", std::string(256, 'i'))), "");
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("a", std::string(257, 'i'))),
+              HasSubstr("identity"));
 }
 
 TEST(SubscriptionsTest, TheNamesOfAPeersRegistrationsAreThoseOfTheTypeEachOnce) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, named("B.c", "one")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("b.c", "two")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("a")), "");
-  ASSERT_EQ(subscriptions.add(kOther, named("d")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("B.c", "one")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("b.c", "two")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
+  ASSERT_EQ(subscriptions.add(kOther, kOwner, named("d")), "");
   EXPECT_THAT(subscriptions.names(kPeer, CALLBACK_VALUE_CHANGED), ElementsAre("a", "b.c"));
   EXPECT_THAT(subscriptions.names(kPeer, ConfigIF::CALLBACK_ON_CHANGE), ElementsAre());
   subscriptions.forget(kPeer);
@@ -208,11 +211,11 @@ TEST(SubscriptionsTest, ManyIdentitiesOfOneProcessAreRefusedAndWithdrawnOnesMake
   SubscriptionLimits limits;
   limits.callersPerPeer = 2;
   Subscriptions subscriptions(limits);
-  ASSERT_EQ(subscriptions.add(kPeer, named("a", "one")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, named("a", "two")), "");
-  EXPECT_THAT(subscriptions.add(kPeer, named("a", "three")), HasSubstr("identities"));
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a", "one")), "");
+  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a", "two")), "");
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("a", "three")), HasSubstr("identities"));
   EXPECT_TRUE(subscriptions.remove(kPeer, "a", CALLBACK_VALUE_CHANGED, "one"));
-  EXPECT_EQ(subscriptions.add(kPeer, named("a", "three")), "");
+  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("a", "three")), "");
   EXPECT_THAT(told(subscriptions, "a"), ElementsAre("1/three/1", "1/two/1"));
 }
 

@@ -1,0 +1,43 @@
+// ChangeShares: how many changes, and how much memory for them, each user and process may have under
+// way.
+//
+// Without this, one user whose provider never answers would have all there may be, and everybody
+// else's changes were refused.
+//
+// Errors   a refusal names the limit and whose it is.
+// Threads  one.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "configsrv/changes/change.h"
+#include "platform/messaging/shares.h"
+
+namespace ConfigSrv {
+
+struct ChangesOptions;
+
+class ChangeShares {
+ public:
+  // What a change takes, beside the bytes of what it carries: about its own memory, and a list node
+  // or its like for each of its strings.
+  static constexpr std::size_t kChangeBytes = 1024;
+  static constexpr std::size_t kStringBytes = 64;
+
+  explicit ChangeShares(const ChangesOptions& options);
+
+  // What the change counts as in memory.
+  static std::size_t bytesOf(const ChangeRequest& request);
+
+  // Empty when one more of the owner's fits.
+  std::string refusal(PbUtility::Owner owner, std::size_t bytes) const;
+  void add(PbUtility::Owner owner, std::size_t bytes);
+  void remove(PbUtility::Owner owner, std::size_t bytes);
+
+ private:
+  PbUtility::Shares count_;
+  PbUtility::Shares bytes_;
+};
+
+}  // namespace ConfigSrv

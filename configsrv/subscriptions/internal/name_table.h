@@ -1,0 +1,77 @@
+// NameTable: the registered names, each with the entries of those who registered it.
+//
+// Many small hash tables instead of a large one. A table that grows moves everything that it holds, and
+// one of a million names would stand still for that; each of these holds a few thousand at most. One
+// that becomes nearly empty gives its memory back.
+//
+// Threads  one.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace ConfigSrv {
+
+// One registration at a name: whose, and of which type of event and role.
+struct Entry {
+  std::uint32_t caller;
+  std::uint8_t type;
+  std::uint8_t role;
+};
+
+// Entries of one type stand together, and of these those of one caller.
+bool operator<(const Entry& a, const Entry& b);
+
+class NameTable {
+ public:
+  using Entries = std::vector<Entry>;
+
+  // A text and its hash, which is needed twice: to choose the table, and inside it.
+  struct Name {
+    std::string text;
+    std::size_t hash = 0;
+  };
+  // Names do not move: callers point to theirs.
+  using Node = std::pair<const Name, Entries>;
+
+  // Null when nobody has registered it.
+  const Node* find(std::string_view name) const;
+  Node* find(std::string_view name);
+
+  // The name's node, made when there is none. It has to be given an entry.
+  Node& at(std::string_view name);
+  // The entry is not there yet.
+  static void insert(Node& node, const Entry& entry);
+  // Takes out the caller's entries of one type; how many those were.
+  static std::size_t erase(Node& node, std::uint32_t caller, std::uint8_t type);
+  static bool hasAnyOf(const Node& node, std::uint32_t caller);
+  void dropIfEmpty(Node& node);
+
+ private:
+  struct Hash {
+    std::size_t operator()(const Name& name) const noexcept { return name.hash; }
+  };
+  struct Same {
+    bool operator()(const Name& a, const Name& b) const {
+      return a.hash == b.hash && a.text == b.text;
+    }
+  };
+  using Table = std::unordered_map<Name, Entries, Hash, Same>;
+
+  // A power of two.
+  static constexpr unsigned kTableBits = 6;
+  static constexpr std::size_t kTables = std::size_t{1} << kTableBits;
+  static std::size_t tableOf(const Name& name);
+  const Name& searched(std::string_view text) const;
+
+  std::array<Table, kTables> tables_;
+  // Reused for each look-up, so that looking up allocates nothing.
+  mutable Name searched_;
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,196 @@
+// What many registrations cost: whose share they take, and that nobody waits while they are erased.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "configsrv/subscriptions/subscriptions.h"
+#include "platform/schema/config_if.pb.h"
+
+namespace ConfigSrv {
+namespace {
+
+using ConfigIF::CALLBACK_OPTIONS_CHANGED;
+using ConfigIF::CALLBACK_VALUE_CHANGED;
+using PbUtility::Owner;
+using testing::HasSubstr;
+
+constexpr uid_t kServiceUser = 990;
+constexpr PbUtility::PeerId kPeer = 1;
+constexpr PbUtility::PeerId kOther = 2;
+constexpr Owner kRoot{0, 10};
+constexpr Owner kUser{1000, 20};
+constexpr Owner kOtherUser{1001, 30};
+
+Registration valuesOf(const std::string& name, const std::string& client = "client") {
+  return {name, CALLBACK_VALUE_CHANGED, "link", client, AppConfig::eRoleUser};
+}
+
+// Subscriptions whose slices are run by hand.
+class SubscriptionSharesTest : public testing::Test {
+ protected:
+  static constexpr std::size_t kOne = SubscriptionLimits::kRegistrationBytes + 4;
+  static constexpr std::size_t kCaller = SubscriptionLimits::kCallerBytes + 10;
+
+  // Bytes for so many registrations of names of four bytes, and for one caller.
+  static constexpr std::size_t bytesFor(std::size_t registrations) {
+    return kCaller + registrations * kOne;
+  }
+  static std::string nthName(std::size_t n) { return std::to_string(1000 + n); }
+
+  // How many the owner can make before it is refused.
+  std::size_t fill(PbUtility::PeerId peer, Owner owner) {
+    for (std::size_t n = 0;; ++n) {
+      refusal_ = subscriptions_->add(peer, owner, valuesOf(nthName(n)));
+      if (!refusal_.empty()) return n;
+    }
+  }
+  void add(PbUtility::PeerId peer, std::size_t count) {
+    for (std::size_t n = 0; n < count; ++n)
+      ASSERT_EQ(subscriptions_->add(peer, kUser, valuesOf(nthName(n))), "");
+  }
+  bool isTold(PbUtility::PeerId peer, const std::string& name) const {
+    for (const Subscriber& told : subscriptions_->covering(name, CALLBACK_VALUE_CHANGED)) {
+      if (told.peer == peer) return true;
+    }
+    return false;
+  }
+  // Runs one slice, if there is one to run.
+  bool runSlice() {
+    if (slices_.empty()) return false;
+    const std::function<void()> slice = std::move(slices_.front());
+    slices_.pop_front();
+    slice();
+    return true;
+  }
+
+  SubscriptionLimits limits_;
+  std::deque<std::function<void()>> slices_;
+  std::unique_ptr<Subscriptions> subscriptions_ = std::make_unique<Subscriptions>(
+      limits_, kServiceUser,
+      [this](std::function<void()> task) { slices_.push_back(std::move(task)); });
+  std::string refusal_;
+};
+
+class SubscriptionLimitsTest : public SubscriptionSharesTest {
+ protected:
+  SubscriptionLimitsTest() {
+    limits_.bytes = {bytesFor(10) + bytesFor(10), bytesFor(6), bytesFor(4), bytesFor(8)};
+    subscriptions_ = std::make_unique<Subscriptions>(limits_, kServiceUser);
+  }
+};
+
+TEST_F(SubscriptionLimitsTest, AUserHasItsShareAndIsToldTheLimitAndWhoseItIs) {
+  EXPECT_EQ(fill(kPeer, kUser), 4U);
+  EXPECT_THAT(refusal_, HasSubstr("no more than " + std::to_string(bytesFor(4)) +
+                                  " bytes of registrations for one user, and user 1000 has"));
+}
+
+TEST_F(SubscriptionLimitsTest, AllUsersTogetherLeaveRootItsPart) {
+  fill(kPeer, kUser);
+  fill(kOther, kOtherUser);
+  EXPECT_THAT(refusal_, HasSubstr("for all users together"));
+  EXPECT_EQ(fill(3, kRoot), 8U);
+  EXPECT_THAT(refusal_, HasSubstr("process 10 has its share"));
+  EXPECT_EQ(subscriptions_->add(4, {kServiceUser, 40}, valuesOf("a")), "");
+}
+
+TEST_F(SubscriptionLimitsTest, ARegistrationMadeAgainTakesNothingOfTheShare) {
+  EXPECT_EQ(fill(kPeer, kUser), 4U);
+  EXPECT_EQ(subscriptions_->add(kPeer, kUser, valuesOf(nthName(0))), "");
+  EXPECT_EQ(subscriptions_->bytes().all(), bytesFor(4));
+}
+
+TEST_F(SubscriptionLimitsTest, WhatIsWithdrawnMakesRoomToTheByte) {
+  fill(kPeer, kUser);
+  ASSERT_TRUE(subscriptions_->remove(kPeer, nthName(1), CALLBACK_VALUE_CHANGED, "link"));
+  EXPECT_EQ(subscriptions_->add(kPeer, kUser, valuesOf("5678")), "");
+  subscriptions_->removeAll(kPeer, "client");
+  EXPECT_EQ(subscriptions_->bytes().all(), 0U);
+  EXPECT_EQ(fill(kPeer, kUser), 4U);
+}
+
+TEST_F(SubscriptionLimitsTest, LongNamesAndTextsCountByTheirLength) {
+  const std::string name(2 * kOne, 'n');
+  EXPECT_EQ(subscriptions_->add(kPeer, kUser, valuesOf(name)), "");
+  EXPECT_EQ(subscriptions_->bytes().all(),
+            SubscriptionLimits::kRegistrationBytes + name.size() + kCaller);
+  EXPECT_THAT(subscriptions_->add(kPeer, kUser, valuesOf(name + "2")), HasSubstr("user 1000"));
+}
+
+TEST_F(SubscriptionSharesTest, APeerThatIsGoneIsToldNothingFromThatMomentOn) {
+  add(kPeer, 3);
+  subscriptions_->forget(kPeer);
+  EXPECT_FALSE(isTold(kPeer, nthName(1)));
+  EXPECT_FALSE(subscriptions_->anyCovering(nthName(1), CALLBACK_VALUE_CHANGED));
+  EXPECT_THAT(subscriptions_->names(kPeer, CALLBACK_VALUE_CHANGED), testing::IsEmpty());
+  EXPECT_FALSE(subscriptions_->contains(kPeer, valuesOf(nthName(1))));
+}
+
+TEST_F(SubscriptionSharesTest, WhatAPeerLeavesIsErasedInSlicesAndCountsAsItsOwnersUntilThen) {
+  constexpr std::size_t kMany = 2 * SubscriptionLimits::kErasedAtOnce + 1;
+  add(kPeer, kMany);
+  subscriptions_->forget(kPeer);
+  EXPECT_EQ(subscriptions_->bytes().ofUser(kUser.uid), bytesFor(kMany));
+  std::size_t before = subscriptions_->count();
+  int slices = 0;
+  for (; runSlice(); ++slices) {
+    EXPECT_LE(before - subscriptions_->count(), SubscriptionLimits::kErasedAtOnce);
+    before = subscriptions_->count();
+  }
+  EXPECT_EQ(slices, 3);
+  EXPECT_EQ(subscriptions_->count(), 0U);
+  EXPECT_EQ(subscriptions_->bytes().all(), 0U);
+  EXPECT_FALSE(subscriptions_->isErasing());
+}
+
+TEST_F(SubscriptionSharesTest,
+       WhoRegistersAgainBeforeTheOldOnesAreErasedIsToldOnceAndStaysRegistered) {
+  add(kPeer, 3);
+  EXPECT_EQ(subscriptions_->removeAll(kPeer, "client"), 3U);
+  EXPECT_FALSE(isTold(kPeer, nthName(0)));
+  EXPECT_FALSE(subscriptions_->remove(kPeer, nthName(0), CALLBACK_VALUE_CHANGED, "link"));
+  add(kPeer, 1);
+  EXPECT_EQ(subscriptions_->covering(nthName(0), CALLBACK_VALUE_CHANGED).size(), 1U);
+  while (runSlice()) continue;
+  EXPECT_TRUE(isTold(kPeer, nthName(0)));
+  EXPECT_FALSE(isTold(kPeer, nthName(1)));
+  EXPECT_EQ(subscriptions_->count(kPeer), 1U);
+}
+
+TEST_F(SubscriptionSharesTest, WithdrawingAllAgainAndAgainDoesNotUseUpTheIdentities) {
+  for (std::size_t i = 0; i < 2 * limits_.callersPerPeer; ++i) {
+    add(kPeer, 1);
+    ASSERT_EQ(subscriptions_->removeAll(kPeer, "client"), 1U);
+  }
+  while (runSlice()) continue;
+  EXPECT_EQ(subscriptions_->bytes().all(), 0U);
+}
+
+TEST_F(SubscriptionSharesTest, OthersAndOtherTypesAtANameAreLeftAloneWhileItIsErased) {
+  add(kPeer, 1);
+  add(kOther, 1);
+  const Registration options{nthName(0), CALLBACK_OPTIONS_CHANGED, "link", "another",
+                             AppConfig::eRoleUser};
+  ASSERT_EQ(subscriptions_->add(kPeer, kUser, options), "");
+  subscriptions_->removeAll(kPeer, "client");
+  while (runSlice()) continue;
+  EXPECT_TRUE(isTold(kOther, nthName(0)));
+  EXPECT_TRUE(subscriptions_->contains(kPeer, options));
+  EXPECT_FALSE(isTold(kPeer, nthName(0)));
+}
+
+// Thousands at one name move each other when one is taken out, so a slice takes fewer of them.
+TEST_F(SubscriptionSharesTest, ASliceTakesFewerOfANameThatManyHaveRegistered) {
+  constexpr std::size_t kPeers = 4 * SubscriptionLimits::kMovedForOne;
+  for (PbUtility::PeerId peer = 1; peer <= kPeers; ++peer)
+    ASSERT_EQ(subscriptions_->add(peer, kRoot, valuesOf("all")), "");
+  for (PbUtility::PeerId peer = 1; peer <= kPeers; ++peer) subscriptions_->forget(peer);
+  ASSERT_TRUE(runSlice());
+  const std::size_t erased = kPeers - subscriptions_->count();
+  EXPECT_LT(erased, SubscriptionLimits::kErasedAtOnce / 2);
+  EXPECT_GT(erased, SubscriptionLimits::kErasedAtOnce / 8);
+}
+
+}  // namespace
+}  // namespace ConfigSrv
