@@ -10,11 +10,13 @@
 #include <cstring>
 #include <limits>
 #include <mutex>
+#include <set>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "appconfig/core/role_names.h"
+#include "configsrv/access/name_form.h"
 #include "configsrv/toml/document.h"
 #include "configsrv/toml/nearest_name.h"
 
@@ -138,10 +140,14 @@ class AccessReader {
   void readTable(const TomlEntry& entry, const char* what, Look look,
                  std::map<std::uint32_t, Role>& roles);
   void readNames(const TomlEntry& entry);
+  void readName(const TomlEntry& line);
+  void giveName(const TomlEntry& line, std::optional<uid_t> user);
 
   std::string file_;
   const UserDatabase& users_;
   AccessLoadResult& result_;
+  // Folded names that the file has given away.
+  std::set<std::string> given_;
 };
 
 void AccessReader::report(const TomlEntry& at, std::string text) {
@@ -188,19 +194,35 @@ void AccessReader::readNames(const TomlEntry& entry) {
     return report(entry, quoted(entry.name) + " takes a table, as in [" + entry.name + "], not " +
                              std::string(kindName(entry.value.kind)));
   }
-  for (const TomlEntry& line : entry.value.table) {
-    const std::string& user = line.value.string;
-    if (line.value.kind != TomlKind::kString) {
-      report(line, quoted(line.name) + " takes a user in quotes, or \"*\" for everybody, not " +
-                       std::string(kindName(line.value.kind)));
-    } else if (user == kEverybody) {
-      result_.policy.names_[line.name] = std::nullopt;
-    } else if (const auto id = allDigits(user) ? parseId(user) : users_.userId(user)) {
-      result_.policy.names_[line.name] = *id;
-    } else {
-      report(line,
-             "this device has no user " + quoted(user) + ": correct the name, or give its number");
-    }
+  for (const TomlEntry& line : entry.value.table) readName(line);
+}
+
+void AccessReader::readName(const TomlEntry& line) {
+  const std::string& user = line.value.string;
+  if (line.value.kind != TomlKind::kString) {
+    report(line, quoted(line.name) + " takes a user in quotes, or \"*\" for everybody, not " +
+                     std::string(kindName(line.value.kind)));
+  } else if (user == kEverybody) {
+    giveName(line, std::nullopt);
+  } else if (const auto id = allDigits(user) ? parseId(user) : users_.userId(user)) {
+    giveName(line, *id);
+  } else {
+    report(line,
+           "this device has no user " + quoted(user) + ": correct the name, or give its number");
+  }
+}
+
+// A name that no endpoint can have protects nothing, and of two that are one the latter would hold.
+void AccessReader::giveName(const TomlEntry& line, std::optional<uid_t> user) {
+  const std::string why = whyUnseen(line.name);
+  const std::string folded = foldedName(line.name);
+  if (!why.empty()) {
+    report(line, "the endpoint name " + quoted(visibleName(line.name)) + " holds " + why +
+                     ": no endpoint may have it");
+  } else if (!given_.insert(folded).second) {
+    report(line, quoted(line.name) + " looks like a name above: give it to one user, or to \"*\"");
+  } else {
+    result_.policy.names_[folded] = user;
   }
 }
 
@@ -282,7 +304,7 @@ bool AccessPolicy::mayClaim(uid_t uid, gid_t gid, AppConfig::SecurityRole role) 
 }
 
 AccessPolicy::NameUse AccessPolicy::useOfName(const std::string& endpointName, uid_t uid) const {
-  const auto found = names_.find(endpointName);
+  const auto found = names_.find(foldedName(endpointName));
   if (found == names_.end()) return NameUse::FirstUser;
   if (!found->second) return NameUse::Everybody;
   const bool theirs = uid == *found->second || uid == 0 || uid == ownUid_;

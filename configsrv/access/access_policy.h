@@ -9,7 +9,8 @@
 //   [groups]                      # the primary group and all others of a user
 //   netdev = "service"
 //   [names]                       # endpoint names; see NameClaims
-//   thermostat-ui = "thermostat"  # nobody else's; "*": everybody's, many at once
+//   thermostat-ui = "thermostat"  # nobody else's; "*": everybody's, many at once. However it is
+//                                 # spelled (name_form.h); two names that look alike are a mistake
 //
 // Rules    1. A user named in [users] has that role, be it higher or lower than what follows.
 //          2. Otherwise root and the service's own user may claim any role.
@@ -101,7 +102,7 @@ class AccessPolicy {
   AppConfig::SecurityRole default_ = AppConfig::eRoleUser;
   std::map<uid_t, AppConfig::SecurityRole> users_;
   std::map<gid_t, AppConfig::SecurityRole> groups_;
-  // Nothing: everybody's.
+  // By folded name. Nothing: everybody's.
   std::map<std::string, std::optional<uid_t>> names_;
   std::unique_ptr<Groups> groupsOfUsers_;
 };

@@ -4,6 +4,9 @@
 // what is somebody else's. But people read names, in `appcfg clients`, in the log and in the audit
 // record, and must be able to rely on whom they stand for.
 //
+// So names count as they look (name_form.h): one that differs from another user's only in case or in
+// blanks is that user's, and one that holds what cannot be seen is nobody's.
+//
 // Rules    1. A name that [names] of the table of roles gives to a user is that user's, also while
 //             none of their endpoints is connected; one that it gives to "*", and "appcfg", is
 //             everybody's.
@@ -49,6 +52,8 @@ class NameClaims {
   struct User {
     gid_t gid = 0;
     std::size_t endpoints = 0;
+    // As their first endpoint spells it.
+    std::string spelling;
   };
   using Users = std::map<uid_t, User>;
   using Said = std::set<std::pair<std::string, uid_t>>;
@@ -59,6 +64,7 @@ class NameClaims {
   bool saidBefore(const std::string& name, uid_t uid);
 
   const AccessPolicy& policy_;
+  // These two by folded name.
   std::map<std::string, Users> holders_;
   Said said_;
 };

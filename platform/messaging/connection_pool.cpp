@@ -20,6 +20,8 @@ CallStatus statusOf(StreamStatus status) {
       return kCallTimedOut;
     case StreamStatus::NoListener:
       return kCallNoService;
+    case StreamStatus::Untrusted:
+      return kCallUntrusted;
     case StreamStatus::Broken:
       return kCallBrokenAnswer;
     case StreamStatus::Exhausted:
@@ -160,7 +162,7 @@ CallStatus ConnectionPool::open(Connection& connection, Exchange& exchange) {
   if (status == StreamStatus::Ok) return welcome(connection, exchange);
   const bool mayBeRefused = status == StreamStatus::Closed && connection.stream.isOpen();
   if (mayBeRefused && welcome(connection, exchange) == kCallRefused) return kCallRefused;
-  exchange.problem = path_ + ": " + problem;
+  exchange.problem = status == StreamStatus::Untrusted ? problem : path_ + ": " + problem;
   return statusOf(status);
 }
 

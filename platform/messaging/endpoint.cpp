@@ -89,6 +89,8 @@ const char* describe(CallStatus status) {
       return "the request cannot be sent";
     case kCallBadEndpoint:
       return "the endpoint's name cannot be used, or the system is out of resources";
+    case kCallUntrusted:
+      return "what listens there is not to be trusted";
   }
   return "unknown status";
 }

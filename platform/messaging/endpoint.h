@@ -20,6 +20,9 @@
 //          connections are closed in it. A child that returns from the receiver it was made in ends
 //          there, with exit(0). A lock of the program's own that a receiver holds meanwhile stays
 //          locked in the child (pthread_atfork(3)).
+// Trust    requests carry secrets, so nothing is sent to a socket of somebody who was not given the
+//          place: the directories above it, and who listens, are looked at whenever a connection is
+//          opened (docs/protocol.md, "Whom a client trusts").
 // Owns     its sockets and its thread. The destructor waits for a running receiver to return; called
 //          inside one, it leaves that to the thread. Links keep a pointer to their endpoint: it has
 //          to outlive their use, and usually lives as long as the process. A program whose threads
@@ -53,6 +56,10 @@ enum CallStatus : int {
   // The endpoint's name cannot be used (see runtime_dir.h), it is one more than kMaxRemotes, or the
   // system is out of resources.
   kCallBadEndpoint = 7,
+  // A socket is there, but somebody may have put it there who is neither root nor this process's
+  // user nor an owner of the directory; lastRefusal tells who or what. Nothing was sent. The next
+  // call looks again.
+  kCallUntrusted = 8,
 };
 
 // One line for people.

@@ -4,11 +4,15 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <utility>
+
+#include "platform/messaging/internal/socket_trust.h"
 
 namespace PbUtility {
 namespace {
@@ -52,7 +56,16 @@ StreamStatus Stream::fail(int error) {
   return StreamStatus::Broken;
 }
 
+StreamStatus Stream::distrust(std::string why) {
+  problem_ = std::move(why);
+  fd_.reset();
+  return StreamStatus::Untrusted;
+}
+
 StreamStatus Stream::connect(const std::string& path, Clock::time_point deadline) {
+  SocketTrust trust(::geteuid());
+  std::string why = trust.whyNot(path);
+  if (!why.empty()) return distrust(std::move(why));
   fd_.make([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
   armed_ = milliseconds(-1);
   if (!fd_) return fail(errno);
@@ -63,7 +76,8 @@ StreamStatus Stream::connect(const std::string& path, Clock::time_point deadline
     // A full backlog makes connect wait; the sending time-out bounds that wait.
     if (!armSendTimeout(deadline)) return fail(EAGAIN);
     if (::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-      return StreamStatus::Ok;
+      why = trust.whyNotPeer(fd_.get());
+      return why.empty() ? StreamStatus::Ok : distrust(std::move(why));
     }
     if (errno != EINTR) break;
   }

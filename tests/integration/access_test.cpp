@@ -78,6 +78,24 @@ TEST_F(AccessTest, WhoComesFirstCannotKeepRootsProgramsOut) {
   EXPECT_EQ(service_.linesWith("which user 65534 has: both are connected now"), 1);
 }
 
+TEST_F(AccessTest, ANameThatOnlyLooksLikeAnotherUsersIsRefusedToo) {
+  TestClient owner("thermostat", service_.runtimeDir());
+  ASSERT_TRUE(owner.read("net.mtu").ok());
+  const auto claim = [](TestClient& client) { return told(client.read("net.mtu")); };
+  for (const char* name : {"Thermostat", "thermostat ", " thermostat"}) {
+    EXPECT_THAT(asUser(kNobody, name, claim),
+                HasSubstr("which looks like \"thermostat\", which user 0 has"))
+        << name;
+  }
+  EXPECT_THAT(asUser(kNobody, "thermostat\u200d", claim),
+              HasSubstr("\"thermostat<U+200D>\", which holds U+200D, which cannot be seen"));
+  EXPECT_THAT(asUser(kNobody, "thermostat\xc2", claim),
+              HasSubstr("the byte C2, which is no UTF-8"));
+  EXPECT_EQ(asUser(kNobody, "thermostats", claim), "ok");
+  TestClient again("THERMOSTAT", service_.runtimeDir());
+  EXPECT_TRUE(again.read("net.mtu").ok()) << "the same user may spell it as they like";
+}
+
 class NamesTest : public AccessTest {
  protected:
   NamesTest() : AccessTest({"--roles", roles_.file("roles.toml")}) {
@@ -90,8 +108,11 @@ TempDir NamesTest::roles_;
 
 TEST_F(NamesTest, ANameOfTheTableIsItsUsersBeforeTheyCame) {
   const auto claim = [](TestClient& client) { return told(client.read("net.mtu")); };
-  EXPECT_THAT(asUser(kOtherUser, "thermostat", claim),
-              HasSubstr("which the table of roles gives to another user"));
+  for (const char* name : {"thermostat", "THERMOSTAT", "thermostat "}) {
+    EXPECT_THAT(asUser(kOtherUser, name, claim),
+                HasSubstr("which the table of roles gives to another user"))
+        << name;
+  }
   EXPECT_EQ(asUser(kOneUser, "thermostat", claim), "ok");
 }
 

@@ -23,8 +23,12 @@ PbUtility::ServerOptions optionsFor(const std::string& runtimeDir, std::uint64_t
 Serving::Serving(const std::string& runtimeDir, std::uint64_t epoch)
     : Serving(optionsFor(runtimeDir, epoch)) {}
 
-Serving::Serving(PbUtility::ServerOptions options)
-    : server_(std::make_unique<PbUtility::Server>(std::move(options), *this)) {
+Serving::Serving(const std::string& runtimeDir, Script script)
+    : Serving(optionsFor(runtimeDir, 1), std::move(script)) {}
+
+Serving::Serving(PbUtility::ServerOptions options, Script script)
+    : onRequestDo(std::move(script)),
+      server_(std::make_unique<PbUtility::Server>(std::move(options), *this)) {
   const std::string problem = server_->open();
   if (!problem.empty()) {
     std::fprintf(stderr, "serving: %s\n", problem.c_str());

@@ -31,14 +31,18 @@ class Serving : public PbUtility::ServerHandler {
     bool peerGone = false;
   };
 
+  using Script = std::function<void(PbUtility::Server&, const Request&)>;
+
   explicit Serving(const std::string& runtimeDir, std::uint64_t epoch = 1);
-  Serving(PbUtility::ServerOptions options);
+  // For clients that are waiting for it: the script is there before they are.
+  Serving(const std::string& runtimeDir, Script script);
+  Serving(PbUtility::ServerOptions options, Script script = nullptr);
   ~Serving() override;
 
   // How requests are answered, on the serving thread; by default a read is answered with its
   // client name, a registration and a one-way request with success, and all else not at all. To be set before clients
   // come, or from onServer.
-  std::function<void(PbUtility::Server&, const Request&)> onRequestDo;
+  Script onRequestDo;
   std::uint64_t revision = 7;
 
   // Runs something on the serving thread and waits for it.

@@ -35,7 +35,8 @@ struct StatusRow {
   ExitCode code;
 };
 
-// A request that is too large can only be so by its value.
+// A request that is too large can only be so by its value. A socket that is not to be trusted is not
+// the service's, which may still come.
 constexpr StatusRow kStatusRows[] = {
     {PbUtility::kCallOk, kExitOk},
     {PbUtility::kCallNoService, kExitUnreachable},
@@ -45,6 +46,7 @@ constexpr StatusRow kStatusRows[] = {
     {PbUtility::kCallBrokenAnswer, kExitFailed},
     {PbUtility::kCallBadRequest, kExitInvalidValue},
     {PbUtility::kCallBadEndpoint, kExitFailed},
+    {PbUtility::kCallUntrusted, kExitUnreachable},
 };
 
 }  // namespace

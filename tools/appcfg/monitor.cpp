@@ -9,6 +9,7 @@
 #include "platform/schema/message_ids.h"
 #include "tools/appcfg/monitor_queue.h"
 #include "tools/appcfg/output.h"
+#include "tools/appcfg/refusal_teller.h"
 #include "tools/appcfg/selection.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/text.h"
@@ -148,13 +149,15 @@ void Monitor::print(const MonitorQueue::Taken& taken) {
 
 Outcome Monitor::follow() {
   const Waited forever{stop_.fd(), queue().wakeFd(), context_.output.outFd(), {}};
+  RefusalTeller teller(context_);
   for (;;) {
     const WriteState state = context_.output.flush();
     if (state == WriteState::Failed) {
       return failure(kExitFailed,
                      std::string("cannot write to standard output: ") + std::strerror(errno));
     }
-    if (state == WriteState::ReaderGone || waitForEvent(forever) != Event::Changes) return {};
+    if (state == WriteState::ReaderGone || teller.waitForEvent(forever) != Event::Changes)
+      return {};
     print(queue().take());
   }
 }

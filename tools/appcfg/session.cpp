@@ -111,6 +111,10 @@ Outcome Session::callFailure(const Purpose& purpose, PbUtility::CallStatus statu
     outcome.advice =
         "start configsrvd, or name the directory of its socket with --runtime-dir or "
         "APPCONFIG_RUNTIME_DIR";
+  } else if (status == PbUtility::kCallUntrusted) {
+    outcome.advice =
+        "give the service a directory that only root, or its own user, may write, and name it with "
+        "--runtime-dir or APPCONFIG_RUNTIME_DIR";
   } else if (status == PbUtility::kCallServiceDied || status == PbUtility::kCallTimedOut) {
     outcome.advice =
         "whether the service acted on the request is not known: look before trying again";

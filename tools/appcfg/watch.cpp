@@ -22,6 +22,7 @@
 #include "tools/appcfg/events.h"
 #include "tools/appcfg/listing.h"
 #include "tools/appcfg/output.h"
+#include "tools/appcfg/refusal_teller.h"
 #include "tools/appcfg/text.h"
 #include "tools/appcfg/verbs.h"
 #include "tools/appcfg/when_there.h"
@@ -149,13 +150,15 @@ void Watch::take(Change change) {
 Outcome Watch::follow() {
   Waited forever = waited();
   forever.changesFd = queue_.wakeFd();
+  RefusalTeller teller(context_);
   for (;;) {
     const WriteState state = context_.output.flush();
     if (state == WriteState::Failed) {
       return failure(kExitFailed,
                      std::string("cannot write to standard output: ") + std::strerror(errno));
     }
-    if (state == WriteState::ReaderGone || waitForEvent(forever) != Event::Changes) return {};
+    if (state == WriteState::ReaderGone || teller.waitForEvent(forever) != Event::Changes)
+      return {};
     for (Change& change : queue_.take()) take(std::move(change));
   }
 }
@@ -255,7 +258,8 @@ bool comesWith(Context& context, const Awaited& awaited, const Value& first, Cha
 Outcome awaitChange(Context& context, const Awaited& awaited, const Value& first,
                     const Deadline& deadline) {
   ChangeQueue& queue = queueOf(awaited.var.nameSpace());
-  while (waitForEvent({-1, queue.wakeFd(), -1, deadline}) == Event::Changes) {
+  RefusalTeller teller(context);
+  while (teller.waitForEvent({-1, queue.wakeFd(), -1, deadline}) == Event::Changes) {
     for (Change& change : queue.take()) {
       if (!comesWith(context, awaited, first, change)) continue;
       printAwaited(context.output, change.var, change.value);

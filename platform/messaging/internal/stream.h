@@ -23,6 +23,8 @@ enum class StreamStatus {
   TimedOut,
   // Nobody listens at the path.
   NoListener,
+  // What is there is not to be trusted (SocketTrust); problem() tells why. Nothing was sent.
+  Untrusted,
   // What came is no frame; problem() tells.
   Broken,
   // The system is out of something; problem() tells.
@@ -31,7 +33,8 @@ enum class StreamStatus {
 
 class Stream {
  public:
-  // Connects to a listening socket. NoListener is decided at once, whatever the deadline.
+  // Connects to a listening socket that may be trusted. NoListener and Untrusted are decided at
+  // once, whatever the deadline.
   StreamStatus connect(const std::string& path, Clock::time_point deadline);
 
   bool isOpen() const { return static_cast<bool>(fd_); }
@@ -53,6 +56,8 @@ class Stream {
   // Waits until there may be something to receive; false when the deadline has passed.
   bool waitForBytes(Clock::time_point deadline);
   StreamStatus fail(int error);
+  // Closes, and keeps why.
+  StreamStatus distrust(std::string why);
   // Reads until `wanted` bytes stand in the buffer, and perhaps more.
   StreamStatus fill(std::size_t& have, std::size_t wanted, Clock::time_point deadline);
 

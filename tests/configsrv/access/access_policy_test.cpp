@@ -270,6 +270,14 @@ TEST_F(AccessPolicyTest, NamesThatAreGivenToNobodyAreMistakes) {
             "roles.toml:1:1: \"names\" takes a table, as in [names], not an integer\n");
 }
 
+TEST_F(AccessPolicyTest, NamesThatLookAlikeOrCannotBeSeenAreMistakes) {
+  EXPECT_EQ(
+      mistakes("[names]\n\"ui\" = \"61001\"\n\"UI \" = \"*\"\n\"u\\u200Bi\" = \"*\"\n"),
+      "roles.toml:3:1: \"UI \" looks like a name above: give it to one user, or to \"*\"\n"
+      "roles.toml:4:1: the endpoint name \"u<U+200B>i\" holds U+200B, which cannot be seen: no "
+      "endpoint may have it\n");
+}
+
 TEST_F(AccessPolicyTest, OnlyWhatRootOrTheServicesUserAloneCanWriteIsTrusted) {
   EXPECT_EQ(whyNotTrusted(0, 0644, kOwn), "");
   EXPECT_EQ(whyNotTrusted(kOwn, 0600, kOwn), "");

@@ -78,6 +78,49 @@ TEST_F(NameClaimsTest, ANameThatTheTableGivesAwayIsItsUsersAlsoWhileTheyAreNotTh
   EXPECT_TRUE(mayCome("mine", 0));
 }
 
+TEST_F(NameClaimsTest, ANameThatLooksLikeAnotherUsersIsTheirs) {
+  come("Thermostat-UI", kFirst);
+  const NameClaims::Answer answer = claims_.ask("thermostat-ui ", kOwner, kGroup);
+  EXPECT_FALSE(answer.accepted);
+  EXPECT_EQ(answer.text,
+            "user 61003 claims the endpoint name \"thermostat-ui \", which looks like "
+            "\"Thermostat-UI\", which user 61001 has");
+  EXPECT_TRUE(mayCome("thermostat-uj", kOwner));
+}
+
+TEST_F(NameClaimsTest, TheSameUserMaySpellANameAsTheyLike) {
+  come("ui", kFirst);
+  EXPECT_TRUE(mayCome("UI", kFirst));
+  come("UI", kFirst);
+  claims_.went("ui", kFirst);
+  EXPECT_FALSE(mayCome("Ui", kOwner));
+  claims_.went("UI", kFirst);
+  EXPECT_TRUE(mayCome("Ui", kOwner));
+}
+
+TEST_F(NameClaimsTest, ANameOfTheTableIsItsUsersHoweverItIsSpelled) {
+  for (const char* name : {"Mine", "MINE", " mine", "mine  "}) {
+    EXPECT_FALSE(mayCome(name, kFirst)) << name;
+    EXPECT_TRUE(mayCome(name, kOwner)) << name;
+  }
+  come("ALL", kFirst);
+  EXPECT_TRUE(mayCome("All", kOwner));
+}
+
+TEST_F(NameClaimsTest, ANameThatHoldsWhatCannotBeSeenIsNobodysNotEvenRoots) {
+  for (const uid_t user : {kFirst, uid_t{0}}) {
+    const NameClaims::Answer answer = claims_.ask("ui\u200b", user, kGroup);
+    EXPECT_FALSE(answer.accepted);
+    EXPECT_EQ(answer.text, "user " + std::to_string(user) +
+                               " claims the endpoint name \"ui<U+200B>\", which holds U+200B, "
+                               "which cannot be seen");
+  }
+  EXPECT_EQ(claims_.ask("ui\xff", kFirst, kGroup).text,
+            "user 61001 claims the endpoint name \"ui<FF>\", which holds the byte FF, which is no "
+            "UTF-8");
+  EXPECT_TRUE(claims_.ask("ui\xff", kFirst, kGroup).repeated);
+}
+
 TEST_F(NameClaimsTest, ANameThatIsEverybodysTakesAllAtOnce) {
   come("all", kFirst);
   EXPECT_TRUE(mayCome("all", kOwner));

@@ -39,14 +39,10 @@ ConfigIF::RegisterClientCallbackReq registration(const std::string& name) {
 // Has room for some registrations, refuses those beyond, and takes a name that it has again.
 class RoomService {
  public:
-  explicit RoomService(const std::string& runtimeDir, std::size_t room) : serving(runtimeDir) {
-    room_ = room;
-    serving.onServer([this](Server&) {
-      serving.onRequestDo = [this](Server& server, const Serving::Request& request) {
-        answer(server, request);
-      };
-    });
-  }
+  RoomService(const std::string& runtimeDir, std::size_t room)
+      : room_(room), serving_(runtimeDir, [this](Server& server, const Serving::Request& request) {
+          answer(server, request);
+        }) {}
 
   void makeRoom(std::size_t room) { room_ = room; }
   // What is answered instead of LIMIT.
@@ -55,7 +51,7 @@ class RoomService {
   // The registrations that came for this name, refused ones included; for any when none is given.
   std::vector<Serving::Request> asked(const std::string& name = "") const {
     std::vector<Serving::Request> found;
-    for (const Serving::Request& request : serving.requests()) {
+    for (const Serving::Request& request : serving_.requests()) {
       if (!PlatformSchema::isRepeatedOnReconnect(request.messageId)) continue;
       ConfigIF::RegisterClientCallbackReq registered;
       registered.ParseFromString(request.payload);
@@ -64,8 +60,6 @@ class RoomService {
     return found;
   }
   std::size_t accepted() const { return accepted_; }
-
-  Serving serving;
 
  private:
   void answer(Server& server, const Serving::Request& request) {
@@ -90,10 +84,11 @@ class RoomService {
     server.respond(request.id, response, kRevision + 1);
   }
 
-  std::atomic<std::size_t> room_{0};
+  std::atomic<std::size_t> room_;
   std::atomic<CommonIF::eErrorType> error_{CommonIF::ERROR_LIMIT};
   std::atomic<std::size_t> accepted_{0};
   std::set<std::string> names_;  // the serving thread's own
+  Serving serving_;              // calls answer, so it comes last
 };
 
 class RegistrationRefusalsTest : public testing::Test {

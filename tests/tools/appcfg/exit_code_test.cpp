@@ -57,6 +57,7 @@ TEST(ExitCodeTest, EachFailureOfTheMessageLayerHasItsCode) {
   EXPECT_EQ(exitCodeOf(PbUtility::kCallBrokenAnswer), kExitFailed);
   EXPECT_EQ(exitCodeOf(PbUtility::kCallBadRequest), kExitInvalidValue);
   EXPECT_EQ(exitCodeOf(PbUtility::kCallBadEndpoint), kExitFailed);
+  EXPECT_EQ(exitCodeOf(PbUtility::kCallUntrusted), kExitUnreachable);
 }
 
 TEST(ExitCodeTest, TheCodesAreZeroToTenEachWithANameOfItsOwn) {

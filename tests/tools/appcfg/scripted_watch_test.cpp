@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -84,6 +86,12 @@ class SmallService {
     changeAtRegistration_[keyOf(text)] = value;
   }
 
+  // Whether registrations are accepted.
+  void makeRoom(bool hasRoom) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    hasRoom_ = hasRoom;
+  }
+
   // Whether somebody who registered for this name has read again since, as both verbs do before
   // they wait for notices.
   bool isFollowed(const std::string& name) const {
@@ -108,8 +116,17 @@ class SmallService {
       server.respond(request.id, reading(request.payload), kRevision);
     } else if (PlatformSchema::isRepeatedOnReconnect(request.messageId)) {
       note(request);
-      server.respond(request.id, ConfigIF::RegisterClientCallbackRsp(), kRevision);
+      server.respond(request.id, registering(), kRevision);
     }
+  }
+
+  ConfigIF::RegisterClientCallbackRsp registering() const {
+    ConfigIF::RegisterClientCallbackRsp response;
+    if (!hasRoom_) {
+      response.mutable_result()->set_error(CommonIF::ERROR_LIMIT);
+      response.mutable_result()->add_messages("user 7 has all 3 of them");
+    }
+    return response;
   }
 
   ConfigIF::ListRsp listing() const {
@@ -159,6 +176,7 @@ class SmallService {
   std::set<std::string> registered_;
   std::set<std::string> followed_;
   int listingsSinceRegistered_ = 0;
+  bool hasRoom_ = true;
   std::string identity_;
   Serving serving_;
 };
@@ -308,7 +326,32 @@ TEST_F(ScriptedWatchTest, AnInterruptAndATerminationEndItWithSuccess) {
   }
 }
 
+const char* const kRefused =
+    "appcfg: the service does not tell what happens, for it has no room: user 7 has all 3 of them; "
+    "asking until it has\n";
+const char* const kAccepted = "appcfg: the service tells what happens again\n";
+
+TEST_F(ScriptedWatchTest, SaysWhenTheServiceHasNoRoomForItAndWhenItHasAgain) {
+  service_.makeRoom(false);
+  RunningAppcfg watch(dir_.path(), {"watch", "net.mtu"});
+  EXPECT_EQ(watch.line(), "net.mtu = 1500");
+  ASSERT_TRUE(watch.waitForErr(kRefused));
+  service_.makeRoom(true);
+  ASSERT_TRUE(watch.waitForErr(kAccepted));
+  service_.announce("net.mtu", {"1400"});
+  EXPECT_EQ(watch.line(), "net.mtu = 1400");
+  EXPECT_EQ(watch.stop(SIGTERM), 0);
+  EXPECT_EQ(watch.err(), std::string(kRefused) + kAccepted) << "each once";
+}
+
 // --- wait ---
+
+TEST_F(ScriptedWatchTest, WaitSaysItAsWellAndKeepsItsTime) {
+  service_.makeRoom(false);
+  RunningAppcfg wait(dir_.path(), {"wait", "net.mtu", "1", "--timeout", "0.3"});
+  EXPECT_EQ(wait.wait(), kExitTimedOut);
+  EXPECT_EQ(wait.err(), std::string(kRefused) + "appcfg: net.mtu did not become 1 in time\n");
+}
 
 TEST_F(ScriptedWatchTest, WaitEndsAtOnceWhenTheValueIsThere) {
   RunningAppcfg wait(dir_.path(), {"wait", "net.mtu", "1500"});
@@ -365,6 +408,28 @@ TEST_F(ScriptedWatchTest, WaitEndsWithEightWhenTheValueDoesNotComeInTime) {
 TEST_F(ScriptedWatchTest, WaitForAVariableThatIsNotThereIsNotFound) {
   RunningAppcfg wait(dir_.path(), {"wait", "no.such"});
   EXPECT_EQ(wait.wait(), kExitNotFound);
+}
+
+// --- monitor ---
+
+TEST(ScriptedMonitorTest, SaysWhenARestartedServiceHasNoRoomForItAndWhenItHasAgain) {
+  const TestSupport::TempDir dir;
+  std::atomic<bool> hasRoom{true};
+  const auto answer = [&hasRoom](PbUtility::Server& server, const Serving::Request& request) {
+    ConfigIF::MonitorRsp response;
+    if (!hasRoom) response.mutable_result()->set_error(CommonIF::ERROR_LIMIT);
+    server.respond(request.id, response, kRevision);
+  };
+  auto serving = std::make_unique<Serving>(dir.path(), answer);
+  RunningAppcfg monitor(dir.path(), {"monitor"});
+  ASSERT_TRUE(eventually([&] { return !serving->requests().empty(); }));
+  hasRoom = false;
+  serving.reset();
+  serving = std::make_unique<Serving>(dir.path(), answer);
+  ASSERT_TRUE(monitor.waitForErr("for it has no room: a limit of the service is reached;"));
+  hasRoom = true;
+  ASSERT_TRUE(monitor.waitForErr(kAccepted));
+  EXPECT_EQ(monitor.stop(SIGTERM), 0);
 }
 
 }  // namespace
