@@ -151,7 +151,11 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
                    server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
                  }),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_, providers_, audit_.get(), *store_, epoch_}),
+                   server_, providers_, audit_.get(), *store_,
+                   [this](CommitQueue::Work work, std::function<void()> done) {
+                     withStore(std::move(work), std::move(done));
+                   },
+                   [this] { restart(); }, epoch_}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
@@ -165,7 +169,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 
   // Empty on success.
   std::string open();
-  void run();
+  End run();
   void stop() {
     server_.post([this] { beginToStop(); });
   }
@@ -195,6 +199,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return access_.mayClaim(uid, gid, variable.writeRole());
   }
 
+  void withStore(CommitQueue::Work work, std::function<void()> done);
+  void restart();
   void sumUpLater();
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
@@ -274,6 +280,9 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Requests requests_;
   CommitQueue commits_;
   bool stopping_ = false;
+  bool restarting_ = false;
+  // Of withStore(), not done yet.
+  std::size_t storeWorks_ = 0;
   // A timer for summing up the log is set.
   bool sumsUp_ = false;
 };
@@ -337,12 +346,29 @@ void Service::Impl::sumUpLater() {
   });
 }
 
-void Service::Impl::run() {
+// A store that is about to be replaced is kept whole, and needs no snapshot.
+Service::End Service::Impl::run() {
   keepSnapshot();
   expectProviders();
   server_.run();
   log_.sumUp(true);
+  if (restarting_) return End::Restart;
   keepSnapshot();
+  return End::Stopped;
+}
+
+void Service::Impl::withStore(CommitQueue::Work work, std::function<void()> done) {
+  ++storeWorks_;
+  commits_.submitWork(std::move(work), [this, done = std::move(done)] {
+    --storeWorks_;
+    done();
+  });
+}
+
+void Service::Impl::restart() {
+  if (stopping_) return;
+  restarting_ = true;
+  beginToStop();
 }
 
 void Service::Impl::complete(const std::vector<Completion>& batch) {
@@ -358,7 +384,7 @@ void Service::Impl::beginToStop() {
 }
 
 void Service::Impl::leaveWhenIdle() {
-  if (stopping_ && changes_.underWay() == 0) server_.stop();
+  if (stopping_ && changes_.underWay() == 0 && storeWorks_ == 0) server_.stop();
 }
 
 std::string Service::Impl::describe() const {
@@ -404,7 +430,7 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
 
 Service::Service(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Service::~Service() = default;
-void Service::run() { impl_->run(); }
+Service::End Service::run() { return impl_->run(); }
 void Service::stop() { impl_->stop(); }
 std::string Service::describe() const { return impl_->describe(); }
 

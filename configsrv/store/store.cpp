@@ -10,6 +10,7 @@
 
 #include "configsrv/store/internal/store_impl.h"
 #include "configsrv/store/internal/store_opening.h"
+#include "configsrv/store/internal/store_restore.h"
 
 namespace ConfigSrv {
 namespace {
@@ -203,6 +204,11 @@ OpenedStore Store::open(const StoreOptions& options) {
   opened.variables = std::move(contents.variables);
   opened.store.reset(new Store(std::move(impl)));
   return opened;
+}
+
+StoreStatus Store::checkRestore(const StoreOptions& options, std::uint64_t* revision) {
+  FileSystem& system = options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem();
+  return ConfigSrv::checkRestore(StoreFiles(options.file, system), options, revision);
 }
 
 std::uint64_t Store::storeId() const { return impl_->storeId(); }

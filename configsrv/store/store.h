@@ -13,6 +13,9 @@
 //          behind it; it is said as well, unless it is in the last two or three of them.
 //          A file written by a newer version is refused and not touched; one of an older version
 //          is brought to the present format, in one transaction.
+// Restore  a copy under the name FILE.restore takes the store's place when it is opened next, with a
+//          new id; what was there is kept as FILE.replaced-<UTC time> (the newest kMaxSetAside), and
+//          the notice says so. One that is no good is set aside as FILE.restore.damaged-<UTC time>.
 // Past     with a Witness, a store that is not the one that clients were told of last (an older copy
 //          that was put back, a log whose end is missing) gets a new id, and the notice says so.
 // Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
@@ -115,6 +118,11 @@ class Store {
   // commit may bring the failed transactions back, whole: the disk may have them despite its
   // answer.
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
+
+  // Whether the next open() would take FILE.restore, and the revision that it has. Leaves that file
+  // and the store as they are; neither needs to be closed. Fails with kUnusable when there is none,
+  // or it is no good, kNewerFormat, kDiskFull or kIo.
+  static StoreStatus checkRestore(const StoreOptions& options, std::uint64_t* revision);
 
   // Replaces FILE.snapshot by a copy of the store as it is now. A failure (kDiskFull, kIo) leaves
   // the previous snapshot in place. Takes time in proportion to the store's size.

@@ -274,6 +274,13 @@ bool readNewestRevision(Database& database, std::uint64_t* revision) {
   return read;
 }
 
+bool readStoreId(Database& database, std::uint64_t* storeId) {
+  std::int64_t number = 0;
+  const bool read = database.readNumber("SELECT store_id FROM meta", &number);
+  *storeId = static_cast<std::uint64_t>(number);
+  return read;
+}
+
 VariableTable::VariableTable(const Database& database)
     : select_(database, kSelectOne), write_(database, kWriteOne) {}
 

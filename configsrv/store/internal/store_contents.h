@@ -50,6 +50,7 @@ StoreContents readContents(Database& database, const StoreFormats& formats);
 void emptyLog(Database& database);
 
 [[nodiscard]] bool readNewestRevision(Database& database, std::uint64_t* revision);
+[[nodiscard]] bool readStoreId(Database& database, std::uint64_t* storeId);
 
 // The rows of `variable`, one at a time. After a kFailed, Database::lastFailure() says why.
 class VariableTable {
