@@ -160,6 +160,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
     log_.whenHeldBack([this] { server_.post([this] { sumUpLater(); }); });
+    records_ = std::move(opened.records);
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
@@ -201,6 +202,9 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 
   void withStore(CommitQueue::Work work, std::function<void()> done);
   void restart();
+  void repairAudit();
+  void syncAudit();
+  void endAudit();
   void sumUpLater();
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
@@ -281,6 +285,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   CommitQueue commits_;
   bool stopping_ = false;
   bool restarting_ = false;
+  // A part of the audit record is on its way to the disk.
+  bool syncingAudit_ = false;
+  // What the store has kept of the audit record; until open().
+  std::vector<StoredRecord> records_;
   // Of withStore(), not done yet.
   std::size_t storeWorks_ = 0;
   // A timer for summing up the log is set.
@@ -293,6 +301,7 @@ std::string Service::Impl::open() {
   if (!problem.empty()) return problem;
   providers_.open();
   witness_->begin({epoch_, model_.definitions().digest(), store_->storeId()}, store_->mark());
+  repairAudit();
   return {};
 }
 
@@ -346,12 +355,47 @@ void Service::Impl::sumUpLater() {
   });
 }
 
+void Service::Impl::repairAudit() {
+  if (records_.empty()) return;
+  if (audit_->repair(records_)) store_->forgetRecords(records_.back().revision);
+  records_.clear();
+}
+
+// What cannot be forced to the disk is not kept for ever: the store is not where records pile up.
+void Service::Impl::syncAudit() {
+  if (audit_ == nullptr || syncingAudit_ || !audit_->isWorthSyncing()) return;
+  syncingAudit_ = true;
+  const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
+  const auto problem = std::make_shared<std::string>();
+  withStore(
+      [lines, problem](Store& store) {
+        *problem = lines->wait();
+        store.forgetRecords(lines->revision);
+      },
+      [this, problem] {
+        syncingAudit_ = false;
+        audit_->synced(*problem);
+      });
+}
+
+// An orderly end leaves nothing to be made up for.
+void Service::Impl::endAudit() {
+  if (audit_ == nullptr) return;
+  const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
+  const std::string problem = lines->wait();
+  audit_->synced(problem);
+  if (lines->revision == 0 || !problem.empty()) return;
+  const StoreStatus status = store_->forgetRecordsNow(lines->revision);
+  if (!status.ok()) log_.warning(status.text);
+}
+
 // A store that is about to be replaced is kept whole, and needs no snapshot.
 Service::End Service::Impl::run() {
   keepSnapshot();
   expectProviders();
   server_.run();
   log_.sumUp(true);
+  endAudit();
   if (restarting_) return End::Restart;
   keepSnapshot();
   return End::Stopped;
@@ -374,6 +418,7 @@ void Service::Impl::restart() {
 void Service::Impl::complete(const std::vector<Completion>& batch) {
   for (const Completion& completion : batch)
     completion.done(completion.status, completion.revision);
+  syncAudit();
   leaveWhenIdle();
 }
 
@@ -415,6 +460,7 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   StoreOptions storeOptions;
   storeOptions.file = options.storeFile;
   storeOptions.witness = witness.get();
+  storeOptions.keepsRecords = !options.auditFile.empty();
   OpenedStore opened = Store::open(storeOptions);
   if (!opened.status.ok()) return failed(StartStatus::BadStore, {opened.status.text});
 

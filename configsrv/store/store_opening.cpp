@@ -204,8 +204,9 @@ StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
   bool readable = true;
   StoreStatus copied = files_.makeCopy(files_.snapshotFile(), files_.newFile(), &readable);
   if (!copied.ok() && readable) return copied;
-  const StoreContents contents =
-      copied.ok() ? prepareCopy(files_.newFile(), options_) : damagedContents(copied.text);
+  const StoreContents contents = copied.ok()
+                                     ? prepareCopy(files_.newFile(), options_, Records::Keep)
+                                     : damagedContents(copied.text);
   if (contents.condition == Condition::kFailed) return contents.status;
   if (contents.condition == Condition::kGood) {
     *restored = true;

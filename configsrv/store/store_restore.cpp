@@ -15,7 +15,7 @@ using Condition = StoreContents::Condition;
 StoreContents prepareRestore(const StoreFiles& files, const StoreOptions& options) {
   bool readable = true;
   const StoreStatus copied = files.makeCopy(files.restoreFile(), files.newFile(), &readable);
-  if (copied.ok()) return prepareCopy(files.newFile(), options);
+  if (copied.ok()) return prepareCopy(files.newFile(), options, Records::Drop);
   if (!readable) return damagedContents(copied.text);
   StoreContents contents;
   contents.condition = Condition::kFailed;
@@ -80,7 +80,7 @@ StoreContents upgradeAndRead(Database& database, std::int64_t format, const Stor
                                             : contentsAfterFailure(database);
 }
 
-StoreContents prepareCopy(const std::string& file, const StoreOptions& options) {
+StoreContents prepareCopy(const std::string& file, const StoreOptions& options, Records records) {
   const StoreFormats& formats = formatsOf(options);
   Database database(file, options.vfs, Database::Access::kReadWrite);
   if (!database.isOpen()) return notOpened(database);
@@ -91,7 +91,8 @@ StoreContents prepareCopy(const std::string& file, const StoreOptions& options) 
     contents = upgradeAndRead(database, contents.format, formats);
   if (contents.condition != Condition::kGood) return contents;
   contents.storeId = makeStoreId();
-  if (!replaceStoreId(database, contents.format, contents.storeId))
+  const bool dropped = records == Records::Keep || dropRecordTable(database);
+  if (!dropped || !replaceStoreId(database, contents.format, contents.storeId))
     return contentsAfterFailure(database);
   return contents;
 }

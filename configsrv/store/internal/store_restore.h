@@ -36,7 +36,11 @@ StoreContents upgradeAndRead(Database& database, std::int64_t format, const Stor
 
 // Checks a closed file whole, brings it to the newest format and gives it an id of its own: under the
 // old one, older revisions would be taken for news.
-StoreContents prepareCopy(const std::string& file, const StoreOptions& options);
+//
+// Records of another time are of no use where a copy is put on purpose; in a snapshot that takes the
+// place of what it is a snapshot of, they may be all that is left.
+enum class Records { Keep, Drop };
+StoreContents prepareCopy(const std::string& file, const StoreOptions& options, Records records);
 
 // Puts FILE.restore in the store's place, when there is one; appends what was done to the notice.
 StoreStatus takeRestore(const StoreFiles& files, const StoreOptions& options, std::string* notice);
