@@ -21,6 +21,22 @@ std::string objectionTo(const struct stat& status) {
   return {};
 }
 
+int openDirectory(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+// What cannot be read is taken to be well: a service may be allowed to write alone.
+bool endsWithLineBreak(const std::string& path, off_t bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return true;
+  char last = '\n';
+  const ssize_t got = ::pread(fd, &last, 1, bytes - 1);
+  ::close(fd);
+  return got != 1 || last == '\n';
+}
+
 std::string records(std::uint64_t count) {
   return std::to_string(count) + (count == 1 ? " record" : " records");
 }
@@ -47,7 +63,8 @@ bool AuditFile::isStillThere() const {
 }
 
 std::string AuditFile::reopen() {
-  if (fd_ >= 0) ::close(fd_);
+  if (fd_ >= 0) unsynced_ ? before_->add(fd_) : static_cast<void>(::close(fd_));
+  unsynced_ = false;
   torn_ = false;
   fd_ =
       ::open(path_.c_str(),
@@ -57,7 +74,11 @@ std::string AuditFile::reopen() {
   std::string objection = ::fstat(fd_, &status) == 0 ? objectionTo(status) : because(errno);
   device_ = status.st_dev;
   inode_ = status.st_ino;
-  if (objection.empty()) return {};
+  if (objection.empty()) {
+    before_->add(openDirectory(path_));  // Of a new file, the name has to get to the disk as well.
+    torn_ = status.st_size > 0 && !endsWithLineBreak(path_, status.st_size);
+    return {};
+  }
   ::close(fd_);
   fd_ = -1;
   return objection;
@@ -93,13 +114,29 @@ void AuditFile::lose(const std::string& why, std::uint64_t lines) {
 
 // In one write with the line that tells of what was lost: where only that one fits, the next record
 // would be lost again, and the log filled with it.
-void AuditFile::append(const std::string& line) {
+bool AuditFile::append(const std::string& line) {
   const std::string problem = write(lost_ > 0 ? lostLine_(lost_) + '\n' + line : line);
-  if (!problem.empty()) return lose(problem, 1);
-  if (!std::exchange(broken_, false)) return;
+  if (!problem.empty()) {
+    lose(problem, 1);
+    return false;
+  }
+  unsynced_ = true;
+  if (!std::exchange(broken_, false)) return true;
   log_.warning(path_ + ": the audit record is written again; " + records(lost_) +
                " of changes were lost");
   lost_ = 0;
+  return true;
+}
+
+std::string AuditFile::syncNow() {
+  unsynced_ = fd_ >= 0;
+  return takeUnsynced()->wait();
+}
+
+std::shared_ptr<AuditSync> AuditFile::takeUnsynced() {
+  std::shared_ptr<AuditSync> taken = std::exchange(before_, std::make_shared<AuditSync>());
+  if (std::exchange(unsynced_, false)) taken->add(::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
+  return taken;
 }
 
 }  // namespace ConfigSrv

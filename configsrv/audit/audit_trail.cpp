@@ -9,6 +9,7 @@
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/role_names.h"
 #include "configsrv/audit/internal/audit_file.h"
+#include "configsrv/audit/internal/audit_search.h"
 #include "configsrv/audit/internal/json_object.h"
 #include "configsrv/model/model.h"
 
@@ -170,6 +171,10 @@ void addOutcome(JsonObject& record, const ChangeOutcome& outcome, bool mayBeQuot
              std::string_view(outcome.messages.front()).substr(0, AuditTrail::kMaxValueBytes));
 }
 
+std::string withRevision(const std::string& record, std::uint64_t revision) {
+  return record + ",\"revision\":" + std::to_string(revision);
+}
+
 std::string lostLine(std::uint64_t lost) {
   JsonObject record;
   record.add("time", now()).add("lost", lost);
@@ -179,10 +184,68 @@ std::string lostLine(std::uint64_t lost) {
 }  // namespace
 
 AuditTrail::AuditTrail(const std::string& file, const Log& log)
-    : file_(std::make_unique<AuditFile>(file, log, lostLine)) {
+    : path_(file), log_(log), file_(std::make_unique<AuditFile>(file, log, lostLine)) {
   file_->open();
 }
 AuditTrail::~AuditTrail() = default;
+
+std::string AuditTrail::changeCommits(const ChangeRequest& request, const Variable& variable) {
+  JsonObject record;
+  addWho(record, request.by);
+  record.add("variable", AppConfig::formatKey(request.what.key));
+  std::visit(Fields(record, &variable), request.what.what);
+  addOutcome(record, {}, true);
+  std::string text = record.text();
+  text.pop_back();  // Its revision is still to come.
+  return text;
+}
+
+void AuditTrail::changeCommitted(const std::string& record, std::uint64_t revision) {
+  file_->append(withRevision(record, revision) + '}');
+  ++unsynced_;
+  unsyncedBytes_ += record.size();
+  lastRevision_ = revision;
+}
+
+bool AuditTrail::repair(const std::vector<StoredRecord>& records) {
+  std::vector<std::string> lines;
+  lines.reserve(records.size());
+  for (const StoredRecord& record : records)
+    lines.push_back(withRevision(record.text, record.revision));
+  const std::vector<bool> there = linesInFile(path_, lines);
+  std::uint64_t repaired = 0;
+  bool all = true;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    if (there[i]) continue;
+    if (file_->append(lines[i] + ",\"repaired\":true}"))
+      ++repaired;
+    else
+      all = false;
+  }
+  if (repaired > 0)
+    log_.warning(path_ + ": " + std::to_string(repaired) +
+                 (repaired == 1 ? " record" : " records") +
+                 " of changes that the last end of the service left out are appended now");
+  // Those that are there may be in the system's memory alone.
+  const std::string problem = file_->syncNow();
+  synced(problem);
+  return all && problem.empty();
+}
+
+std::shared_ptr<AuditSync> AuditTrail::takeUnsynced() {
+  unsynced_ = 0;
+  unsyncedBytes_ = 0;
+  std::shared_ptr<AuditSync> taken = file_->takeUnsynced();
+  taken->revision = lastRevision_;
+  return taken;
+}
+
+void AuditTrail::synced(const std::string& problem) {
+  if (problem.empty()) return;
+  log_.repeatable(LogLevel::Error, "audit sync",
+                  path_ + ": the audit record cannot be forced to the disk: " + problem +
+                      "; a loss of power may cost the last records: check the disk");
+}
 
 void AuditTrail::changeEnds(const ChangeRequest& request, const Variable* variable,
                             const ChangeOutcome& outcome) {

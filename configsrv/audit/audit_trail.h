@@ -5,6 +5,9 @@
 //          nor what somebody sent for a variable that does not exist, for it may have been meant
 //          for a secret one.
 // Limits   kMaxValueBytes of each value; the record says when that was not all.
+// Durable  the record of a change that is committed is kept in the store as well, in the same commit,
+//          until the file is on the disk (takeUnsynced()). What the end of a service, or a loss of
+//          power, left out of the file, repair() appends at the next start, marked as such.
 // Faults   a file that cannot be written stops no change; see internal/audit_file.h.
 // Threads  one.
 //
@@ -16,7 +19,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "configsrv/audit/audit_sync.h"
 #include "configsrv/changes/change.h"
 #include "configsrv/log/log.h"
 
@@ -28,6 +33,9 @@ class AuditTrail final : public ChangeObserver {
  public:
   // Bytes of the elements of one value; what is beyond is left out.
   static constexpr std::size_t kMaxValueBytes = 4096;
+  // Records, and their bytes, that the store keeps until the file is forced to the disk.
+  static constexpr std::size_t kMaxUnsynced = 256;
+  static constexpr std::size_t kMaxUnsyncedBytes = std::size_t{64} * 1024;
 
   // The log outlives this object.
   AuditTrail(const std::string& file, const Log& log);
@@ -35,6 +43,8 @@ class AuditTrail final : public ChangeObserver {
   AuditTrail(const AuditTrail&) = delete;
   AuditTrail& operator=(const AuditTrail&) = delete;
 
+  std::string changeCommits(const ChangeRequest& request, const Variable& variable) override;
+  void changeCommitted(const std::string& record, std::uint64_t revision) override;
   void changeEnds(const ChangeRequest& request, const Variable* variable,
                   const ChangeOutcome& outcome) override;
 
@@ -43,8 +53,26 @@ class AuditTrail final : public ChangeObserver {
   void refusedBelow(const Requester& by, std::string_view action, const std::string& name,
                     const ChangeOutcome& outcome);
 
+  // Appends those of the records that the store has kept and the file lacks. True when all are in the
+  // file, and on the disk: they can be forgotten then.
+  bool repair(const std::vector<StoredRecord>& records);
+
+  // Whether so much is unsynced that it is worth a wait for the disk.
+  bool isWorthSyncing() const {
+    return unsynced_ >= kMaxUnsynced || unsyncedBytes_ >= kMaxUnsyncedBytes;
+  }
+  // What was written since the last call, of changes up to its `revision`.
+  std::shared_ptr<AuditSync> takeUnsynced();
+  // How that ended, said when it failed.
+  void synced(const std::string& problem);
+
  private:
+  const std::string path_;
+  const Log& log_;
   const std::unique_ptr<AuditFile> file_;
+  std::size_t unsynced_ = 0;
+  std::size_t unsyncedBytes_ = 0;
+  std::uint64_t lastRevision_ = 0;
 };
 
 }  // namespace ConfigSrv

@@ -57,8 +57,13 @@ class Variable;
 class ChangeObserver {
  public:
   virtual ~ChangeObserver() = default;
-  // Called once for each change, before its requester is answered. The variable, null when there is
-  // none, still is as it was before the change. Validations are not told.
+  // The record of a change that is about to be committed, all but its revision. It is kept with the
+  // change, as durable as that; empty: nothing is kept.
+  virtual std::string changeCommits(const ChangeRequest& request, const Variable& variable) = 0;
+  // The change of that record was committed; called before its requester is answered.
+  virtual void changeCommitted(const std::string& record, std::uint64_t revision) = 0;
+  // Called once for each other change, before its requester is answered. The variable, null when
+  // there is none, is as it was. Validations are not told.
   virtual void changeEnds(const ChangeRequest& request, const Variable* variable,
                           const ChangeOutcome& outcome) = 0;
 };

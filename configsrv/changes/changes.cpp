@@ -74,6 +74,8 @@ struct Change {
   std::uint32_t question = 0;
   bool answered = false;
   std::uint64_t timer = 0;
+  // What the observer has kept with it, from its commit on.
+  std::string record;
   // Everybody who was told the new value on change.
   std::vector<PeerId> told;
 
@@ -417,7 +419,10 @@ void Changes::Impl::commit(Change& change) {
                                                    std::uint64_t revision) {
     onCommitted(number, status, revision);
   };
-  if (!host_.commit({asStored(*change.variable, change.request.what)}, done))
+  StoreChange stored = asStored(*change.variable, change.request.what);
+  if (observer_ != nullptr)
+    change.record = stored.record = observer_->changeCommits(change.request, *change.variable);
+  if (!host_.commit({std::move(stored)}, done))
     fail(change, eErrUnavailable, "the service is stopping");
 }
 
@@ -441,7 +446,7 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   ChangeOutcome outcome;
   outcome.revision = revision;
   outcome.changedAt = revision;
-  record(change, outcome);
+  if (observer_ != nullptr) observer_->changeCommitted(change.record, revision);
   const StoreChange what = asStored(variable, std::move(change.request.what));
   model_.apply(what, revision);
   // On change they heard the value and not whether it is the default.

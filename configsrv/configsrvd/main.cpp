@@ -7,12 +7,14 @@
 // hand over the listening socket (sd_listen_fds(3)).
 //
 // Exit codes: exit_code.h.
+#include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 
 #include "configsrv/configsrvd/command_line.h"
@@ -100,17 +102,41 @@ void raiseDescriptorLimit(const Log& log) {
     log.warning("cannot raise the limit of open files: fewer clients can connect");
 }
 
-void serve(Service& service, StopSignals& signals, const Log& log) {
+// Serves until a signal ends it, or until it is to be started anew. A signal that comes while it ends
+// for the latter counts.
+Service::End serve(Service& service, StopSignals& signals, const Log& log, bool isFirst) {
+  std::atomic<bool> signalled{false};
   signals.waitInBackground([&] {
+    signalled = true;
     tellManager(log, "STOPPING=1");
     service.stop();
   });
   log.info("serving " + service.describe());
-  say(stdout, "ready: " + service.describe());
-  tellManager(log, "READY=1");
-  service.run();
+  if (isFirst) {
+    say(stdout, "ready: " + service.describe());
+    tellManager(log, "READY=1");
+  }
+  const Service::End end = service.run();
   signals.stopWaiting();
-  log.info("stopped");
+  return signalled ? Service::End::Stopped : end;
+}
+
+// The socket that was handed over stays ours, so that clients wait at it while there is no service.
+ConfigSrv::ServiceOptions withOwnSocket(ConfigSrv::ServiceOptions options) {
+  if (options.listenFd >= 0) options.listenFd = fcntl(options.listenFd, F_DUPFD_CLOEXEC, 0);
+  return options;
+}
+
+int serveUntilStopped(const ConfigSrv::ServiceOptions& options, StopSignals& signals,
+                      const Log& log) {
+  for (bool isFirst = true;; isFirst = false) {
+    const StartedService started = Service::start(withOwnSocket(options), log);
+    if (started.status != StartStatus::Ok) return reportFailedStart(started, log);
+    returnFreeMemory();
+    if (serve(*started.service, signals, log, isFirst) == Service::End::Restart) continue;
+    log.info("stopped");
+    return kExitOk;
+  }
 }
 
 }  // namespace
@@ -137,9 +163,5 @@ int main(int argc, char** argv) {
     return kExitBadSocket;
   }
   raiseDescriptorLimit(log);
-  const StartedService started = Service::start(line.service, log);
-  if (started.status != StartStatus::Ok) return reportFailedStart(started, log);
-  returnFreeMemory();
-  serve(*started.service, signals, log);
-  return kExitOk;
+  return serveUntilStopped(line.service, signals, log);
 }

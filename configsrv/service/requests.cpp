@@ -124,7 +124,7 @@ Requests::Handler Requests::handlerOf(std::uint32_t messageId) {
 #define LATER(id, name, member) \
   { id, &Requests::answerLater<ConfigIF::name##Req, ConfigIF::name##Rsp, &Requests::member> }
   // Ascending.
-  static constexpr std::array<Entry, 23> kEntries = {{
+  static constexpr std::array<Entry, 25> kEntries = {{
       NOW(0x1A0110, Read, read),
       NOW(0x1A0120, BatchRead, batchRead),
       LATER(0x1A0140, Write, write),
@@ -148,6 +148,8 @@ Requests::Handler Requests::handlerOf(std::uint32_t messageId) {
       NOW(0x1A0410, Status, status),
       NOW(0x1A0420, Clients, clients),
       NOW(0x1A0430, Monitor, monitor),
+      LATER(0x1A0440, StoreSnapshot, storeSnapshot),
+      LATER(0x1A0450, StoreRestore, storeRestore),
   }};
 #undef NOW
 #undef LATER

@@ -157,12 +157,17 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
             },
             {}, ::geteuid()),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_, providers_, audit_.get(), *store_}),
+                   server_, providers_, audit_.get(), *store_,
+                   [this](CommitQueue::Work work, std::function<void()> done) {
+                     withStore(std::move(work), std::move(done));
+                   },
+                   [this] { restart(); }}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
         }) {
     model_.setEpoch(epoch_);
     log_.whenHeldBack([this] { server_.post([this] { sumUpLater(); }); });
+    records_ = std::move(opened.records);
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
@@ -172,7 +177,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 
   // Empty on success.
   std::string open();
-  void run();
+  End run();
   void stop() {
     server_.post([this] { beginToStop(); });
   }
@@ -203,6 +208,11 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return access_.mayClaim(uid, gid, variable.writeRole());
   }
 
+  void withStore(CommitQueue::Work work, std::function<void()> done);
+  void restart();
+  void repairAudit();
+  void syncAudit();
+  void endAudit();
   void sumUpLater();
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
@@ -282,6 +292,13 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Requests requests_;
   CommitQueue commits_;
   bool stopping_ = false;
+  bool restarting_ = false;
+  // A part of the audit record is on its way to the disk.
+  bool syncingAudit_ = false;
+  // What the store has kept of the audit record; until open().
+  std::vector<StoredRecord> records_;
+  // Of withStore(), not done yet.
+  std::size_t storeWorks_ = 0;
   // A timer for summing up the log is set.
   bool sumsUp_ = false;
 };
@@ -292,6 +309,7 @@ std::string Service::Impl::open() {
   if (!problem.empty()) return problem;
   providers_.open();
   witness_->begin({epoch_, model_.definitions().digest(), store_->storeId()}, store_->mark());
+  repairAudit();
   return {};
 }
 
@@ -345,17 +363,70 @@ void Service::Impl::sumUpLater() {
   });
 }
 
-void Service::Impl::run() {
+void Service::Impl::repairAudit() {
+  if (records_.empty()) return;
+  if (audit_->repair(records_)) store_->forgetRecords(records_.back().revision);
+  records_.clear();
+}
+
+// What cannot be forced to the disk is not kept for ever: the store is not where records pile up.
+void Service::Impl::syncAudit() {
+  if (audit_ == nullptr || syncingAudit_ || !audit_->isWorthSyncing()) return;
+  syncingAudit_ = true;
+  const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
+  const auto problem = std::make_shared<std::string>();
+  withStore(
+      [lines, problem](Store& store) {
+        *problem = lines->wait();
+        store.forgetRecords(lines->revision);
+      },
+      [this, problem] {
+        syncingAudit_ = false;
+        audit_->synced(*problem);
+      });
+}
+
+// An orderly end leaves nothing to be made up for.
+void Service::Impl::endAudit() {
+  if (audit_ == nullptr) return;
+  const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
+  const std::string problem = lines->wait();
+  audit_->synced(problem);
+  if (lines->revision == 0 || !problem.empty()) return;
+  const StoreStatus status = store_->forgetRecordsNow(lines->revision);
+  if (!status.ok()) log_.warning(status.text);
+}
+
+// A store that is about to be replaced is kept whole, and needs no snapshot.
+Service::End Service::Impl::run() {
   keepSnapshot();
   expectProviders();
   server_.run();
   log_.sumUp(true);
+  endAudit();
+  if (restarting_) return End::Restart;
   keepSnapshot();
+  return End::Stopped;
+}
+
+void Service::Impl::withStore(CommitQueue::Work work, std::function<void()> done) {
+  ++storeWorks_;
+  commits_.submitWork(std::move(work), [this, done = std::move(done)] {
+    --storeWorks_;
+    done();
+  });
+}
+
+void Service::Impl::restart() {
+  if (stopping_) return;
+  restarting_ = true;
+  beginToStop();
 }
 
 void Service::Impl::complete(const std::vector<Completion>& batch) {
   for (const Completion& completion : batch)
     completion.done(completion.status, completion.revision);
+  syncAudit();
   leaveWhenIdle();
 }
 
@@ -366,7 +437,7 @@ void Service::Impl::beginToStop() {
 }
 
 void Service::Impl::leaveWhenIdle() {
-  if (stopping_ && changes_.underWay() == 0) server_.stop();
+  if (stopping_ && changes_.underWay() == 0 && storeWorks_ == 0) server_.stop();
 }
 
 std::string Service::Impl::describe() const {
@@ -397,6 +468,7 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   StoreOptions storeOptions;
   storeOptions.file = options.storeFile;
   storeOptions.witness = witness.get();
+  storeOptions.keepsRecords = !options.auditFile.empty();
   OpenedStore opened = Store::open(storeOptions);
   if (!opened.status.ok()) return failed(StartStatus::BadStore, {opened.status.text});
 
@@ -412,7 +484,7 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
 
 Service::Service(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Service::~Service() = default;
-void Service::run() { impl_->run(); }
+Service::End Service::run() { return impl_->run(); }
 void Service::stop() { impl_->stop(); }
 std::string Service::describe() const { return impl_->describe(); }
 

@@ -3,7 +3,7 @@
 //   Log log(LogLevel::Info, Log::toStandardError());
 //   StartedService started = Service::start({"/etc/appconfig/definitions.d", "store.db"}, log);
 //   if (started.status != StartStatus::Ok) { for (auto& line : started.lines) show(line); ... }
-//   started.service->run();  // until stop()
+//   Service::End end = started.service->run();  // until stop()
 //
 // Errors   everything that can keep the service from running is found by start(), which then leaves
 //          nothing behind. Once it runs, a fault is one request's or one peer's.
@@ -29,7 +29,7 @@ struct ServiceOptions {
   std::string endpointPrefix;
   // Which user may claim which role; empty: the rules without a file.
   std::string rolesFile;
-  // A listening socket that somebody else made; -1: make one.
+  // A listening socket that somebody else made, which is the service's from start() on; -1: make one.
   int listenFd = -1;
   // How long a provider may take to answer one question.
   std::chrono::milliseconds providerDeadline{3000};
@@ -66,8 +66,17 @@ class Service {
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
-  // Serves until stop(), then keeps a snapshot of the store.
-  void run();
+  // How a run ends.
+  enum class End {
+    Stopped,
+    // A copy is to take the store's place: destroy this object and start another with the same
+    // options. Clients find their way back by themselves.
+    Restart,
+  };
+
+  // Serves until stop(), then keeps a snapshot of the store; or until somebody who may do so has put
+  // a copy of a store beside it and asks for it.
+  [[nodiscard]] End run();
   // Ends run() soon: changes that wait or ask fail, changes that are being committed are committed
   // and answered.
   void stop();

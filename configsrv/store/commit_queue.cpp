@@ -16,7 +16,18 @@ void CommitQueue::submit(StoreTransaction transaction, CommitDone done) {
     waiting_.completions.push_back({std::move(done), {}, 0});
     wasBusy = std::exchange(busy_, true);
   }
-  if (!wasBusy) start_();
+  startIfIdle(wasBusy);
+}
+
+void CommitQueue::submitWork(Work work, std::function<void()> done) {
+  bool wasBusy = false;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    waiting_.works.emplace_back(
+        std::move(work), [done = std::move(done)](const StoreStatus&, std::uint64_t) { done(); });
+    wasBusy = std::exchange(busy_, true);
+  }
+  startIfIdle(wasBusy);
 }
 
 void CommitQueue::commit() {
@@ -25,6 +36,10 @@ void CommitQueue::commit() {
   for (std::size_t i = 0; i < group.completions.size(); ++i) {
     group.completions[i].status = result.status;
     if (result.status.ok()) group.completions[i].revision = result.revisions[i];
+  }
+  for (auto& [work, done] : group.works) {
+    work(store_);
+    group.completions.push_back({std::move(done), {}, 0});
   }
   committed_ = std::move(group.completions);
 }
@@ -37,7 +52,7 @@ CommitQueue::Group CommitQueue::takeWaiting() {
 std::vector<Completion> CommitQueue::take() {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = !waiting_.transactions.empty();
+    busy_ = !waiting_.isEmpty();
     if (!busy_) return std::exchange(committed_, {});
   }
   std::vector<Completion> committed = std::exchange(committed_, {});

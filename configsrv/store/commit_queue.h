@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "configsrv/store/store.h"
@@ -46,6 +47,11 @@ class CommitQueue {
 
   void submit(StoreTransaction transaction, CommitDone done);
 
+  // Does other work with the store, on the thread of the commits and behind those that wait; `done`
+  // comes out of take() like that of a commit.
+  using Work = std::function<void(Store& store)>;
+  void submitWork(Work work, std::function<void()> done);
+
   // Makes one transaction of everything that waits durable, once for each `start`.
   void commit();
   // What the last commit() did, once for each. Calls `start` when more has come meanwhile.
@@ -56,7 +62,13 @@ class CommitQueue {
   struct Group {
     std::vector<StoreTransaction> transactions;
     std::vector<Completion> completions;
+    std::vector<std::pair<Work, CommitDone>> works;
+
+    bool isEmpty() const { return transactions.empty() && works.empty(); }
   };
+  void startIfIdle(bool wasBusy) const {
+    if (!wasBusy) start_();
+  }
 
   Group takeWaiting();
 

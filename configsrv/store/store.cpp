@@ -10,6 +10,7 @@
 
 #include "configsrv/store/internal/store_impl.h"
 #include "configsrv/store/internal/store_opening.h"
+#include "configsrv/store/internal/store_restore.h"
 
 namespace ConfigSrv {
 namespace {
@@ -78,6 +79,7 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
   result.status = writeAll(transactions, &result.revisions, &after);
   if (result.status.ok()) {
     mark_ = after;
+    forgetUpTo_ = 0;
     // Before anybody hears of it: from now on the state before is an older one.
     if (witness_ != nullptr) witness_->settle(mark_);
     countWrite();
@@ -91,7 +93,17 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
 
 StoreStatus Store::Impl::writeAll(const std::vector<StoreTransaction>& transactions,
                                   std::vector<std::uint64_t>* revisions, StoreMark* after) {
-  if (!begin_.finish()) return writeFailure();
+  if (!begin_.finish() || !forgetWaiting()) return writeFailure();
+  StoreStatus status = writeTransactions(transactions, revisions, after);
+  if (!status.ok()) return status;
+  // A process that is killed from here on leaves a store of one of these marks.
+  if (witness_ != nullptr) witness_->expect(mark_, *after);
+  return commit_.finish() ? StoreStatus() : writeFailure();
+}
+
+StoreStatus Store::Impl::writeTransactions(const std::vector<StoreTransaction>& transactions,
+                                           std::vector<std::uint64_t>* revisions,
+                                           StoreMark* after) {
   for (const StoreTransaction& transaction : transactions) {
     if (!transaction.empty()) ++after->revision;
     for (const StoreChange& change : transaction) {
@@ -100,9 +112,41 @@ StoreStatus Store::Impl::writeAll(const std::vector<StoreTransaction>& transacti
     }
     revisions->push_back(after->revision);
   }
-  // A process that is killed from here on leaves a store of one of these marks.
-  if (witness_ != nullptr) witness_->expect(mark_, *after);
-  return commit_.finish() ? StoreStatus() : writeFailure();
+  return {};
+}
+
+bool Store::Impl::forgetWaiting() {
+  return !records_ || forgetUpTo_ == 0 || records_->forget(forgetUpTo_);
+}
+
+StoreStatus Store::Impl::forgetRecordsNow(std::uint64_t upTo) {
+  forgetUpTo_ = upTo;
+  if (!records_) return {};
+  if (begin_.finish() && forgetWaiting() && commit_.finish()) {
+    forgetUpTo_ = 0;
+    countWrite();
+    return {};
+  }
+  StoreStatus status = writeFailure();
+  rollBack();
+  return status;
+}
+
+StoreStatus Store::Impl::openRecords(bool keep, std::vector<StoredRecord>* records) {
+  if (!keep) return {};
+  const auto makeReady = [&] {
+    return makeRecordTable(database_) && readRecords(database_, records) &&
+           records_.emplace(database_).isReady();
+  };
+  bool ready = makeReady();
+  // A table that is not ours to read is of no use to anybody.
+  if (!ready && database_.lastFailureIsDamage()) ready = dropRecordTable(database_) && makeReady();
+  database_.takePagesWritten();
+  if (ready) return {};
+  StoreStatus status = writeFailure();
+  records_.reset();
+  records->clear();
+  return status;
 }
 
 StoreStatus Store::Impl::writeChange(const StoreChange& change, StoreMark* after) {
@@ -119,7 +163,8 @@ StoreStatus Store::Impl::writeChange(const StoreChange& change, StoreMark* after
   std::uint64_t written = 0;
   if (!table_.write(variable, &written)) return writeFailure();
   after->digest += written - before;
-  return {};
+  if (!records_ || change.record.empty()) return {};
+  return records_->add(after->revision, change.record) ? StoreStatus() : writeFailure();
 }
 
 StoreStatus Store::Impl::writeFailure() const {
@@ -200,9 +245,20 @@ OpenedStore Store::open(const StoreOptions& options) {
     opened.status = impl->database().lastFailure("prepare");
     return opened;
   }
+  const StoreStatus records = impl->openRecords(options.keepsRecords, &opened.records);
+  // As on a full disk: what is stored is served all the same.
+  if (!records.ok()) {
+    opened.notice += opened.notice.empty() ? "" : "; ";
+    opened.notice += "no records are kept with changes: " + records.text;
+  }
   opened.variables = std::move(contents.variables);
   opened.store.reset(new Store(std::move(impl)));
   return opened;
+}
+
+StoreStatus Store::checkRestore(const StoreOptions& options, std::uint64_t* revision) {
+  FileSystem& system = options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem();
+  return ConfigSrv::checkRestore(StoreFiles(options.file, system), options, revision);
 }
 
 std::uint64_t Store::storeId() const { return impl_->storeId(); }
@@ -211,6 +267,8 @@ StoreMark Store::mark() const { return impl_->mark(); }
 CommitResult Store::commit(const std::vector<StoreTransaction>& transactions) {
   return impl_->commit(transactions);
 }
+void Store::forgetRecords(std::uint64_t upTo) { impl_->forgetRecords(upTo); }
+StoreStatus Store::forgetRecordsNow(std::uint64_t upTo) { return impl_->forgetRecordsNow(upTo); }
 StoreStatus Store::snapshot() { return impl_->snapshot(); }
 StoreCounters Store::counters() const { return impl_->counters(); }
 std::uint64_t Store::commitsSinceSnapshot() const { return impl_->commitsSinceSnapshot(); }

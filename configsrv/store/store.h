@@ -13,6 +13,11 @@
 //          behind it; it is said as well, unless it is in the last two or three of them.
 //          A file written by a newer version is refused and not touched; one of an older version
 //          is brought to the present format, in one transaction.
+// Restore  a copy under the name FILE.restore takes the store's place when it is opened next, with a
+//          new id; what was there is kept as FILE.replaced-<UTC time> (the newest kMaxSetAside), and
+//          the notice says so. One that is no good is set aside as FILE.restore.damaged-<UTC time>.
+// Records  a store that keeps them has a text beside a change, as durable as the change, until it is
+//          told to forget it: for whoever writes it elsewhere too, and cannot do both at once.
 // Past     with a Witness, a store that is not the one that clients were told of last (an older copy
 //          that was put back, a log whose end is missing) gets a new id, and the notice says so.
 // Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
@@ -58,6 +63,8 @@ struct StoreOptions {
   int logPages = kLogPages;
   // The commit that finds the last snapshot, or the opening, this long ago takes one.
   std::chrono::steady_clock::duration snapshotEvery = std::chrono::hours(24);
+  // Whether it keeps the records of changes. Those that a store has stay there when it does not.
+  bool keepsRecords = false;
   // The formats that are known; null for those of this version. Outlives the store.
   const StoreFormats* formats = nullptr;
   // Told of every commit before it is made, and asked about what is found; null: nobody. Outlives
@@ -116,6 +123,16 @@ class Store {
   // answer.
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
 
+  // Whether the next open() would take FILE.restore, and the revision that it has. Leaves that file
+  // and the store as they are; neither needs to be closed. Fails with kUnusable when there is none,
+  // or it is no good, kNewerFormat, kDiskFull or kIo.
+  static StoreStatus checkRestore(const StoreOptions& options, std::uint64_t* revision);
+
+  // Forgets the records of all revisions up to this one, as a part of the next commit.
+  void forgetRecords(std::uint64_t upTo);
+  // The same at once. Fails with kDiskFull or kIo; the next commit then tries again.
+  StoreStatus forgetRecordsNow(std::uint64_t upTo);
+
   // Replaces FILE.snapshot by a copy of the store as it is now. A failure (kDiskFull, kIo) leaves
   // the previous snapshot in place. Takes time in proportion to the store's size.
   StoreStatus snapshot();
@@ -137,6 +154,7 @@ struct [[nodiscard]] OpenedStore {
   StoreStatus status;
   std::unique_ptr<Store> store;           // Null unless status is ok.
   std::vector<StoredVariable> variables;  // In the order of std::less<ConfigVar>.
+  std::vector<StoredRecord> records;      // In the order of their revisions.
   std::string notice;  // One line for the log when something had to be set aside, else empty.
 };
 

@@ -274,6 +274,46 @@ bool readNewestRevision(Database& database, std::uint64_t* revision) {
   return read;
 }
 
+bool readStoreId(Database& database, std::uint64_t* storeId) {
+  std::int64_t number = 0;
+  const bool read = database.readNumber("SELECT store_id FROM meta", &number);
+  *storeId = static_cast<std::uint64_t>(number);
+  return read;
+}
+
+bool makeRecordTable(Database& database) {
+  return database.run(
+      "CREATE TABLE IF NOT EXISTS audit (revision INTEGER NOT NULL, line BLOB NOT NULL)");
+}
+
+bool dropRecordTable(Database& database) { return database.run("DROP TABLE IF EXISTS audit"); }
+
+bool readRecords(Database& database, std::vector<StoredRecord>* records) {
+  Statement rows(database, "SELECT revision, line FROM audit ORDER BY revision, rowid");
+  if (!rows.isReady()) return false;
+  Statement::Step step = rows.step();
+  for (; step == Statement::Step::kRow; step = rows.step()) {
+    const auto revision = static_cast<std::uint64_t>(rows.number(0).value_or(0));
+    records->push_back({revision, rows.bytes(1).value_or(std::string())});
+  }
+  return step == Statement::Step::kDone;
+}
+
+RecordTable::RecordTable(const Database& database)
+    : insert_(database, "INSERT INTO audit VALUES (?1, ?2)"),
+      forget_(database, "DELETE FROM audit WHERE revision <= ?1") {}
+
+bool RecordTable::add(std::uint64_t revision, const std::string& text) {
+  insert_.bind(1, static_cast<std::int64_t>(revision));
+  insert_.bind(2, std::string_view(text));
+  return insert_.finish();
+}
+
+bool RecordTable::forget(std::uint64_t upTo) {
+  forget_.bind(1, static_cast<std::int64_t>(upTo));
+  return forget_.finish();
+}
+
 VariableTable::VariableTable(const Database& database)
     : select_(database, kSelectOne), write_(database, kWriteOne) {}
 

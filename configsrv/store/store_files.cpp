@@ -21,6 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+const char* const kDamaged = ".damaged-";
+const char* const kReplaced = ".replaced-";
 const char* const kCompanions[] = {"-wal", "-shm", "-journal"};
 
 StoreStatus systemFailure(const std::string& doing, const std::string& path, int error) {
@@ -160,6 +162,8 @@ bool StoreFiles::exists(const std::string& path) const {
 }
 
 bool StoreFiles::hasSnapshot() const { return hasContent(snapshotFile()); }
+bool StoreFiles::hasRestore() const { return exists(restoreFile()); }
+bool StoreFiles::hasFile() const { return hasContent(file_); }
 
 StoreStatus StoreFiles::create(const std::string& path) const {
   discard(path);
@@ -167,17 +171,22 @@ StoreStatus StoreFiles::create(const std::string& path) const {
   return error == 0 ? syncDirectory() : systemFailure("create", path, error);
 }
 
-StoreStatus StoreFiles::setAside(std::string* name) const {
-  *name = unusedAsideName(file_);
-  StoreStatus status = renameAside(file_, *name);
-  if (status.ok()) forgetOldest(file_, *name);
+StoreStatus StoreFiles::setAside(const std::string& path, std::string* name) const {
+  return setAsideAs(path, path + kDamaged, name);
+}
+
+StoreStatus StoreFiles::setReplacedAside(std::string* name) const {
+  const bool wasThere = exists(file_);
+  StoreStatus status = setAsideAs(file_, file_ + kReplaced, name);
+  if (!wasThere) name->clear();
   return status;
 }
 
-StoreStatus StoreFiles::setSnapshotAside(std::string* name) const {
-  *name = unusedAsideName(snapshotFile());
-  StoreStatus status = renameAside(snapshotFile(), *name);
-  if (status.ok()) forgetOldest(snapshotFile(), *name);
+StoreStatus StoreFiles::setAsideAs(const std::string& path, const std::string& start,
+                                   std::string* name) const {
+  *name = unusedAsideName(start);
+  StoreStatus status = renameAside(path, *name);
+  if (status.ok()) forgetOldest(start, *name);
   return status;
 }
 
@@ -187,15 +196,15 @@ StoreStatus StoreFiles::renameAside(const std::string& path, const std::string& 
   for (std::size_t i = 0; i < from.size(); ++i) {
     const int error = system_->rename(from[i], to[i]);
     if (error == ENOENT) continue;
-    if (error != 0) return systemFailure("rename to " + to[i] + " the damaged", from[i], error);
+    if (error != 0) return systemFailure("rename to " + to[i] + " the file", from[i], error);
     StoreStatus synced = syncDirectory();
     if (!synced.ok()) return synced;
   }
   return {};
 }
 
-std::string StoreFiles::unusedAsideName(const std::string& path) const {
-  const std::string base = path + ".damaged-" + utcNow();
+std::string StoreFiles::unusedAsideName(const std::string& start) const {
+  const std::string base = start + utcNow();
   std::string name = base;
   const auto taken = [this](const std::string& candidate) {
     const std::vector<std::string> paths = family(candidate);
@@ -207,13 +216,13 @@ std::string StoreFiles::unusedAsideName(const std::string& path) const {
 }
 
 // A clock that starts anew with each boot misorders the names; the newest stays all the same.
-void StoreFiles::forgetOldest(const std::string& path, const std::string& newest) const {
+void StoreFiles::forgetOldest(const std::string& start, const std::string& newest) const {
   std::vector<std::string> all;
   system_->list(directory(), &all);
   std::set<std::string, std::greater<>> names;
   for (const std::string& one : all) {
-    const std::string name = (fs::path(path).parent_path() / one).string();
-    if (startsWith(name, path + ".damaged-")) names.insert(stem(name));
+    const std::string name = (fs::path(start).parent_path() / one).string();
+    if (startsWith(name, start)) names.insert(stem(name));
   }
   names.erase(newest);
   int kept = 1;
@@ -223,19 +232,20 @@ void StoreFiles::forgetOldest(const std::string& path, const std::string& newest
 }
 
 StoreStatus StoreFiles::copyLogAside(std::string* name) const {
-  const std::string base = unusedAsideName(file_);
+  const std::string base = unusedAsideName(file_ + kDamaged);
   *name = base + "-wal";
   bool readable = true;
   StoreStatus status = create(*name);
   if (status.ok()) status = copy(logFile(), *name, &readable);
-  if (status.ok()) forgetOldest(file_, base);
+  if (status.ok()) forgetOldest(file_ + kDamaged, base);
   if (!status.ok()) system_->remove(*name);
   return status;
 }
 
-StoreStatus StoreFiles::copySnapshotTo(const std::string& path, bool* readable) const {
-  StoreStatus created = create(path);
-  return created.ok() ? copy(snapshotFile(), path, readable) : created;
+StoreStatus StoreFiles::makeCopy(const std::string& from, const std::string& to,
+                                 bool* readable) const {
+  StoreStatus created = create(to);
+  return created.ok() ? copy(from, to, readable) : created;
 }
 
 StoreStatus StoreFiles::copy(const std::string& from, const std::string& to, bool* readable) const {
@@ -260,6 +270,14 @@ StoreStatus StoreFiles::install(const std::string& from, const std::string& to) 
 
 void StoreFiles::discard(const std::string& path) const {
   for (const std::string& part : family(path)) system_->remove(part);
+}
+
+StoreStatus StoreFiles::forget(const std::string& path) const {
+  for (const std::string& part : family(path)) {
+    const int error = system_->remove(part);
+    if (error != 0 && error != ENOENT) return systemFailure("remove", part, error);
+  }
+  return syncDirectory();
 }
 
 StoreStatus StoreFiles::syncLog() const {

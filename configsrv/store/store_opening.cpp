@@ -4,11 +4,7 @@
 // and then renamed, so that a loss of power leaves the old state or the new one.
 #include "configsrv/store/internal/store_opening.h"
 
-#include <sys/random.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
 
 #include "configsrv/store/internal/log_reserve.h"
 #include "configsrv/store/internal/log_scan.h"
@@ -20,28 +16,9 @@ using Condition = StoreContents::Condition;
 
 constexpr int kPageBytes = 4096;
 
-// Needs to be different, not secret: a device that has gathered no entropy yet must not wait.
-std::uint64_t makeStoreId() {
-  std::uint64_t id = 0;
-  if (::getrandom(&id, sizeof id, GRND_NONBLOCK) != sizeof id) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-    id = static_cast<std::uint64_t>(now) * 0x9E3779B97F4A7C15U ^
-         static_cast<std::uint64_t>(::getpid()) << 48;
-  }
-  return id != 0 ? id : 1;
-}
-
 std::string onOneLine(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   return text;
-}
-
-// Nothing was read yet, so whatever is wrong is not the file's contents.
-StoreContents notOpened(const Database& database) {
-  StoreContents contents;
-  contents.condition = Condition::kFailed;
-  contents.status = database.lastFailure("open");
-  return contents;
 }
 
 }  // namespace
@@ -49,10 +26,13 @@ StoreContents notOpened(const Database& database) {
 StoreStatus StoreOpening::run() {
   StoreStatus status = files_.makeDirectory();
   if (status.ok()) status = files_.takeLock(&lock_);
+  if (status.ok()) status = takeRestore(files_, options_, &notice_);
   if (status.ok()) status = open();
   if (status.ok()) status = holdAgainstWitness();
   return status;
 }
+
+void StoreOpening::say(const std::string& what) { notice_ += (notice_.empty() ? "" : "; ") + what; }
 
 StoreStatus StoreOpening::open() {
   StoreFiles::Presence presence = StoreFiles::Presence::kNothing;
@@ -80,9 +60,8 @@ StoreStatus StoreOpening::holdAgainstWitness() {
   contents_.storeId = makeStoreId();
   if (!replaceStoreId(*database_, contents_.format, contents_.storeId))
     return database_->lastFailure("give a new id to");
-  if (!notice_.empty()) notice_ += "; ";
-  notice_ += "the store " + files_.file() + " " + objection +
-             "; it is served as it is, and clients read everything again";
+  say("the store " + files_.file() + " " + objection +
+      "; it is served as it is, and clients read everything again");
   return {};
 }
 
@@ -156,10 +135,9 @@ StoreStatus StoreOpening::goOnWithoutLostCommits() {
   if (!replaceStoreId(*database_, contents_.format, contents_.storeId))
     return database_->lastFailure("repair");
   emptyLog(*database_);
-  notice_ = "the log of the store " + files_.file() +
-            " is damaged: what was committed after revision " +
-            std::to_string(contents_.mark.revision) + " is lost; the damaged log is " +
-            (kept.ok() ? "kept as " + aside : "not kept, for " + kept.text);
+  say("the log of the store " + files_.file() + " is damaged: what was committed after revision " +
+      std::to_string(contents_.mark.revision) + " is lost; the damaged log is " +
+      (kept.ok() ? "kept as " + aside : "not kept, for " + kept.text));
   return {};
 }
 
@@ -176,13 +154,8 @@ StoreContents StoreOpening::openAndRead() {
   // The file could be opened for writing, or this would not have been reached.
   if (database_->isReadOnly()) return damagedContents("its header says that it is read-only");
   if (!useLog()) return contentsAfterFailure(*database_);
-  return isOlder ? upgradeAndRead(*database_, contents.format)
+  return isOlder ? upgradeAndRead(*database_, contents.format, formats())
                  : readContents(*database_, formats());
-}
-
-StoreContents StoreOpening::upgradeAndRead(Database& database, std::int64_t format) const {
-  return upgrade(database, format, formats()) ? readContents(database, formats())
-                                              : contentsAfterFailure(database);
 }
 
 bool StoreOpening::useLog() {
@@ -209,13 +182,13 @@ StoreStatus StoreOpening::recover(const std::string& whatIsWrong) {
                                 onOneLine(whatIsWrong) + "; check the disk"};
   }
   recovering_ = true;
-  notice_ = "the store " + files_.file() + " cannot be used: " + onOneLine(whatIsWrong);
+  say("the store " + files_.file() + " cannot be used: " + onOneLine(whatIsWrong));
   return replaceDamaged();
 }
 
 StoreStatus StoreOpening::replaceDamaged() {
   std::string aside;
-  StoreStatus status = files_.setAside(&aside);
+  StoreStatus status = files_.setAside(files_.file(), &aside);
   if (!status.ok()) return status;
   notice_ += "; what was there is now " + aside;
   bool restored = false;
@@ -229,9 +202,11 @@ StoreStatus StoreOpening::replaceDamaged() {
 StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
   if (!files_.hasSnapshot()) return {};
   bool readable = true;
-  StoreStatus copied = files_.copySnapshotTo(files_.newFile(), &readable);
+  StoreStatus copied = files_.makeCopy(files_.snapshotFile(), files_.newFile(), &readable);
   if (!copied.ok() && readable) return copied;
-  const StoreContents contents = copied.ok() ? makeRestored() : damagedContents(copied.text);
+  const StoreContents contents = copied.ok()
+                                     ? prepareCopy(files_.newFile(), options_, Records::Keep)
+                                     : damagedContents(copied.text);
   if (contents.condition == Condition::kFailed) return contents.status;
   if (contents.condition == Condition::kGood) {
     *restored = true;
@@ -240,32 +215,19 @@ StoreStatus StoreOpening::restoreSnapshot(bool* restored) {
     return files_.install(files_.newFile(), files_.file());
   }
   std::string aside;
-  StoreStatus status = files_.setSnapshotAside(&aside);
+  StoreStatus status = files_.setAside(files_.snapshotFile(), &aside);
   notice_ += "; the snapshot cannot be used either and is now " + aside;
   return status;
-}
-
-// The new id comes before the new name: under the old id, older revisions would be taken for news.
-StoreContents StoreOpening::makeRestored() {
-  Database database(files_.newFile(), options_.vfs, Database::Access::kReadWrite);
-  if (!database.isOpen()) return notOpened(database);
-  StoreContents contents = readContents(database, formats());
-  if (contents.condition == Condition::kOlderFormat) {
-    contents = upgradeAndRead(database, contents.format);
-  }
-  if (contents.condition != Condition::kGood) return contents;
-  if (!replaceStoreId(database, contents.format, makeStoreId()))
-    return contentsAfterFailure(database);
-  return contents;
 }
 
 std::uint64_t StoreOpening::snapshotRevision() const {
   if (!files_.hasSnapshot()) return 0;
   Database database(files_.snapshotFile(), options_.vfs, Database::Access::kReadOnly);
   std::uint64_t revision = 0;
-  // One that cannot be read counts as none: the next snapshot replaces it.
+  std::uint64_t id = 0;
+  // One that cannot be read, or is another store's, counts as none: the next snapshot replaces it.
   if (!database.isOpen() || !readNewestRevision(database, &revision)) return 0;
-  return revision;
+  return readStoreId(database, &id) && id == contents_.storeId ? revision : 0;
 }
 
 }  // namespace ConfigSrv

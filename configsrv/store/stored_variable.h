@@ -68,6 +68,14 @@ struct StoreChange {
   ConfigVar key;
   std::variant<SetValue, ResetValue, SetOptions, SetAccess, ResetAttributes> what;
   Forgotten forgotten{};
+  // Kept beside the change, in the same commit, by a store that keeps records; empty: none.
+  std::string record{};
+};
+
+// A record that a store has kept, and the revision of its change.
+struct StoredRecord {
+  std::uint64_t revision = 0;
+  std::string text;
 };
 
 // Changes that become durable together, under one revision: all of them or none.

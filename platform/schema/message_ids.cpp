@@ -79,6 +79,10 @@ const Entry kMessages[] = {
     MESSAGE(0x1A0430, MonitorReq),
     MESSAGE(0x1A0431, MonitorRsp),
     MESSAGE(0x1A0433, MonitorNtfy),
+    MESSAGE(0x1A0440, StoreSnapshotReq),
+    MESSAGE(0x1A0441, StoreSnapshotRsp),
+    MESSAGE(0x1A0450, StoreRestoreReq),
+    MESSAGE(0x1A0451, StoreRestoreRsp),
 };
 
 #undef MESSAGE

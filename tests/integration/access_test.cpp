@@ -2,6 +2,7 @@
 // names, tokens, roles and questions of others, and look for what they may not read.
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <iostream>
@@ -580,6 +581,29 @@ TEST(SecretTest, WhatASecretVariableHoldsStandsInNoLogAuditRecordListOfClientsOr
   EXPECT_THAT(readFile(audit.file("audit.jsonl")), Not(HasSubstr("S3CR3T")));
   EXPECT_THAT(texts, HasSubstr("net.password"));
   EXPECT_THAT(texts, Not(HasSubstr("S3CR3T")));
+}
+
+class StoreAccessTest : public AccessTest {};
+
+// Whatever role the table lets them claim: the store holds what no role may read, too.
+TEST_F(StoreAccessTest, OthersThanRootAndTheServicesUserNeitherCopyNorReplaceTheStore) {
+  writeFile(service_.storeFile() + ".restore", "planted");
+  const std::string said = asUser(kNobody, "intruder", [](TestClient& client) {
+    std::string all;
+    for (const auto role : {CommonIF::SECURITY_ROLE_PUBLIC, CommonIF::SECURITY_ROLE_USER}) {
+      client.actAs(role);
+      ConfigIF::StoreSnapshotRsp made;
+      all += told(client.request(ConfigIF::StoreSnapshotReq(), &made)) + made.file() + ";";
+      ConfigIF::StoreRestoreRsp taken;
+      all += told(client.request(ConfigIF::StoreRestoreReq(), &taken)) + ";";
+    }
+    return all;
+  });
+  const std::string refusal =
+      "error 3 the store is for root and the service's own user (0) alone, and this is user 65534;";
+  EXPECT_EQ(said, refusal + refusal + refusal + refusal);
+  EXPECT_TRUE(std::filesystem::exists(service_.storeFile() + ".restore"));
+  EXPECT_FALSE(std::filesystem::exists(service_.storeFile() + ".snapshot"));
 }
 
 }  // namespace

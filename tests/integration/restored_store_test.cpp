@@ -1,6 +1,8 @@
 // A store that is not the one that clients were told of last: running programs are brought up to date,
 // whatever its revisions are.
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "tests/integration/application.h"
 #include "tests/integration/fixture.h"
@@ -107,6 +109,60 @@ TEST_F(RestoredStoreTest, SoDoesALogThatIsCutAtItsEnd) {
   service_.start();
   EXPECT_TRUE(comesToHave("name", "3")) << cached("name");
   EXPECT_EQ(service_.linesWith("its end is lost"), 1) << service_.log();
+}
+
+// As `appcfg store restore` does it: the copy beside the store, and a request.
+TEST_F(RestoredStoreTest, SoDoesACopyThatTheServiceIsAskedToTakeWhileItRuns) {
+  write("net.name", "old");
+  client_.actAs(CommonIF::SECURITY_ROLE_PUBLIC);
+  ConfigIF::StoreSnapshotRsp made;
+  ASSERT_TRUE(client_.request(ConfigIF::StoreSnapshotReq(), &made).ok());
+  EXPECT_EQ(made.revision(), 1U);
+  std::filesystem::copy_file(made.file(), service_.storeFile() + ".restore");
+  write("net.name", "new");
+  write("net.mtu", "1400");
+  registerHandler("net", "name", &consumer_);
+  ASSERT_TRUE(comesToHave("name", "new"));
+  ASSERT_TRUE(comesToHave("mtu", "1400"));
+  ConfigIF::StoreRestoreRsp taken;
+  const Outcome outcome = client_.request(ConfigIF::StoreRestoreReq(), &taken);
+  ASSERT_TRUE(outcome.ok()) << outcome.text;
+  EXPECT_EQ(taken.revision(), 1U);
+  EXPECT_EQ(taken.revision_before(), 3U);
+  EXPECT_TRUE(comesToHave("name", "old")) << cached("name");
+  EXPECT_TRUE(comesToHave("mtu", "1500")) << cached("mtu");
+  EXPECT_TRUE(consumer_.waitFor("value net.name = old"));
+}
+
+TEST_F(RestoredStoreTest, AServiceThatHasNoCopyToTakeSaysSoAndGoesOn) {
+  write("net.name", "new");
+  ConfigIF::StoreRestoreRsp taken;
+  const Outcome outcome = client_.request(ConfigIF::StoreRestoreReq(), &taken);
+  EXPECT_EQ(outcome.error, CommonIF::ERROR_INVALID_VALUE);
+  EXPECT_THAT(outcome.text, testing::HasSubstr(service_.storeFile() + ".restore"));
+  EXPECT_EQ(cached("name"), "new");
+}
+
+// Whoever waits is answered, and finds the way back.
+TEST_F(RestoredStoreTest, WritersGoOnWhileTheServiceTakesACopy) {
+  std::atomic<bool> over{false};
+  std::atomic<int> written{0};
+  std::thread writer([&] {
+    for (int i = 0; !over; ++i) written += other_.write("net.servers", std::to_string(i)).ok();
+  });
+  for (int i = 0; i < 3; ++i) {
+    ConfigIF::StoreSnapshotRsp made;
+    EXPECT_TRUE(
+        eventually([&] { return client_.request(ConfigIF::StoreSnapshotReq(), &made).ok(); }));
+    std::filesystem::copy_file(made.file(), service_.storeFile() + ".restore");
+    ConfigIF::StoreRestoreRsp taken;
+    EXPECT_TRUE(client_.request(ConfigIF::StoreRestoreReq(), &taken).ok());
+    const int before = written;
+    EXPECT_TRUE(eventually([&] { return written > before + 10; }));
+  }
+  over = true;
+  writer.join();
+  EXPECT_EQ(service_.terminate(), 0);
 }
 
 TEST_F(RestoredStoreTest, AServiceThatIsKilledAndStartedAgainHasNothingToSay) {

@@ -4,11 +4,11 @@ namespace AppCfgTool {
 
 const std::vector<Verb>& verbs() {
   static const std::vector<Verb> all = {
-      getVerb(),       setVerb(),      resetVerb(),      validateVerb(),   isDefaultVerb(),
-      listVerb(),      describeVerb(), optionsGetVerb(), optionsSetVerb(), accessGetVerb(),
-      accessSetVerb(), watchVerb(),    waitVerb(),       exportVerb(),     importVerb(),
-      submitVerb(),    statusVerb(),   clientsVerb(),    monitorVerb(),    completionVerb(),
-      completeVerb(),
+      getVerb(),          setVerb(),        resetVerb(),      validateVerb(),   isDefaultVerb(),
+      listVerb(),         describeVerb(),   optionsGetVerb(), optionsSetVerb(), accessGetVerb(),
+      accessSetVerb(),    watchVerb(),      waitVerb(),       exportVerb(),     importVerb(),
+      submitVerb(),       statusVerb(),     clientsVerb(),    monitorVerb(),    storeCopyVerb(),
+      storeRestoreVerb(), completionVerb(), completeVerb(),
   };
   return all;
 }

@@ -37,6 +37,9 @@ Verb statusVerb();
 Verb clientsVerb();
 // monitor.cpp
 Verb monitorVerb();
+// store.cpp
+Verb storeCopyVerb();
+Verb storeRestoreVerb();
 // completion.cpp
 Verb completionVerb();
 Verb completeVerb();

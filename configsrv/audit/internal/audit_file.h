@@ -1,6 +1,6 @@
 // AuditFile: lines at the end of a file, each whole and in one write, or counted as lost.
 //
-// Shape    made with mode 0600. A line that the disk did not take as a whole is taken back.
+// Shape    made with mode 0600. What somebody left without a line break at the end gets one. A line that the disk did not take as a whole is taken back.
 // Rotation when another file has the name, or none, the next line goes to the name and not to the
 //          file that was: whoever rotates it need only rename it.
 // Faults   a file that cannot be written stops nobody. The log says so once, and once more, with
@@ -14,8 +14,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "configsrv/audit/audit_sync.h"
 #include "configsrv/log/log.h"
 
 namespace ConfigSrv {
@@ -33,8 +35,13 @@ class AuditFile {
 
   // Finds out, before there is anything to write, whether it can be written.
   void open();
-  // The line has no line break.
-  void append(const std::string& line);
+  // The line has no line break. Whether it stands in the file now.
+  bool append(const std::string& line);
+  // All that was appended since the last call.
+  std::shared_ptr<AuditSync> takeUnsynced();
+
+  // Waits for the disk, whoever wrote what is in the file. Empty on success; else the reason.
+  std::string syncNow();
 
   std::uint64_t lost() const { return lost_; }
 
@@ -53,6 +60,10 @@ class AuditFile {
   // Half a line stands at the end and could not be taken back.
   bool torn_ = false;
   bool broken_ = false;
+  // Something was appended since the last takeUnsynced(), to this file; and to those that it had
+  // before.
+  bool unsynced_ = false;
+  std::shared_ptr<AuditSync> before_ = std::make_shared<AuditSync>();
   std::uint64_t lost_ = 0;
 };
 

@@ -1,7 +1,7 @@
 // Requests: what the service answers to each request of the protocol.
 //
 // One table leads from a message id to one member function. Answers that need nobody else are given
-// at once; changes and validations answer when they have ended.
+// at once; changes, validations and what takes the store as a whole answer when they have ended.
 //
 // Errors   a payload that is no message of its kind, and a request that is none, are refused as a
 //          whole, with a line in the log. Everything else is an error code in the answer.
@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@
 #include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/change_batch.h"
 #include "configsrv/service/service.h"
+#include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
 #include "configsrv/subscriptions/subscriptions.h"
 #include "platform/messaging/server.h"
@@ -48,6 +50,10 @@ struct RequestContext {
   AuditTrail* audit;
   // For its counters alone; all else of it is another thread's.
   const Store& store;
+  // Does work with the store on the thread that makes changes durable, then calls `done` in the loop.
+  std::function<void(CommitQueue::Work work, std::function<void()> done)> withStore;
+  // Ends this run of the service, for another with the store that is there then.
+  std::function<void()> restart;
 };
 
 class Requests {
@@ -168,6 +174,11 @@ class Requests {
   void status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp&);
   void clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::ClientsRsp&);
   void monitor(const Call&, const ConfigIF::MonitorReq&, ConfigIF::MonitorRsp&);
+
+  // --- The store as a whole (store_requests.cpp) ---
+  bool mayManageStore(const Call& call, ConfigIF::ReturnMessage& result) const;
+  void storeSnapshot(const Call&, const ConfigIF::StoreSnapshotReq&);
+  void storeRestore(const Call&, const ConfigIF::StoreRestoreReq&);
 
   RequestContext with_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();

@@ -1,10 +1,10 @@
 // store_contents: the tables of a store's file, and the reading and writing of their rows.
 //
-// Two tables. `variable` has one row for each variable that differs, or once differed, from its
+// `variable` has one row for each variable that differs, or once differed, from its
 // definition; it is WITHOUT ROWID, so that a row is found and written in one tree. `meta` has one
 // row: the format and the store's id. The newest revision is stored nowhere: each transaction
 // leaves its revision in a row, rows are never deleted, so it is the largest in the table, and a
-// commit writes one page less.
+// commit writes one page less. A store that keeps records has a table `audit` of them as well.
 #pragma once
 
 #include <cstdint>
@@ -50,6 +50,27 @@ StoreContents readContents(Database& database, const StoreFormats& formats);
 void emptyLog(Database& database);
 
 [[nodiscard]] bool readNewestRevision(Database& database, std::uint64_t* revision);
+[[nodiscard]] bool readStoreId(Database& database, std::uint64_t* storeId);
+
+// The table of records. An older version does not look at it, so the format stays what it was.
+[[nodiscard]] bool makeRecordTable(Database& database);
+[[nodiscard]] bool dropRecordTable(Database& database);
+[[nodiscard]] bool readRecords(Database& database, std::vector<StoredRecord>* records);
+
+// The rows of that table, in a commit. After a false, Database::lastFailure() says why.
+class RecordTable {
+ public:
+  // The table has to be there.
+  explicit RecordTable(const Database& database);
+
+  bool isReady() const { return insert_.isReady() && forget_.isReady(); }
+  [[nodiscard]] bool add(std::uint64_t revision, const std::string& text);
+  [[nodiscard]] bool forget(std::uint64_t upTo);
+
+ private:
+  Statement insert_;
+  Statement forget_;
+};
 
 // The rows of `variable`, one at a time. After a kFailed, Database::lastFailure() says why.
 class VariableTable {

@@ -34,6 +34,8 @@ class StoreFiles {
   // Half-made files; what is found under these names is left from an interrupted attempt.
   std::string newSnapshotFile() const { return file_ + ".snapshot.new"; }
   std::string newFile() const { return file_ + ".new"; }
+  // A copy that is to take the file's place.
+  std::string restoreFile() const { return file_ + ".restore"; }
 
   StoreStatus makeDirectory() const;
   // The directory and those above it: without them the file is lost with the power.
@@ -42,25 +44,31 @@ class StoreFiles {
   // Sets `blocked` to what is wrong when something blocks the way.
   StoreStatus inspect(Presence* presence, std::string* blocked) const;
   bool hasSnapshot() const;
+  bool hasRestore() const;
+  bool hasFile() const;
 
   // An empty file of mode 0600 in place of whatever has that name.
   StoreStatus create(const std::string& path) const;
 
-  // Renames the file and its companions (or just the snapshot) to `name`, which says when, and
-  // forgets the oldest of those set aside before.
-  StoreStatus setAside(std::string* name) const;
-  StoreStatus setSnapshotAside(std::string* name) const;
+  // Renames a damaged file and its companions to `name`, which says when, and forgets the oldest of
+  // those set aside before. The path is file(), snapshotFile() or restoreFile().
+  StoreStatus setAside(const std::string& path, std::string* name) const;
+  // The same for a file() that another is to replace; no name when there is none.
+  StoreStatus setReplacedAside(std::string* name) const;
 
   // Keeps a copy of the log under a name like those of setAside, and leaves it in place.
   StoreStatus copyLogAside(std::string* name) const;
 
-  // `readable` is false when the failure is the snapshot's.
-  StoreStatus copySnapshotTo(const std::string& path, bool* readable) const;
+  // A new file `to` with the contents of the other; `readable` is false when the failure is that
+  // one's.
+  StoreStatus makeCopy(const std::string& from, const std::string& to, bool* readable) const;
 
   // Makes the finished file `from` durable under the name `to`, replacing what is there.
   StoreStatus install(const std::string& from, const std::string& to) const;
 
   void discard(const std::string& path) const;
+  // The same, durably.
+  StoreStatus forget(const std::string& path) const;
 
   // The log and its name, and the file's own.
   StoreStatus syncLog() const;
@@ -69,8 +77,11 @@ class StoreFiles {
   std::string directory() const;
   StoreStatus syncDirectory() const;
   StoreStatus renameAside(const std::string& path, const std::string& name) const;
-  std::string unusedAsideName(const std::string& path) const;
-  void forgetOldest(const std::string& path, const std::string& newest) const;
+  // What is set aside has a name that begins with `start`: "FILE.damaged-".
+  StoreStatus setAsideAs(const std::string& path, const std::string& start,
+                         std::string* name) const;
+  std::string unusedAsideName(const std::string& start) const;
+  void forgetOldest(const std::string& start, const std::string& newest) const;
 
   StoreStatus copy(const std::string& from, const std::string& to, bool* readable) const;
   std::string whatBlocks(const std::string& path) const;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,8 @@ class Store::Impl {
        const StoreContents& contents, std::uint64_t snapshotRevision);
 
   bool isReady() const;
+  // Makes the table of records, when the store is to keep them, and reads what is in it.
+  StoreStatus openRecords(bool keep, std::vector<StoredRecord>* records);
   const Database& database() const { return database_; }
 
   std::uint64_t storeId() const { return storeId_; }
@@ -29,6 +32,8 @@ class Store::Impl {
   std::uint64_t commitsSinceSnapshot() const;
 
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
+  void forgetRecords(std::uint64_t upTo) { forgetUpTo_ = upTo; }
+  StoreStatus forgetRecordsNow(std::uint64_t upTo);
   StoreStatus snapshot();
   StoreCounters counters() const;
 
@@ -42,6 +47,9 @@ class Store::Impl {
                        std::vector<std::uint64_t>* revisions, StoreMark* after);
   // Gives the change the revision of `after`, and `after` the digest that it leads to.
   StoreStatus writeChange(const StoreChange& change, StoreMark* after);
+  StoreStatus writeTransactions(const std::vector<StoreTransaction>& transactions,
+                                std::vector<std::uint64_t>* revisions, StoreMark* after);
+  [[nodiscard]] bool forgetWaiting();
   StoreStatus writeFailure() const;
   void rollBack();
   StoreStatus copyInto(const std::string& file);
@@ -51,12 +59,14 @@ class Store::Impl {
   Database database_;
   LogReserve logReserve_;
   VariableTable table_;
+  std::optional<RecordTable> records_;  // Of a store that keeps them.
   Statement begin_;
   Statement commit_;
   Statement rollBack_;
   Witness* const witness_;
   const std::uint64_t storeId_;
   StoreMark mark_;
+  std::uint64_t forgetUpTo_ = 0;  // 0: no records are to be forgotten.
   std::uint64_t snapshotRevision_;
   const Clock::duration snapshotEvery_;
   Clock::time_point snapshotTriedAt_ = Clock::now();

@@ -12,6 +12,7 @@
 #include "configsrv/store/internal/database.h"
 #include "configsrv/store/internal/store_contents.h"
 #include "configsrv/store/internal/store_files.h"
+#include "configsrv/store/internal/store_restore.h"
 #include "configsrv/store/store.h"
 
 namespace ConfigSrv {
@@ -35,11 +36,10 @@ class StoreOpening {
   static FileSystem& fileSystemOf(const StoreOptions& options) {
     return options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem();
   }
-  const StoreFormats& formats() const {
-    return options_.formats != nullptr ? *options_.formats : presentFormats();
-  }
+  const StoreFormats& formats() const { return formatsOf(options_); }
   // What is there: nothing, a store, or something to recover from.
   StoreStatus open();
+  void say(const std::string& what);
   StoreStatus beginEmpty();
   StoreStatus makeEmpty();
   StoreStatus load();
@@ -48,14 +48,12 @@ class StoreOpening {
   StoreStatus goOnWithoutLostCommits();
   StoreStatus holdAgainstWitness();
   StoreContents openAndRead();
-  StoreContents upgradeAndRead(Database& database, std::int64_t format) const;
   bool useLog();
 
   StoreStatus recover(const std::string& whatIsWrong);
   StoreStatus replaceDamaged();
   // False when there is no snapshot, or none that is good.
   StoreStatus restoreSnapshot(bool* restored);
-  StoreContents makeRestored();
 
   const StoreOptions options_;
   const StoreFiles files_;

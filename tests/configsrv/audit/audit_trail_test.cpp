@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -135,6 +136,76 @@ TEST_F(AuditTrailTest, AChangeOfAllBelowANameThatWasRefusedIsOneRecord) {
   trail_.refusedBelow(by_, "reset", "net", failed(eErrDenied));
   EXPECT_EQ(lastWithoutTime(), who_ + R"("variable":"net","action":"reset","outcome":"denied",)"
                                       R"("reason":"because"})");
+}
+
+class AuditRepairTest : public AuditTrailTest {
+ protected:
+  // The record of a change as the store keeps it.
+  std::string record(const std::string& value) {
+    const ConfigVar key = keyOf("net.mtu");
+    return trail_.changeCommits({by_, {key, StoreChange::SetValue{{value}}}}, *model_.find(key));
+  }
+  std::vector<std::string> lines() const {
+    std::ifstream file(directory_.file("audit"));
+    std::vector<std::string> all;
+    for (std::string line; std::getline(file, line);) all.push_back(line);
+    return all;
+  }
+  std::vector<std::string> said_;
+  Log noting_{LogLevel::Info, [this](LogLevel, const std::string& line) { said_.push_back(line); }};
+};
+
+TEST_F(AuditRepairTest, ACommittedChangeHasTheLineThatWasKeptAndItsRevision) {
+  const std::string kept = record("1400");
+  trail_.changeCommitted(kept, 8);
+  EXPECT_EQ(lines(), std::vector<std::string>{kept + ",\"revision\":8}"});
+  EXPECT_EQ(lastWithoutTime(),
+            who_ + R"("variable":"net.mtu","action":"set","old":["1500"],"new":["1400"],)"
+                   R"("outcome":"changed","revision":8})");
+}
+
+TEST_F(AuditRepairTest, WhatTheFileLacksIsAppendedMarkedAndWhatItHasIsNot) {
+  const std::vector<StoredRecord> kept = {{7, record("1")}, {8, record("2")}, {9, record("3")}};
+  trail_.changeCommitted(kept[0].text, 7);
+  trail_.changeCommitted(kept[2].text, 9);
+  AuditTrail next(directory_.file("audit"), noting_);
+  EXPECT_TRUE(next.repair(kept));
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         kept[0].text + ",\"revision\":7}", kept[2].text + ",\"revision\":9}",
+                         kept[1].text + ",\"revision\":8,\"repaired\":true}"}));
+  ASSERT_EQ(said_.size(), 1U);
+  EXPECT_THAT(said_[0], HasSubstr("1 record of changes"));
+  EXPECT_TRUE(next.repair(kept));
+  EXPECT_EQ(lines().size(), 3U) << "once";
+}
+
+TEST_F(AuditRepairTest, ALineThatWasCutShortIsEndedAndMadeUpFor) {
+  const std::string kept = record("1400");
+  trail_.changeCommitted(kept, 8);
+  std::filesystem::resize_file(directory_.file("audit"), kept.size() / 2);
+  AuditTrail next(directory_.file("audit"), noting_);
+  EXPECT_TRUE(next.repair({{8, kept}}));
+  EXPECT_EQ(lines(), (std::vector<std::string>{kept.substr(0, kept.size() / 2),
+                                               kept + ",\"revision\":8,\"repaired\":true}"}));
+}
+
+TEST_F(AuditRepairTest, WhatCannotBeWrittenIsNotToBeForgotten) {
+  AuditTrail nowhere("/proc/no/such/audit", noting_);
+  EXPECT_FALSE(nowhere.repair({{8, record("1400")}}));
+}
+
+TEST_F(AuditRepairTest, SyncingIsWorthItAfterSoManyRecordsOrBytes) {
+  const std::string kept = record("1400");
+  for (std::size_t i = 1; i < AuditTrail::kMaxUnsynced; ++i) trail_.changeCommitted("{", i);
+  EXPECT_FALSE(trail_.isWorthSyncing());
+  trail_.changeCommitted("{", 1000);
+  EXPECT_TRUE(trail_.isWorthSyncing());
+  const auto lines = trail_.takeUnsynced();
+  EXPECT_EQ(lines->revision, 1000U);
+  EXPECT_EQ(lines->wait(), "");
+  EXPECT_FALSE(trail_.isWorthSyncing());
+  trail_.changeCommitted(std::string(AuditTrail::kMaxUnsyncedBytes, '{'), 1001);
+  EXPECT_TRUE(trail_.isWorthSyncing());
 }
 
 }  // namespace

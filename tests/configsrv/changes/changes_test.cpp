@@ -751,12 +751,17 @@ TEST_F(ChangesTest, AStopEndsWhatWaitsForAProvider) {
 
 class RecordingObserver : public ChangeObserver {
  public:
+  std::string changeCommits(const ChangeRequest& request, const Variable& variable) override {
+    return AppConfig::formatKey(request.what.key) + " was " + variable.value().front() + ": 0 at ";
+  }
+  void changeCommitted(const std::string& record, std::uint64_t revision) override {
+    records.push_back(record + std::to_string(revision));
+  }
   void changeEnds(const ChangeRequest& request, const Variable* variable,
                   const ChangeOutcome& outcome) override {
     records.push_back(AppConfig::formatKey(request.what.key) + " was " +
                       (variable == nullptr ? "nothing" : variable->value().front()) + ": " +
-                      std::to_string(outcome.error) + (outcome.unchanged ? " unchanged" : "") +
-                      (outcome.revision == 0 ? "" : " at " + std::to_string(outcome.revision)));
+                      std::to_string(outcome.error) + (outcome.unchanged ? " unchanged" : ""));
   }
   std::vector<std::string> records;
 };

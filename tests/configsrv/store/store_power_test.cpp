@@ -233,6 +233,87 @@ TEST_F(StorePowerTest, ACutWhileDamageInTheLogIsDealtWithNeverBringsTheOldIdBack
   }
 }
 
+// From the first step on, the copy is what is to be found: it was durable before.
+TEST_F(StorePowerTest, ACutAtAnyStepOfARestoreLeavesTheCopyAndTheStoreThatItReplaced) {
+  StoreLife life(disk_);
+  while (life.takeStep()) {
+  }
+  const std::uint64_t id = life.opened().store->storeId();
+  const std::string copy = disk_.bytesOf(std::string(kFile) + ".snapshot");
+  ASSERT_TRUE(life.opened().store->commit({{setting("b", "replaced")}}).status.ok());
+  life.end();
+  disk_.place(std::string(kFile) + ".restore", copy);
+  const FaultyDisk::Contents placed = disk_.contents();
+  for (const Outage& outage : outages(isExhaustive() ? 200 : 3)) {
+    for (long step = 1;; step += kStride) {
+      SCOPED_TRACE("cut at step " + std::to_string(step) + ", " + text(outage));
+      disk_.restore(placed);
+      disk_.cutAt(step);
+      bool acknowledged = false;
+      {
+        const OpenedStore cut = Store::open(disk_.options());
+        if (cut.status.ok())
+          acknowledged = cut.store->commit({{setting("a", "behind")}}).status.ok();
+      }
+      if (!disk_.isCut()) break;
+      ++cuts_, ++recoveryCuts_;
+      disk_.restart(outage.survivors, outage.seed + static_cast<std::uint32_t>(step));
+      const OpenedStore opened = Store::open(disk_.options());
+      ASSERT_TRUE(opened.status.ok()) << opened.status.text;
+      ASSERT_NE(opened.store->storeId(), id);
+      ASSERT_EQ(valueIn(opened.variables, "b"), "8") << opened.notice;
+      if (acknowledged) {
+        ASSERT_EQ(valueIn(opened.variables, "a"), "behind");
+      }
+      bool kept = false;
+      for (const std::string& name : disk_.names()) {
+        if (name.find(".replaced-") == std::string::npos || name.find("-wal") != std::string::npos)
+          continue;
+        StoreOptions options = disk_.options();
+        options.file = name;
+        kept |= valueIn(Store::open(options).variables, "b") == "replaced";
+      }
+      ASSERT_TRUE(kept) << opened.notice;
+    }
+  }
+}
+
+// A record is there exactly as long as its change is and nobody has asked to forget it.
+TEST_F(StorePowerTest, ACutAtAnyStepLeavesTheRecordOfEachChangeThatItLeaves) {
+  constexpr std::uint64_t kChanges = 12;
+  constexpr std::uint64_t kForgotten = 4;
+  StoreOptions options = disk_.options();
+  options.keepsRecords = true;
+  for (const Outage& outage : outages(isExhaustive() ? 30 : 2)) {
+    for (long step = 1;; step += kStride) {
+      SCOPED_TRACE("cut at step " + std::to_string(step) + ", " + text(outage));
+      disk_.restore({});
+      disk_.cutAt(step);
+      {
+        const OpenedStore opened = Store::open(options);
+        for (std::uint64_t i = 1; opened.status.ok() && i <= kChanges; ++i) {
+          StoreChange change = setting("a", std::to_string(i));
+          change.record = "record " + std::to_string(i);
+          if (!opened.store->commit({{change}}).status.ok()) break;
+          if (i == 2 * kForgotten) opened.store->forgetRecords(kForgotten);
+        }
+      }
+      if (!disk_.isCut()) break;
+      ++cuts_;
+      disk_.restart(outage.survivors, outage.seed + static_cast<std::uint32_t>(step));
+      const OpenedStore opened = Store::open(options);
+      ASSERT_TRUE(opened.status.ok()) << opened.status.text;
+      const std::uint64_t newest = opened.store->revision();
+      const std::uint64_t forgotten = newest > 2 * kForgotten ? kForgotten : 0;
+      ASSERT_EQ(opened.records.size(), newest - forgotten);
+      for (const StoredRecord& record : opened.records) {
+        ASSERT_GT(record.revision, forgotten);
+        ASSERT_EQ(record.text, "record " + std::to_string(record.revision));
+      }
+    }
+  }
+}
+
 struct Fault {
   const char* name;
   int error;

@@ -80,6 +80,10 @@ IdByName idsToldByType() {
   TELL(MonitorReq);
   TELL(MonitorRsp);
   TELL(MonitorNtfy);
+  TELL(StoreSnapshotReq);
+  TELL(StoreSnapshotRsp);
+  TELL(StoreRestoreReq);
+  TELL(StoreRestoreRsp);
 #undef TELL
   return ids;
 }

@@ -1,0 +1,35 @@
+// AuditSync: lines of the audit record that stand in its file and are not on the disk yet.
+//
+// Made in the loop and waited for elsewhere, for a disk takes its time: it holds descriptors of its
+// own, so that the file may be rotated meanwhile.
+//
+// Threads  one at a time.
+// Owns     its descriptors.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ConfigSrv {
+
+class AuditSync {
+ public:
+  AuditSync() = default;
+  ~AuditSync();
+  AuditSync(const AuditSync&) = delete;
+  AuditSync& operator=(const AuditSync&) = delete;
+
+  // Of the newest change among the lines; 0: of none.
+  std::uint64_t revision = 0;
+
+  // Takes a descriptor over. What is not open is left out.
+  void add(int fd);
+  // Waits until all is on the disk. Empty on success; else the system's reason.
+  [[nodiscard]] std::string wait() const;
+
+ private:
+  std::vector<int> fds_;
+};
+
+}  // namespace ConfigSrv

@@ -1,0 +1,31 @@
+// StoreFile: a file that is to be a copy of a store, opened for reading.
+//
+// Failures open() refuses what cannot be one: what is no regular file, is empty, is no store, or has
+//          commits beside it that a copy of it would lack. What is in it the service checks.
+// Threads  one.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "tools/appcfg/outcome.h"
+
+namespace AppCfgTool {
+
+class StoreFile {
+ public:
+  explicit StoreFile(std::string path) : path_(std::move(path)) {}
+  ~StoreFile();
+  StoreFile(const StoreFile&) = delete;
+  StoreFile& operator=(const StoreFile&) = delete;
+
+  Outcome open();
+  int fd() const { return fd_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  const std::string path_;
+  int fd_ = -1;
+};
+
+}  // namespace AppCfgTool
