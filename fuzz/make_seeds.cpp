@@ -366,6 +366,31 @@ void addStore(Seeds& seeds) {
   }
 }
 
+// A script's steps: bytes, a field that opens, its end, and all since then so many times.
+std::string bytesOf(const std::string& bytes) { return byte(0) + piece(bytes); }
+std::string fieldOf(unsigned number, const std::string& inside) {
+  return byte(1) + byte(number) + inside + byte(2);
+}
+std::string times(std::size_t count) { return byte(3) + number(count); }
+
+void addBounds(Seeds& seeds) {
+  const std::vector<std::uint32_t> ids = PlatformSchema::messageIds();
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    const std::string message = byte(static_cast<unsigned>(i));
+    for (unsigned field = 1; field < 8; ++field) {
+      const std::string empty = fieldOf(field, "");
+      const std::string node = fieldOf(1, bytesOf("\x08\x01"));
+      const std::string deep = fieldOf(field, fieldOf(1, node + times(200)) + times(3));
+      seeds.addAll("bounds", {message + empty + times(300), message + empty + times(60'000),
+                              message + deep + times(500)});
+    }
+  }
+  for (const auto& [id, payload] : requests()) {
+    const auto at = std::find(ids.begin(), ids.end(), id) - ids.begin();
+    seeds.add("bounds", byte(static_cast<unsigned>(at)) + bytesOf(payload) + times(100));
+  }
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
@@ -377,5 +402,6 @@ int main(int count, char** arguments) {
   addMessages(seeds);
   addTexts(seeds);
   addStore(seeds);
+  addBounds(seeds);
   return 0;
 }

@@ -3,10 +3,13 @@
 // file is one of its own.
 //
 // Each receiver parses its payload, calls the handler of that message and sends what the handler
-// returns. A notice for somebody else is dropped without a word; a provider's question is always
-// answered, for the service waits. A handler that throws ends the program (handler_call.h).
+// returns. A payload that would unfold to too much counts as one that cannot be parsed. A notice for
+// somebody else is dropped without a word; a provider's question is always answered, for the service
+// waits. A handler that throws ends the program (handler_call.h).
 
+#include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/registry/consumer_config_handler.h"
@@ -16,6 +19,7 @@
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "platform/messaging/msg.h"
 #include "platform/schema/config_if.pb.h"
+#include "platform/schema/message_bounds.h"
 
 namespace AppConfig {
 
@@ -50,10 +54,13 @@ void sendReply(const MSG_Message* incoming, MSG_Message* reply) {
   MSG_SendMsg(owner, MSG_GetSender(incoming), reply);
 }
 
-template <typename Payload, MSG_Message* (*handler)(const Payload&, const MSG_Message*, void*)>
+template <typename Payload, std::uint32_t messageId,
+          MSG_Message* (*handler)(const Payload&, const MSG_Message*, void*)>
 void receive(void* userData, const MSG_Message* message) {
   Payload payload;
-  if (!payload.ParseFromArray(MSG_GetPayload(message), MSG_GetPayloadBytes(message))) {
+  const std::string_view bytes(static_cast<const char*>(MSG_GetPayload(message)),
+                               static_cast<std::size_t>(MSG_GetPayloadBytes(message)));
+  if (!PlatformSchema::readMessage(messageId, bytes, payload)) {
     std::printf("Parse Error\n");
     return;
   }
@@ -131,18 +138,19 @@ void changeAtProviders(PlatformCfgService& link, const ConfigIF::OnChangeReq& re
 using Link = PlatformCfgService;
 
 const MSG_Callback PlatformCfgService::msgCallbacks[kReceiverRecords] = {
-    {receive<ConfigIF::DynamicValidateReq, &Link::dynamicValidateHandler>, nullptr, 0x1A0150,
-     0x1A0150, 0},
-    {receive<ConfigIF::OnChangeReq, &Link::onChangeHandler>, nullptr, 0x1A0100, 0x1A0100, 0},
-    {receive<ConfigIF::ConfigChangedNtfy, &Link::configChangedHandler>, nullptr, 0x1A0143, 0x1A0143,
+    {receive<ConfigIF::DynamicValidateReq, 0x1A0150, &Link::dynamicValidateHandler>, nullptr,
+     0x1A0150, 0x1A0150, 0},
+    {receive<ConfigIF::OnChangeReq, 0x1A0100, &Link::onChangeHandler>, nullptr, 0x1A0100, 0x1A0100,
      0},
-    {receive<ConfigIF::AttributeChangedNtfy, &Link::attributeChangedHandler>, nullptr, 0x1A01A3,
-     0x1A01A3, 0},
-    {receive<ConfigIF::OptionsChangedNtfy, &Link::optionsChangedHandler>, nullptr, 0x1A0253,
-     0x1A0253, 0},
-    {receive<ConfigIF::SubmitNtfy, &Link::submitHandler>, nullptr, 0x1A0273, 0x1A0273, 0},
-    {receive<ConfigIF::AccessLevelChangedNtfy, &Link::accessLevelsChangedHandler>, nullptr,
-     0x1A0333, 0x1A0333, 0},
+    {receive<ConfigIF::ConfigChangedNtfy, 0x1A0143, &Link::configChangedHandler>, nullptr, 0x1A0143,
+     0x1A0143, 0},
+    {receive<ConfigIF::AttributeChangedNtfy, 0x1A01A3, &Link::attributeChangedHandler>, nullptr,
+     0x1A01A3, 0x1A01A3, 0},
+    {receive<ConfigIF::OptionsChangedNtfy, 0x1A0253, &Link::optionsChangedHandler>, nullptr,
+     0x1A0253, 0x1A0253, 0},
+    {receive<ConfigIF::SubmitNtfy, 0x1A0273, &Link::submitHandler>, nullptr, 0x1A0273, 0x1A0273, 0},
+    {receive<ConfigIF::AccessLevelChangedNtfy, 0x1A0333, &Link::accessLevelsChangedHandler>,
+     nullptr, 0x1A0333, 0x1A0333, 0},
     {nullptr, nullptr, 0, 0, 0},
 };
 

@@ -3,12 +3,16 @@
 // The requests about options carry the key's own namespace, those about access levels the one that
 // the link determines. Services have been written against both, so both stay.
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <optional>
 
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/error_conversion.h"
+#include "platform/schema/message_bounds.h"
 
 namespace AppConfig {
 
@@ -41,6 +45,21 @@ ConfigIF::SetAccessLevelsReq setAccessLevelsRequest(const std::string& client, W
   const std::optional<WireRole> write = wireRole(writeRole);
   return ProtobufMessageHelper::getSetAccessLevelsReq(client, role, keys, pointerTo(read),
                                                       pointerTo(write));
+}
+
+// Calls send with as many keys as one request may be about, again and again until all were sent; once
+// when there are none. Whether each returned true; all are sent, whatever becomes of the others.
+template <typename Send>
+bool forEachBatch(std::list<ConfigVar> keys, const Send& send) {
+  bool accepted = true;
+  do {
+    std::list<ConfigVar> batch;
+    const auto count = std::min(keys.size(), PlatformSchema::MessageLimits::kEntries);
+    batch.splice(batch.end(), keys, keys.begin(),
+                 std::next(keys.begin(), static_cast<std::ptrdiff_t>(count)));
+    accepted = send(batch) && accepted;
+  } while (!keys.empty());
+  return accepted;
 }
 
 }  // namespace
@@ -130,8 +149,9 @@ bool PlatformCfgService::setAccessLevels(const std::list<ConfigVar>& vars,
                                          const SecurityRole* readRole,
                                          const SecurityRole* writeRole) {
   if (!pb_) return false;
-  return tell(setAccessLevelsRequest(getSelfFQName(), securityRole_, keysForRequest(vars), readRole,
-                                     writeRole));
+  return forEachBatch(keysForRequest(vars), [&](const std::list<ConfigVar>& keys) {
+    return tell(setAccessLevelsRequest(getSelfFQName(), securityRole_, keys, readRole, writeRole));
+  });
 }
 
 bool PlatformCfgService::setAccessLevels(const std::list<ConfigVar>& vars,
@@ -139,14 +159,15 @@ bool PlatformCfgService::setAccessLevels(const std::list<ConfigVar>& vars,
                                          const SecurityRole* writeRole,
                                          std::list<std::pair<ConfigVar, eErrorT>>& errors) {
   if (!pb_) return false;
-  ConfigIF::SetAccessLevelsRsp response;
-  if (!ask(setAccessLevelsRequest(getSelfFQName(), securityRole_, keysForRequest(vars), readRole,
-                                  writeRole),
-           &response))
-    return false;
-  for (const ConfigIF::AccessLevelsRecord& record : response.records())
-    takeAccessLevelsRecord(record, errors);
-  return response.result().error() == CommonIF::ERROR_NONE;
+  return forEachBatch(keysForRequest(vars), [&](const std::list<ConfigVar>& keys) {
+    ConfigIF::SetAccessLevelsRsp response;
+    if (!ask(setAccessLevelsRequest(getSelfFQName(), securityRole_, keys, readRole, writeRole),
+             &response))
+      return false;
+    for (const ConfigIF::AccessLevelsRecord& record : response.records())
+      takeAccessLevelsRecord(record, errors);
+    return response.result().error() == CommonIF::ERROR_NONE;
+  });
 }
 
 std::list<ConfigVar> PlatformCfgService::keysForRequest(const std::list<ConfigVar>& vars) const {

@@ -2,6 +2,7 @@
 
 #include "configsrv/changes/wire_forms.h"
 #include "platform/schema/config_if.pb.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
@@ -52,14 +53,31 @@ Answer verdictOf(const ConfigIF::ReturnMessage& result) {
   return answer;
 }
 
+// Who has so much to say does not consent.
+Answer tooMuch(const std::string& problem) {
+  Answer answer;
+  answer.refused = true;
+  answer.messages = {"the provider's answer cannot be taken: " + problem};
+  return answer;
+}
+
 template <typename Response>
 Answer parsed(std::uint32_t messageId, std::string_view payload) {
+  using PlatformSchema::Reading;
   Response response;
-  Answer broken;
-  broken.broken = true;
-  if (messageId != PlatformSchema::messageIdOf(response)) return broken;
-  if (!response.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return broken;
-  return verdictOf(response.result());
+  Answer answer;
+  answer.broken = true;
+  if (messageId != PlatformSchema::messageIdOf(response)) return answer;
+  std::string problem;
+  switch (PlatformSchema::readMessage(messageId, payload, response, problem)) {
+    case Reading::Done:
+      return verdictOf(response.result());
+    case Reading::TooMuch:
+      return tooMuch(problem);
+    case Reading::NoMessage:
+      break;
+  }
+  return answer;
 }
 
 }  // namespace

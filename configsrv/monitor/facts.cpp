@@ -5,6 +5,7 @@
 
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "platform/schema/config_if.pb.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
@@ -93,9 +94,9 @@ template <class Message>
 void readResult(const Message&, Facts&, long) {}
 
 template <class Message>
-std::optional<Facts> read(std::string_view payload) {
+std::optional<Facts> read(std::uint32_t messageId, std::string_view payload) {
   Message message;
-  if (!message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return {};
+  if (!PlatformSchema::readMessage(messageId, payload, message)) return {};
   Facts facts;
   readInst(message, facts, 0);
   readValue(message, facts, 0);
@@ -110,7 +111,7 @@ std::optional<Facts> read(std::string_view payload) {
 
 struct Kind {
   std::uint32_t messageId;
-  std::optional<Facts> (*read)(std::string_view payload);
+  std::optional<Facts> (*read)(std::uint32_t messageId, std::string_view payload);
 };
 
 template <class Message>
@@ -161,7 +162,7 @@ const std::vector<Kind>& kinds() {
 
 std::optional<Facts> factsOf(std::uint32_t messageId, std::string_view payload) {
   for (const Kind& kind : kinds()) {
-    if (kind.messageId == messageId) return kind.read(payload);
+    if (kind.messageId == messageId) return kind.read(messageId, payload);
   }
   return {};
 }

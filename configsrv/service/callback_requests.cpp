@@ -134,11 +134,10 @@ void Requests::unregisterCallback(const Call& call,
 // Carries no role, so there is none to check; it only ever takes what the peer itself has given.
 void Requests::unregisterAll(const Incoming& incoming) {
   ConfigIF::UnregisterAllClientCallbacksReq request;
-  if (!parse(incoming, request)) return;
+  ConfigIF::UnregisterAllClientCallbacksRsp response;
+  if (!parse(incoming, request, response, *response.mutable_result())) return;
   with_.subscriptions.removeAll(incoming.peer.id, request.client_name());
   with_.providers.withdrawn(incoming.peer.id, with_.subscriptions);
-  ConfigIF::UnregisterAllClientCallbacksRsp response;
-  response.mutable_result();
   respond(incoming.id, response);
 }
 

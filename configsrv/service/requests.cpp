@@ -7,6 +7,7 @@
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/role_names.h"
 #include "configsrv/changes/wire_forms.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
@@ -42,11 +43,21 @@ Requests::Requests(RequestContext context) : with_(context) {}
 
 // --- The frame around every request ---
 
-bool Requests::parse(const Incoming& incoming, google::protobuf::MessageLite& message) {
-  const std::string_view payload = incoming.payload;
-  if (message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return true;
-  const std::string text = "the payload is no " + PlatformSchema::messageName(incoming.messageId);
-  refuse(incoming, eErrInvalidRequest, text);
+bool Requests::parse(const Incoming& incoming, google::protobuf::MessageLite& request,
+                     google::protobuf::MessageLite& response, ConfigIF::ReturnMessage& result) {
+  using PlatformSchema::Reading;
+  std::string problem;
+  const Reading reading =
+      PlatformSchema::readMessage(incoming.messageId, incoming.payload, request, problem);
+  if (reading == Reading::Done) return true;
+  if (reading == Reading::TooMuch) {
+    logRefusal(incoming, problem);
+    setError(result, eErrLimit, problem);
+    respond(incoming.id, response);
+    return false;
+  }
+  refuse(incoming, eErrInvalidRequest,
+         "the payload is no " + PlatformSchema::messageName(incoming.messageId));
   return false;
 }
 
@@ -76,9 +87,13 @@ void Requests::respond(const PbUtility::RequestId& id,
   with_.server.respond(id, response, with_.model.revision());
 }
 
-void Requests::refuse(const Incoming& incoming, eErrorT error, const std::string& text) {
+void Requests::logRefusal(const Incoming& incoming, const std::string& text) {
   with_.log.repeatable(LogLevel::Warning, "refused",
                        "client \"" + incoming.peer.name + "\": " + text);
+}
+
+void Requests::refuse(const Incoming& incoming, eErrorT error, const std::string& text) {
+  logRefusal(incoming, text);
   if (with_.monitor.isActive()) with_.monitor.requestRefused(incoming.id, code(error), text);
   with_.server.refuse(incoming.id, code(error), text);
 }
@@ -89,7 +104,7 @@ void Requests::answerNow(const Incoming& incoming) {
   Request request;
   Response response;
   Call call;
-  if (!parse(incoming, request)) return;
+  if (!parse(incoming, request, response, *response.mutable_result())) return;
   if (admit(incoming, request.client_name(), request.role(), call, *response.mutable_result()))
     (this->*answer)(call, request, response);
   respond(incoming.id, response);
@@ -101,7 +116,7 @@ void Requests::answerLater(const Incoming& incoming) {
   Request request;
   Response response;
   Call call;
-  if (!parse(incoming, request)) return;
+  if (!parse(incoming, request, response, *response.mutable_result())) return;
   const bool admitted =
       admit(incoming, request.client_name(), request.role(), call, *response.mutable_result());
   if (with_.audit != nullptr)

@@ -2,7 +2,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
+#include <optional>
 
 #include "configsrv/changes/wire_forms.h"
 #include "configsrv/service/internal/answer_size.h"
@@ -20,6 +22,43 @@ void fillListRecord(ConfigIF::ListRecord& record, const Variable& variable) {
   if (variable.shape().secret) record.set_secret(true);
 }
 
+// A page of a listing, or all of it when no pages were asked for. A page ends where it has as many
+// records as were asked for, or where the next one would be too much; it has one at least.
+class ListPage {
+ public:
+  ListPage(const ConfigIF::ListReq& request, ConfigIF::ListRsp& response)
+      : isWhole_(!request.has_at_most()),
+        most_(std::clamp<std::size_t>(request.at_most(), 1, Requests::kMaxListed)),
+        response_(response) {}
+
+  // False when it has no room.
+  bool add(const Variable& variable) {
+    const auto records = static_cast<std::size_t>(response_.records_size());
+    size_.add(variable.value(),
+              std::list<std::string>{variable.shape().description, variable.key().dottedName()});
+    if (size_.isTooLarge() && (isWhole_ || records > 0)) return false;
+    if (!isWhole_ && records == most_) return false;
+    fillListRecord(*response_.add_records(), variable);
+    return true;
+  }
+
+  // Ends it behind the last variable that was looked at.
+  void end(const Variable* last) {
+    if (!isWhole_) return fillInst(response_.mutable_next(), last->key());
+    response_.Clear();
+    setError(*response_.mutable_result(), eErrLimit,
+             "the listing would be longer than " + std::to_string(AnswerSize::kMaxBytes) +
+                 " bytes, or take more than " + std::to_string(AnswerSize::kMaxMemory) +
+                 " bytes of memory: list in pages, or group by group");
+  }
+
+ private:
+  const bool isWhole_;
+  const std::size_t most_;
+  ConfigIF::ListRsp& response_;
+  AnswerSize size_;
+};
+
 std::uint32_t number(std::size_t count) { return static_cast<std::uint32_t>(count); }
 
 // A provider is who is asked, whichever of the two questions it is.
@@ -34,26 +73,41 @@ std::vector<std::string> providedBy(const Subscriptions& subscriptions, PbUtilit
 
 }  // namespace
 
+// What a listing is about: the variables that its name covers, behind the one where the last page ended.
+// False, and the error in the result, when that one is none.
+bool Requests::findListed(const ConfigIF::ListReq& request, std::vector<const Variable*>& listed,
+                          ConfigIF::ReturnMessage& result) const {
+  listed = with_.model.covered(lowerCase(request.prefix()));
+  if (!request.has_after()) return true;
+  const std::optional<ConfigVar> after = readInst(request.after());
+  if (!after) {
+    setError(result, eErrInvalidRequest, "the path to list after names no variable");
+    return false;
+  }
+  const auto isBefore = [](const ConfigVar& key, const Variable* variable) {
+    return std::less<ConfigVar>()(key, variable->key());
+  };
+  listed.erase(listed.begin(), std::upper_bound(listed.begin(), listed.end(), *after, isBefore));
+  return true;
+}
+
 void Requests::list(const Call& call, const ConfigIF::ListReq& request,
                     ConfigIF::ListRsp& response) {
-  AnswerSize size;
+  std::vector<const Variable*> listed;
+  if (!findListed(request, listed, *response.mutable_result())) return;
+  ListPage page(request, response);
   std::uint32_t hidden = 0;
-  for (const Variable* variable : with_.model.covered(lowerCase(request.prefix()))) {
+  const Variable* last = nullptr;
+  for (const Variable* variable : listed) {
+    response.set_hidden(hidden);
     if (call.by.role < variable->readRole()) {
       ++hidden;
-      continue;
+    } else if (!page.add(*variable)) {
+      return page.end(last);
     }
-    size.add(variable->value(),
-             std::list<std::string>{variable->shape().description, variable->key().dottedName()});
-    if (size.isTooLarge()) break;
-    fillListRecord(*response.add_records(), *variable);
+    last = variable;
   }
   response.set_hidden(hidden);
-  if (!size.isTooLarge()) return;
-  response.Clear();
-  setError(*response.mutable_result(), eErrLimit,
-           "the listing would be longer than " + std::to_string(AnswerSize::kMaxBytes) +
-               " bytes: list, or export, group by group");
 }
 
 void Requests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp& response) {

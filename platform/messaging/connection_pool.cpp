@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/messaging/internal/frame_bytes.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 namespace PbUtility {
@@ -28,6 +29,19 @@ CallStatus statusOf(StreamStatus status) {
       return kCallBadEndpoint;
   }
   return kCallBrokenAnswer;
+}
+
+bool readResponse(const FrameHeader& header, std::string_view payload,
+                  google::protobuf::MessageLite& response, std::string& problem) {
+  using PlatformSchema::Reading;
+  const bool isResponse = header.kind == FrameKind::Response &&
+                          header.messageId == PlatformSchema::messageIdOf(response);
+  const Reading reading =
+      isResponse ? PlatformSchema::readMessage(header.messageId, payload, response, problem)
+                 : Reading::NoMessage;
+  if (reading == Reading::NoMessage)
+    problem = "the answer is not the response that belongs to the request";
+  return reading == Reading::Done;
 }
 
 }  // namespace
@@ -179,8 +193,9 @@ CallStatus ConnectionPool::sendRequest(Connection& connection,
     header.revision = kRevisionNone;
   }
   exchange.epoch = connection.epoch;
-  if (!encodeFrame(header, request, connection.outgoing)) {
-    exchange.problem = "the request is larger than 16 MiB";
+  const std::size_t most = PlatformSchema::maxPayloadBytes(exchange.messageId);
+  if (!encodeFrame(header, request, connection.outgoing, most)) {
+    exchange.problem = PlatformSchema::payloadProblem(exchange.messageId, request.ByteSizeLong());
     return kCallBadRequest;
   }
   bool sentNothing = true;
@@ -213,13 +228,7 @@ CallStatus ConnectionPool::receiveResponse(Connection& connection,
     if (exchange.problem.empty()) exchange.problem = refusal.text;
     return kCallRefused;
   }
-  if (header.kind != FrameKind::Response ||
-      header.messageId != PlatformSchema::messageIdOf(response) ||
-      !response.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
-    exchange.problem = "the answer is not the response that belongs to the request";
-    return kCallBrokenAnswer;
-  }
-  return kCallOk;
+  return readResponse(header, payload, response, exchange.problem) ? kCallOk : kCallBrokenAnswer;
 }
 
 CallStatus ConnectionPool::call(const google::protobuf::MessageLite& request,

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/messaging/internal/frame_bytes.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 // One type for both directions: receivers see incoming messages and hand back replies.
@@ -87,7 +88,7 @@ MSG_Message* msgUtil_buildMsgWithHeader(const google::protobuf::MessageLite& res
   if (messageId == PlatformSchema::kNoMessageId || incoming == nullptr) return nullptr;
   auto reply = std::make_unique<MSG_Message>();
   if (!response.SerializeToString(&reply->replyBytes)) return nullptr;
-  if (reply->replyBytes.size() > PbUtility::kMaxPayloadBytes) return nullptr;
+  if (reply->replyBytes.size() > PlatformSchema::maxPayloadBytes(messageId)) return nullptr;
   reply->payload = reply->replyBytes;
   reply->header.kind = PbUtility::FrameKind::Answer;
   reply->header.messageId = messageId;

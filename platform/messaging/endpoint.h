@@ -49,9 +49,11 @@ enum CallStatus : int {
   kCallTimedOut = 3,
   // The service would not take the request; lastRefusal tells why.
   kCallRefused = 4,
-  // The answer was no frame or no message of the expected kind.
+  // The answer was no frame or no message of the expected kind, or it would unfold to more than is
+  // taken; lastRefusal tells.
   kCallBrokenAnswer = 5,
-  // The request is no message of the protocol or larger than 16 MiB.
+  // The request is no message of the protocol or longer than its kind may be (docs/limits.md); nothing
+  // was sent, and lastRefusal tells how long it may be.
   kCallBadRequest = 6,
   // The endpoint's name cannot be used (see runtime_dir.h), it is one more than kMaxRemotes, or the
   // system is out of resources.

@@ -6,10 +6,10 @@
 
 namespace PbUtility {
 
-bool encodeFrame(FrameHeader header, const google::protobuf::MessageLite& message,
-                 std::string& out) {
+bool encodeFrame(FrameHeader header, const google::protobuf::MessageLite& message, std::string& out,
+                 std::size_t most) {
   const std::size_t payloadBytes = message.ByteSizeLong();
-  if (payloadBytes > kMaxPayloadBytes) return false;
+  if (payloadBytes > most) return false;
   if (header.messageId == 0) header.messageId = PlatformSchema::messageIdOf(message);
   header.payloadBytes = static_cast<std::uint32_t>(payloadBytes);
   out.resize(kFrameHeaderBytes + payloadBytes);

@@ -45,6 +45,7 @@
 #include "platform/messaging/internal/timers.h"
 #include "platform/messaging/internal/turn.h"
 #include "platform/messaging/internal/turns.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 namespace PbUtility {
@@ -90,6 +91,13 @@ ucred peerOf(int fd) {
   socklen_t size = sizeof who;
   if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &size) != 0) return {};
   return who;
+}
+
+// How many of the bytes belong to a payload that is thrown away.
+std::size_t dropped(Connection& connection, std::size_t bytes) {
+  const std::size_t now = std::min(connection.toDrop, bytes);
+  connection.toDrop -= now;
+  return now;
 }
 
 void signalEvent(int fd) noexcept {
@@ -196,6 +204,7 @@ class Server::Impl {
   void takeBytes(Connection& connection, std::string_view bytes, Slice& slice);
   // Takes the whole frames of the bytes, as many as are due now; returns how many bytes that was.
   std::size_t takeFrames(Connection& connection, std::string_view bytes, Slice& slice);
+  void refuseFrame(Connection& connection, const FrameHeader& header, const std::string& problem);
   void goOn(Connection& connection, Slice& slice);
   void queueTurn(Connection& connection);
   bool isFull(const Connection& connection) const;
@@ -727,8 +736,22 @@ void Server::Impl::whenRoom(const RequestId& request, std::function<void()> task
 
 // --- Frames ---
 
+// A payload that is too long is not waited for: its sender is told at once, and what comes of it is
+// thrown away. An answer to a question cannot be refused; it counts as one that is no message.
+void Server::Impl::refuseFrame(Connection& connection, const FrameHeader& header,
+                               const std::string& problem) {
+  connection.toDrop = header.payloadBytes;
+  handler_.onFault(Fault::Refused, "dropped a frame of " + nameOf(connection) + ": " + problem);
+  FrameHeader bare = header;
+  bare.messageId = PlatformSchema::kNoMessageId;
+  if (header.kind != FrameKind::Request && header.kind != FrameKind::OneWay)
+    return take(connection, bare, {});
+  if (header.kind == FrameKind::Request)
+    sendRefusal(connection, {connection.key, header.sequence}, kRefusedByLimit, problem);
+}
+
 std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view bytes, Slice& slice) {
-  std::size_t taken = 0;
+  std::size_t taken = dropped(connection, bytes.size());
   connection.frameBytes = 0;
   while (!connection.dead && bytes.size() - taken >= kFrameHeaderBytes) {
     FrameHeader header;
@@ -739,7 +762,11 @@ std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view by
       close(connection, Fault::BadFrame, tooLong ? "its greeting is too long" : problem);
       break;
     }
-    const std::size_t frameBytes = kFrameHeaderBytes + header.payloadBytes;
+    const std::string excess =
+        PlatformSchema::payloadProblem(header.messageId, header.payloadBytes);
+    // Of a frame that is refused, the header is all that is waited for.
+    const std::size_t frameBytes =
+        kFrameHeaderBytes + (excess.empty() ? header.payloadBytes : std::size_t{0});
     if (bytes.size() - taken < frameBytes) {
       connection.frameBytes = frameBytes;
       break;
@@ -756,7 +783,12 @@ std::size_t Server::Impl::takeFrames(Connection& connection, std::string_view by
     if (bytes.size() - taken > frameBytes) slice.begin();
     slice.take();
     taken += frameBytes;
-    take(connection, header, {frame + kFrameHeaderBytes, header.payloadBytes});
+    if (excess.empty()) {
+      take(connection, header, {frame + kFrameHeaderBytes, header.payloadBytes});
+    } else {
+      refuseFrame(connection, header, excess);
+      taken += dropped(connection, bytes.size() - taken);
+    }
   }
   return connection.dead ? bytes.size() : taken;
 }

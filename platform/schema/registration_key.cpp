@@ -1,20 +1,15 @@
 #include "platform/schema/registration_key.h"
 
 #include "platform/schema/config_if.pb.h"
+#include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
 
 namespace PlatformSchema {
 namespace {
 
-using google::protobuf::MessageLite;
-
 constexpr std::uint32_t kMonitor = 0x1A0430;
 constexpr std::uint32_t kMonitorResponse = 0x1A0431;
 constexpr std::uint32_t kRegisterResponse = 0x1A0211;
-
-bool parse(MessageLite& message, std::string_view payload) {
-  return message.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
-}
 
 std::string clientPart(const std::string& clientName) {
   ConfigIF::UnregisterAllClientCallbacksReq part;
@@ -23,9 +18,9 @@ std::string clientPart(const std::string& clientName) {
 }
 
 template <typename Request>
-std::string keyOf(std::string_view payload) {
+std::string keyOf(std::uint32_t messageId, std::string_view payload) {
   Request request;
-  if (!parse(request, payload)) return {};
+  if (!readMessage(messageId, payload, request)) return {};
   Request rest;
   // Present also when empty: the two kinds of request differ in that.
   rest.set_name(request.name());
@@ -37,7 +32,8 @@ std::string keyOf(std::string_view payload) {
 // One endpoint monitors once: a newer request, one to stop included, takes the place of the former.
 std::string keyOfMonitor(std::string_view payload) {
   ConfigIF::MonitorReq request;
-  return parse(request, payload) ? clientPart(request.client_name()) + "monitor" : std::string();
+  if (!readMessage(kMonitor, payload, request)) return {};
+  return clientPart(request.client_name()) + "monitor";
 }
 
 std::string textOf(const ConfigIF::ReturnMessage& result) {
@@ -49,9 +45,9 @@ std::string textOf(const ConfigIF::ReturnMessage& result) {
 
 // Most answers are empty, which is success.
 template <typename Response>
-std::optional<std::string> refusalIn(std::string_view payload) {
+std::optional<std::string> refusalIn(std::uint32_t messageId, std::string_view payload) {
   Response response;
-  if (payload.empty() || !parse(response, payload)) return std::nullopt;
+  if (payload.empty() || !readMessage(messageId, payload, response)) return std::nullopt;
   if (response.result().error() != CommonIF::ERROR_LIMIT) return std::nullopt;
   return textOf(response.result());
 }
@@ -60,11 +56,14 @@ std::optional<std::string> refusalIn(std::string_view payload) {
 
 std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
   if (messageId == kMonitor) return keyOfMonitor(payload);
-  if (isRepeatedOnReconnect(messageId)) return keyOf<ConfigIF::RegisterClientCallbackReq>(payload);
-  if (withdrawsOneRepeated(messageId)) return keyOf<ConfigIF::UnregisterClientCallbackReq>(payload);
+  if (isRepeatedOnReconnect(messageId))
+    return keyOf<ConfigIF::RegisterClientCallbackReq>(messageId, payload);
+  if (withdrawsOneRepeated(messageId))
+    return keyOf<ConfigIF::UnregisterClientCallbackReq>(messageId, payload);
   if (!withdrawsAllRepeated(messageId)) return {};
   ConfigIF::UnregisterAllClientCallbacksReq request;
-  return parse(request, payload) ? clientPart(request.client_name()) : std::string();
+  if (!readMessage(messageId, payload, request)) return {};
+  return clientPart(request.client_name());
 }
 
 std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view payload) {
@@ -72,7 +71,7 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
   if (own.empty() || !isRepeatedOnReconnect(messageId)) return {};
   std::vector<std::string> keys{own};
   ConfigIF::RegisterClientCallbackReq request;
-  if (messageId == kMonitor || !parse(request, payload)) return keys;
+  if (messageId == kMonitor || !readMessage(messageId, payload, request)) return keys;
   std::string name = request.name();
   while (!name.empty()) {
     const std::size_t dot = name.rfind('.');
@@ -86,13 +85,13 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
 bool isToldOnChange(std::uint32_t messageId, std::string_view payload) {
   if (messageId == kMonitor || !isRepeatedOnReconnect(messageId)) return false;
   ConfigIF::RegisterClientCallbackReq request;
-  return parse(request, payload) && request.type() == ConfigIF::CALLBACK_ON_CHANGE;
+  return readMessage(messageId, payload, request) && request.type() == ConfigIF::CALLBACK_ON_CHANGE;
 }
 
 std::optional<std::string> refusalForRoom(std::uint32_t responseId, std::string_view payload) {
   if (responseId == kRegisterResponse)
-    return refusalIn<ConfigIF::RegisterClientCallbackRsp>(payload);
-  if (responseId == kMonitorResponse) return refusalIn<ConfigIF::MonitorRsp>(payload);
+    return refusalIn<ConfigIF::RegisterClientCallbackRsp>(responseId, payload);
+  if (responseId == kMonitorResponse) return refusalIn<ConfigIF::MonitorRsp>(responseId, payload);
   return std::nullopt;
 }
 

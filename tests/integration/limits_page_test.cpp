@@ -23,6 +23,7 @@
 #include "platform/messaging/frame.h"
 #include "platform/messaging/internal/listener.h"
 #include "platform/messaging/server.h"
+#include "platform/schema/message_bounds.h"
 #include "tests/support/service_process.h"
 
 namespace ConfigSrv {
@@ -86,6 +87,24 @@ Limits limitsOfShares() {
   return limits;
 }
 
+Limits limitsOfMessages() {
+  using PlatformSchema::MessageLimits;
+  return {
+      {"MessageLimits::kValuePayload", number(MessageLimits::kValuePayload)},
+      {"MessageLimits::kBatchPayload", number(MessageLimits::kBatchPayload)},
+      {"MessageLimits::kOtherPayload", number(MessageLimits::kOtherPayload)},
+      {"MessageLimits::kNodes", number(MessageLimits::kNodes)},
+      {"MessageLimits::kEntries", number(MessageLimits::kEntries)},
+      {"MessageLimits::kElements", number(MessageLimits::kElements)},
+      {"MessageLimits::kOptions", number(MessageLimits::kOptions)},
+      {"MessageLimits::kMessages", number(MessageLimits::kMessages)},
+      {"MessageLimits::kMemory", number(MessageLimits::kMemory)},
+      {"MessageLimits::kMemoryPerByte", number(MessageLimits::kMemoryPerByte)},
+      {"MessageLimits::kRecordsMemory", number(MessageLimits::kRecordsMemory)},
+      {"MessageLimits::kRecordsMemoryPerByte", number(MessageLimits::kRecordsMemoryPerByte)},
+  };
+}
+
 Limits limitsOfRequests() {
   const SubscriptionLimits subscriptions;
   const ChangesOptions changes;
@@ -104,6 +123,8 @@ Limits limitsOfRequests() {
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
       {"AnswerSize::kMaxBytes", number(AnswerSize::kMaxBytes)},
+      {"AnswerSize::kMaxMemory", number(AnswerSize::kMaxMemory)},
+      {"Requests::kMaxListed", number(Requests::kMaxListed)},
       {"FloodGuard::kLines", number(FloodGuard::kLines)},
       {"FloodGuard::kSpan", number(FloodGuard::kSpan.count())},
   };
@@ -128,6 +149,7 @@ Limits limitsOfVariables() {
 
 Limits limitsOfTheProgram() {
   Limits all = limitsOfTheMessageLayer();
+  all.merge(limitsOfMessages());
   all.merge(limitsOfRequests());
   all.merge(limitsOfShares());
   all.merge(limitsOfVariables());
@@ -156,6 +178,15 @@ TEST(LimitsPageTest, HasNoRowThatIsNotUnderstood) {
   for (std::string line; std::getline(lines, line);)
     rows += line.rfind("| ", 0) == 0 && line.rfind("| limit |", 0) != 0;
   EXPECT_EQ(rows, limitsOfThePage().size());
+}
+
+// What a variable may hold fits into a message, and what does not fit is no variable's.
+TEST(LimitsPageTest, AMessageHoldsWhatAVariableMayHoldAndNoMore) {
+  using PlatformSchema::MessageLimits;
+  EXPECT_EQ(MessageLimits::kElements, kMaxElements);
+  EXPECT_EQ(MessageLimits::kOptions, kMaxOptions);
+  EXPECT_GT(MessageLimits::kNodes, AppConfig::kMaxNameBytes);
+  EXPECT_GT(MessageLimits::kValuePayload, 2 * kMaxValueBytes);
 }
 
 }  // namespace

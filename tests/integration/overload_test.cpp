@@ -324,12 +324,22 @@ TEST(LimitTest, AListingThatIsTooLongIsRefusedWithTheWayToGetIt) {
   const Outcome all = client.request(ConfigIF::ListReq(), &response);
   EXPECT_EQ(all.error, CommonIF::ERROR_LIMIT);
   EXPECT_EQ(all.text,
-            "the listing would be longer than 12582912 bytes: list, or export, group by group\n");
+            "the listing would be longer than 4194304 bytes, or take more than 15728640 bytes of "
+            "memory: list in pages, or group by group\n");
   EXPECT_EQ(response.records_size(), 0);
   ConfigIF::ListReq group;
   group.set_prefix("small");
   EXPECT_TRUE(client.request(group, &response).ok());
   EXPECT_EQ(response.records_size(), 1);
+  ConfigIF::ListReq pages;
+  pages.set_at_most(1000);
+  std::vector<int> records;
+  do {
+    ASSERT_TRUE(client.request(pages, &response).ok());
+    records.push_back(response.records_size());
+    *pages.mutable_after() = response.next();
+  } while (response.has_next());
+  EXPECT_THAT(records, testing::ElementsAre(3, 3, 3, 3, 2));
 }
 
 TEST(LimitTest, AClientNameThatIsTooLongIsCutInTheLog) {

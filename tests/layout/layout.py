@@ -107,8 +107,13 @@ EXCEPTIONS = {
 HEADERS_ONLY = {
     ("platform/schema", "appconfig/core"): ("error.h",),
     # An endpoint repeats its registrations after a restart of the service, so it has to know which
-    # messages are registrations and which of them are the same; it knows no other message.
-    ("platform/messaging", "platform/schema"): ("message_ids.h", "registration_key.h"),
+    # messages are registrations and which of them are the same, and how long each message may be; it
+    # looks into no other message.
+    ("platform/messaging", "platform/schema"): (
+        "message_bounds.h",
+        "message_ids.h",
+        "registration_key.h",
+    ),
     # A device with a message layer of its own implements the first two; the library needs no more.
     ("appconfig/service", "platform/messaging"): ("msg.h", "pb_utils.h", "registration_refusals.h"),
     ("examples", "platform/messaging"): ("endpoint.h", "pb_utils.h"),

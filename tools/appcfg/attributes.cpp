@@ -1,10 +1,14 @@
 // The verbs about options and roles: options get, options set, access get, access set.
+#include <algorithm>
 #include <charconv>
+#include <cstddef>
+#include <iterator>
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/role_names.h"
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "platform/schema/message_bounds.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/verbs.h"
@@ -199,6 +203,27 @@ void printAccess(Output& output, const ConfigIF::SetAccessLevelsRsp& response) {
   output.record(record.records("variables", std::move(variables)));
 }
 
+// In as many requests as it takes: their records are put together, and the first error is the result.
+Outcome setRoles(Session& session, std::list<ConfigVar> vars, const RoleArgument& readers,
+                 const RoleArgument& writers, ConfigIF::SetAccessLevelsRsp& all) {
+  while (!vars.empty()) {
+    std::list<ConfigVar> batch;
+    const auto count = std::min(vars.size(), PlatformSchema::MessageLimits::kEntries);
+    batch.splice(batch.end(), vars, vars.begin(),
+                 std::next(vars.begin(), static_cast<std::ptrdiff_t>(count)));
+    ConfigIF::SetAccessLevelsRsp response;
+    Outcome answered = session.exchange(
+        {"set the roles of", formatKey(batch.front())},
+        ProtobufMessageHelper::getSetAccessLevelsReq(session.client(), session.role(), batch,
+                                                     readers.pointer(), writers.pointer()),
+        response);
+    if (!answered.ok()) return answered;
+    if (all.result().error() == CommonIF::ERROR_NONE) *all.mutable_result() = response.result();
+    all.mutable_records()->MergeFrom(response.records());
+  }
+  return {};
+}
+
 Outcome runAccessSet(Context& context, const Arguments& arguments) {
   std::list<ConfigVar> vars;
   Outcome read = readKeys(context, arguments, vars);
@@ -212,11 +237,7 @@ Outcome runAccessSet(Context& context, const Arguments& arguments) {
   }
   Session& session = context.session;
   ConfigIF::SetAccessLevelsRsp response;
-  Outcome answered = session.exchange(
-      {"set the roles of", formatKey(vars.front())},
-      ProtobufMessageHelper::getSetAccessLevelsReq(session.client(), session.role(), vars,
-                                                   readers.pointer(), writers.pointer()),
-      response);
+  Outcome answered = setRoles(session, vars, readers, writers, response);
   if (!answered.ok()) return answered;
   if (context.output.json()) printAccess(context.output, response);
   return accessOutcome(session, vars, response);

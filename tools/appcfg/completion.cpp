@@ -8,6 +8,7 @@
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "tools/appcfg/listing.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/text.h"
@@ -39,19 +40,15 @@ void addNamesAbove(const ConfigVar& var, std::set<std::string>& names) {
 }
 
 std::set<std::string> keys(Session& session, const std::string& typed, bool namesAbove) {
-  ConfigIF::ListReq request;
-  request.set_client_name(session.client());
-  request.set_role(session.role());
-  const std::string name = commonName(typed);
-  if (!name.empty()) request.set_prefix(name);
-  ConfigIF::ListRsp response;
   std::set<std::string> found;
-  if (!session.ask({"list", name}, request, response).ok()) return found;
-  for (const ConfigIF::ListRecord& record : response.records()) {
+  std::uint32_t hidden = 0;
+  const auto take = [&](const ConfigIF::ListRecord& record) {
     const ConfigVar var = keyOf(record.inst());
     found.insert(formatKey(var));
     if (namesAbove) addNamesAbove(var, found);
-  }
+  };
+  // What came before a failure is better than nothing.
+  static_cast<void>(listPages(session, commonName(typed), take, hidden));
   return found;
 }
 

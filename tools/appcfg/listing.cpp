@@ -32,6 +32,14 @@ namespace {
 using AppConfig::formatKey;
 using AppConfig::ProtobufMessageHelper;
 
+constexpr std::uint32_t kListedAtOnce = 1000;
+
+// Whether the next page lies behind this one. A service that leads back would be asked for ever.
+bool leadsOn(const ConfigIF::ListReq& request, const ConfigIF::ListRsp& response) {
+  return !request.has_after() ||
+         std::less<ConfigVar>()(keyOf(request.after()), keyOf(response.next()));
+}
+
 Outcome nothingFound(const Session& session, const Selection& selection, std::uint32_t hidden) {
   ConfigIF::ReturnMessage result;
   result.set_error(hidden == 0 ? CommonIF::ERROR_NOT_FOUND : CommonIF::ERROR_DENIED);
@@ -210,19 +218,34 @@ Outcome runDescribe(Context& context, const Arguments& arguments) {
 
 }  // namespace
 
-Outcome list(Session& session, const Selection& selection, Listing& listing) {
+Outcome listPages(Session& session, const std::string& name,
+                  const std::function<void(ConfigIF::ListRecord&)>& take, std::uint32_t& hidden) {
   ConfigIF::ListReq request;
   request.set_client_name(session.client());
   request.set_role(session.role());
-  if (!selection.name().empty()) request.set_prefix(selection.name());
-  ConfigIF::ListRsp response;
-  Outcome asked = session.ask({"list", selection.name()}, request, response);
-  if (!asked.ok()) return asked;
-  for (ConfigIF::ListRecord& record : *response.mutable_records()) {
+  if (!name.empty()) request.set_prefix(name);
+  request.set_at_most(kListedAtOnce);
+  hidden = 0;
+  for (;;) {
+    ConfigIF::ListRsp response;
+    Outcome asked = session.ask({"list", name}, request, response);
+    if (!asked.ok()) return asked;
+    for (ConfigIF::ListRecord& record : *response.mutable_records()) take(record);
+    hidden += response.hidden();
+    if (!response.has_next()) return {};
+    if (!leadsOn(request, response))
+      return failure(kExitFailed, "cannot list: the service's listing leads back to its beginning");
+    *request.mutable_after() = std::move(*response.mutable_next());
+  }
+}
+
+Outcome list(Session& session, const Selection& selection, Listing& listing) {
+  const auto take = [&](ConfigIF::ListRecord& record) {
     const ConfigVar var = keyOf(record.inst());
     if (selection.selects(var)) listing.variables.push_back({var, std::move(record)});
-  }
-  listing.hidden = response.hidden();
+  };
+  Outcome listed = listPages(session, selection.name(), take, listing.hidden);
+  if (!listed.ok()) return listed;
   if (!listing.variables.empty() || selection.name().empty()) return {};
   return nothingFound(session, selection, listing.hidden);
 }

@@ -3,7 +3,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <string_view>
 #include <utility>
+
+#include "platform/schema/message_bounds.h"
 
 namespace AppCfgTool {
 
@@ -17,7 +20,9 @@ MonitorQueue::~MonitorQueue() {
 void MonitorQueue::receive(void* self, const MSG_Message* message) {
   auto* queue = static_cast<MonitorQueue*>(self);
   ConfigIF::MonitorNtfy event;
-  if (!event.ParseFromArray(MSG_GetPayload(message), MSG_GetPayloadBytes(message))) {
+  const std::string_view bytes(static_cast<const char*>(MSG_GetPayload(message)),
+                               static_cast<std::size_t>(MSG_GetPayloadBytes(message)));
+  if (!PlatformSchema::readMessage(MSG_GetMessageId(message), bytes, event)) {
     const std::lock_guard<std::mutex> guard(queue->mutex_);
     ++queue->taken_.dropped;
     return;

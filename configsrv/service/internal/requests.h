@@ -4,7 +4,8 @@
 // at once; changes, validations and what takes the store as a whole answer when they have ended.
 //
 // Errors   a payload that is no message of its kind, and a request that is none, are refused as a
-//          whole, with a line in the log. Everything else is an error code in the answer.
+//          whole, with a line in the log. Everything else is an error code in the answer; that a
+//          request unfolds to too much has a line in the log as well.
 // Access   before a request is looked at, its role is held against what the kernel says of the
 // peer. Threads  one at a time, whichever runs the server's loop. Owns nothing.
 #pragma once
@@ -60,6 +61,8 @@ class Requests {
  public:
   // A client's name is for logs and for providers to read; what is longer than this is cut.
   static constexpr std::size_t kMaxClientName = 256;
+  // Records of one page of a listing, however many are asked for.
+  static constexpr std::size_t kMaxListed = 1024;
 
   explicit Requests(RequestContext context);
 
@@ -88,10 +91,14 @@ class Requests {
   template <typename Request, typename Response,
             void (Requests::*answer)(const Call&, const Request&)>
   void answerLater(const Incoming& incoming);
-  bool parse(const Incoming& incoming, google::protobuf::MessageLite& message);
+  // False, and answered, when the payload is no such message (by a refusal) or passes a limit (by the
+  // response with LIMIT in its result).
+  bool parse(const Incoming& incoming, google::protobuf::MessageLite& request,
+             google::protobuf::MessageLite& response, ConfigIF::ReturnMessage& result);
   bool admit(const Incoming& incoming, const std::string& clientName,
              CommonIF::eSecurityRole wireRole, Call& call, ConfigIF::ReturnMessage& result);
   void respond(const PbUtility::RequestId& id, const google::protobuf::MessageLite& response);
+  void logRefusal(const Incoming& incoming, const std::string& text);
   // Logs it as well.
   void refuse(const Incoming& incoming, eErrorT error, const std::string& text);
 
@@ -171,6 +178,8 @@ class Requests {
 
   // --- For tools (tool_requests.cpp) ---
   void list(const Call&, const ConfigIF::ListReq&, ConfigIF::ListRsp&);
+  bool findListed(const ConfigIF::ListReq&, std::vector<const Variable*>& listed,
+                  ConfigIF::ReturnMessage&) const;
   void status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp&);
   void clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::ClientsRsp&);
   void monitor(const Call&, const ConfigIF::MonitorReq&, ConfigIF::MonitorRsp&);

@@ -48,6 +48,8 @@ struct Connection {
   // known and not all of it is there.
   std::string incoming;
   std::size_t frameBytes = 0;
+  // Bytes of a payload that is longer than its message may be, and that are still to come.
+  std::size_t toDrop = 0;
   Intake intake = Intake::Open;
   // What epoll told of it since its last turn, and whether it waits for one.
   std::uint32_t ready = 0;

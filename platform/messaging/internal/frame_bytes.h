@@ -15,9 +15,9 @@ class MessageLite;
 namespace PbUtility {
 
 // Replaces `out` with a frame of the message; the header's payload length and, when it is 0, its
-// message id are filled in. False, and `out` untouched, when the message is larger than a frame.
-bool encodeFrame(FrameHeader header, const google::protobuf::MessageLite& message,
-                 std::string& out);
+// message id are filled in. False, and `out` untouched, when the payload is longer than `most`.
+bool encodeFrame(FrameHeader header, const google::protobuf::MessageLite& message, std::string& out,
+                 std::size_t most = kMaxPayloadBytes);
 
 // Appends a frame with these bytes; the header's payload length is filled in.
 void appendFrame(FrameHeader header, std::string_view payload, std::string& out);

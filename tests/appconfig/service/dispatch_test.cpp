@@ -616,6 +616,24 @@ TEST_F(DispatchTest, ABrokenPayloadPrintsParseErrorAndIsNotAnswered) {
   EXPECT_TRUE(first.lines.take().empty());
 }
 
+// A path of 257 nodes: of notices about options and about a submit it is field 2.
+TEST_F(DispatchTest, APayloadThatUnfoldsToTooMuchCountsAsBroken) {
+  std::string nodes;
+  for (int i = 0; i < 257; ++i) nodes += std::string("\x0A\0", 2);
+  MSG_Message tooMuch;
+  tooMuch.payload = "\x12\x82\x04" + nodes;
+  for (const std::uint32_t id : {TestSupport::kOptionsChangedId, TestSupport::kSubmitId}) {
+    tooMuch.id = id;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(pb.deliver(tooMuch), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Parse Error\n");
+  }
+  tooMuch.payload = "\x12\x80\x04" + nodes.substr(2);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(pb.deliver(tooMuch), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
 TEST_F(DispatchTest, AnEmptyPayloadIsAMessageWithoutFields) {
   MSG_Message empty;
   empty.id = TestSupport::kOnChangeId;

@@ -281,6 +281,30 @@ TEST_F(AccessRequestsTest, KeysOfAnswersCarryNoNamespaceAndSuccessIsTheResultsCo
   EXPECT_EQ(errors.front().first.nameSpace(), 0);
 }
 
+TEST_F(AccessRequestsTest, MoreVariablesThanARequestTakesAreChangedBySeveral) {
+  std::list<ConfigVar> vars;
+  for (int i = 0; i < 1'025; ++i) vars.emplace_back("net", 0, "v", i);
+  pb.answer<ConfigIF::SetAccessLevelsReq, ConfigIF::SetAccessLevelsRsp>(
+      [](const auto& request, auto& response) {
+        const bool isFirst = request.inst_size() == 1'024;
+        if (isFirst) response.mutable_result()->set_error(CommonIF::ERROR_DENIED);
+        addRecord(response, ConfigVar("net", 0, isFirst ? "first" : "second", 0),
+                  isFirst ? CommonIF::ERROR_DENIED : CommonIF::ERROR_NONE);
+      });
+  Errors errors;
+  EXPECT_FALSE(link->setAccessLevels(vars, &read, nullptr, errors));
+  ASSERT_EQ(errors.size(), 2U);
+  EXPECT_EQ(errors.front().second, eErrDenied);
+  EXPECT_EQ(errors.back().second, eErrNone);
+  EXPECT_TRUE(link->setAccessLevels(vars, &read, nullptr));
+  const auto sent = pb.sentOf<ConfigIF::SetAccessLevelsReq>();
+  ASSERT_EQ(sent.size(), 4U);
+  for (const std::size_t i : {0U, 2U}) {
+    EXPECT_EQ(sent[i].inst_size(), 1'024);
+    EXPECT_EQ(sent[i + 1].inst_size(), 1);
+  }
+}
+
 TEST_F(AccessRequestsTest, AChangeThatCannotBeSentReportsNoErrors) {
   pb.failAll();
   Errors errors;

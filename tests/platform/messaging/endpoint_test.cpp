@@ -187,9 +187,22 @@ TEST_F(EndpointTest, AnAnswerOfAnotherTypeIsBroken) {
 TEST_F(EndpointTest, ALargeValueTravelsBothWaysAndATooLargeOneIsRefusedHere) {
   Serving serving(dir.path());
   Endpoint endpoint("ui", options());
-  EXPECT_EQ(read(endpoint, std::string(std::size_t{15} << 20, 'v')), kCallOk);
-  EXPECT_EQ(read(endpoint, std::string(kMaxPayloadBytes, 'v')), kCallBadRequest);
-  EXPECT_EQ(read(endpoint), kCallOk);
+  serving.onRequestDo = [](Server& server, const Serving::Request& request) {
+    ConfigIF::WriteReq write;
+    ASSERT_TRUE(write.ParseFromString(request.payload));
+    ConfigIF::WriteRsp response;
+    response.mutable_result()->add_messages(write.value().values(0));
+    server.respond(request.id, response, 1);
+  };
+  ConfigIF::WriteReq request;
+  request.mutable_value()->add_values(std::string(std::size_t{2} << 20, 'v'));
+  ConfigIF::WriteRsp response;
+  EXPECT_EQ(endpoint.sendWaitResponse(request, &response, kService), kCallOk);
+  EXPECT_EQ(response.result().messages(0), request.value().values(0));
+  request.mutable_value()->add_values(std::string(std::size_t{1} << 20, 'v'));
+  EXPECT_EQ(endpoint.sendWaitResponse(request, &response, kService), kCallBadRequest);
+  request.mutable_value()->mutable_values()->RemoveLast();
+  EXPECT_EQ(endpoint.sendWaitResponse(request, &response, kService), kCallOk);
 }
 
 TEST_F(EndpointTest, AMessageThatIsNoPartOfTheProtocolIsRefusedHere) {

@@ -404,7 +404,7 @@ TEST_F(ServerTest, OfAllThatWaitsTheGreediestConnectionIsClosedAndTheOthersAreNo
   ASSERT_TRUE(modest.send(RawClient::hello("modest", 1) + request(0x1A0110, "")));
   ASSERT_TRUE(eventually([&] { return serving.requests().size() == 1; }));
   RawClient greedy(socketFile());
-  std::string frame = request(0x1A0110, std::string(std::size_t{2} << 20, 'x'));
+  std::string frame = request(0x1A0140, std::string(std::size_t{2} << 20, 'x'));
   ASSERT_TRUE(greedy.send(RawClient::hello("greedy", 2)));
   ASSERT_FALSE(greedy.receive().empty());
   std::thread sender([&] { greedy.send(frame.substr(0, frame.size() - 1)); });

@@ -158,6 +158,7 @@ TEST_F(ScriptedServiceTest, ListSendsTheNameWithoutInstanceAndNamespace) {
   ConfigIF::ListReq request;
   request.set_client_name("appcfg");
   request.set_role(kUser);
+  request.set_at_most(1000);
   expectSent({"list", "--timeout", "0.2"}, request);
   request.set_prefix("net.eth");
   expectSent({"list", "3:Net.eth[1]", "--timeout", "0.2"}, request);
@@ -326,6 +327,53 @@ TEST_F(ScriptedServiceTest, ListIsThreeColumnsForPrograms) {
             "net.eth[1].mtu\t1500\tdefault\n"
             "3:net.names\t[\"a\\tb\", \"c\"]\tchanged\n");
   EXPECT_EQ(run.err, "");
+}
+
+// The first page of it is one variable, and names it as the place where the next one begins.
+TEST_F(ScriptedServiceTest, ListAsksForPageAfterPageAndPutsThemTogether) {
+  answerBy([](PbUtility::Server& server, const Serving::Request& request) {
+    ConfigIF::ListReq asked;
+    ASSERT_TRUE(asked.ParseFromString(request.payload));
+    ConfigIF::ListRsp page = listing();
+    page.mutable_records()->DeleteSubrange(asked.has_after() ? 0 : 1, 1);
+    page.set_hidden(2);
+    if (!asked.has_after()) *page.mutable_next() = page.records(0).inst();
+    server.respond(request.id, page, 7);
+  });
+  const Ended run = appcfg_({"list"});
+  EXPECT_EQ(run.out,
+            "net.eth[1].mtu\t1500\tdefault\n"
+            "3:net.names\t[\"a\\tb\", \"c\"]\tchanged\n");
+  EXPECT_THAT(run.err, HasSubstr("4 more are hidden"));
+  ASSERT_EQ(serving_->requests().size(), 2U);
+  ConfigIF::ListReq second;
+  ASSERT_TRUE(second.ParseFromString(serving_->requests()[1].payload));
+  EXPECT_EQ(second.after().SerializeAsString(), listing().records(0).inst().SerializeAsString());
+  EXPECT_EQ(second.at_most(), 1000U);
+}
+
+TEST_F(ScriptedServiceTest, AListingThatLeadsBackIsAFailureAndNotForEver) {
+  ConfigIF::ListRsp page = listing();
+  *page.mutable_next() = page.records(0).inst();
+  answer<ConfigIF::ListReq>(page);
+  const Ended run = appcfg_({"list"});
+  EXPECT_EQ(run.code, kExitFailed);
+  EXPECT_THAT(run.err, HasSubstr("leads back"));
+  EXPECT_EQ(serving_->requests().size(), 2U);
+}
+
+TEST_F(ScriptedServiceTest, RolesOfMoreVariablesThanARequestTakesAreSetByTwo) {
+  answerBy([](PbUtility::Server& server, const Serving::Request& request) {
+    ConfigIF::SetAccessLevelsReq asked;
+    ASSERT_TRUE(asked.ParseFromString(request.payload));
+    ConfigIF::SetAccessLevelsRsp response;
+    for (const ConfigIF::Inst& inst : asked.inst()) *response.add_records()->mutable_inst() = inst;
+    server.respond(request.id, response, 7);
+  });
+  Words words{"access", "set", "--read", "service", "--json"};
+  for (int i = 0; i < 1'025; ++i) words.push_back("a.b" + std::to_string(i));
+  EXPECT_EQ(printed(words)["variables"].size(), 1'025U);
+  EXPECT_EQ(serving_->requests().size(), 2U);
 }
 
 TEST_F(ScriptedServiceTest, ListInJsonIsOneObject) {

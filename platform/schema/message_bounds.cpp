@@ -1,0 +1,94 @@
+#include "platform/schema/message_bounds.h"
+
+#include <google/protobuf/message_lite.h>
+
+#include "platform/schema/internal/unfolding.h"
+#include "platform/schema/message_ids.h"
+
+namespace PlatformSchema {
+namespace {
+
+std::string moreThan(std::size_t most, const char* what) {
+  return " more than " + std::to_string(most) + ' ' + what + ", which is the limit: ";
+}
+
+std::string problemOf(Counted past, const std::string& name, std::size_t memory) {
+  switch (past) {
+    case Counted::Nodes:
+      return "a path of " + name + " has" + moreThan(MessageLimits::kNodes, "nodes") +
+             "a group and a name are one node each";
+    case Counted::Entries:
+      return name + " is about" + moreThan(MessageLimits::kEntries, "variables") +
+             "ask for them in several requests";
+    case Counted::Elements:
+      return "a value of " + name + " has" + moreThan(MessageLimits::kElements, "elements") +
+             "use several variables";
+    case Counted::Options:
+      return name + " has" + moreThan(MessageLimits::kOptions, "options") + "use a pattern";
+    case Counted::Messages:
+      return "the result of " + name + " has" + moreThan(MessageLimits::kMessages, "messages") +
+             "sum them up";
+    case Counted::Nothing:
+      break;
+  }
+  return name + " would unfold to" + moreThan(memory, "bytes") + "send fewer parts at once";
+}
+
+Reading parse(std::string_view payload, google::protobuf::MessageLite& message) {
+  const bool parsed = message.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
+  return parsed ? Reading::Done : Reading::NoMessage;
+}
+
+// Of the messages that clients send, those that may be longer than the others.
+struct Longer {
+  std::uint32_t messageId;
+  std::size_t bytes;
+};
+constexpr Longer kLonger[] = {
+    {0x1A0101, MessageLimits::kBatchPayload},  // OnChangeRsp
+    {0x1A0120, MessageLimits::kBatchPayload},  // BatchReadReq
+    {0x1A0140, MessageLimits::kValuePayload},  // WriteReq
+    {0x1A0151, MessageLimits::kBatchPayload},  // DynamicValidateRsp
+    {0x1A0160, MessageLimits::kValuePayload},  // ValidateReq
+    {0x1A0250, MessageLimits::kValuePayload},  // SetAttributeOptionsReq
+    {0x1A0330, MessageLimits::kBatchPayload},  // SetAccessLevelsReq
+    {0x1A0350, MessageLimits::kBatchPayload},  // BatchGetValueOptionsAccessReq
+};
+
+}  // namespace
+
+std::size_t maxPayloadBytes(std::uint32_t messageId) {
+  for (const Longer& longer : kLonger) {
+    if (longer.messageId == messageId) return longer.bytes;
+  }
+  return MessageLimits::kOtherPayload;
+}
+
+std::string payloadProblem(std::uint32_t messageId, std::size_t payloadBytes) {
+  if (payloadBytes <= MessageLimits::kOtherPayload) return {};
+  const std::size_t most = maxPayloadBytes(messageId);
+  if (payloadBytes <= most) return {};
+  return messageName(messageId) + " has " + std::to_string(payloadBytes) + " bytes, and " +
+         std::to_string(most) + " bytes at most are allowed: send less at once";
+}
+
+Reading readMessage(std::uint32_t messageId, std::string_view payload,
+                    google::protobuf::MessageLite& message, std::string& problem) {
+  if (payload.size() < kNotLookedAt) return parse(payload, message);
+  const Shape* shape = shapeOf(messageId);
+  if (shape == nullptr) return Reading::NoMessage;
+  const std::size_t memory = mostMemory(*shape, payload.size());
+  const Unfolding found = unfolding(*shape, payload, memory);
+  if (found.result == Unfolding::Result::Broken) return Reading::NoMessage;
+  if (found.result == Unfolding::Result::Bounded) return parse(payload, message);
+  problem = problemOf(found.past, messageName(messageId), memory);
+  return Reading::TooMuch;
+}
+
+bool readMessage(std::uint32_t messageId, std::string_view payload,
+                 google::protobuf::MessageLite& message) {
+  std::string problem;
+  return readMessage(messageId, payload, message, problem) == Reading::Done;
+}
+
+}  // namespace PlatformSchema

@@ -1,0 +1,222 @@
+// One array of parts for each shape; messages that have the same strings and messages under the same
+// numbers share one. Enumerations are left out of the plain numbers: a value that this version does not
+// know is kept beside the object, with the fields that it does not know.
+#include "platform/schema/internal/message_shapes.h"
+
+#include <google/protobuf/message_lite.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "platform/schema/config_if.pb.h"
+
+namespace PlatformSchema {
+namespace {
+
+// What the heap adds to a block.
+constexpr std::size_t kBlock = 16;
+// The first array of a repeated field: a header and four pointers.
+constexpr std::size_t kFirstArray = kBlock + 5 * sizeof(void*);
+
+constexpr Part text(std::uint32_t number) { return {number, nullptr, false, Counted::Nothing}; }
+constexpr Part texts(std::uint32_t number, Counted counted) {
+  return {number, nullptr, true, counted};
+}
+constexpr Part one(std::uint32_t number, const Shape& message) {
+  return {number, &message, false, Counted::Nothing};
+}
+constexpr Part many(std::uint32_t number, const Shape& message, Counted counted) {
+  return {number, &message, true, counted};
+}
+
+constexpr std::uint32_t numbers() { return 0; }
+template <typename... Rest>
+constexpr std::uint32_t numbers(int first, Rest... rest) {
+  return std::uint32_t{1} << first | numbers(rest...);
+}
+
+template <typename Message, std::size_t count>
+constexpr Shape shape(const char* name, const Part (&parts)[count], std::uint32_t plain) {
+  Shape made{{}, sizeof(Message) + kBlock, parts, count, plain};
+  for (const Part& part : parts) made.bytes += part.repeated ? kFirstArray : 0;
+  for (std::size_t i = 0; name[i] != '\0'; ++i) made.name[i] = name[i];
+  return made;
+}
+
+#define SHAPE(name, plain) \
+  constexpr Shape k##name##Shape = shape<ConfigIF::name>(#name, k##name, plain)
+
+// --- Building blocks ---
+
+constexpr Part kNode[] = {text(1)};
+SHAPE(Node, numbers(2));
+constexpr Part kInst[] = {many(1, kNodeShape, Counted::Nodes)};
+SHAPE(Inst, numbers());
+constexpr Part kInstValue[] = {one(1, kInstShape), texts(2, Counted::Elements)};
+SHAPE(InstValue, numbers());
+constexpr Part kReturnMessage[] = {texts(3, Counted::Messages), text(5), text(6)};
+SHAPE(ReturnMessage, numbers(2, 4));
+
+// --- Requests ---
+
+constexpr Part kReadReq[] = {text(1), one(3, kInstShape)};
+SHAPE(ReadReq, numbers());
+constexpr Part kWriteReq[] = {text(1), one(3, kInstValueShape)};
+SHAPE(WriteReq, numbers());
+constexpr Part kResetNodeValueReq[] = {text(1), text(3)};
+SHAPE(ResetNodeValueReq, numbers());
+constexpr Part kBatchReadReq[] = {text(1), many(3, kInstShape, Counted::Entries)};
+SHAPE(BatchReadReq, numbers());
+constexpr Part kSetAttributeOptionsReq[] = {text(1), one(3, kInstShape),
+                                            texts(5, Counted::Options)};
+SHAPE(SetAttributeOptionsReq, numbers());
+constexpr Part kRegisterClientCallbackReq[] = {text(1), text(3), text(5)};
+SHAPE(RegisterClientCallbackReq, numbers());
+constexpr Part kStatusReq[] = {text(1)};
+SHAPE(StatusReq, numbers());
+constexpr Part kListReq[] = {text(1), text(3), one(5, kInstShape)};
+SHAPE(ListReq, numbers());
+constexpr Part kOnChangeReq[] = {text(1), text(2), one(4, kInstValueShape)};
+SHAPE(OnChangeReq, numbers());
+
+// --- Responses ---
+
+constexpr Part kWriteRsp[] = {one(1, kReturnMessageShape)};
+SHAPE(WriteRsp, numbers());
+constexpr Part kReadRsp[] = {one(1, kReturnMessageShape), texts(2, Counted::Elements)};
+SHAPE(ReadRsp, numbers());
+constexpr Part kReadRecord[] = {one(1, kInstShape), texts(3, Counted::Elements)};
+SHAPE(ReadRecord, numbers(4));
+constexpr Part kBatchReadRsp[] = {one(1, kReturnMessageShape),
+                                  many(2, kReadRecordShape, Counted::Nothing)};
+SHAPE(BatchReadRsp, numbers());
+constexpr Part kGetAttributeOptionsRsp[] = {one(1, kReturnMessageShape),
+                                            texts(2, Counted::Options)};
+SHAPE(GetAttributeOptionsRsp, numbers());
+constexpr Part kAccessLevelsRecord[] = {one(1, kInstShape)};
+SHAPE(AccessLevelsRecord, numbers());
+constexpr Part kSetAccessLevelsRsp[] = {one(1, kReturnMessageShape),
+                                        many(2, kAccessLevelsRecordShape, Counted::Nothing)};
+SHAPE(SetAccessLevelsRsp, numbers());
+constexpr Part kAttributes[] = {one(1, kInstShape),         text(3),  texts(4, Counted::Elements),
+                                texts(5, Counted::Options), text(11), text(15)};
+SHAPE(Attributes, numbers(6, 7, 8, 9, 10, 14, 16, 17, 18));
+constexpr Part kReadAttributesRsp[] = {one(1, kReturnMessageShape), one(2, kAttributesShape)};
+SHAPE(ReadAttributesRsp, numbers());
+constexpr Part kFullRecord[] = {one(1, kInstShape), texts(3, Counted::Elements),
+                                texts(5, Counted::Options)};
+SHAPE(FullRecord, numbers(4, 6));
+constexpr Part kGetValueOptionsAccessRsp[] = {one(1, kReturnMessageShape),
+                                              one(2, kFullRecordShape)};
+SHAPE(GetValueOptionsAccessRsp, numbers());
+constexpr Part kBatchGetValueOptionsAccessRsp[] = {one(1, kReturnMessageShape),
+                                                   many(2, kFullRecordShape, Counted::Nothing)};
+SHAPE(BatchGetValueOptionsAccessRsp, numbers());
+constexpr Part kListRecord[] = {one(1, kInstShape), texts(3, Counted::Elements), text(5)};
+SHAPE(ListRecord, numbers(4, 6));
+constexpr Part kListRsp[] = {one(1, kReturnMessageShape),
+                             many(2, kListRecordShape, Counted::Nothing), one(4, kInstShape)};
+SHAPE(ListRsp, numbers());
+constexpr Part kStatusRsp[] = {one(1, kReturnMessageShape), text(2), text(15), text(16)};
+SHAPE(StatusRsp, numbers());
+constexpr Part kClientRecord[] = {text(1), texts(7, Counted::Nothing)};
+SHAPE(ClientRecord, numbers(2, 3, 4, 5, 6));
+constexpr Part kClientsRsp[] = {one(1, kReturnMessageShape),
+                                many(2, kClientRecordShape, Counted::Nothing)};
+SHAPE(ClientsRsp, numbers());
+
+// --- Notices ---
+
+constexpr Part kConfigChangedNtfy[] = {text(1), one(2, kInstValueShape)};
+SHAPE(ConfigChangedNtfy, numbers());
+constexpr Part kSubmitNtfy[] = {text(1), one(2, kInstShape)};
+SHAPE(SubmitNtfy, numbers());
+constexpr Part kOptionsChangedNtfy[] = {text(1), one(2, kInstShape), texts(3, Counted::Options)};
+SHAPE(OptionsChangedNtfy, numbers());
+constexpr Part kMonitorNtfy[] = {text(3), text(5), one(6, kInstShape), texts(7, Counted::Elements),
+                                 text(10)};
+SHAPE(MonitorNtfy, numbers());
+
+#undef SHAPE
+
+struct Entry {
+  std::uint32_t messageId;
+  const Shape& shape;
+};
+
+// Ascending.
+constexpr Entry kMessages[] = {
+    {0x1A0100, kOnChangeReqShape},
+    {0x1A0101, kWriteRspShape},
+    {0x1A0110, kReadReqShape},
+    {0x1A0111, kReadRspShape},
+    {0x1A0120, kBatchReadReqShape},
+    {0x1A0121, kBatchReadRspShape},
+    {0x1A0140, kWriteReqShape},
+    {0x1A0141, kWriteRspShape},
+    {0x1A0143, kConfigChangedNtfyShape},
+    {0x1A0150, kOnChangeReqShape},
+    {0x1A0151, kWriteRspShape},
+    {0x1A0160, kWriteReqShape},
+    {0x1A0161, kWriteRspShape},
+    {0x1A0170, kReadReqShape},
+    {0x1A0171, kWriteRspShape},
+    {0x1A0180, kResetNodeValueReqShape},
+    {0x1A0181, kWriteRspShape},
+    {0x1A0190, kReadReqShape},
+    {0x1A0191, kReadAttributesRspShape},
+    {0x1A01A0, kResetNodeValueReqShape},
+    {0x1A01A1, kWriteRspShape},
+    {0x1A01A3, kSubmitNtfyShape},
+    {0x1A0210, kRegisterClientCallbackReqShape},
+    {0x1A0211, kWriteRspShape},
+    {0x1A0220, kRegisterClientCallbackReqShape},
+    {0x1A0221, kWriteRspShape},
+    {0x1A0230, kStatusReqShape},
+    {0x1A0231, kWriteRspShape},
+    {0x1A0240, kReadReqShape},
+    {0x1A0241, kGetAttributeOptionsRspShape},
+    {0x1A0250, kSetAttributeOptionsReqShape},
+    {0x1A0251, kWriteRspShape},
+    {0x1A0253, kOptionsChangedNtfyShape},
+    {0x1A0260, kResetNodeValueReqShape},
+    {0x1A0261, kGetAttributeOptionsRspShape},
+    {0x1A0270, kReadReqShape},
+    {0x1A0271, kWriteRspShape},
+    {0x1A0273, kSubmitNtfyShape},
+    {0x1A0320, kReadReqShape},
+    {0x1A0321, kWriteRspShape},
+    {0x1A0330, kBatchReadReqShape},
+    {0x1A0331, kSetAccessLevelsRspShape},
+    {0x1A0333, kSubmitNtfyShape},
+    {0x1A0340, kReadReqShape},
+    {0x1A0341, kGetValueOptionsAccessRspShape},
+    {0x1A0350, kBatchReadReqShape},
+    {0x1A0351, kBatchGetValueOptionsAccessRspShape},
+    {0x1A0400, kListReqShape},
+    {0x1A0401, kListRspShape},
+    {0x1A0410, kStatusReqShape},
+    {0x1A0411, kStatusRspShape},
+    {0x1A0420, kStatusReqShape},
+    {0x1A0421, kClientsRspShape},
+    {0x1A0430, kResetNodeValueReqShape},
+    {0x1A0431, kWriteRspShape},
+    {0x1A0433, kMonitorNtfyShape},
+};
+
+}  // namespace
+
+const Shape* shapeOf(std::uint32_t messageId) {
+  const Entry* found =
+      std::lower_bound(std::begin(kMessages), std::end(kMessages), messageId,
+                       [](const Entry& entry, std::uint32_t id) { return entry.messageId < id; });
+  return found == std::end(kMessages) || found->messageId != messageId ? nullptr : &found->shape;
+}
+
+bool holdsRecords(const Shape& shape) {
+  return std::any_of(shape.parts, shape.parts + shape.partCount, [](const Part& part) {
+    return part.repeated && part.message != nullptr && part.counted == Counted::Nothing;
+  });
+}
+
+}  // namespace PlatformSchema
