@@ -38,7 +38,10 @@ std::string lowerCase(const std::string& name) {
   return result;
 }
 
-Requests::Requests(RequestContext context) : with_(context) {}
+Requests::Requests(RequestContext context)
+    : with_(context), slices_([&server = with_.server](std::function<void()> task) {
+        server.after(std::chrono::milliseconds(0), std::move(task));
+      }) {}
 
 // --- The frame around every request ---
 

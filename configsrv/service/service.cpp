@@ -153,7 +153,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
             model_,
             // A report of a notice goes before the notice.
             [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-              server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
+              server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
             },
             {}, ::geteuid()),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
@@ -186,9 +186,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return result;
   }
 
-  std::uint64_t revisionThat(Knows knows) const {
+  std::uint64_t revisionThat(PeerId peer, Knows knows) const {
     const std::uint64_t present = model_.revision();
-    return knows == Knows::AllOfThis || present == 0 ? present : present - 1;
+    const bool isAll = knows == Knows::AllOfThis || present == 0;
+    return requests_.carried(peer, isAll ? present : present - 1);
   }
   void reportNotice(PeerId peer, const google::protobuf::MessageLite& notice) {
     const PbUtility::Peer* to = server_.peer(peer);
@@ -248,7 +249,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   void notify(PeerId peer, const google::protobuf::MessageLite& notice,
               const std::string& coalescingKey, Knows knows) override {
     if (monitor_.isActive()) reportNotice(peer, notice);
-    server_.notify(peer, notice, revisionThat(knows), coalescingKey);
+    server_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
   }
   bool mayProvide(PeerId id, const Variable& variable) const override {
     const PbUtility::Peer* peer = server_.peer(id);

@@ -116,6 +116,11 @@ class Subscriptions {
   // Those that are kept, what is still to be erased included.
   std::size_t count() const;
   std::size_t count(PbUtility::PeerId peer) const;
+  // Takes bytes of the owner's share for what has to be remembered beside a registration, until they
+  // are released. Empty on success, else which limit they would pass, and whose.
+  [[nodiscard]] std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  void release(PbUtility::Owner owner, std::size_t bytes);
+
   // Whether something is still to be erased.
   bool isErasing() const;
   // What they count as in memory.

@@ -102,6 +102,8 @@ Limits limitsOfRequests() {
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
+      {"ChangeBatch::kBegunInOneTurn", number(ChangeBatch::kBegunInOneTurn)},
+      {"Requests::kVariablesAtOnce", number(Requests::kVariablesAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
       {"AnswerSize::kMaxBytes", number(AnswerSize::kMaxBytes)},
       {"FloodGuard::kLines", number(FloodGuard::kLines)},
