@@ -39,8 +39,8 @@ std::string lowerCase(const std::string& name) {
 }
 
 Requests::Requests(RequestContext context)
-    : with_(context), slices_([&server = with_.server](std::function<void()> task) {
-        server.after(std::chrono::milliseconds(0), std::move(task));
+    : with_(context), slices_([&server = with_.server](uid_t user, std::function<void()> task) {
+        server.later(user, std::move(task));
       }) {}
 
 // --- The frame around every request ---

@@ -142,8 +142,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         model_(std::move(definitions)),
         epoch_(witness_->epochFor(store_->storeId(), model_.definitions().digest())),
         subscriptions_({}, ::geteuid(),
-                       [this](std::function<void()> task) {
-                         server_.after(std::chrono::milliseconds(0), std::move(task));
+                       [this](uid_t user, std::function<void()> task) {
+                         server_.later(user, std::move(task));
                        }),
         announcer_(model_, subscriptions_, *this),
         changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),

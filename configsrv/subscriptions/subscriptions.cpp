@@ -346,7 +346,7 @@ void Subscriptions::Impl::eraseLater() {
     while (!leaving_.empty()) eraseSlice();
   } else if (!leaving_.empty() && !isScheduled_) {
     isScheduled_ = true;
-    later_([this] {
+    later_(callers_[leaving_.front()]->owner.uid, [this] {
       isScheduled_ = false;
       eraseSlice();
       eraseLater();

@@ -80,8 +80,8 @@ struct Subscriber {
 
 class Subscriptions {
  public:
-  // Has a task run later, when others had their turn.
-  using Later = std::function<void(std::function<void()> task)>;
+  // Has a task run later, in a turn of the user's: Server::later.
+  using Later = std::function<void(uid_t user, std::function<void()> task)>;
 
   // The service's own user is no ordinary one. Without `later` everything is erased at once.
   explicit Subscriptions(SubscriptionLimits limits = {}, uid_t own = 0, Later later = {});
