@@ -103,7 +103,7 @@ ServiceHarness::ServiceHarness(int listenFd)
       server_(serverOptions(listenFd), *this),
       monitor_(model_,
                [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-                 server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
+                 server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
                }),
       requests_({options_, log_, access_, model_, subscriptions_, announcer_, changes_, monitor_,
                  server_, providers_, &audit_, *surroundings().store}) {
@@ -151,16 +151,17 @@ std::uint32_t ServiceHarness::ask(PeerId peer, const google::protobuf::MessageLi
   return number;
 }
 
-std::uint64_t ServiceHarness::revisionThat(Knows knows) const {
+std::uint64_t ServiceHarness::revisionThat(PeerId peer, Knows knows) const {
   const std::uint64_t present = model_.revision();
-  return knows == Knows::AllOfThis || present == 0 ? present : present - 1;
+  const bool isAll = knows == Knows::AllOfThis || present == 0;
+  return requests_.carried(peer, isAll ? present : present - 1);
 }
 
 void ServiceHarness::notify(PeerId peer, const google::protobuf::MessageLite& notice,
                             const std::string& coalescingKey, Knows knows) {
   const PbUtility::Peer* to = server_.peer(peer);
   if (monitor_.isActive() && to != nullptr) monitor_.noticeLeaves(*to, notice);
-  server_.notify(peer, notice, revisionThat(knows), coalescingKey);
+  server_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
 }
 
 bool ServiceHarness::mayProvide(PeerId id, const Variable& variable) const {

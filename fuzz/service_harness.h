@@ -82,7 +82,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   void cancel(std::uint64_t timer) override { timers_.erase(timer); }
   bool commit(ConfigSrv::StoreTransaction transaction, ConfigSrv::CommitDone done) override;
 
-  std::uint64_t revisionThat(Knows knows) const;
+  std::uint64_t revisionThat(PbUtility::PeerId peer, Knows knows) const;
   void keep(const ConfigSrv::StoreTransaction& transaction);
   void checkRecord() const;
 

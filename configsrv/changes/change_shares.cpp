@@ -7,6 +7,14 @@ namespace ConfigSrv {
 
 using PbUtility::Owner;
 
+namespace {
+
+std::string withAdvice(const std::string& refusal) {
+  return refusal.empty() ? refusal : refusal + ": try again when some of them have ended";
+}
+
+}  // namespace
+
 ChangeShares::ChangeShares(const ChangesOptions& options)
     : count_("changes under way", options.underWay, options.own),
       bytes_("bytes of changes under way", options.bytesUnderWay, options.own) {}
@@ -18,10 +26,14 @@ std::size_t ChangeShares::bytesOf(const ChangeRequest& request) {
 }
 
 std::string ChangeShares::refusal(Owner owner, std::size_t bytes) const {
-  std::string refusal = count_.refusal(owner);
-  if (refusal.empty()) refusal = bytes_.refusal(owner, bytes);
-  if (!refusal.empty()) refusal += ": try again when some of them have ended";
-  return refusal;
+  const std::string refusal = count_.refusal(owner);
+  return withAdvice(refusal.empty() ? bytes_.refusal(owner, bytes) : refusal);
+}
+
+std::string ChangeShares::reserve(Owner owner, std::size_t bytes) {
+  const std::string refusal = bytes_.refusal(owner, bytes);
+  if (refusal.empty()) bytes_.add(owner, bytes);
+  return withAdvice(refusal);
 }
 
 void ChangeShares::add(Owner owner, std::size_t bytes) {

@@ -128,6 +128,7 @@ class Changes::Impl {
   void stop();
   std::size_t underWay() const { return changes_.size(); }
   const ChangeCounters& counters() const { return counters_; }
+  ChangeShares& shares() { return shares_; }
 
  private:
   // Nearly always one change long.
@@ -687,6 +688,12 @@ void Changes::submit(ChangeRequest request, ChangeDone done) {
 }
 void Changes::validate(ChangeRequest request, ChangeDone done) {
   impl_->validate(std::move(request), std::move(done));
+}
+std::string Changes::reserve(PbUtility::Owner owner, std::size_t bytes) {
+  return impl_->shares().reserve(owner, bytes);
+}
+void Changes::release(PbUtility::Owner owner, std::size_t bytes) {
+  impl_->shares().release(owner, bytes);
 }
 void Changes::onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
                        std::string_view payload) {

@@ -27,6 +27,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "configsrv/changes/announcer.h"
@@ -45,9 +46,10 @@ struct ChangesOptions {
   // Changes that may wait for their turn at one variable: all, ordinary users, a user, a process.
   PbUtility::ShareLimits waitingPerVariable{1024, 768, 256, 1024};
   // Changes and validations under way, and what they take in memory (ChangeShares::bytesOf).
+  // One endpoint of root's is slowed down before it has as much as a process may have.
   PbUtility::ShareLimits underWay{16384, 12288, 2048, 4096};
   PbUtility::ShareLimits bytesUnderWay{std::size_t{64} << 20, std::size_t{6} << 20,
-                                       std::size_t{3} << 20, std::size_t{16} << 20};
+                                       std::size_t{3} << 20, std::size_t{32} << 20};
 };
 
 // Since the start.
@@ -71,6 +73,11 @@ class Changes {
   // Whether a change would be accepted: checks it and asks the providers' dynamic validation, right
   // now and without waiting for changes on their way. Changes nothing.
   void validate(ChangeRequest request, ChangeDone done);
+
+  // Takes bytes of the owner's share of what is under way, for a request that makes many changes,
+  // until they are released. Empty on success, else which limit they would pass, and whose.
+  [[nodiscard]] std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  void release(PbUtility::Owner owner, std::size_t bytes);
 
   // A provider that was expected is back, or is not expected any more.
   void providersCame();

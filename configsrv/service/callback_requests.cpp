@@ -17,66 +17,90 @@ bool hasUnknownType(const Request& request) {
 
 }  // namespace
 
-struct Requests::CatchUp {
-  Call call;
-  Registration registration;
-  std::vector<const Variable*> covered;
+struct Requests::Registering {
+  Registering(Subscriptions& where, Call from, Registration wanted, CoveredVariables variables)
+      : subscriptions(where),
+        call(std::move(from)),
+        registration(std::move(wanted)),
+        covered(variables) {}
+  ~Registering() {
+    subscriptions.release(call.by.owner, reserved);
+    if (owed != nullptr) owed->end(call.by.peer, answeredAt);
+  }
+  Registering(const Registering&) = delete;
+  Registering& operator=(const Registering&) = delete;
+
+  // What it takes as long as it waits for its next slice, about.
+  std::size_t bytes() const {
+    return 2 * sizeof *this + registration.name.size() + registration.identity.size() +
+           registration.clientName.size() + call.by.clientName.size();
+  }
+
+  Subscriptions& subscriptions;
+  const Call call;
+  const Registration registration;
+  const CoveredVariables covered;
+  bool provides = false;
+  // Of the variables, the next one to look at.
   std::size_t next = 0;
+  std::size_t reserved = 0;
   // A provider that changes may wait for.
   bool isBack = false;
+  // Not null when it was answered before it was told everything.
+  std::shared_ptr<OwedNotices> owed;
+  std::uint64_t answeredAt = 0;
 };
 
+// A name may cover every variable that there is, so all of this goes in slices: first, of a provider,
+// whether it may be asked about any of them; then, what has to be told.
+//
 // Over a connection for requests the answer goes first, so that a client knows of its registration
-// before it is told anything.
+// before it is told anything. What is told after the first slice is owed: see OwedNotices.
 //
 // Over the delivery connection, where registrations are repeated, it goes last: whoever repeats many
 // may be owed more than may wait for a reader, so each is told no faster than its client reads, and
-// the next is not taken before. The client counts itself up to date once it is told anything newer
-// than the answer, so all that was owed has to be queued before.
+// while it does not, no further request of that connection is taken. The client counts itself up to date
+// once it is told anything newer than the answer, so all that was owed has to be queued before. Changes
+// between two slices are told as they come: their notices are older than the answer, and say nothing
+// of this registration.
+//
+// A variable that changes between two slices was told of then, or is told with its newest state by
+// a slice that comes later.
 void Requests::registerCallback(const Call& call,
                                 const ConfigIF::RegisterClientCallbackReq& request) {
-  ConfigIF::RegisterClientCallbackRsp response;
-  ConfigIF::ReturnMessage& result = *response.mutable_result();
-  if (hasUnknownType(request)) {
-    setError(result, eErrInvalidRequest, "unknown callback type");
-    return respond(call.id, response);
+  const auto registering = std::make_shared<Registering>(
+      with_.subscriptions, call,
+      Registration{request.name(), request.type(), request.endpoint_name(), request.client_name(),
+                   call.by.role},
+      with_.model.below(lowerCase(request.name())));
+  if (hasUnknownType(request))
+    return refuseRegistration(*registering, eErrInvalidRequest, "unknown callback type");
+  registering->provides = isProvider(request);
+  const bool walks = registering->provides || call.knownRevision != PbUtility::kRevisionNow;
+  if (walks && registering->covered.size() > kVariablesAtOnce) {
+    const std::string refusal = with_.subscriptions.reserve(call.by.owner, registering->bytes());
+    if (!refusal.empty()) return refuseRegistration(*registering, eErrLimit, refusal);
+    registering->reserved = registering->bytes();
   }
-  const Registration registration{request.name(), request.type(), request.endpoint_name(),
-                                  request.client_name(), call.by.role};
-  const bool provides = isProvider(request);
-  if (provides && !mayProvideAny(call, registration.name)) {
-    refuseProvider(call, registration);
-    setError(result, eErrDenied,
-             registration.name +
-                 ": the role is too low to provide it, which takes the right to "
-                 "read it and a user who may write it");
-    return respond(call.id, response);
-  }
-  const std::string refusal = with_.subscriptions.add(call.by.peer, call.by.owner, registration);
-  if (!refusal.empty()) {
-    with_.log.repeatable(LogLevel::Warning, "registration",
-                         "a registration of " + call.by.clientName + " refused: " + refusal);
-    setError(result, eErrLimit, refusal);
-    return respond(call.id, response);
-  }
-  const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
-  const bool isBack =
-      provides && peer != nullptr && with_.providers.registered(*peer, registration);
-  if (call.overDelivery && call.knownRevision != PbUtility::kRevisionNow) {
-    return catchUp(std::make_shared<CatchUp>(
-        CatchUp{call, registration, with_.model.covered(lowerCase(registration.name)), 0, isBack}));
-  }
-  respond(call.id, response);
-  if (isBack) with_.changes.providersCame();
-  if (call.knownRevision == PbUtility::kRevisionNow) return;
-  for (const Variable* variable : with_.model.covered(lowerCase(registration.name)))
-    bringUpToDate(call, registration, *variable);
+  if (!registering->provides) return takeRegistration(registering);
+  runInSlices(registering, &Requests::findProvided);
 }
 
-void Requests::bringUpToDate(const Call& call, const Registration& registration,
-                             const Variable& variable) {
-  with_.announcer.bringUpToDate(call.by.peer, registration, variable, call.knownRevision);
-  with_.changes.broughtUpToDate(call.by.peer, variable);
+void Requests::runInSlices(const RegisteringPtr& registering, Step step) {
+  if (!(this->*step)(registering)) return;
+  slices_.add(registering->call.by.owner.uid,
+              [this, registering, step] { return (this->*step)(registering); });
+}
+
+void Requests::refuseRegistration(const Registering& registering, eErrorT error,
+                                  const std::string& text) {
+  if (error == eErrLimit)
+    with_.log.repeatable(
+        LogLevel::Warning, "registration",
+        "a registration of " + registering.call.by.clientName + " refused: " + text);
+  ConfigIF::RegisterClientCallbackRsp response;
+  setError(*response.mutable_result(), error, text);
+  respond(registering.call.id, response);
 }
 
 bool Requests::isProvider(const ConfigIF::RegisterClientCallbackReq& request) const {
@@ -85,15 +109,28 @@ bool Requests::isProvider(const ConfigIF::RegisterClientCallbackReq& request) co
 }
 
 // A name that nothing has is anybody's: it stands for what definitions may bring later.
-bool Requests::mayProvideAny(const Call& call, const std::string& name) const {
+bool Requests::findProvided(const RegisteringPtr& registering) {
+  const Call& call = registering->call;
   const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
   if (peer == nullptr) return false;
   const AppConfig::SecurityRole highest = with_.access.highestRole(peer->uid, peer->gid);
-  const std::vector<const Variable*> covered = with_.model.covered(lowerCase(name));
-  return covered.empty() ||
-         std::any_of(covered.begin(), covered.end(), [&](const Variable* variable) {
-           return call.by.role >= variable->readRole() && highest >= variable->writeRole();
-         });
+  const CoveredVariables& covered = registering->covered;
+  const std::size_t end = std::min(registering->next + kVariablesAtOnce, covered.size());
+  bool mayProvide = covered.size() == 0;
+  for (; registering->next < end && !mayProvide; ++registering->next) {
+    const Variable& variable = covered[registering->next];
+    mayProvide = call.by.role >= variable.readRole() && highest >= variable.writeRole();
+  }
+  if (mayProvide) {
+    takeRegistration(registering);
+  } else if (registering->next == covered.size()) {
+    refuseProvider(call, registering->registration);
+    refuseRegistration(*registering, eErrDenied,
+                       registering->registration.name +
+                           ": the role is too low to provide it, which takes the right to "
+                           "read it and a user who may write it");
+  }
+  return !mayProvide && registering->next < covered.size();
 }
 
 // A provider that was one before the restart is not waited for either.
@@ -106,18 +143,59 @@ void Requests::refuseProvider(const Call& call, const Registration& registration
   if (with_.providers.refused(*peer, registration)) with_.changes.providersCame();
 }
 
-void Requests::catchUp(const std::shared_ptr<CatchUp>& catchUp) {
-  const Call& call = catchUp->call;
-  while (catchUp->next < catchUp->covered.size()) {
-    if (!with_.server.hasRoom(call.id)) {
-      return with_.server.whenRoom(call.id, [this, catchUp] { this->catchUp(catchUp); });
-    }
-    bringUpToDate(call, catchUp->registration, *catchUp->covered[catchUp->next++]);
+void Requests::takeRegistration(const RegisteringPtr& registering) {
+  const Call& call = registering->call;
+  const Registration& registration = registering->registration;
+  const std::string refusal = with_.subscriptions.add(call.by.peer, call.by.owner, registration);
+  if (!refusal.empty()) return refuseRegistration(*registering, eErrLimit, refusal);
+  const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
+  registering->isBack =
+      registering->provides && peer != nullptr && with_.providers.registered(*peer, registration);
+  registering->next = 0;
+  const bool knowsAll = call.knownRevision == PbUtility::kRevisionNow;
+  if (call.overDelivery && !knowsAll) return runInSlices(registering, &Requests::catchUp);
+  registering->answeredAt = with_.model.revision();
+  answerRegistration(*registering);
+  if (knowsAll) return;
+  if (registering->covered.size() > kVariablesAtOnce) {
+    registering->owed = owed_;
+    owed_->begin(call.by.peer, registering->answeredAt);
   }
+  runInSlices(registering, &Requests::catchUp);
+}
+
+void Requests::answerRegistration(const Registering& registering) {
   ConfigIF::RegisterClientCallbackRsp response;
   response.mutable_result();
-  respond(call.id, response);
-  if (catchUp->isBack) with_.changes.providersCame();
+  respond(registering.call.id, response);
+  if (registering.isBack) with_.changes.providersCame();
+}
+
+void Requests::bringUpToDate(const Call& call, const Registration& registration,
+                             const Variable& variable) {
+  with_.announcer.bringUpToDate(call.by.peer, registration, variable, call.knownRevision);
+  with_.changes.broughtUpToDate(call.by.peer, variable);
+}
+
+// Whoever is gone, or has withdrawn the registration meanwhile, is told no more.
+bool Requests::catchUp(const RegisteringPtr& registering) {
+  const Call& call = registering->call;
+  const CoveredVariables& covered = registering->covered;
+  const bool answersLast = call.overDelivery;
+  const bool isThere = with_.subscriptions.contains(call.by.peer, registering->registration);
+  const std::size_t end =
+      isThere ? std::min(registering->next + kVariablesAtOnce, covered.size()) : covered.size();
+  for (; isThere && registering->next < end; ++registering->next) {
+    if (answersLast && !with_.server.hasRoom(call.id)) {
+      with_.server.whenRoom(call.id,
+                            [this, registering] { runInSlices(registering, &Requests::catchUp); });
+      return false;
+    }
+    bringUpToDate(call, registering->registration, covered[registering->next]);
+  }
+  if (end < covered.size()) return true;
+  if (answersLast) answerRegistration(*registering);
+  return false;
 }
 
 void Requests::unregisterCallback(const Call& call,

@@ -5,36 +5,68 @@
 
 namespace ConfigSrv {
 
-void ChangeBatch::run(Changes& changes, const Requester& by, std::vector<StoreChange> wanted,
+void ChangeBatch::run(Changes& changes, Slices& slices, const Requester& by, Wanted wanted,
                       Done done) {
   const std::shared_ptr<ChangeBatch> batch(
-      new ChangeBatch(changes, by, std::move(wanted), std::move(done)));
-  batch->submitMore();
+      new ChangeBatch(changes, slices, by, std::move(wanted), std::move(done)));
+  if (batch->take()) return batch->submitMore();
+  batch->done_(batch->result_);
 }
 
-ChangeBatch::ChangeBatch(Changes& changes, Requester by, std::vector<StoreChange> wanted, Done done)
-    : changes_(changes), by_(std::move(by)), wanted_(std::move(wanted)), done_(std::move(done)) {
-  result_.errors.resize(wanted_.size(), eErrNone);
+ChangeBatch::ChangeBatch(Changes& changes, Slices& slices, Requester by, Wanted wanted, Done done)
+    : changes_(changes),
+      slices_(slices),
+      by_(std::move(by)),
+      wanted_(std::move(wanted)),
+      done_(std::move(done)) {}
+
+ChangeBatch::~ChangeBatch() { changes_.release(by_.owner, taken_); }
+
+bool ChangeBatch::take() {
+  const std::size_t bytes = sizeof(ChangeBatch) + wanted_.bytes;
+  const std::string refusal = changes_.reserve(by_.owner, bytes);
+  if (refusal.empty()) taken_ = bytes;
+  if (!refusal.empty()) result_.error = eErrLimit;
+  if (!refusal.empty()) result_.messages = {refusal};
+  if (wanted_.tellsOfEach) result_.errors.resize(wanted_.count, result_.error);
+  return refusal.empty();
 }
 
 // A change may end before submit() returns; then the loop goes on, and nothing nests.
 void ChangeBatch::submitMore() {
-  if (std::exchange(submitting_, true)) return;
-  while (next_ < wanted_.size() && underWay_ < kAtOnce) {
+  if (isQueued_ || std::exchange(submitting_, true)) return;
+  for (std::size_t begun = 0; next_ < wanted_.count && underWay_ < kAtOnce; ++begun) {
+    if (begun == kBegunInOneTurn) {
+      isQueued_ = true;
+      break;
+    }
     const std::size_t index = next_++;
-    ++underWay_;
-    changes_.submit({by_, std::move(wanted_[index])},
-                    [self = shared_from_this(), index](const ChangeOutcome& outcome) {
-                      self->onDone(index, outcome);
-                    });
+    std::optional<StoreChange> change = wanted_.nth(index);
+    if (change) submit(index, std::move(*change));
   }
   submitting_ = false;
-  if (next_ == wanted_.size() && underWay_ == 0) done_(result_);
+  if (isQueued_) {
+    slices_.add(by_.owner.uid, [self = shared_from_this()] {
+      self->isQueued_ = false;
+      self->submitMore();
+      return false;
+    });
+  } else if (next_ == wanted_.count && underWay_ == 0) {
+    done_(result_);
+  }
+}
+
+void ChangeBatch::submit(std::size_t index, StoreChange change) {
+  ++underWay_;
+  changes_.submit({by_, std::move(change)},
+                  [self = shared_from_this(), index](const ChangeOutcome& outcome) {
+                    self->onDone(index, outcome);
+                  });
 }
 
 void ChangeBatch::onDone(std::size_t index, const ChangeOutcome& outcome) {
   --underWay_;
-  result_.errors[index] = outcome.error;
+  if (wanted_.tellsOfEach) result_.errors[index] = outcome.error;
   result_.revision = std::max(result_.revision, outcome.revision);
   if (outcome.error == eErrNone) {
     if (!outcome.unchanged) ++result_.changed;

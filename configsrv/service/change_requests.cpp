@@ -46,6 +46,19 @@ NamedVariables namedBy(const google::protobuf::RepeatedPtrField<ConfigIF::Inst>&
   return named;
 }
 
+// Of a node of a path, beside its name.
+constexpr std::size_t kBytesOfNode = 128;
+
+// What they take in memory until they are answered, about: each is kept as it came and as a key.
+std::size_t bytesOf(const NamedVariables& named) {
+  std::size_t bytes = 0;
+  for (const ConfigIF::Inst& inst : named.insts) {
+    const auto nodes = static_cast<std::size_t>(inst.path_size());
+    bytes += sizeof inst + nodes * kBytesOfNode + 2 * inst.ByteSizeLong();
+  }
+  return bytes + named.keys.size() * (sizeof(ConfigVar) + sizeof(eErrorT));
+}
+
 ConfigIF::SetAccessLevelsRsp accessAnswer(const NamedVariables& named,
                                           const ChangeBatch::Result& result) {
   ConfigIF::SetAccessLevelsRsp response;
@@ -128,14 +141,16 @@ void Requests::submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted wh
 // What was never changed and is not this caller's to change needs no error.
 void Requests::submitBelow(const Call& call, const std::string& name, const Wanted& what,
                            const ChangeBatch::Done& answer) {
-  const std::vector<const Variable*> covered = with_.model.covered(lowerCase(name));
-  std::vector<StoreChange> changes;
-  for (const Variable* variable : covered) {
-    const bool isTheirs = call.by.role >= variable->writeRole() && !variable->shape().readOnly;
-    if (variable->changedAt() != 0 || isTheirs) changes.push_back({variable->key(), what});
-  }
-  if (!covered.empty() || name.empty())
-    return ChangeBatch::run(with_.changes, call.by, std::move(changes), answer);
+  const CoveredVariables covered = with_.model.below(lowerCase(name));
+  const auto nth = [covered, what, role = call.by.role](std::size_t n) {
+    const Variable& variable = covered[n];
+    const bool isTheirs = role >= variable.writeRole() && !variable.shape().readOnly;
+    if (variable.changedAt() == 0 && !isTheirs) return std::optional<StoreChange>();
+    return std::optional<StoreChange>({variable.key(), what});
+  };
+  if (covered.size() > 0 || name.empty())
+    return ChangeBatch::run(with_.changes, slices_, call.by, {covered.size(), nth, 0, false},
+                            answer);
   ChangeBatch::Result nothing;
   nothing.error = eErrNotFound;
   nothing.messages = {name + ": no variable is named so, and none lies below it"};
@@ -177,14 +192,15 @@ void Requests::resetAttribute(const Call& call, const ConfigIF::ResetAttributeRe
 
 void Requests::setAccessLevels(const Call& call, const ConfigIF::SetAccessLevelsReq& request) {
   const StoreChange::SetAccess access = accessOf(request);
-  NamedVariables named = namedBy(request.inst());
-  std::vector<StoreChange> changes;
-  for (const ConfigVar& key : named.keys) changes.push_back({key, access});
-  ChangeBatch::run(
-      with_.changes, call.by, std::move(changes),
-      [this, id = call.id, named = std::move(named)](const ChangeBatch::Result& result) {
-        respond(id, accessAnswer(named, result));
-      });
+  const auto named = std::make_shared<const NamedVariables>(namedBy(request.inst()));
+  const auto nth = [named, access](std::size_t n) {
+    return std::optional<StoreChange>({named->keys[n], access});
+  };
+  const std::size_t bytes = bytesOf(*named);
+  ChangeBatch::run(with_.changes, slices_, call.by, {named->keys.size(), nth, bytes, true},
+                   [this, id = call.id, named](const ChangeBatch::Result& result) {
+                     respond(id, accessAnswer(*named, result));
+                   });
 }
 
 // --- What was denied before it became a change ---

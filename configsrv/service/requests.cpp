@@ -39,7 +39,10 @@ std::string lowerCase(const std::string& name) {
   return result;
 }
 
-Requests::Requests(RequestContext context) : with_(context) {}
+Requests::Requests(RequestContext context)
+    : with_(context), slices_([&server = with_.server](uid_t user, std::function<void()> task) {
+        server.later(user, std::move(task));
+      }) {}
 
 // --- The frame around every request ---
 

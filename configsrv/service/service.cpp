@@ -142,8 +142,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         model_(std::move(definitions)),
         epoch_(witness_->epochFor(store_->storeId(), model_.definitions().digest())),
         subscriptions_({}, ::geteuid(),
-                       [this](std::function<void()> task) {
-                         server_.after(std::chrono::milliseconds(0), std::move(task));
+                       [this](uid_t user, std::function<void()> task) {
+                         server_.later(user, std::move(task));
                        }),
         announcer_(model_, subscriptions_, *this),
         changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),
@@ -153,7 +153,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
             model_,
             // A report of a notice goes before the notice.
             [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
-              server_.notify(to, notice, revisionThat(Knows::AllBefore), {});
+              server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
             },
             {}, ::geteuid()),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
@@ -191,9 +191,10 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return result;
   }
 
-  std::uint64_t revisionThat(Knows knows) const {
+  std::uint64_t revisionThat(PeerId peer, Knows knows) const {
     const std::uint64_t present = model_.revision();
-    return knows == Knows::AllOfThis || present == 0 ? present : present - 1;
+    const bool isAll = knows == Knows::AllOfThis || present == 0;
+    return requests_.carried(peer, isAll ? present : present - 1);
   }
   void reportNotice(PeerId peer, const google::protobuf::MessageLite& notice) {
     const PbUtility::Peer* to = server_.peer(peer);
@@ -258,7 +259,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   void notify(PeerId peer, const google::protobuf::MessageLite& notice,
               const std::string& coalescingKey, Knows knows) override {
     if (monitor_.isActive()) reportNotice(peer, notice);
-    server_.notify(peer, notice, revisionThat(knows), coalescingKey);
+    server_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
   }
   bool mayProvide(PeerId id, const Variable& variable) const override {
     const PbUtility::Peer* peer = server_.peer(id);

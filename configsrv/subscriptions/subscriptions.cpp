@@ -123,6 +123,12 @@ class Subscriptions::Impl {
   }
   const PbUtility::Shares& bytes() const { return bytes_; }
   bool isErasing() const { return !leaving_.empty(); }
+  std::string reserve(Owner owner, std::size_t bytes) {
+    std::string refusal = bytes_.refusal(owner, bytes);
+    if (refusal.empty()) bytes_.add(owner, bytes);
+    return refusal;
+  }
+  void release(Owner owner, std::size_t bytes) { bytes_.remove(owner, bytes); }
 
  private:
   std::string checkTexts(const Registration& registration) const;
@@ -340,7 +346,7 @@ void Subscriptions::Impl::eraseLater() {
     while (!leaving_.empty()) eraseSlice();
   } else if (!leaving_.empty() && !isScheduled_) {
     isScheduled_ = true;
-    later_([this] {
+    later_(callers_[leaving_.front()]->owner.uid, [this] {
       isScheduled_ = false;
       eraseSlice();
       eraseLater();
@@ -472,6 +478,12 @@ std::vector<std::string> Subscriptions::names(PeerId peer, ConfigIF::CallbackTyp
 
 std::size_t Subscriptions::count() const { return impl_->count(); }
 std::size_t Subscriptions::count(PeerId peer) const { return impl_->count(peer); }
+std::string Subscriptions::reserve(Owner owner, std::size_t bytes) {
+  return impl_->reserve(owner, bytes);
+}
+
+void Subscriptions::release(Owner owner, std::size_t bytes) { impl_->release(owner, bytes); }
+
 bool Subscriptions::isErasing() const { return impl_->isErasing(); }
 const PbUtility::Shares& Subscriptions::bytes() const { return impl_->bytes(); }
 

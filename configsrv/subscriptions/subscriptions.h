@@ -80,8 +80,8 @@ struct Subscriber {
 
 class Subscriptions {
  public:
-  // Has a task run later, when others had their turn.
-  using Later = std::function<void(std::function<void()> task)>;
+  // Has a task run later, in a turn of the user's: Server::later.
+  using Later = std::function<void(uid_t user, std::function<void()> task)>;
 
   // The service's own user is no ordinary one. Without `later` everything is erased at once.
   explicit Subscriptions(SubscriptionLimits limits = {}, uid_t own = 0, Later later = {});
@@ -116,6 +116,11 @@ class Subscriptions {
   // Those that are kept, what is still to be erased included.
   std::size_t count() const;
   std::size_t count(PbUtility::PeerId peer) const;
+  // Takes bytes of the owner's share for what has to be remembered beside a registration, until they
+  // are released. Empty on success, else which limit they would pass, and whose.
+  [[nodiscard]] std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  void release(PbUtility::Owner owner, std::size_t bytes);
+
   // Whether something is still to be erased.
   bool isErasing() const;
   // What they count as in memory.

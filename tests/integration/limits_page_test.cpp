@@ -121,6 +121,8 @@ Limits limitsOfRequests() {
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
+      {"ChangeBatch::kBegunInOneTurn", number(ChangeBatch::kBegunInOneTurn)},
+      {"Requests::kVariablesAtOnce", number(Requests::kVariablesAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
       {"AnswerSize::kMaxBytes", number(AnswerSize::kMaxBytes)},
       {"AnswerSize::kMaxMemory", number(AnswerSize::kMaxMemory)},

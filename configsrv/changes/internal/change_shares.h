@@ -35,6 +35,10 @@ class ChangeShares {
   void add(PbUtility::Owner owner, std::size_t bytes);
   void remove(PbUtility::Owner owner, std::size_t bytes);
 
+  // Bytes alone, for what belongs to several changes. A refusal when they do not fit.
+  std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  void release(PbUtility::Owner owner, std::size_t bytes) { bytes_.remove(owner, bytes); }
+
  private:
   PbUtility::Shares count_;
   PbUtility::Shares bytes_;

@@ -2,7 +2,8 @@
 // others succeed.
 //
 // Only a few are under way at once, so that a reset of everything neither reaches the limits of
-// changes under way nor keeps others from writing.
+// changes under way nor keeps others from writing; and only so many are looked at before the others
+// have their turn. What waits is not kept but made when its turn comes.
 //
 // Threads  one. Keeps itself alive until the last change has ended.
 #pragma once
@@ -11,21 +12,35 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "configsrv/changes/changes.h"
+#include "configsrv/service/internal/slices.h"
 
 namespace ConfigSrv {
 
 class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
  public:
   static constexpr std::size_t kAtOnce = 64;
+  // Changes that are begun in one turn; most of them end at once where nothing was ever changed.
+  static constexpr std::size_t kBegunInOneTurn = 256;
   // Messages of failed changes that are kept; a reset of everything may fail a thousand times.
   static constexpr std::size_t kMaxMessages = 20;
 
+  struct Wanted {
+    std::size_t count = 0;
+    // The nth change; nothing when there is none to make.
+    std::function<std::optional<StoreChange>(std::size_t n)> nth;
+    // What has to be kept until the end, of the share of changes under way.
+    std::size_t bytes = 0;
+    // Whether the result tells of each change.
+    bool tellsOfEach = false;
+  };
+
   struct Result {
-    // One for each change, in their order.
+    // One for each change, in their order, where that was wanted.
     std::vector<eErrorT> errors;
     // The first failure, or success.
     eErrorT error = eErrNone;
@@ -36,23 +51,33 @@ class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
   };
   using Done = std::function<void(const Result& result)>;
 
-  // Calls done once, perhaps before it returns.
-  static void run(Changes& changes, const Requester& by, std::vector<StoreChange> wanted,
-                  Done done);
+  // Calls done once, perhaps before it returns. Where the requester has its share of what is under
+  // way, nothing is begun and the error is eErrLimit.
+  static void run(Changes& changes, Slices& slices, const Requester& by, Wanted wanted, Done done);
+
+  ~ChangeBatch();
+  ChangeBatch(const ChangeBatch&) = delete;
+  ChangeBatch& operator=(const ChangeBatch&) = delete;
 
  private:
-  ChangeBatch(Changes& changes, Requester by, std::vector<StoreChange> wanted, Done done);
+  ChangeBatch(Changes& changes, Slices& slices, Requester by, Wanted wanted, Done done);
 
+  bool take();
   void submitMore();
+  void submit(std::size_t index, StoreChange change);
   void onDone(std::size_t index, const ChangeOutcome& outcome);
 
   Changes& changes_;
+  Slices& slices_;
   const Requester by_;
-  std::vector<StoreChange> wanted_;
+  const Wanted wanted_;
   Done done_;
+  std::size_t taken_ = 0;
   std::size_t next_ = 0;
   std::size_t underWay_ = 0;
   bool submitting_ = false;
+  // A later turn goes on with it.
+  bool isQueued_ = false;
   Result result_;
 };
 

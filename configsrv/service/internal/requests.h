@@ -26,6 +26,8 @@
 #include "configsrv/monitor/monitor.h"
 #include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/change_batch.h"
+#include "configsrv/service/internal/owed_notices.h"
+#include "configsrv/service/internal/slices.h"
 #include "configsrv/service/service.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
@@ -63,10 +65,17 @@ class Requests {
   static constexpr std::size_t kMaxClientName = 256;
   // Records of one page of a listing, however many are asked for.
   static constexpr std::size_t kMaxListed = 1024;
+  // Variables that a registration is held against, or told of, before the others have their turn.
+  static constexpr std::size_t kVariablesAtOnce = 256;
 
   explicit Requests(RequestContext context);
 
   void handle(const PbUtility::IncomingRequest& request);
+
+  // The revision that a notice to the peer may carry: see OwedNotices.
+  std::uint64_t carried(PbUtility::PeerId peer, std::uint64_t revision) const {
+    return owed_->carried(peer, revision);
+  }
 
  private:
   using Incoming = PbUtility::IncomingRequest;
@@ -161,16 +170,25 @@ class Requests {
                     const ChangeOutcome& outcome);
 
   // --- Callbacks (callback_requests.cpp) ---
+  // A registration on its way, from the request to the last notice that is owed to it.
+  struct Registering;
+  using RegisteringPtr = std::shared_ptr<Registering>;
+  // Returns whether there is more to do.
+  using Step = bool (Requests::*)(const RegisteringPtr&);
+
   bool isProvider(const ConfigIF::RegisterClientCallbackReq& request) const;
-  // Whether the caller may be asked about anything that the name covers now.
-  bool mayProvideAny(const Call& call, const std::string& name) const;
-  void refuseProvider(const Call& call, const Registration& registration);
   void registerCallback(const Call&, const ConfigIF::RegisterClientCallbackReq&);
+  void refuseRegistration(const Registering& registering, eErrorT error, const std::string& text);
+  void refuseProvider(const Call& call, const Registration& registration);
+  void runInSlices(const RegisteringPtr& registering, Step step);
+  // Whether the caller may be asked about anything that the name covers now.
+  bool findProvided(const RegisteringPtr& registering);
+  void takeRegistration(const RegisteringPtr& registering);
+  void answerRegistration(const Registering& registering);
   // Tells a registration what it has missed of a variable.
   void bringUpToDate(const Call&, const Registration&, const Variable&);
-  // A registration that is repeated, on its way to being answered.
-  struct CatchUp;
-  void catchUp(const std::shared_ptr<CatchUp>& catchUp);
+  // Tells it what it has missed of all that it covers.
+  bool catchUp(const RegisteringPtr& registering);
   void unregisterCallback(const Call&, const ConfigIF::UnregisterClientCallbackReq&,
                           ConfigIF::UnregisterClientCallbackRsp&);
   void unregisterAll(const Incoming& incoming);
@@ -190,6 +208,9 @@ class Requests {
   void storeRestore(const Call&, const ConfigIF::StoreRestoreReq&);
 
   RequestContext with_;
+  Slices slices_;
+  // Also each registration's that is owed notices.
+  const std::shared_ptr<OwedNotices> owed_ = std::make_shared<OwedNotices>();
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   std::uint64_t reads_ = 0;
 };

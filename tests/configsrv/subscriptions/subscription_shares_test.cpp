@@ -68,7 +68,7 @@ class SubscriptionSharesTest : public testing::Test {
   std::deque<std::function<void()>> slices_;
   std::unique_ptr<Subscriptions> subscriptions_ = std::make_unique<Subscriptions>(
       limits_, kServiceUser,
-      [this](std::function<void()> task) { slices_.push_back(std::move(task)); });
+      [this](uid_t, std::function<void()> task) { slices_.push_back(std::move(task)); });
   std::string refusal_;
 };
 
