@@ -1,4 +1,5 @@
-// This program's own operator new: the library that parses messages has everything from it.
+// This program's own operator new: the library that parses messages has everything from it. Arrays are
+// left to the C++ library, for no message has any.
 #include "fuzz/counted_heap.h"
 
 #include <malloc.h>
@@ -33,6 +34,10 @@ void* operator new(std::size_t bytes) {
   live += malloc_usable_size(block) + kBlockHeader;
   if (live > peak) peak = live;
   return block;
+}
+
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return operator new(bytes);
 }
 
 void operator delete(void* block) noexcept {

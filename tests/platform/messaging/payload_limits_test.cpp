@@ -134,7 +134,8 @@ TEST_F(PayloadLimitsTest, OfAFrameThatIsTooLongNothingIsKept) {
   ServerOptions options;
   options.runtimeDir = dir_.path();
   options.name = "ConfigSrvc";
-  options.maxBufferedBytes = std::size_t{256} * 1024;
+  constexpr std::size_t kKept = std::size_t{256} * 1024;
+  options.bufferedBytes = {kKept, kKept, kKept, kKept};
   Serving serving(options);
   RawClient client(socketFile());
   const std::string payload(std::size_t{4} << 20, 'x');
