@@ -16,6 +16,11 @@ void Buffers::change(Account& account, std::size_t bytes) {
   if (shares_.passed(account.owner) != Shares::Limit::None) grown_.push_back(account.owner);
 }
 
+bool Buffers::fits(const Account& account, std::size_t more) const {
+  const Shares::Limit limit = shares_.passed(account.owner, more);
+  return limit != Shares::Limit::Process && limit != Shares::Limit::User;
+}
+
 std::optional<Buffers::Excess> Buffers::excess() {
   for (; !grown_.empty(); grown_.pop_back()) {
     const Owner owner = grown_.back();

@@ -217,6 +217,7 @@ class Server::Impl {
   void stopWatching(Connection& connection);
   void countBuffered(Connection& connection);
   void keepWithinBuffers();
+  void closePast(Connection& connection, const std::string& limit);
   void take(Connection& connection, const FrameHeader& header, std::string_view payload);
   void greet(Connection& connection, std::string_view payload);
   PeerState* peerFor(const Connection& connection, const Hello& hello, Refusal& refusal);
@@ -715,9 +716,13 @@ void Server::Impl::countBuffered(Connection& connection) {
 
 void Server::Impl::keepWithinBuffers() {
   while (const std::optional<Buffers::Excess> excess = buffers_.excess()) {
-    close(*find(excess->connection), Fault::NotReading,
-          "it does not read what is for it, or does not end its frames: " + excess->limit);
+    closePast(*find(excess->connection), excess->limit);
   }
+}
+
+void Server::Impl::closePast(Connection& connection, const std::string& limit) {
+  close(connection, Fault::NotReading,
+        "it does not read what is for it, or does not end its frames: " + limit);
 }
 
 // What has not been flushed yet does not say that the peer does not read.
@@ -1092,6 +1097,12 @@ void Server::Impl::notify(PeerId id, const MessageLite& notice, std::uint64_t re
   PeerState* peer = findPeer(id);
   if (peer == nullptr || peer->delivery == nullptr || peer->delivery->dead) return;
   Connection& connection = *peer->delivery;
+  // Before it is encoded: one for hundreds of readers of a user who has no room for it costs nothing.
+  if (notice.GetCachedSize() > static_cast<int>(kUncountedBytes) &&
+      !buffers_.fits(connection.buffered, notice.ByteSizeLong())) {
+    return closePast(connection,
+                     buffers_.shares().refusal(connection.owner(), notice.ByteSizeLong()));
+  }
   FrameHeader header;
   header.kind = FrameKind::Notice;
   header.revision = revision;

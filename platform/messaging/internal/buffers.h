@@ -47,6 +47,10 @@ class Buffers {
     if (bytes != account.bytes) change(account, bytes);
   }
 
+  // Whether the owner's user and process have room for so many bytes more of this account. What is long
+  // and does not fit is not worth making: the connection can be closed at once.
+  bool fits(const Account& account, std::size_t more) const;
+
   // Whether somebody may have to be closed.
   bool isPast() const { return !grown_.empty(); }
   // Whom to close next; nothing when all are within their shares. It counts until it is set to 0.

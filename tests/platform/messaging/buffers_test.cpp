@@ -102,6 +102,17 @@ TEST_F(BuffersTest, OrdinaryUsersDoNotTakeWhatIsKeptForRootAndTheServicesOwn) {
   EXPECT_THAT(why, HasSubstr("in all"));
 }
 
+TEST_F(BuffersTest, WhatWouldNotFitIsKnownBeforeItIsThere) {
+  set(1, kOne, 30);
+  EXPECT_TRUE(buffers.fits(accounts[1], 10));
+  EXPECT_FALSE(buffers.fits(accounts[1], 11));
+  set(2, kRoot, 30, 7);
+  EXPECT_FALSE(buffers.fits(accounts[2], 21));
+  // What all share is no reason to give up the one that asks: another may have most of it.
+  set(3, kOther, 25);
+  EXPECT_TRUE(buffers.fits(accounts[3], 10));
+}
+
 TEST_F(BuffersTest, WhatIsGivenBackCountsNoMore) {
   set(1, kOne, 40);
   set(1, kOne, 5);
