@@ -274,8 +274,10 @@ bool Delivery::takeAbandonedMark(Remote& remote) {
 }
 
 void Delivery::retryRefused(Remote& remote) {
+  const bool anyRefused = remote.registrations->anyRefused();
+  if (!anyRefused && !remote.pace.dueAt()) return;
   const Clock::time_point now = Clock::now();
-  if (remote.registrations->anyRefused()) remote.pace.refused(now);
+  if (anyRefused) remote.pace.refused(now);
   if (!remote.pace.dueAt() || now < *remote.pace.dueAt()) return;
   std::vector<KeptRegistrations::Repeat> repeats =
       remote.registrations->takeRefused(remote.pace.batch());

@@ -15,7 +15,8 @@ SOURCE_DIR, BUILD_DIR, DOXYGEN = (os.path.abspath(argument) for argument in sys.
 # What applications, providers and message layers of one's own include; all else comes along.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/registry/registration.h",
            "appconfig/registry/consumer_config_handler.h", "appconfig/registry/provider_config_handler.h",
-           "platform/messaging/endpoint.h", "platform/messaging/msg.h")
+           "platform/messaging/endpoint.h", "platform/messaging/msg.h",
+           "platform/messaging/registration_refusals.h")
 WITHOUT_A_PAGE = {"appconfig/core/export.h"}  # one macro
 
 
