@@ -9,6 +9,8 @@
 #include <string>
 
 #include "appconfig/core/key_notation.h"
+#include "configsrv/audit/audit_trail.h"
+#include "configsrv/audit/internal/audit_search.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/definitions/pattern.h"
@@ -82,6 +84,10 @@ Limits limitsOfRequests() {
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
       {"AnswerSize::kMaxBytes", number(AnswerSize::kMaxBytes)},
+      {"AuditTrail::kMaxValueBytes", number(AuditTrail::kMaxValueBytes)},
+      {"AuditTrail::kMaxUnsynced", number(AuditTrail::kMaxUnsynced)},
+      {"AuditTrail::kMaxUnsyncedBytes", number(AuditTrail::kMaxUnsyncedBytes)},
+      {"kMaxSearchBytes", number(kMaxSearchBytes)},
       {"FloodGuard::kLines", number(FloodGuard::kLines)},
       {"FloodGuard::kSpan", number(FloodGuard::kSpan.count())},
   };
