@@ -62,7 +62,8 @@ void searchBackwards(int fd, std::size_t fileBytes, std::size_t maxBytes, Search
     piece.resize(end - begin);
     const ssize_t got = ::pread(fd, piece.data(), piece.size(), static_cast<off_t>(begin));
     if (got != static_cast<ssize_t>(piece.size())) return;
-    rest = seeLines(piece + rest, search);
+    piece += rest;
+    rest = seeLines(piece, search);
     end = begin;
   }
   if (first == 0) search.see(rest);

@@ -9,6 +9,8 @@
 #include <string>
 
 #include "appconfig/core/key_notation.h"
+#include "configsrv/audit/audit_trail.h"
+#include "configsrv/audit/internal/audit_search.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/definitions/pattern.h"
@@ -127,6 +129,10 @@ Limits limitsOfRequests() {
       {"AnswerSize::kMaxBytes", number(AnswerSize::kMaxBytes)},
       {"AnswerSize::kMaxMemory", number(AnswerSize::kMaxMemory)},
       {"Requests::kMaxListed", number(Requests::kMaxListed)},
+      {"AuditTrail::kMaxValueBytes", number(AuditTrail::kMaxValueBytes)},
+      {"AuditTrail::kMaxUnsynced", number(AuditTrail::kMaxUnsynced)},
+      {"AuditTrail::kMaxUnsyncedBytes", number(AuditTrail::kMaxUnsyncedBytes)},
+      {"kMaxSearchBytes", number(kMaxSearchBytes)},
       {"FloodGuard::kLines", number(FloodGuard::kLines)},
       {"FloodGuard::kSpan", number(FloodGuard::kSpan.count())},
   };

@@ -13,8 +13,14 @@ struct Acknowledgement {
 // The child's whole life: commits pairs that belong together, says so after each, takes snapshots
 // in between, until it is killed. Two transactions to a commit; a second variable in each.
 [[noreturn]] void writeUntilKilled(const std::string& file, std::uint64_t number, int pipe) {
-  OpenedStore opened = Store::open({file});
+  Witness witness(file + ".witness", [](const std::string&) { ::_exit(5); });
+  witness.read();
+  StoreOptions options{file};
+  options.witness = &witness;
+  OpenedStore opened = Store::open(options);
+  // Also when the witness objects: however the last one was killed, this store continues it.
   if (!opened.status.ok() || !opened.notice.empty()) ::_exit(1);
+  witness.begin({1, 1, opened.store->storeId()}, opened.store->mark());
   for (;; number += 2) {
     const std::string first = std::to_string(number);
     const std::string second = std::to_string(number + 1);
