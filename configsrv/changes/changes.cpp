@@ -418,7 +418,8 @@ void Changes::Impl::commit(Change& change) {
                                                    std::uint64_t revision) {
     onCommitted(number, status, revision);
   };
-  if (!host_.commit({asStored(*change.variable, change.request.what)}, done))
+  if (!host_.commit(change.request.by.owner.uid, {asStored(*change.variable, change.request.what)},
+                    done))
     fail(change, eErrUnavailable, "the service is stopping");
 }
 

@@ -260,8 +260,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return server_.after(delay, std::move(task));
   }
   void cancel(std::uint64_t timer) override { server_.cancel(timer); }
-  bool commit(StoreTransaction transaction, CommitDone done) override {
-    commits_.submit(std::move(transaction), std::move(done));
+  bool commit(uid_t user, StoreTransaction transaction, CommitDone done) override {
+    commits_.submit(user, std::move(transaction), std::move(done));
     return true;
   }
 

@@ -17,6 +17,7 @@
 #include "configsrv/service/internal/answer_size.h"
 #include "configsrv/service/internal/change_batch.h"
 #include "configsrv/service/internal/requests.h"
+#include "configsrv/store/commit_queue.h"
 #include "configsrv/subscriptions/subscriptions.h"
 #include "configsrv/toml/document.h"
 #include "platform/messaging/endpoint.h"
@@ -102,6 +103,7 @@ Limits limitsOfRequests() {
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
+      {"CommitQueue::kGroupBytes", number(CommitQueue::kGroupBytes)},
       {"ChangeBatch::kBegunInOneTurn", number(ChangeBatch::kBegunInOneTurn)},
       {"Requests::kVariablesAtOnce", number(Requests::kVariablesAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},

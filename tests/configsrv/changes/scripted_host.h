@@ -68,7 +68,7 @@ class ScriptedHost : public Host {
   }
   void cancel(std::uint64_t timer) override { timers.erase(timer); }
 
-  bool commit(StoreTransaction transaction, CommitDone done) override {
+  bool commit(uid_t, StoreTransaction transaction, CommitDone done) override {
     if (closed) return false;
     commits.emplace_back(std::move(transaction), std::move(done));
     return true;
