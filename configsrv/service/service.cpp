@@ -166,6 +166,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
+    changes_.countStored();
   }
 
   ~Impl() override { log_.whenHeldBack({}); }
@@ -183,6 +184,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     ChangesOptions result;
     result.providerDeadline = options.providerDeadline;
     result.own = ::geteuid();
+    result.hourly = {options.commitsPerHour, options.bytesPerHour};
     return result;
   }
 
@@ -224,6 +226,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   std::string onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override {
     names_.came(peer.name, peer.uid, peer.gid);
+    changes_.peerCame(peer);
     if (monitor_.isActive()) monitor_.peerCame(peer);
   }
   void onDeliveryReady(const PbUtility::Peer& peer) override { changes_.onDeliveryReady(peer.id); }
@@ -231,6 +234,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     names_.went(peer.name, peer.uid);
     providers_.gone(peer.id);
     subscriptions_.forget(peer.id);
+    changes_.peerWent(peer);
     monitor_.remove(peer.id);
     if (monitor_.isActive()) monitor_.peerWent(peer);
   }

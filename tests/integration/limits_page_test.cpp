@@ -82,6 +82,7 @@ Limits limitsOfShares() {
   addShare(limits, "MonitorLimits::watchers", monitors.watchers);
   addShare(limits, "MonitorLimits::openBytes", monitors.openBytes);
   addShare(limits, "ChangesOptions::underWay", changes.underWay);
+  addShare(limits, "ChangesOptions::written", changes.written);
   addShare(limits, "ChangesOptions::bytesUnderWay", changes.bytesUnderWay);
   addShare(limits, "ChangesOptions::waitingPerVariable", changes.waitingPerVariable);
   return limits;
@@ -103,6 +104,7 @@ Limits limitsOfRequests() {
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
+      {"HourlyLimits::kUsers", number(HourlyLimits::kUsers)},
       {"CommitQueue::kGroupBytes", number(CommitQueue::kGroupBytes)},
       {"ChangeBatch::kBegunInOneTurn", number(ChangeBatch::kBegunInOneTurn)},
       {"Requests::kVariablesAtOnce", number(Requests::kVariablesAtOnce)},
