@@ -187,7 +187,7 @@ bool ServiceHarness::passDeadline() {
   return true;
 }
 
-bool ServiceHarness::commit(StoreTransaction transaction, CommitDone done) {
+bool ServiceHarness::commit(uid_t /*user*/, StoreTransaction transaction, CommitDone done) {
   commits_.push_back({std::move(transaction), std::move(done)});
   return true;
 }

@@ -22,6 +22,7 @@
 #include "configsrv/changes/internal/change_check.h"
 #include "configsrv/changes/internal/change_shares.h"
 #include "configsrv/changes/internal/questions.h"
+#include "configsrv/changes/written_shares.h"
 #include "platform/schema/config_if.pb.h"
 
 namespace ConfigSrv {
@@ -62,6 +63,8 @@ struct Change {
   ChangeDone done;
   // Its part of its owner's share.
   std::size_t bytes = 0;
+  // What it makes of the variable, while it is being committed.
+  WrittenShares::Plan written;
   const Variable* variable = nullptr;
   // Ends after the dynamic validation and is in no queue.
   bool validateOnly = false;
@@ -115,7 +118,9 @@ class Changes::Impl {
         log_(log),
         options_(options),
         observer_(observer),
-        shares_(options_) {}
+        shares_(options_),
+        written_(model, options_.written, options_.own),
+        hourly_(options_.hourly, options_.own) {}
 
   void submit(ChangeRequest request, ChangeDone done);
   void validate(ChangeRequest request, ChangeDone done);
@@ -129,6 +134,7 @@ class Changes::Impl {
   std::size_t underWay() const { return changes_.size(); }
   const ChangeCounters& counters() const { return counters_; }
   ChangeShares& shares() { return shares_; }
+  WrittenShares& written() { return written_; }
 
  private:
   // Nearly always one change long.
@@ -153,6 +159,8 @@ class Changes::Impl {
   void askNext(Change& change);
   void ask(Change& change, Provider provider);
   void endPhase(Change& change);
+  std::string refusalToKeep(const Change& change) const;
+  void take(Change& change);
   void commit(Change& change);
   void onCommitted(Number number, const StoreStatus& status, std::uint64_t revision);
   void applyAndAnnounce(Change& change, std::uint64_t revision);
@@ -200,6 +208,8 @@ class Changes::Impl {
   bool stopped_ = false;
   Number lastNumber_ = 0;
   ChangeShares shares_;
+  WrittenShares written_;
+  HourlyLimits hourly_;
   ChangeCounters counters_;
 };
 
@@ -324,6 +334,9 @@ void Changes::Impl::begin(Change& change) {
   if (outcome.error != eErrNone) return end(change, outcome);
   if (changesNothing(*change.variable, change.request.what))
     return end(change, unchangedAt(*change.variable, change.request.what));
+  // Before anybody is asked about it.
+  const std::string refusal = refusalToKeep(change);
+  if (!refusal.empty()) return fail(change, eErrLimit, refusal);
   if (changesValue(change.request.what))
     beginToValidate(change);
   else
@@ -414,7 +427,28 @@ void Changes::Impl::endPhase(Change& change) {
   commit(change);
 }
 
+// Why what the change comes to cannot be kept; empty when it can.
+std::string Changes::Impl::refusalToKeep(const Change& change) const {
+  const PbUtility::Owner owner = change.request.by.owner;
+  const StoreChange& what = change.request.what;
+  const std::string refusal = written_.refusal(written_.planOf(*change.variable, what, owner));
+  if (!refusal.empty() || !hourly_.limits(owner)) return refusal;
+  return hourly_.refusal(owner, bytesOf(what), host_.now());
+}
+
+// Takes what it comes to of its owner's shares.
+void Changes::Impl::take(Change& change) {
+  const PbUtility::Owner owner = change.request.by.owner;
+  change.written = written_.planOf(*change.variable, change.request.what, owner);
+  written_.take(change.written);
+  if (hourly_.limits(owner)) hourly_.add(owner, bytesOf(change.request.what), host_.now());
+}
+
 void Changes::Impl::commit(Change& change) {
+  // Others of the same user's may have come before it, while providers were asked.
+  const std::string refusal = refusalToKeep(change);
+  if (!refusal.empty()) return fail(change, eErrLimit, refusal);
+  take(change);
   setState(change, State::Committing);
   const auto done = [this, number = change.number](const StoreStatus& status,
                                                    std::uint64_t revision) {
@@ -423,7 +457,7 @@ void Changes::Impl::commit(Change& change) {
   StoreChange stored = asStored(*change.variable, change.request.what);
   if (observer_ != nullptr)
     change.record = stored.record = observer_->changeCommits(change.request, *change.variable);
-  if (!host_.commit({std::move(stored)}, done))
+  if (!host_.commit(change.request.by.owner.uid, {std::move(stored)}, done))
     fail(change, eErrUnavailable, "the service is stopping");
 }
 
@@ -450,6 +484,7 @@ void Changes::Impl::applyAndAnnounce(Change& change, std::uint64_t revision) {
   if (observer_ != nullptr) observer_->changeCommitted(change.record, revision);
   const StoreChange what = asStored(variable, std::move(change.request.what));
   model_.apply(what, revision);
+  written_.apply(std::exchange(change.written, {}));
   // On change they heard the value and not whether it is the default.
   const bool flagIsNews = variable.isDefault() != wasDefault;
   const std::vector<PeerId> told = flagIsNews ? std::vector<PeerId>() : std::move(change.told);
@@ -570,6 +605,7 @@ void Changes::Impl::end(Change& change, const ChangeOutcome& outcome) {
   const std::unique_ptr<Change> ended = std::move(found->second);
   changes_.erase(found);
   shares_.remove(ended->request.by.owner, ended->bytes);
+  written_.drop(ended->written);
   const auto inside = awaitedInside_.find(ended->request.by.peer);
   if (inside != awaitedInside_.end()) {
     inside->second.erase(ended->number);
@@ -682,6 +718,10 @@ Changes::Changes(Model& model, const Subscriptions& subscriptions, Announcer& an
     : impl_(std::make_unique<Impl>(model, subscriptions, announcer, host, log, options, observer)) {
 }
 Changes::~Changes() = default;
+
+void Changes::countStored() { impl_->written().countStored(); }
+void Changes::peerCame(const PbUtility::Peer& peer) { impl_->written().came(peer.pid); }
+void Changes::peerWent(const PbUtility::Peer& peer) { impl_->written().went(peer.pid); }
 
 void Changes::submit(ChangeRequest request, ChangeDone done) {
   impl_->submit(std::move(request), std::move(done));

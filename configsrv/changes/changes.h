@@ -33,6 +33,7 @@
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/change.h"
 #include "configsrv/changes/host.h"
+#include "configsrv/changes/hourly_limits.h"
 #include "configsrv/log/log.h"
 #include "platform/messaging/shares.h"
 
@@ -48,6 +49,12 @@ struct ChangesOptions {
   // Changes and validations under way, and what they take in memory (ChangeShares::bytesOf).
   // One endpoint of root's is slowed down before it has as much as a process may have.
   PbUtility::ShareLimits underWay{16384, 12288, 2048, 4096};
+  // What stands in values and options that are not the definition's (WrittenShares). The store's file
+  // has room for twice as much.
+  PbUtility::ShareLimits written{std::size_t{32} << 20, std::size_t{24} << 20, std::size_t{8} << 20,
+                                 std::size_t{16} << 20};
+  // What one ordinary user may have made durable in an hour.
+  HourlyOptions hourly{};
   PbUtility::ShareLimits bytesUnderWay{std::size_t{64} << 20, std::size_t{6} << 20,
                                        std::size_t{3} << 20, std::size_t{32} << 20};
 };
@@ -67,6 +74,12 @@ class Changes {
   ~Changes();
   Changes(const Changes&) = delete;
   Changes& operator=(const Changes&) = delete;
+
+  // Once, after the model was restored: what stands there counts for all.
+  void countStored();
+  // An endpoint of a process came, or went.
+  void peerCame(const PbUtility::Peer& peer);
+  void peerWent(const PbUtility::Peer& peer);
 
   void submit(ChangeRequest request, ChangeDone done);
 

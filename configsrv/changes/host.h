@@ -44,8 +44,13 @@ class Host {
   virtual std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) = 0;
   virtual void cancel(std::uint64_t timer) = 0;
 
-  // Makes changes durable, all or none; `done` tells when. False: the store takes nothing any more.
-  [[nodiscard]] virtual bool commit(StoreTransaction transaction, CommitDone done) = 0;
+  virtual std::chrono::steady_clock::time_point now() const {
+    return std::chrono::steady_clock::now();
+  }
+
+  // Makes a user's changes durable, all or none; `done` tells when. False: the store takes nothing any
+  // more.
+  [[nodiscard]] virtual bool commit(uid_t user, StoreTransaction transaction, CommitDone done) = 0;
 };
 
 }  // namespace ConfigSrv

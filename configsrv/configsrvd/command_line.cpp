@@ -53,6 +53,21 @@ void addTimes(CLI::App& app, Times& times) {
       ->check(CLI::Range(0LL, 3'600'000LL));
 }
 
+// What wears out flash memory is an amount in a time; the store's part of it is for the integrator to
+// say, who knows the memory.
+void addHourly(CLI::App& app, CommandLine& line) {
+  constexpr std::uint64_t kMost = std::uint64_t{1} << 40;
+  app.add_option("--commits-per-hour", line.service.commitsPerHour,
+                 "Durable changes that one ordinary user may cause in an hour; else without limit")
+      ->type_name("N")
+      ->check(CLI::Range(std::uint64_t{1}, kMost));
+  app.add_option("--bytes-per-hour", line.service.bytesPerHour,
+                 "Bytes that one ordinary user may have made durable in an hour, 4096 and the texts "
+                 "for each change; else without limit")
+      ->type_name("N")
+      ->check(CLI::Range(std::uint64_t{1}, kMost));
+}
+
 void addLogLevel(CLI::App& app, LogLevel& level) {
   static const std::map<std::string, LogLevel> kLevels = {{"error", LogLevel::Error},
                                                           {"warning", LogLevel::Warning},
@@ -87,6 +102,7 @@ ParsedCommandLine parseCommandLine(int argc, char** argv) {
   Times times{line.service.providerDeadline.count(), line.service.providerGrace.count()};
   addServiceOptions(app, line);
   addTimes(app, times);
+  addHourly(app, line);
   addLogLevel(app, line.logLevel);
   app.add_option("--check", line.checkDir, "Check the definitions of a directory and end")
       ->type_name("DIR");

@@ -171,6 +171,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     if (!opened.notice.empty()) log_.warning(opened.notice);
     for (const std::string& line : model_.restore(std::move(opened.variables), store_->revision()))
       log_.warning(line);
+    changes_.countStored();
   }
 
   ~Impl() override { log_.whenHeldBack({}); }
@@ -188,6 +189,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     ChangesOptions result;
     result.providerDeadline = options.providerDeadline;
     result.own = ::geteuid();
+    result.hourly = {options.commitsPerHour, options.bytesPerHour};
     return result;
   }
 
@@ -234,6 +236,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   std::string onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override {
     names_.came(peer.name, peer.uid, peer.gid);
+    changes_.peerCame(peer);
     if (monitor_.isActive()) monitor_.peerCame(peer);
   }
   void onDeliveryReady(const PbUtility::Peer& peer) override { changes_.onDeliveryReady(peer.id); }
@@ -241,6 +244,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     names_.went(peer.name, peer.uid);
     providers_.gone(peer.id);
     subscriptions_.forget(peer.id);
+    changes_.peerWent(peer);
     monitor_.remove(peer.id);
     if (monitor_.isActive()) monitor_.peerWent(peer);
   }
@@ -270,8 +274,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return server_.after(delay, std::move(task));
   }
   void cancel(std::uint64_t timer) override { server_.cancel(timer); }
-  bool commit(StoreTransaction transaction, CommitDone done) override {
-    commits_.submit(std::move(transaction), std::move(done));
+  bool commit(uid_t user, StoreTransaction transaction, CommitDone done) override {
+    commits_.submit(user, std::move(transaction), std::move(done));
     return true;
   }
 

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,6 +36,9 @@ struct ServiceOptions {
   std::chrono::milliseconds providerDeadline{3000};
   // How long after the start changes wait for providers that were there when the service ended.
   std::chrono::milliseconds providerGrace{2000};
+  // What one ordinary user may have made durable in an hour; 0: without limit.
+  std::uint64_t commitsPerHour = 0;
+  std::uint64_t bytesPerHour = 0;
   // Where every change is recorded; empty: nowhere.
   std::string auditFile;
 };

@@ -1,19 +1,45 @@
 // The queue has no timer and no target size: a group is what came in while the disk was busy. So a
 // lone writer waits for nobody, and the busier the writers, the larger the groups.
+//
+// Nearly always all that waits goes into one group, as it is. Only when that is too much is it sorted by
+// users, and each group takes one transaction of each user in turn.
 #include "configsrv/store/commit_queue.h"
 
 #include <utility>
 
 namespace ConfigSrv {
+namespace {
+
+template <typename Strings>
+std::size_t bytesOfAll(const Strings& strings) {
+  std::size_t bytes = 0;
+  for (const std::string& string : strings) bytes += string.size();
+  return bytes;
+}
+
+std::size_t bytesOf(const StoreTransaction& transaction) {
+  std::size_t bytes = 0;
+  for (const StoreChange& change : transaction) {
+    bytes += CommitQueue::kChangeBytes;
+    const auto* value = std::get_if<StoreChange::SetValue>(&change.what);
+    if (value != nullptr) bytes += bytesOfAll(value->value);
+    const auto* options = std::get_if<StoreChange::SetOptions>(&change.what);
+    if (options != nullptr && options->options) bytes += bytesOfAll(*options->options);
+  }
+  return bytes;
+}
+
+}  // namespace
 
 CommitQueue::CommitQueue(Store& store, Start start) : store_(store), start_(std::move(start)) {}
 
-void CommitQueue::submit(StoreTransaction transaction, CommitDone done) {
+void CommitQueue::submit(uid_t user, StoreTransaction transaction, CommitDone done) {
+  const std::size_t bytes = bytesOf(transaction);
   bool wasBusy = false;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    waiting_.transactions.push_back(std::move(transaction));
-    waiting_.completions.push_back({std::move(done), {}, 0});
+    waiting_.push_back({user, std::move(transaction), std::move(done), bytes});
+    waitingBytes_ += bytes;
     wasBusy = std::exchange(busy_, true);
   }
   startIfIdle(wasBusy);
@@ -23,15 +49,15 @@ void CommitQueue::submitWork(Work work, std::function<void()> done) {
   bool wasBusy = false;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    waiting_.works.emplace_back(
-        std::move(work), [done = std::move(done)](const StoreStatus&, std::uint64_t) { done(); });
+    works_.emplace_back(std::move(work),
+                        [done = std::move(done)](const StoreStatus&, std::uint64_t) { done(); });
     wasBusy = std::exchange(busy_, true);
   }
   startIfIdle(wasBusy);
 }
 
 void CommitQueue::commit() {
-  Group group = takeWaiting();
+  Group group = nextGroup();
   const CommitResult result = store_.commit(group.transactions);
   for (std::size_t i = 0; i < group.completions.size(); ++i) {
     group.completions[i].status = result.status;
@@ -44,15 +70,48 @@ void CommitQueue::commit() {
   committed_ = std::move(group.completions);
 }
 
-CommitQueue::Group CommitQueue::takeWaiting() {
-  const std::lock_guard<std::mutex> guard(mutex_);
-  return std::exchange(waiting_, {});
+void CommitQueue::Group::add(Waiting one) {
+  bytes += one.bytes;
+  transactions.push_back(std::move(one.transaction));
+  completions.push_back({std::move(one.done), {}, 0});
+}
+
+CommitQueue::Group CommitQueue::nextGroup() {
+  std::vector<Waiting> come;
+  std::size_t bytes = 0;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    come = std::exchange(waiting_, {});
+    bytes = std::exchange(waitingBytes_, 0);
+    for (auto& work : std::exchange(works_, {})) worksLeft_.push_back(std::move(work));
+  }
+  Group group;
+  if (left_.empty() && bytes <= kGroupBytes) {
+    for (Waiting& one : come) group.add(std::move(one));
+  } else {
+    for (Waiting& one : come) left_[one.user].push_back(std::move(one));
+    takeTurns(group);
+  }
+  if (left_.empty()) group.works = std::exchange(worksLeft_, {});
+  return group;
+}
+
+void CommitQueue::takeTurns(Group& group) {
+  while (!left_.empty()) {
+    auto next = left_.upper_bound(lastUser_);
+    if (next == left_.end()) next = left_.begin();
+    if (!group.hasRoomFor(next->second.front())) break;
+    lastUser_ = next->first;
+    group.add(std::move(next->second.front()));
+    next->second.pop_front();
+    if (next->second.empty()) left_.erase(next);
+  }
 }
 
 std::vector<Completion> CommitQueue::take() {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = !waiting_.isEmpty();
+    busy_ = !waiting_.empty() || !works_.empty() || !left_.empty() || !worksLeft_.empty();
     if (!busy_) return std::exchange(committed_, {});
   }
   std::vector<Completion> committed = std::exchange(committed_, {});

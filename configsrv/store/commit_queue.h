@@ -1,8 +1,10 @@
 // CommitQueue: what waits to be made durable, so that whoever answers reads never waits for the disk.
 //
-// Grouping what is submitted while a commit is on its way goes into the next one, all of it
-//          together: ten writers pay for one write to the disk. Each transaction keeps a revision
-//          of its own, in the order of submission. A group fails as a whole.
+// Grouping what is submitted while a commit is on its way goes into the next one together: ten
+//          writers pay for one write to the disk. Each transaction keeps a revision of its own.
+//          A group fails as a whole.
+// Fairness a group ends at kGroupBytes and takes from each user in turn, so that the megabytes of one
+//          do not go before the few bytes of another. Those of one user keep their order.
 // Threads  submit() from any. The queue has no thread: `start` is called, with no lock
 //          held, by the submit() or take() that finds something to do and nobody doing it. It
 //          brings about one commit(), on a thread that may wait for the disk, and then one take(),
@@ -15,11 +17,16 @@
 //     loop.aside([&] { queue.commit(); },
 //                [&] { for (Completion& c : queue.take()) c.done(c.status, c.revision); });
 //   });
-//   queue.submit({change}, [](const StoreStatus& status, std::uint64_t revision) { ... });
+//   queue.submit(uid, {change}, [](const StoreStatus& status, std::uint64_t revision) { ... });
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -39,47 +46,70 @@ struct Completion {
 
 class CommitQueue {
  public:
+  // What a group holds, save that its first transaction may be larger. A transaction counts with its
+  // strings and this for each of its changes: a row, and the pages that it makes the disk write.
+  static constexpr std::size_t kGroupBytes = std::size_t{256} * 1024;
+  static constexpr std::size_t kChangeBytes = 256;
+
   using Start = std::function<void()>;
 
   CommitQueue(Store& store, Start start);
   CommitQueue(const CommitQueue&) = delete;
   CommitQueue& operator=(const CommitQueue&) = delete;
 
-  void submit(StoreTransaction transaction, CommitDone done);
+  void submit(uid_t user, StoreTransaction transaction, CommitDone done);
 
   // Does other work with the store, on the thread of the commits and behind those that wait; `done`
   // comes out of take() like that of a commit.
   using Work = std::function<void(Store& store)>;
   void submitWork(Work work, std::function<void()> done);
 
-  // Makes one transaction of everything that waits durable, once for each `start`.
+  // Makes the next group of what waits durable, once for each `start`.
   void commit();
-  // What the last commit() did, once for each. Calls `start` when more has come meanwhile.
+  // What the last commit() did, once for each. Calls `start` when there is more.
   std::vector<Completion> take();
 
  private:
-  // What waits, side by side, so that the transactions can be handed to the store as they are.
+  struct Waiting {
+    uid_t user = 0;
+    StoreTransaction transaction;
+    CommitDone done;
+    std::size_t bytes = 0;
+  };
+  using Works = std::vector<std::pair<Work, CommitDone>>;
+  // Side by side, so that the transactions can be handed to the store as they are.
   struct Group {
     std::vector<StoreTransaction> transactions;
     std::vector<Completion> completions;
-    std::vector<std::pair<Work, CommitDone>> works;
+    std::size_t bytes = 0;
+    Works works;
 
-    bool isEmpty() const { return transactions.empty() && works.empty(); }
+    bool hasRoomFor(const Waiting& one) const {
+      return transactions.empty() || bytes + one.bytes <= kGroupBytes;
+    }
+    void add(Waiting one);
   };
   void startIfIdle(bool wasBusy) const {
     if (!wasBusy) start_();
   }
 
-  Group takeWaiting();
+  Group nextGroup();
+  void takeTurns(Group& group);
 
   Store& store_;
   const Start start_;
   // From commit() to take().
   std::vector<Completion> committed_;
+  // What did not go into a group yet, by user; commit()'s, and take()'s after it.
+  std::map<uid_t, std::deque<Waiting>> left_;
+  uid_t lastUser_ = 0;
+  Works worksLeft_;
 
   // Guards the members below; nothing else is taken, and nothing called, while it is held.
   std::mutex mutex_;
-  Group waiting_;
+  std::vector<Waiting> waiting_;
+  std::size_t waitingBytes_ = 0;
+  Works works_;
   bool busy_ = false;  // From the call of start_ to the take() that finds nothing more.
 };
 

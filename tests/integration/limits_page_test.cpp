@@ -19,6 +19,7 @@
 #include "configsrv/service/internal/answer_size.h"
 #include "configsrv/service/internal/change_batch.h"
 #include "configsrv/service/internal/requests.h"
+#include "configsrv/store/commit_queue.h"
 #include "configsrv/subscriptions/subscriptions.h"
 #include "configsrv/toml/document.h"
 #include "platform/messaging/endpoint.h"
@@ -84,6 +85,7 @@ Limits limitsOfShares() {
   addShare(limits, "MonitorLimits::watchers", monitors.watchers);
   addShare(limits, "MonitorLimits::openBytes", monitors.openBytes);
   addShare(limits, "ChangesOptions::underWay", changes.underWay);
+  addShare(limits, "ChangesOptions::written", changes.written);
   addShare(limits, "ChangesOptions::bytesUnderWay", changes.bytesUnderWay);
   addShare(limits, "ChangesOptions::waitingPerVariable", changes.waitingPerVariable);
   return limits;
@@ -123,6 +125,8 @@ Limits limitsOfRequests() {
       {"Monitor::kMaxPrefixBytes", number(Monitor::kMaxPrefixBytes)},
       {"ChangesOptions::providerDeadline", number(changes.providerDeadline.count())},
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
+      {"HourlyLimits::kUsers", number(HourlyLimits::kUsers)},
+      {"CommitQueue::kGroupBytes", number(CommitQueue::kGroupBytes)},
       {"ChangeBatch::kBegunInOneTurn", number(ChangeBatch::kBegunInOneTurn)},
       {"Requests::kVariablesAtOnce", number(Requests::kVariablesAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},

@@ -243,7 +243,8 @@ Told readUntil(LoadConnection& delivery, std::size_t responses, std::size_t noti
 }
 
 TEST(CatchUpTest, AClientThatIsOwedMoreThanMayWaitForItIsToldAllOfIt) {
-  constexpr std::size_t kVariables = 48;
+  constexpr std::size_t kVariables = 15;
+  constexpr std::uint32_t kIdentities = 4;
   ServiceProcess service(loadDefinitions(kVariables));
   service.start();
   LoadConnection writer(service.socket(), "writer", 1, ConnectionUse::Requests);
@@ -252,12 +253,13 @@ TEST(CatchUpTest, AClientThatIsOwedMoreThanMayWaitForItIsToldAllOfIt) {
   const std::size_t before = residentBytes(service.pid());
   LoadConnection delivery(service.socket(), "behind", 2, ConnectionUse::Delivery);
   std::string frames;
-  repeatRegistration(frames, "load", "PlatCfgSvc0-1-0", 1);
+  for (std::uint32_t i = 1; i <= kIdentities; ++i)
+    repeatRegistration(frames, "load", "link " + std::to_string(i), i);
   ASSERT_EQ(send(delivery.fd(), frames.data(), frames.size(), MSG_NOSIGNAL),
             static_cast<ssize_t>(frames.size()));
-  const Told told = readUntil(delivery, 1, kVariables);
-  EXPECT_EQ(told.responses, 1U) << service.log();
-  EXPECT_EQ(told.notices, kVariables);
+  const Told told = readUntil(delivery, kIdentities, kIdentities * kVariables);
+  EXPECT_EQ(told.responses, kIdentities) << service.log();
+  EXPECT_EQ(told.notices, kIdentities * kVariables);
   EXPECT_EQ(service.linesWith("closed the connection"), 0) << service.log();
   if (!kSanitized) {
     EXPECT_LT(residentBytes(service.pid()), before + 16 * kMiB);

@@ -62,13 +62,14 @@ class ScriptedHost : public Host {
     return expected.count(variable.key().dottedName()) > 0;
   }
 
+  std::chrono::steady_clock::time_point now() const override { return clock; }
   std::uint64_t after(std::chrono::milliseconds, std::function<void()> task) override {
     timers.emplace(++lastTimer_, std::move(task));
     return lastTimer_;
   }
   void cancel(std::uint64_t timer) override { timers.erase(timer); }
 
-  bool commit(StoreTransaction transaction, CommitDone done) override {
+  bool commit(uid_t, StoreTransaction transaction, CommitDone done) override {
     if (closed) return false;
     commits.emplace_back(std::move(transaction), std::move(done));
     return true;
@@ -97,6 +98,7 @@ class ScriptedHost : public Host {
   // Names of variables whose provider is on its way.
   std::set<std::string> expected;
   bool closed = false;
+  std::chrono::steady_clock::time_point clock{};
   std::vector<Asked> questions;
   std::vector<std::string> notices;
   std::vector<std::string> coalescingKeys;

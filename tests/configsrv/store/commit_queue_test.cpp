@@ -1,5 +1,7 @@
 #include "configsrv/store/commit_queue.h"
 
+#include <gmock/gmock.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -39,8 +41,18 @@ class CommitQueueTest : public StoreFixture {
     const std::lock_guard<std::mutex> inOrder(batchesMutex_);
     batches_.push_back(queue_->take());
   }
-  void submit(const std::string& name, const std::string& value) {
-    queue_->submit({setting(name, value)}, CommitDone());
+  void submit(const std::string& name, const std::string& value) { submitFor(0, name, value); }
+  // Notes the order in which the completions are to be called.
+  void submitFor(uid_t user, const std::string& name, const std::string& value) {
+    queue_->submit(user, {setting(name, value)},
+                   [this, name](const StoreStatus&, std::uint64_t) { called_.push_back(name); });
+  }
+  // The names of a batch, in its order.
+  std::vector<std::string> namesOf(const Batch& batch) {
+    called_.clear();
+    for (const Completion& completion : batch)
+      completion.done(completion.status, completion.revision);
+    return called_;
   }
   // Holds the thread after the commit of a first transaction.
   void startHeld() {
@@ -71,6 +83,7 @@ class CommitQueueTest : public StoreFixture {
   std::unique_ptr<CommitQueue> queue_;
   std::vector<Batch> batches_;  // After finish() there are no more.
   int starts_ = 0;
+  std::vector<std::string> called_;
 
  private:
   std::mutex batchesMutex_;
@@ -85,7 +98,7 @@ TEST_F(CommitQueueTest, ATransactionIsDeliveredWithItsRevisionAndIsInTheStore) {
   open();
   start();
   std::uint64_t told = 0;
-  queue_->submit({setting("a", "1")}, [&](const StoreStatus& status, std::uint64_t revision) {
+  queue_->submit(0, {setting("a", "1")}, [&](const StoreStatus& status, std::uint64_t revision) {
     if (status.ok()) told = revision;
   });
   finish();
@@ -104,7 +117,7 @@ TEST_F(CommitQueueTest, WhatIsSubmittedDuringACommitIsOneBatchInOrder) {
   startHeld();
   std::vector<int> order;
   for (int i = 0; i < 16; ++i) {
-    queue_->submit({setting("a", std::to_string(i))},
+    queue_->submit(0, {setting("a", std::to_string(i))},
                    [&order, i](const StoreStatus&, std::uint64_t) { order.push_back(i); });
   }
   release();
@@ -129,7 +142,7 @@ TEST_F(CommitQueueTest, AGroupFailsAsAWholeAndTheNextOneSucceeds) {
   ASSERT_NE(opened_.store, nullptr) << opened_.status.text;
   startHeld();
   submit("a", "2");
-  submit("b", std::string(std::size_t{256} << 10, 'x'));
+  submit("b", std::string(std::size_t{255} << 10, 'x'));
   release();
   finish();
   submit("c", "3");
@@ -160,6 +173,48 @@ TEST_F(CommitQueueTest, ABusyQueueIsStartedAgainOnlyForWhatCameMeanwhile) {
   EXPECT_EQ(store().revision(), 4U);
 }
 
+// A small write of another user's goes with the next group, whatever waits before it.
+TEST_F(CommitQueueTest, MegabytesOfOneUserDoNotGoBeforeAnothersFewBytes) {
+  const std::string large(CommitQueue::kGroupBytes / 2, 'x');
+  open();
+  startHeld();
+  for (const char* name : {"a1", "a2", "a3", "a4"}) submitFor(1000, name, large);
+  submitFor(1001, "b1", "1");
+  submitFor(1001, "b2", "1");
+  release();
+  finish();
+  ASSERT_EQ(batches_.size(), 5U);
+  EXPECT_THAT(namesOf(batches_[1]), testing::ElementsAre("a1", "b1"));
+  EXPECT_THAT(namesOf(batches_[2]), testing::ElementsAre("a2", "b2"));
+  EXPECT_THAT(namesOf(batches_[3]), testing::ElementsAre("a3"));
+  EXPECT_THAT(namesOf(batches_[4]), testing::ElementsAre("a4"));
+  EXPECT_EQ(store().revision(), 7U);
+}
+
+TEST_F(CommitQueueTest, ATransactionLargerThanAGroupGoesAlone) {
+  open();
+  startHeld();
+  submitFor(0, "large", std::string(2 * CommitQueue::kGroupBytes, 'x'));
+  submitFor(0, "small", "1");
+  release();
+  finish();
+  ASSERT_EQ(batches_.size(), 3U);
+  EXPECT_THAT(namesOf(batches_[1]), testing::ElementsAre("large"));
+  EXPECT_THAT(namesOf(batches_[2]), testing::ElementsAre("small"));
+}
+
+TEST_F(CommitQueueTest, AGroupHasAnEndAlsoForManySmallOnes) {
+  constexpr std::size_t kMost = CommitQueue::kGroupBytes / (CommitQueue::kChangeBytes + 1);
+  open();
+  startHeld();
+  for (std::size_t i = 0; i <= kMost; ++i) submitFor(0, "a", "1");
+  release();
+  finish();
+  ASSERT_EQ(batches_.size(), 3U);
+  EXPECT_EQ(batches_[1].size(), kMost);
+  EXPECT_EQ(batches_[2].size(), 1U);
+}
+
 TEST_F(CommitQueueTest, ManyThreadsGetOneDeliveryEachAndRevisionsWithoutGaps) {
   constexpr int kThreads = 8;
   constexpr int kEach = 50;
@@ -172,7 +227,7 @@ TEST_F(CommitQueueTest, ManyThreadsGetOneDeliveryEachAndRevisionsWithoutGaps) {
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kEach; ++i) {
-        queue_->submit({setting("t" + std::to_string(t), std::to_string(i))},
+        queue_->submit(0, {setting("t" + std::to_string(t), std::to_string(i))},
                        [&](const StoreStatus&, std::uint64_t) { ++done; });
       }
     });
