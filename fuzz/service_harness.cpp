@@ -106,7 +106,12 @@ ServiceHarness::ServiceHarness(int listenFd)
                  server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
                }),
       requests_({options_, log_, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                 server_, providers_, &audit_, *surroundings().store}) {
+                 server_, providers_, &audit_, *surroundings().store,
+                 // A copy of the store is the disk's business, and takes too long for it here.
+                 [this](const CommitQueue::Work&, std::function<void()> done) {
+                   server_.post(std::move(done));
+                 },
+                 [] {}, 1}) {
   for (StoredVariable& variable : leftovers()) kept_.emplace(variable.key, variable);
   model_.restore(leftovers(), revision_);
   require(server_.open().empty(), "a server adopts a listening socket");

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string_view>
 #include <unordered_map>
 
@@ -52,14 +53,14 @@ std::string seeLines(std::string_view text, Search& search) {
   return std::string(text.substr(0, end));
 }
 
-void searchBackwards(int fd, std::size_t fileBytes, std::size_t maxBytes, Search& search) {
-  constexpr std::size_t kPieceBytes = 65536;
-  const std::size_t first = fileBytes - std::min(fileBytes, maxBytes);
+void searchBackwards(int fd, std::uint64_t fileBytes, std::uint64_t maxBytes, Search& search) {
+  constexpr std::uint64_t kPieceBytes = 65536;
+  const std::uint64_t first = fileBytes - std::min(fileBytes, maxBytes);
   std::string rest;
   std::string piece;
-  for (std::size_t end = fileBytes; end > first && !search.isOver();) {
-    const std::size_t begin = std::max(first, end - std::min(end, kPieceBytes));
-    piece.resize(end - begin);
+  for (std::uint64_t end = fileBytes; end > first && !search.isOver();) {
+    const std::uint64_t begin = std::max(first, end - std::min(end, kPieceBytes));
+    piece.resize(static_cast<std::size_t>(end - begin));
     const ssize_t got = ::pread(fd, piece.data(), piece.size(), static_cast<off_t>(begin));
     if (got != static_cast<ssize_t>(piece.size())) return;
     piece += rest;
@@ -78,7 +79,7 @@ std::vector<bool> linesInFile(const std::string& path, const std::vector<std::st
   if (fd < 0) return search.found();
   struct stat status {};
   if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
-    searchBackwards(fd, static_cast<std::size_t>(status.st_size), maxBytes, search);
+    searchBackwards(fd, static_cast<std::uint64_t>(status.st_size), maxBytes, search);
   ::close(fd);
   return search.found();
 }
