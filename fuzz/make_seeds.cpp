@@ -94,7 +94,8 @@ std::vector<std::pair<std::uint32_t, std::string>> requests() {
     add(Helper::getUnregClientCallbackRequest("ui", kUser, "net.mtu", callback, "id"));
   }
   add(Helper::getUnregAllClientCallbacksRequest("ui"));
-  for (const std::uint32_t id : {0x1A0270U, 0x1A0400U, 0x1A0410U, 0x1A0420U, 0x1A0430U}) {
+  for (const std::uint32_t id :
+       {0x1A0270U, 0x1A0400U, 0x1A0410U, 0x1A0420U, 0x1A0430U, 0x1A0440U, 0x1A0450U}) {
     // client name, role, and a prefix or a path of two nodes
     std::string text = "\x0a\x02ui\x10\x32";
     if (id == 0x1A0270)
