@@ -38,7 +38,8 @@ const Makers& makers() {
                       PAIR(SetAttributeOptions), PAIR(GetDefaultOptions), PAIR(Submit),
                       PAIR(GetAccessLevels), PAIR(SetAccessLevels)>(),
              makersOf<PAIR(GetValueOptionsAccess), PAIR(BatchGetValueOptionsAccess), PAIR(List),
-                      PAIR(Status), PAIR(Clients), PAIR(Monitor)>(),
+                      PAIR(Status), PAIR(Clients), PAIR(Monitor), PAIR(StoreSnapshot),
+                      PAIR(StoreRestore)>(),
              makersOf<ConfigChangedNtfy, AttributeChangedNtfy, OptionsChangedNtfy, SubmitNtfy,
                       AccessLevelChangedNtfy, MonitorNtfy>());
   return all;
