@@ -125,6 +125,9 @@ constexpr Part kClientsRsp[] = {one(1, kReturnMessageShape),
                                 many(2, kClientRecordShape, Counted::Nothing)};
 SHAPE(ClientsRsp, numbers());
 
+constexpr Part kStoreSnapshotRsp[] = {one(1, kReturnMessageShape), text(2)};
+SHAPE(StoreSnapshotRsp, numbers());
+
 // --- Notices ---
 
 constexpr Part kConfigChangedNtfy[] = {text(1), one(2, kInstValueShape)};
@@ -202,6 +205,10 @@ constexpr Entry kMessages[] = {
     {0x1A0430, kResetNodeValueReqShape},
     {0x1A0431, kWriteRspShape},
     {0x1A0433, kMonitorNtfyShape},
+    {0x1A0440, kStatusReqShape},
+    {0x1A0441, kStoreSnapshotRspShape},
+    {0x1A0450, kStatusReqShape},
+    {0x1A0451, kWriteRspShape},
 };
 
 }  // namespace

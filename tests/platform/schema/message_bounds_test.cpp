@@ -101,6 +101,7 @@ void forEachCounted(const Shape& shape, const Wrap& wrap, const Visit& visit) {
 void forEachCounted(const std::function<void(std::uint32_t, const Part&, const Wrap&)>& visit) {
   const Wrap bare = [](const std::string& bytes) { return bytes; };
   for (const std::uint32_t id : messageIds()) {
+    ASSERT_NE(shapeOf(id), nullptr) << messageName(id);
     forEachCounted(*shapeOf(id), bare,
                    [&](const Part& part, const Wrap& wrap) { visit(id, part, wrap); });
   }
