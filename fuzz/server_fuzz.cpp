@@ -102,7 +102,7 @@ PbUtility::ServerOptions optionsOf(const Fuzz::Listening& listening) {
   options.maxOpenRequestBytes = 4096;
   options.maxOpenQuestions = 3;
   options.roomBytes = std::size_t{16} << 10;
-  options.maxBufferedBytes = std::size_t{2} << 20;
+  options.bufferedBytes.perProcess = std::size_t{2} << 20;
   return options;
 }
 

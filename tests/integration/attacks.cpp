@@ -43,29 +43,29 @@ std::string times(std::size_t count, const std::string& bytes) {
   return all;
 }
 
-void name(ConfigIF::Inst* inst, std::size_t variable) {
+void nameAttacked(ConfigIF::Inst* inst, std::size_t variable) {
   const std::string key = loadVariable(variable);
   const std::size_t dot = key.rfind('.');
   inst->add_path()->set_name(key.substr(0, dot));
   inst->add_path()->set_name(key.substr(dot + 1));
 }
 
-std::string read(std::size_t variable) {
+std::string readFrame(std::size_t variable) {
   ConfigIF::ReadReq request;
-  name(request.mutable_inst(), variable);
+  nameAttacked(request.mutable_inst(), variable);
   return frameOf(request);
 }
 
-std::string batch() {
+std::string batchFrame() {
   ConfigIF::BatchReadReq request;
-  for (std::size_t i = 0; i < kBatchEntries; ++i) name(request.add_inst(), i);
+  for (std::size_t i = 0; i < kBatchEntries; ++i) nameAttacked(request.add_inst(), i);
   return frameOf(request);
 }
 
-std::string write(std::size_t variable, const std::string& value) {
+std::string writeFrame(std::size_t variable, const std::string& value) {
   ConfigIF::WriteReq request;
   request.set_role(CommonIF::SECURITY_ROLE_USER);
-  name(request.mutable_value()->mutable_inst(), variable);
+  nameAttacked(request.mutable_value()->mutable_inst(), variable);
   request.mutable_value()->add_values(value);
   return frameOf(request);
 }
@@ -97,8 +97,8 @@ Volley requests(std::string bytes) { return {ConnectionUse::Requests, std::move(
 
 Volley longWrite(int process, int connection) {
   const std::size_t variable = ownVariable(process, connection);
-  return requests(write(variable, std::string(kValueBytes, 'a')) +
-                  write(variable, std::string(kValueBytes, 'b')));
+  return requests(writeFrame(variable, std::string(kValueBytes, 'a')) +
+                  writeFrame(variable, std::string(kValueBytes, 'b')));
 }
 
 // The first connection of the first process provides the group and never answers; the others write.
@@ -109,7 +109,7 @@ Volley deafProvider(int process, int connection) {
   }
   std::string bytes;
   for (std::size_t i = 0; i < kPipelined; ++i)
-    bytes += write(kAttackedVariable + i, std::to_string(process * 1000 + connection));
+    bytes += writeFrame(kAttackedVariable + i, std::to_string(process * 1000 + connection));
   return requests(bytes);
 }
 
@@ -203,10 +203,10 @@ std::vector<Attack> allAttacks() {
   using Register = ConfigIF::RegisterClientCallbackReq;
   using Unregister = ConfigIF::UnregisterClientCallbackReq;
   const std::string lists = times(8, frameOf(ConfigIF::ListReq()));
-  const std::string half = write(kAttackedVariable, std::string(kValueBytes, 'x'));
+  const std::string half = writeFrame(kAttackedVariable, std::string(kValueBytes, 'x'));
   return {
-      attack("reads, 750 connections", 250, times(kPipelined, read(0))),
-      attack("batches of 1,024 reads", 8, times(8, batch())),
+      attack("reads, 750 connections", 250, times(kPipelined, readFrame(0))),
+      attack("batches of 1,024 reads", 8, times(8, batchFrame())),
       attack("lists of everything", 8, lists),
       {"writes of 1 MiB", 4, longWrite},
       attack("registrations made and withdrawn", 4,

@@ -13,6 +13,7 @@
 #include "tests/support/load.h"
 
 namespace TestSupport {
+namespace BufferAttack {
 namespace {
 
 using PbUtility::ConnectionUse;
@@ -27,8 +28,8 @@ constexpr bool kSanitized = false;
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 constexpr std::size_t kValueBytes = kMiB - 1024;
 constexpr std::size_t kConnections = 200;
-// Of the attacker's connections, so many at least have to go: seven times what is left is past its
-// share of 6 MiB.
+// So many of the attacker's have to go at least: a dozen that hold a megabyte each are past the user's
+// share.
 constexpr std::size_t kThrownOut = kConnections - 20;
 constexpr std::size_t kMayGrow = 14 * kMiB;
 
@@ -173,4 +174,5 @@ TEST_F(BufferAttackTest, SoDoFramesThatItDoesNotEnd) {
 }
 
 }  // namespace
+}  // namespace BufferAttack
 }  // namespace TestSupport

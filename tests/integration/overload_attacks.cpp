@@ -49,7 +49,7 @@ struct Times {
   }
 };
 
-void name(ConfigIF::Inst* inst, std::size_t variable) {
+void nameVariable(ConfigIF::Inst* inst, std::size_t variable) {
   const std::string key = loadVariable(variable);
   const std::size_t dot = key.rfind('.');
   inst->add_path()->set_name(key.substr(0, dot));
@@ -68,7 +68,7 @@ bool exchange(LoadConnection& connection, const google::protobuf::MessageLite& r
 
 bool read(LoadConnection& connection, std::size_t number) {
   ConfigIF::ReadReq request;
-  name(request.mutable_inst(), number % kAttackedVariable);
+  nameVariable(request.mutable_inst(), number % kAttackedVariable);
   return exchange<ConfigIF::ReadRsp>(connection, request);
 }
 
@@ -77,7 +77,7 @@ bool write(LoadConnection& connection, std::size_t number) {
   if (number == 0) ++run;
   ConfigIF::WriteReq request;
   request.set_role(CommonIF::SECURITY_ROLE_USER);
-  name(request.mutable_value()->mutable_inst(), number % kAttackedVariable);
+  nameVariable(request.mutable_value()->mutable_inst(), number % kAttackedVariable);
   request.mutable_value()->add_values(std::to_string(run) + "." + std::to_string(number));
   return exchange<ConfigIF::WriteRsp>(connection, request);
 }

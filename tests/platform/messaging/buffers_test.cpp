@@ -10,14 +10,14 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr uid_t kRoot = 0;
-constexpr uid_t kOwn = 500;
-constexpr uid_t kOne = 1001;
-constexpr uid_t kOther = 1002;
-constexpr uid_t kThird = 1003;
-
 class BuffersTest : public ::testing::Test {
  protected:
+  static constexpr uid_t kRoot = 0;
+  static constexpr uid_t kOwn = 500;
+  static constexpr uid_t kOne = 1001;
+  static constexpr uid_t kOther = 1002;
+  static constexpr uid_t kThird = 1003;
+
   // A connection is named by its number; the process is the user's only one unless it is said.
   void set(std::uint64_t connection, uid_t user, std::size_t bytes, pid_t process = 0) {
     Buffers::Account& account = accounts[connection];

@@ -28,20 +28,20 @@ using TestSupport::kOtherUser;
 using TestSupport::RawClient;
 using TestSupport::Serving;
 
-constexpr std::uint32_t kRead = 0x1A0110;
-constexpr std::uint32_t kHold = 0x1A0160;
-
-std::string requests(int count, std::uint32_t messageId = kRead) {
-  FrameHeader header;
-  header.kind = FrameKind::Request;
-  header.messageId = messageId;
-  std::string bytes;
-  for (int i = 0; i < count; ++i) bytes += RawClient::frame(header, "");
-  return bytes;
-}
-
 class ServerFairnessTest : public ::testing::Test {
  protected:
+  static constexpr std::uint32_t kRead = 0x1A0110;
+  static constexpr std::uint32_t kHold = 0x1A0160;
+
+  static std::string requests(int count, std::uint32_t messageId = kRead) {
+    FrameHeader header;
+    header.kind = FrameKind::Request;
+    header.messageId = messageId;
+    std::string bytes;
+    for (int i = 0; i < count; ++i) bytes += RawClient::frame(header, "");
+    return bytes;
+  }
+
   ServerFairnessTest() {
     options.runtimeDir = dir.path();
     options.name = "ConfigSrvc";

@@ -27,10 +27,19 @@ using TestSupport::kOneUser;
 using TestSupport::RawClient;
 using TestSupport::Serving;
 
-constexpr std::size_t kMiB = std::size_t{1} << 20;
-
 class ServerSharesTest : public ::testing::Test {
  protected:
+  static constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+  // Half of a frame of so many bytes.
+  static std::string halfOf(std::size_t bytes) {
+    FrameHeader header;
+    header.kind = FrameKind::Request;
+    header.messageId = 0x1A0110;
+    const std::string frame = RawClient::frame(header, std::string(bytes, 'x'));
+    return frame.substr(0, frame.size() / 2);
+  }
+
   ServerSharesTest() {
     options.runtimeDir = dir.path();
     options.name = "ConfigSrvc";
@@ -66,15 +75,6 @@ class ServerSharesTest : public ::testing::Test {
   TestSupport::TempDir dir;
   ServerOptions options;
 };
-
-// Half of a frame of so many bytes.
-std::string halfOf(std::size_t bytes) {
-  FrameHeader header;
-  header.kind = FrameKind::Request;
-  header.messageId = 0x1A0140;
-  const std::string frame = RawClient::frame(header, std::string(bytes, 'x'));
-  return frame.substr(0, frame.size() / 2);
-}
 
 TEST_F(ServerSharesTest, AUserWhoseHalfFramesAreTooMuchLosesAConnectionAndOthersDoNot) {
   if (!canBecomeOthers()) GTEST_SKIP() << "only root can send clients of another user";

@@ -9,11 +9,11 @@
 namespace PbUtility {
 namespace {
 
-constexpr uid_t kOne = 1001;
-constexpr uid_t kOther = 1002;
-
 class TurnsTest : public ::testing::Test {
  protected:
+  static constexpr uid_t kOne = 1001;
+  static constexpr uid_t kOther = 1002;
+
   void add(uid_t user, std::uint64_t first, std::uint64_t last) {
     for (std::uint64_t key = first; key <= last; ++key) turns.add(user, {key, nullptr});
   }
