@@ -18,6 +18,7 @@
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
 #include "configsrv/providers/provider_memory.h"
+#include "configsrv/service/internal/free_memory.h"
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
@@ -207,6 +208,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   }
 
   void sumUpLater();
+  void giveBackMemoryLater();
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
   void beginToStop();
@@ -235,6 +237,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     providers_.gone(peer.id);
     subscriptions_.forget(peer.id);
     changes_.peerWent(peer);
+    giveBackMemoryLater();
     monitor_.remove(peer.id);
     if (monitor_.isActive()) monitor_.peerWent(peer);
   }
@@ -287,6 +290,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Requests requests_;
   CommitQueue commits_;
   bool stopping_ = false;
+  // A timer for giving free memory back is set.
+  bool givesBackMemory_ = false;
   // A timer for summing up the log is set.
   bool sumsUp_ = false;
 };
@@ -347,6 +352,15 @@ void Service::Impl::sumUpLater() {
     sumsUp_ = false;
     log_.sumUp();
     if (log_.holdsBack()) sumUpLater();
+  });
+}
+
+// Once for all who go at about the same time, and when what they left is erased.
+void Service::Impl::giveBackMemoryLater() {
+  if (std::exchange(givesBackMemory_, true)) return;
+  server_.after(kFreeMemoryCheck, [this] {
+    givesBackMemory_ = false;
+    subscriptions_.isErasing() ? giveBackMemoryLater() : giveBackFreeMemory();
   });
 }
 
