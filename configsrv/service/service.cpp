@@ -18,6 +18,7 @@
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
 #include "configsrv/providers/provider_memory.h"
+#include "configsrv/service/internal/free_memory.h"
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
@@ -217,6 +218,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   void syncAudit();
   void endAudit();
   void sumUpLater();
+  void giveBackMemoryLater();
   void keepSnapshot();
   void complete(const std::vector<Completion>& batch);
   void beginToStop();
@@ -245,6 +247,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     providers_.gone(peer.id);
     subscriptions_.forget(peer.id);
     changes_.peerWent(peer);
+    giveBackMemoryLater();
     monitor_.remove(peer.id);
     if (monitor_.isActive()) monitor_.peerWent(peer);
   }
@@ -304,6 +307,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   std::vector<StoredRecord> records_;
   // Of withStore(), not done yet.
   std::size_t storeWorks_ = 0;
+  // A timer for giving free memory back is set.
+  bool givesBackMemory_ = false;
   // A timer for summing up the log is set.
   bool sumsUp_ = false;
 };
@@ -400,6 +405,15 @@ void Service::Impl::endAudit() {
   if (lines->revision == 0 || !problem.empty()) return;
   const StoreStatus status = store_->forgetRecordsNow(lines->revision);
   if (!status.ok()) log_.warning(status.text);
+}
+
+// Once for all who go at about the same time, and when what they left is erased.
+void Service::Impl::giveBackMemoryLater() {
+  if (std::exchange(givesBackMemory_, true)) return;
+  server_.after(kFreeMemoryCheck, [this] {
+    givesBackMemory_ = false;
+    subscriptions_.isErasing() ? giveBackMemoryLater() : giveBackFreeMemory();
+  });
 }
 
 // A store that is about to be replaced is kept whole, and needs no snapshot.

@@ -35,7 +35,7 @@ class ServerSharesTest : public ::testing::Test {
   static std::string halfOf(std::size_t bytes) {
     FrameHeader header;
     header.kind = FrameKind::Request;
-    header.messageId = 0x1A0110;
+    header.messageId = 0x1A0140;
     const std::string frame = RawClient::frame(header, std::string(bytes, 'x'));
     return frame.substr(0, frame.size() / 2);
   }

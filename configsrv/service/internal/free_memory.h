@@ -1,0 +1,22 @@
+// FreeMemory: gives memory that many requests took, and that is free again, back to the system.
+//
+// The allocator keeps what is free between what is not. After a crowd of clients has gone, that may
+// be most of what the service ever had, and the device has better use for it.
+//
+// Threads  any.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace ConfigSrv {
+
+// How long after a client has gone it is looked for; more may go meanwhile.
+constexpr std::chrono::milliseconds kFreeMemoryCheck{500};
+// What is kept for the next requests.
+constexpr std::size_t kKeptFreeBytes = std::size_t{2} << 20;
+
+// Does nothing as long as no more than that is free, nor with an allocator that has no such call.
+void giveBackFreeMemory();
+
+}  // namespace ConfigSrv
