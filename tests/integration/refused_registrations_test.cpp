@@ -61,6 +61,36 @@ TEST_F(RefusedRegistrationsTest, AValueThatWasReadWithoutRoomIsCurrentOnceThereI
   EXPECT_TRUE(eventually([&] { return config_->getConfigVarInt("net", 0, "mtu", 0) == 1300; }));
 }
 
+// Nobody tells of changes meanwhile, so the next read asks again.
+TEST_F(RefusedRegistrationsTest, AValueThatIsReadWithoutRoomIsNotKeptButAskedForEachTime) {
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  ASSERT_TRUE(other_.write("net.mtu", "1400").ok());
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1400);
+  ASSERT_TRUE(other_.write("net.mtu", "1300").ok());
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1300);
+  EXPECT_NE(refusal(), "") << "there was no room all the time";
+}
+
+TEST_F(RefusedRegistrationsTest, AVariableOfAGroupWhoseHandlerFoundNoRoomIsNotKeptEither) {
+  registerHandler("net", &consumer_);
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  ASSERT_TRUE(other_.write("net.mtu", "1400").ok());
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1400);
+}
+
+TEST_F(RefusedRegistrationsTest, OnceThereIsRoomAValueIsKeptAgain) {
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  makeRoom();
+  ASSERT_TRUE(eventually([&] { return refusal().empty(); }));
+  EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  ConfigIF::StatusRsp before;
+  ConfigIF::StatusRsp after;
+  ASSERT_TRUE(client_.request(ConfigIF::StatusReq(), &before).ok());
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(config_->getConfigVarInt("net", 0, "mtu", 0), 1500);
+  ASSERT_TRUE(client_.request(ConfigIF::StatusReq(), &after).ok());
+  EXPECT_EQ(after.reads(), before.reads());
+}
+
 TEST_F(RefusedRegistrationsTest, AHandlerThatFoundNoRoomIsToldWhatItMissedOnceThereIsSome) {
   registerHandler("net", &consumer_);
   EXPECT_NE(refusal(), "");
