@@ -111,7 +111,7 @@ ServiceHarness::ServiceHarness(int listenFd)
                  [this](const CommitQueue::Work&, std::function<void()> done) {
                    server_.post(std::move(done));
                  },
-                 [] {}, 1}) {
+                 [] {}}) {
   for (StoredVariable& variable : leftovers()) kept_.emplace(variable.key, variable);
   model_.restore(leftovers(), revision_);
   require(server_.open().empty(), "a server adopts a listening socket");
