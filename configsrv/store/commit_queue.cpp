@@ -79,20 +79,21 @@ void CommitQueue::Group::add(Waiting one) {
 CommitQueue::Group CommitQueue::nextGroup() {
   std::vector<Waiting> come;
   std::size_t bytes = 0;
+  Works works;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
     come = std::exchange(waiting_, {});
     bytes = std::exchange(waitingBytes_, 0);
-    for (auto& work : std::exchange(works_, {})) worksLeft_.push_back(std::move(work));
+    works = std::exchange(works_, {});
   }
   Group group;
+  group.works = std::move(works);
   if (left_.empty() && bytes <= kGroupBytes) {
     for (Waiting& one : come) group.add(std::move(one));
   } else {
     for (Waiting& one : come) left_[one.user].push_back(std::move(one));
     takeTurns(group);
   }
-  if (left_.empty()) group.works = std::exchange(worksLeft_, {});
   return group;
 }
 
@@ -111,7 +112,7 @@ void CommitQueue::takeTurns(Group& group) {
 std::vector<Completion> CommitQueue::take() {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = !waiting_.empty() || !works_.empty() || !left_.empty() || !worksLeft_.empty();
+    busy_ = !waiting_.empty() || !works_.empty() || !left_.empty();
     if (!busy_) return std::exchange(committed_, {});
   }
   std::vector<Completion> committed = std::exchange(committed_, {});

@@ -59,8 +59,8 @@ class CommitQueue {
 
   void submit(uid_t user, StoreTransaction transaction, CommitDone done);
 
-  // Does other work with the store, on the thread of the commits and behind those that wait; `done`
-  // comes out of take() like that of a commit.
+  // Does other work with the store, on the thread of the commits and behind the next group of them,
+  // however much waits besides; `done` comes out of take() like that of a commit.
   using Work = std::function<void(Store& store)>;
   void submitWork(Work work, std::function<void()> done);
 
@@ -103,7 +103,6 @@ class CommitQueue {
   // What did not go into a group yet, by user; commit()'s, and take()'s after it.
   std::map<uid_t, std::deque<Waiting>> left_;
   uid_t lastUser_ = 0;
-  Works worksLeft_;
 
   // Guards the members below; nothing else is taken, and nothing called, while it is held.
   std::mutex mutex_;

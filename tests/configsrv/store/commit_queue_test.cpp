@@ -191,6 +191,37 @@ TEST_F(CommitQueueTest, MegabytesOfOneUserDoNotGoBeforeAnothersFewBytes) {
   EXPECT_EQ(store().revision(), 7U);
 }
 
+// Who keeps the queue full must not keep other work from being done.
+TEST_F(CommitQueueTest, OtherWorkWaitsForOneGroupAndNoMore) {
+  const std::string large(CommitQueue::kGroupBytes, 'x');
+  open();
+  startHeld();
+  for (const char* name : {"a1", "a2", "a3"}) submitFor(1000, name, large);
+  std::uint64_t seen = 0;
+  bool done = false;
+  queue_->submitWork([&seen](Store& store) { seen = store.revision(); }, [&done] { done = true; });
+  release();
+  finish();
+  EXPECT_EQ(seen, 2U) << "behind the first of the three";
+  ASSERT_EQ(batches_[1].size(), 2U);
+  EXPECT_FALSE(done);
+  batches_[1].back().done({}, 0);
+  EXPECT_TRUE(done);
+  EXPECT_EQ(store().revision(), 4U);
+}
+
+TEST_F(CommitQueueTest, OtherWorkNeedsNoCommit) {
+  open();
+  start();
+  bool done = false;
+  queue_->submitWork([](Store& store) { EXPECT_TRUE(store.snapshot().ok()); },
+                     [&done] { done = true; });
+  finish();
+  ASSERT_EQ(batches_.size(), 1U);
+  batches_[0].at(0).done({}, 0);
+  EXPECT_TRUE(done);
+}
+
 TEST_F(CommitQueueTest, ATransactionLargerThanAGroupGoesAlone) {
   open();
   startHeld();
