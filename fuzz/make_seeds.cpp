@@ -382,7 +382,7 @@ void addBounds(Seeds& seeds) {
       const std::string empty = fieldOf(field, "");
       const std::string node = fieldOf(1, bytesOf("\x08\x01"));
       const std::string deep = fieldOf(field, fieldOf(1, node + times(200)) + times(3));
-      seeds.addAll("bounds", {message + empty + times(300), message + empty + times(60'000),
+      seeds.addAll("bounds", {message + empty + times(300), message + empty + times(20'000),
                               message + deep + times(500)});
     }
   }

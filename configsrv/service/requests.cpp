@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <utility>
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/role_names.h"
@@ -40,7 +41,8 @@ std::string lowerCase(const std::string& name) {
 }
 
 Requests::Requests(RequestContext context)
-    : with_(context), slices_([&server = with_.server](uid_t user, std::function<void()> task) {
+    : with_(std::move(context)),
+      slices_([&server = with_.server](uid_t user, std::function<void()> task) {
         server.later(user, std::move(task));
       }) {}
 

@@ -149,6 +149,13 @@ TEST(MessageBoundsTest, ALongBatchOfLongPathsIsTooMuchTogether) {
   EXPECT_THAT(problem, EndsWith(" bytes, which is the limit: send fewer parts at once"));
 }
 
+TEST(MessageBoundsTest, AnswersWithRecordsMayUnfoldToMoreButNotWithoutEnd) {
+  const std::string record = field(2, times(4'096, field(3, "")));
+  EXPECT_EQ(outcome(kListRsp, times(20, record)), "done");
+  EXPECT_THAT(outcome(kListRsp, times(200, record)),
+              StartsWith("ListRsp would unfold to more than"));
+}
+
 TEST(MessageBoundsTest, WhatIsSentAgainAndAgainCostsEachTime) {
   EXPECT_EQ(outcome(kReadReq, times(1'000, field(3, ""))), "done");
   EXPECT_THAT(outcome(kReadReq, times(100'000, field(3, ""))), HasSubstr("would unfold to"));
