@@ -37,8 +37,8 @@
 
 #include "appconfig/core/config_result.h"
 #include "appconfig/core/config_var.h"
-#include "appconfig/core/state_stamp.h"
 #include "appconfig/core/security_role.h"
+#include "appconfig/core/state_stamp.h"
 #include "appconfig/registry/config_registrar.h"
 
 struct MSG_Callback;
