@@ -63,7 +63,7 @@ struct Change {
   ChangeDone done;
   // Its part of its owner's share.
   std::size_t bytes = 0;
-  // What it makes of the variable, while it is being committed.
+  // What it comes to, once it has its turn.
   WrittenShares::Plan written;
   const Variable* variable = nullptr;
   // Ends after the dynamic validation and is in no queue.
@@ -160,7 +160,6 @@ class Changes::Impl {
   void ask(Change& change, Provider provider);
   void endPhase(Change& change);
   std::string refusalToKeep(const Change& change) const;
-  void take(Change& change);
   void commit(Change& change);
   void onCommitted(Number number, const StoreStatus& status, std::uint64_t revision);
   void applyAndAnnounce(Change& change, std::uint64_t revision);
@@ -335,6 +334,7 @@ void Changes::Impl::begin(Change& change) {
   if (changesNothing(*change.variable, change.request.what))
     return end(change, unchangedAt(*change.variable, change.request.what));
   // Before anybody is asked about it.
+  change.written = written_.planOf(*change.variable, change.request.what, change.request.by.owner);
   const std::string refusal = refusalToKeep(change);
   if (!refusal.empty()) return fail(change, eErrLimit, refusal);
   if (changesValue(change.request.what))
@@ -429,26 +429,19 @@ void Changes::Impl::endPhase(Change& change) {
 
 // Why what the change comes to cannot be kept; empty when it can.
 std::string Changes::Impl::refusalToKeep(const Change& change) const {
+  std::string refusal = written_.refusal(change.written);
   const PbUtility::Owner owner = change.request.by.owner;
-  const StoreChange& what = change.request.what;
-  const std::string refusal = written_.refusal(written_.planOf(*change.variable, what, owner));
   if (!refusal.empty() || !hourly_.limits(owner)) return refusal;
-  return hourly_.refusal(owner, bytesOf(what), host_.now());
-}
-
-// Takes what it comes to of its owner's shares.
-void Changes::Impl::take(Change& change) {
-  const PbUtility::Owner owner = change.request.by.owner;
-  change.written = written_.planOf(*change.variable, change.request.what, owner);
-  written_.take(change.written);
-  if (hourly_.limits(owner)) hourly_.add(owner, bytesOf(change.request.what), host_.now());
+  return hourly_.refusal(owner, bytesOf(change.request.what), host_.now());
 }
 
 void Changes::Impl::commit(Change& change) {
   // Others of the same user's may have come before it, while providers were asked.
   const std::string refusal = refusalToKeep(change);
   if (!refusal.empty()) return fail(change, eErrLimit, refusal);
-  take(change);
+  written_.take(change.written);
+  const PbUtility::Owner owner = change.request.by.owner;
+  if (hourly_.limits(owner)) hourly_.add(owner, bytesOf(change.request.what), host_.now());
   setState(change, State::Committing);
   const auto done = [this, number = change.number](const StoreStatus& status,
                                                    std::uint64_t revision) {

@@ -131,14 +131,12 @@ void WrittenShares::drop(const Plan& plan) { remove(plan.owner, plan.life, plan.
 void WrittenShares::apply(const Plan& plan) {
   if (!plan.isAny) return;
   drop(plan);
-  const auto before = written_.find(plan.part);
-  if (before != written_.end()) {
-    remove(before->second.owner, before->second.life, before->second.bytes);
-    written_.erase(before);
-  }
-  if (plan.bytes == 0) return;
-  written_[plan.part] = {plan.owner, plan.bytes, plan.life};
-  add(plan.owner, plan.life, plan.bytes);
+  const auto [at, isNew] = written_.try_emplace(plan.part);
+  Written& written = at->second;
+  if (!isNew) remove(written.owner, written.life, written.bytes);
+  written = {plan.owner, plan.bytes, plan.life};
+  add(written.owner, written.life, written.bytes);
+  if (plan.bytes == 0) written_.erase(at);
 }
 
 }  // namespace ConfigSrv

@@ -43,7 +43,9 @@ NameTable::Node* NameTable::find(std::string_view name) {
 
 NameTable::Node& NameTable::at(std::string_view name) {
   const Name& wanted = searched(name);
-  return *tables_[tableOf(wanted)].try_emplace(wanted).first;
+  const auto [node, isNew] = tables_[tableOf(wanted)].try_emplace(wanted);
+  size_ += isNew ? 1 : 0;
+  return *node;
 }
 
 void NameTable::insert(Node& node, const Entry& entry) {
@@ -79,6 +81,7 @@ void NameTable::dropIfEmpty(Node& node) {
   if (!node.second.empty()) return;
   Table& table = tables_[tableOf(node.first)];
   table.erase(table.find(node.first));
+  --size_;
   if (table.bucket_count() > kPlacesKept && table.bucket_count() / kPlacesForOne > table.size())
     table.rehash(0);
 }

@@ -385,6 +385,7 @@ std::size_t Subscriptions::Impl::eraseOneName(CallerNumber number) {
 template <typename Visit>
 void Subscriptions::Impl::visitCovering(std::string_view fullName, ConfigIF::CallbackType type,
                                         Visit visit) const {
+  if (names_.isEmpty()) return;
   std::size_t length = 0;
   while (true) {
     const Node* node = names_.find(fullName.substr(0, length));

@@ -11,13 +11,17 @@ std::size_t count(const std::unordered_map<Key, std::size_t>& counts, Key key) {
   return found == counts.end() ? 0 : found->second;
 }
 
-// A key that holds nothing is forgotten: processes come and go.
+// Keys that hold nothing and are kept all the same.
+constexpr std::size_t kKeptEmpty = 64;
+
+// A key that holds nothing is forgotten, for processes come and go; but not while they are few: one
+// that takes and gives back all the time would be made anew each time.
 template <typename Key>
 void subtract(std::unordered_map<Key, std::size_t>& counts, Key key, std::size_t amount) {
   const auto found = counts.find(key);
   if (found == counts.end()) return;
   found->second -= amount;
-  if (found->second == 0) counts.erase(found);
+  if (found->second == 0 && counts.size() > kKeptEmpty) counts.erase(found);
 }
 
 bool fits(std::size_t present, std::size_t amount, std::size_t limit) {

@@ -39,6 +39,7 @@ class NameTable {
   // Names do not move: callers point to theirs.
   using Node = std::pair<const Name, Entries>;
 
+  bool isEmpty() const { return size_ == 0; }
   // Null when nobody has registered it.
   const Node* find(std::string_view name) const;
   Node* find(std::string_view name);
@@ -70,6 +71,7 @@ class NameTable {
   const Name& searched(std::string_view text) const;
 
   std::array<Table, kTables> tables_;
+  std::size_t size_ = 0;
   // Reused for each look-up, so that looking up allocates nothing.
   mutable Name searched_;
 };
