@@ -132,10 +132,10 @@ class Walk {
   }
 
   bool readTag(Bytes end, std::uint32_t& tag) {
-    ++found_.steps;
     std::uint64_t value = 0;
     const Bytes start = at_;
     if (!readVarint(end, value) || at_ - start > 5) return false;
+    ++found_.steps;
     // The parser, too, takes the lower 32 bits.
     tag = static_cast<std::uint32_t>(value);
     return tag >> 3 != 0;

@@ -270,6 +270,12 @@ TEST(MessageBoundsTest, TheLookTakesNoMoreStepsThanThePayloadHasBytes) {
   });
 }
 
+TEST(MessageBoundsTest, NorDoesItTakeOneForATagThatIsNotThere) {
+  const Unfolding found = unfolded(kReadReq, tag(9, 3));
+  EXPECT_EQ(found.result, Unfolding::Result::Broken);
+  EXPECT_EQ(found.steps, 1U);
+}
+
 // What is not looked at holds less than any limit allows: a part has two bytes.
 TEST(MessageBoundsTest, WhatIsTooShortToBeLookedAtPassesNoLimit) {
   const std::size_t mostParts = (kNotLookedAt - 1) / 2;
