@@ -61,9 +61,10 @@ void addHourly(CLI::App& app, CommandLine& line) {
                  "Durable changes that one ordinary user may cause in an hour; else without limit")
       ->type_name("N")
       ->check(CLI::Range(std::uint64_t{1}, kMost));
-  app.add_option("--bytes-per-hour", line.service.bytesPerHour,
-                 "Bytes that one ordinary user may have made durable in an hour, 4096 and the texts "
-                 "for each change; else without limit")
+  app.add_option(
+         "--bytes-per-hour", line.service.bytesPerHour,
+         "Bytes that one ordinary user may have made durable in an hour, 4096 and the texts "
+         "for each change; else without limit")
       ->type_name("N")
       ->check(CLI::Range(std::uint64_t{1}, kMost));
 }
