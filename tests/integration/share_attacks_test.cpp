@@ -191,5 +191,23 @@ TEST_F(ShareAttacksTest, WhatOneUserTakesIsBoundedAndGivenBackWhenItIsGone) {
               resident() / 1024);
 }
 
+class HourlyTest : public AccessTest {
+ protected:
+  HourlyTest() : AccessTest({"--commits-per-hour", "2", "--bytes-per-hour", "100000"}) {}
+};
+
+TEST_F(HourlyTest, AUserHasItsCommitsOfTheHourAndRootHasNoSuchLimit) {
+  const std::string heard = asUser(kNobody, "writer", [](TestClient& client) {
+    std::string all;
+    for (const char* value : {"1400", "1300", "1300", "1200"})
+      all += told(client.write("net.mtu", value)) + "; ";
+    return all;
+  });
+  EXPECT_THAT(heard, testing::StartsWith("ok; ok; ok; error 11 net.mtu: no more than 2 durable "
+                                         "changes in an hour for one user, and user 65534 has"));
+  TestClient root("root", service_.runtimeDir());
+  for (const char* value : {"1200", "1100", "1000"}) EXPECT_TRUE(root.write("net.mtu", value).ok());
+}
+
 }  // namespace
 }  // namespace TestSupport
