@@ -13,7 +13,7 @@ using PbUtility::FrameKind;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr std::size_t kMiB = std::size_t{1} << 20;
+constexpr std::size_t kMebibyte = std::size_t{1} << 20;
 constexpr std::uint32_t kReadReq = 0x1A0110;
 constexpr std::uint32_t kBatchReadReq = 0x1A0120;
 constexpr std::uint32_t kWriteReq = 0x1A0140;
@@ -104,7 +104,7 @@ class UnfoldingTest : public AccessTest {
   // Under a sanitizer, memory is the sanitizer's own.
   void expectPeakWithin(std::size_t before) const {
 #if !defined(APPCONFIG_SANITIZE_ADDRESS) && !defined(APPCONFIG_SANITIZE_THREAD)
-    EXPECT_LT(peakBytes(service_.pid()), before + 8 * kMiB);
+    EXPECT_LT(peakBytes(service_.pid()), before + 8 * kMebibyte);
 #endif
     EXPECT_GT(before, 0U);
   }
@@ -118,7 +118,7 @@ TEST_F(UnfoldingTest, FramesOfSixteenMegabytesAreRefusedUnreadAndOthersServedMea
   const std::size_t before = peakBytes(service_.pid());
   const Child attacker(kNobody, [&](Child::Parent& test) {
     Attacker attack(service_.socket());
-    const std::string batch = Attacker::frame(kBatchReadReq, emptyParts(1, 16 * kMiB));
+    const std::string batch = Attacker::frame(kBatchReadReq, emptyParts(1, 16 * kMebibyte));
     for (int i = 0; i < kFrames; ++i) {
       attack.send(batch.substr(0, batch.size() / 2));
       test.say("in the middle");
@@ -126,7 +126,7 @@ TEST_F(UnfoldingTest, FramesOfSixteenMegabytesAreRefusedUnreadAndOthersServedMea
       attack.send(batch.substr(batch.size() / 2));
       test.say(attack.told<ConfigIF::BatchReadRsp>());
     }
-    attack.send(Attacker::frame(kReadReq, emptyParts(1, 16 * kMiB)));
+    attack.send(Attacker::frame(kReadReq, emptyParts(1, 16 * kMebibyte)));
     test.say(attack.told<ConfigIF::ReadRsp>());
     test.hear();
   });

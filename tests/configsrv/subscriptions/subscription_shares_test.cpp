@@ -16,8 +16,8 @@ using PbUtility::Owner;
 using testing::HasSubstr;
 
 constexpr uid_t kServiceUser = 990;
-constexpr PbUtility::PeerId kPeer = 1;
-constexpr PbUtility::PeerId kOther = 2;
+constexpr PbUtility::PeerId kHolder = 1;
+constexpr PbUtility::PeerId kOtherHolder = 2;
 constexpr Owner kRoot{0, 10};
 constexpr Owner kUser{1000, 20};
 constexpr Owner kOtherUser{1001, 30};
@@ -81,14 +81,14 @@ class SubscriptionLimitsTest : public SubscriptionSharesTest {
 };
 
 TEST_F(SubscriptionLimitsTest, AUserHasItsShareAndIsToldTheLimitAndWhoseItIs) {
-  EXPECT_EQ(fill(kPeer, kUser), 4U);
+  EXPECT_EQ(fill(kHolder, kUser), 4U);
   EXPECT_THAT(refusal_, HasSubstr("no more than " + std::to_string(bytesFor(4)) +
                                   " bytes of registrations for one user, and user 1000 has"));
 }
 
 TEST_F(SubscriptionLimitsTest, AllUsersTogetherLeaveRootItsPart) {
-  fill(kPeer, kUser);
-  fill(kOther, kOtherUser);
+  fill(kHolder, kUser);
+  fill(kOtherHolder, kOtherUser);
   EXPECT_THAT(refusal_, HasSubstr("for all users together"));
   EXPECT_EQ(fill(3, kRoot), 8U);
   EXPECT_THAT(refusal_, HasSubstr("process 10 has its share"));
@@ -96,41 +96,41 @@ TEST_F(SubscriptionLimitsTest, AllUsersTogetherLeaveRootItsPart) {
 }
 
 TEST_F(SubscriptionLimitsTest, ARegistrationMadeAgainTakesNothingOfTheShare) {
-  EXPECT_EQ(fill(kPeer, kUser), 4U);
-  EXPECT_EQ(subscriptions_->add(kPeer, kUser, valuesOf(nthName(0))), "");
+  EXPECT_EQ(fill(kHolder, kUser), 4U);
+  EXPECT_EQ(subscriptions_->add(kHolder, kUser, valuesOf(nthName(0))), "");
   EXPECT_EQ(subscriptions_->bytes().all(), bytesFor(4));
 }
 
 TEST_F(SubscriptionLimitsTest, WhatIsWithdrawnMakesRoomToTheByte) {
-  fill(kPeer, kUser);
-  ASSERT_TRUE(subscriptions_->remove(kPeer, nthName(1), CALLBACK_VALUE_CHANGED, "link"));
-  EXPECT_EQ(subscriptions_->add(kPeer, kUser, valuesOf("5678")), "");
-  subscriptions_->removeAll(kPeer, "client");
+  fill(kHolder, kUser);
+  ASSERT_TRUE(subscriptions_->remove(kHolder, nthName(1), CALLBACK_VALUE_CHANGED, "link"));
+  EXPECT_EQ(subscriptions_->add(kHolder, kUser, valuesOf("5678")), "");
+  subscriptions_->removeAll(kHolder, "client");
   EXPECT_EQ(subscriptions_->bytes().all(), 0U);
-  EXPECT_EQ(fill(kPeer, kUser), 4U);
+  EXPECT_EQ(fill(kHolder, kUser), 4U);
 }
 
 TEST_F(SubscriptionLimitsTest, LongNamesAndTextsCountByTheirLength) {
   const std::string name(2 * kOne, 'n');
-  EXPECT_EQ(subscriptions_->add(kPeer, kUser, valuesOf(name)), "");
+  EXPECT_EQ(subscriptions_->add(kHolder, kUser, valuesOf(name)), "");
   EXPECT_EQ(subscriptions_->bytes().all(),
             SubscriptionLimits::kRegistrationBytes + name.size() + kCaller);
-  EXPECT_THAT(subscriptions_->add(kPeer, kUser, valuesOf(name + "2")), HasSubstr("user 1000"));
+  EXPECT_THAT(subscriptions_->add(kHolder, kUser, valuesOf(name + "2")), HasSubstr("user 1000"));
 }
 
 TEST_F(SubscriptionSharesTest, APeerThatIsGoneIsToldNothingFromThatMomentOn) {
-  add(kPeer, 3);
-  subscriptions_->forget(kPeer);
-  EXPECT_FALSE(isTold(kPeer, nthName(1)));
+  add(kHolder, 3);
+  subscriptions_->forget(kHolder);
+  EXPECT_FALSE(isTold(kHolder, nthName(1)));
   EXPECT_FALSE(subscriptions_->anyCovering(nthName(1), CALLBACK_VALUE_CHANGED));
-  EXPECT_THAT(subscriptions_->names(kPeer, CALLBACK_VALUE_CHANGED), testing::IsEmpty());
-  EXPECT_FALSE(subscriptions_->contains(kPeer, valuesOf(nthName(1))));
+  EXPECT_THAT(subscriptions_->names(kHolder, CALLBACK_VALUE_CHANGED), testing::IsEmpty());
+  EXPECT_FALSE(subscriptions_->contains(kHolder, valuesOf(nthName(1))));
 }
 
 TEST_F(SubscriptionSharesTest, WhatAPeerLeavesIsErasedInSlicesAndCountsAsItsOwnersUntilThen) {
   constexpr std::size_t kMany = 2 * SubscriptionLimits::kErasedAtOnce + 1;
-  add(kPeer, kMany);
-  subscriptions_->forget(kPeer);
+  add(kHolder, kMany);
+  subscriptions_->forget(kHolder);
   EXPECT_EQ(subscriptions_->bytes().ofUser(kUser.uid), bytesFor(kMany));
   std::size_t before = subscriptions_->count();
   int slices = 0;
@@ -146,38 +146,38 @@ TEST_F(SubscriptionSharesTest, WhatAPeerLeavesIsErasedInSlicesAndCountsAsItsOwne
 
 TEST_F(SubscriptionSharesTest,
        WhoRegistersAgainBeforeTheOldOnesAreErasedIsToldOnceAndStaysRegistered) {
-  add(kPeer, 3);
-  EXPECT_EQ(subscriptions_->removeAll(kPeer, "client"), 3U);
-  EXPECT_FALSE(isTold(kPeer, nthName(0)));
-  EXPECT_FALSE(subscriptions_->remove(kPeer, nthName(0), CALLBACK_VALUE_CHANGED, "link"));
-  add(kPeer, 1);
+  add(kHolder, 3);
+  EXPECT_EQ(subscriptions_->removeAll(kHolder, "client"), 3U);
+  EXPECT_FALSE(isTold(kHolder, nthName(0)));
+  EXPECT_FALSE(subscriptions_->remove(kHolder, nthName(0), CALLBACK_VALUE_CHANGED, "link"));
+  add(kHolder, 1);
   EXPECT_EQ(subscriptions_->covering(nthName(0), CALLBACK_VALUE_CHANGED).size(), 1U);
   while (runSlice()) continue;
-  EXPECT_TRUE(isTold(kPeer, nthName(0)));
-  EXPECT_FALSE(isTold(kPeer, nthName(1)));
-  EXPECT_EQ(subscriptions_->count(kPeer), 1U);
+  EXPECT_TRUE(isTold(kHolder, nthName(0)));
+  EXPECT_FALSE(isTold(kHolder, nthName(1)));
+  EXPECT_EQ(subscriptions_->count(kHolder), 1U);
 }
 
 TEST_F(SubscriptionSharesTest, WithdrawingAllAgainAndAgainDoesNotUseUpTheIdentities) {
   for (std::size_t i = 0; i < 2 * limits_.callersPerPeer; ++i) {
-    add(kPeer, 1);
-    ASSERT_EQ(subscriptions_->removeAll(kPeer, "client"), 1U);
+    add(kHolder, 1);
+    ASSERT_EQ(subscriptions_->removeAll(kHolder, "client"), 1U);
   }
   while (runSlice()) continue;
   EXPECT_EQ(subscriptions_->bytes().all(), 0U);
 }
 
 TEST_F(SubscriptionSharesTest, OthersAndOtherTypesAtANameAreLeftAloneWhileItIsErased) {
-  add(kPeer, 1);
-  add(kOther, 1);
+  add(kHolder, 1);
+  add(kOtherHolder, 1);
   const Registration options{nthName(0), CALLBACK_OPTIONS_CHANGED, "link", "another",
                              AppConfig::eRoleUser};
-  ASSERT_EQ(subscriptions_->add(kPeer, kUser, options), "");
-  subscriptions_->removeAll(kPeer, "client");
+  ASSERT_EQ(subscriptions_->add(kHolder, kUser, options), "");
+  subscriptions_->removeAll(kHolder, "client");
   while (runSlice()) continue;
-  EXPECT_TRUE(isTold(kOther, nthName(0)));
-  EXPECT_TRUE(subscriptions_->contains(kPeer, options));
-  EXPECT_FALSE(isTold(kPeer, nthName(0)));
+  EXPECT_TRUE(isTold(kOtherHolder, nthName(0)));
+  EXPECT_TRUE(subscriptions_->contains(kHolder, options));
+  EXPECT_FALSE(isTold(kHolder, nthName(0)));
 }
 
 // Thousands at one name move each other when one is taken out, so a slice takes fewer of them.

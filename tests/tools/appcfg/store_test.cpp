@@ -28,7 +28,7 @@ using TestSupport::TestClient;
 using TestSupport::Words;
 using Json = nlohmann::ordered_json;
 
-const char* const kDefinitions = R"(
+const char* const kStoreDefinitions = R"(
 [variable."net.host"]
 type = "string"
 default = "gateway"
@@ -70,7 +70,7 @@ class StoreVerbsTest : public testing::Test {
     return names;
   }
 
-  ServiceProcess service_{kDefinitions};
+  ServiceProcess service_{kStoreDefinitions};
 };
 
 TEST_F(StoreVerbsTest, ACopyIsTheCallersAloneAndSaysWhatItIs) {
@@ -172,7 +172,7 @@ TEST_F(StoreVerbsTest, WithoutAServiceTheNextStartTakesTheCopy) {
 
 TEST_F(StoreVerbsTest, ACopyGoesToAnotherDevice) {
   const std::string copy = copyOfOld();
-  ServiceProcess other(kDefinitions);
+  ServiceProcess other(kStoreDefinitions);
   other.start();
   const Appcfg appcfg(other.runtimeDir());
   EXPECT_EQ(appcfg({"store", "restore", copy}).code, kExitOk);
@@ -191,7 +191,7 @@ TEST_F(StoreVerbsTest, ARestoreAgainAndAgainLeavesNothingBehind) {
 
 // The socket that a service manager handed over is used again.
 TEST(StoreVerbsSocketTest, ARestoreKeepsTheSocketThatWasHandedOver) {
-  ServiceProcess service(kDefinitions);
+  ServiceProcess service(kStoreDefinitions);
   fs::create_directory(service.runtimeDir());
   const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
