@@ -56,7 +56,7 @@ struct Provider {
 };
 
 struct Change {
-  explicit Change(ChangeRequest wanted) : request(std::move(wanted)) {}
+  explicit Change(ChangeRequest&& wanted) : request(std::move(wanted)) {}
 
   Number number = 0;
   ChangeRequest request;
@@ -122,8 +122,8 @@ class Changes::Impl {
         written_(model, options_.written, options_.own),
         hourly_(options_.hourly, options_.own) {}
 
-  void submit(ChangeRequest request, ChangeDone done);
-  void validate(ChangeRequest request, ChangeDone done);
+  void submit(ChangeRequest&& request, ChangeDone&& done);
+  void validate(ChangeRequest&& request, ChangeDone&& done);
   void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload);
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone);
@@ -141,11 +141,11 @@ class Changes::Impl {
   using Queue = std::vector<Number>;
 
   // Taking a request in.
-  void admit(ChangeRequest request, ChangeDone done, bool validateOnly);
+  void admit(ChangeRequest&& request, ChangeDone&& done, bool validateOnly);
   ChangeOutcome refusalOf(const Variable* variable, const ChangeRequest& request) const;
   bool endsAtOnce(const Variable& variable, const ChangeRequest& request) const;
   void endAtOnce(const Variable& variable, const ChangeRequest& request, const ChangeDone& done);
-  Change& remember(const Variable& variable, ChangeRequest request, ChangeDone done);
+  Change& remember(const Variable& variable, ChangeRequest&& request, ChangeDone&& done);
   void enqueue(Change& change);
   std::string refusalToWait(const Queue& queue, const Change& change) const;
   bool asksItsRequester(const Queue& queue, PeerId requester) const;
@@ -214,17 +214,17 @@ class Changes::Impl {
 
 // --- Taking a request in ---
 
-void Changes::Impl::submit(ChangeRequest request, ChangeDone done) {
+void Changes::Impl::submit(ChangeRequest&& request, ChangeDone&& done) {
   admit(std::move(request), std::move(done), false);
   workOffReleased();
 }
 
-void Changes::Impl::validate(ChangeRequest request, ChangeDone done) {
+void Changes::Impl::validate(ChangeRequest&& request, ChangeDone&& done) {
   admit(std::move(request), std::move(done), true);
   workOffReleased();
 }
 
-void Changes::Impl::admit(ChangeRequest request, ChangeDone done, bool validateOnly) {
+void Changes::Impl::admit(ChangeRequest&& request, ChangeDone&& done, bool validateOnly) {
   const Variable* variable = model_.find(request.what.key);
   const ChangeOutcome refusal = refusalOf(variable, request);
   if (refusal.error != eErrNone) {
@@ -268,7 +268,8 @@ void Changes::Impl::endAtOnce(const Variable& variable, const ChangeRequest& req
   done(unchanged);
 }
 
-Change& Changes::Impl::remember(const Variable& variable, ChangeRequest request, ChangeDone done) {
+Change& Changes::Impl::remember(const Variable& variable, ChangeRequest&& request,
+                                ChangeDone&& done) {
   auto change = std::make_unique<Change>(std::move(request));
   change->number = ++lastNumber_;
   change->done = std::move(done);

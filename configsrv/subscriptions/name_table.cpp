@@ -20,20 +20,21 @@ bool operator<(const Entry& a, const Entry& b) {
 }
 
 // The tables choose by the lower bits.
-std::size_t NameTable::tableOf(const Name& name) {
-  return name.hash >> (std::numeric_limits<std::size_t>::digits - static_cast<int>(kTableBits));
+std::size_t NameTable::tableOf(std::size_t hash) {
+  return hash >> (std::numeric_limits<std::size_t>::digits - static_cast<int>(kTableBits));
 }
 
-const NameTable::Name& NameTable::searched(std::string_view text) const {
+const NameTable::Name& NameTable::searched(std::string_view text, std::size_t hash) const {
   searched_.text.assign(text.data(), text.size());
-  searched_.hash = std::hash<std::string_view>()(text);
+  searched_.hash = hash;
   return searched_;
 }
 
 const NameTable::Node* NameTable::find(std::string_view name) const {
-  const Name& wanted = searched(name);
-  const Table& table = tables_[tableOf(wanted)];
-  const auto found = table.find(wanted);
+  const std::size_t hash = std::hash<std::string_view>()(name);
+  const Table& table = tables_[tableOf(hash)];
+  if (table.empty()) return nullptr;
+  const auto found = table.find(searched(name, hash));
   return found == table.end() ? nullptr : &*found;
 }
 
@@ -42,8 +43,8 @@ NameTable::Node* NameTable::find(std::string_view name) {
 }
 
 NameTable::Node& NameTable::at(std::string_view name) {
-  const Name& wanted = searched(name);
-  const auto [node, isNew] = tables_[tableOf(wanted)].try_emplace(wanted);
+  const Name& wanted = searched(name, std::hash<std::string_view>()(name));
+  const auto [node, isNew] = tables_[tableOf(wanted.hash)].try_emplace(wanted);
   size_ += isNew ? 1 : 0;
   return *node;
 }
@@ -79,7 +80,7 @@ bool NameTable::hasAnyOf(const Node& node, std::uint32_t caller) {
 
 void NameTable::dropIfEmpty(Node& node) {
   if (!node.second.empty()) return;
-  Table& table = tables_[tableOf(node.first)];
+  Table& table = tables_[tableOf(node.first.hash)];
   table.erase(table.find(node.first));
   --size_;
   if (table.bucket_count() > kPlacesKept && table.bucket_count() / kPlacesForOne > table.size())

@@ -65,7 +65,7 @@ std::string Shares::refusal(Owner owner, std::size_t amount) const {
 void Shares::add(Owner owner, std::size_t amount) {
   if (amount == 0) return;
   all_ += amount;
-  byProcess_[owner.pid] += amount;
+  countOf(owner.pid) += amount;
   if (!isOrdinary(owner)) return;
   ordinary_ += amount;
   byUser_[owner.uid] += amount;
@@ -74,13 +74,28 @@ void Shares::add(Owner owner, std::size_t amount) {
 void Shares::remove(Owner owner, std::size_t amount) {
   if (amount == 0) return;
   all_ -= amount;
-  subtract(byProcess_, owner.pid, amount);
+  std::size_t& left = countOf(owner.pid);
+  left -= amount;
+  if (left == 0 && byProcess_.size() > kKeptEmpty) {
+    byProcess_.erase(owner.pid);
+    latest_ = nullptr;
+  }
   if (!isOrdinary(owner)) return;
   ordinary_ -= amount;
   subtract(byUser_, owner.uid, amount);
 }
 
 std::size_t Shares::ofUser(uid_t uid) const { return count(byUser_, uid); }
-std::size_t Shares::ofProcess(pid_t pid) const { return count(byProcess_, pid); }
+std::size_t Shares::ofProcess(pid_t pid) const {
+  return latest_ != nullptr && latestPid_ == pid ? *latest_ : count(byProcess_, pid);
+}
+
+std::size_t& Shares::countOf(pid_t pid) {
+  if (latest_ == nullptr || latestPid_ != pid) {
+    latest_ = &byProcess_[pid];
+    latestPid_ = pid;
+  }
+  return *latest_;
+}
 
 }  // namespace PbUtility

@@ -46,6 +46,8 @@ class Shares {
   // The name stands in refusals: "registrations", "bytes of changes under way". The service's own
   // user has part in what is kept for root.
   Shares(std::string name, ShareLimits limits, uid_t own);
+  Shares(const Shares&) = delete;
+  Shares& operator=(const Shares&) = delete;
 
   enum class Limit { None, Process, User, Ordinary, All };
   // The first limit that the owner would pass with so much more, or has passed.
@@ -73,8 +75,14 @@ class Shares {
   const uid_t own_;
   std::size_t all_ = 0;
   std::size_t ordinary_ = 0;
+  std::size_t& countOf(pid_t pid);
+
   std::unordered_map<uid_t, std::size_t> byUser_;
   std::unordered_map<pid_t, std::size_t> byProcess_;
+  // Of byProcess_ the one that was looked for last, mostly the one that is looked for next; null when
+  // it is gone.
+  pid_t latestPid_ = 0;
+  std::size_t* latest_ = nullptr;
 };
 
 }  // namespace PbUtility

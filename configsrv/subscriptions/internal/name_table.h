@@ -67,8 +67,8 @@ class NameTable {
   // A power of two.
   static constexpr unsigned kTableBits = 6;
   static constexpr std::size_t kTables = std::size_t{1} << kTableBits;
-  static std::size_t tableOf(const Name& name);
-  const Name& searched(std::string_view text) const;
+  static std::size_t tableOf(std::size_t hash);
+  const Name& searched(std::string_view text, std::size_t hash) const;
 
   std::array<Table, kTables> tables_;
   std::size_t size_ = 0;
