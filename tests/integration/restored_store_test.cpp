@@ -41,8 +41,9 @@ class RestoredStoreTest : public IntegrationTest {
     return copy;
   }
 
-  PbUtility::Endpoint endpoint_{"application", inDirectory(service_.runtimeDir())};
+  // Outlives the endpoint: nothing is dispatched once that is gone.
   NotingConsumer consumer_;
+  PbUtility::Endpoint endpoint_{"application", inDirectory(service_.runtimeDir())};
   AppCfgManager* config_ = AppCfgManager::getInstance();
 };
 

@@ -419,10 +419,16 @@ TEST(ScriptedMonitorTest, SaysWhenARestartedServiceHasNoRoomForItAndWhenItHasAga
     ConfigIF::MonitorRsp response;
     if (!hasRoom) response.mutable_result()->set_error(CommonIF::ERROR_LIMIT);
     server.respond(request.id, response, kRevision);
+    if (!hasRoom) return;
+    ConfigIF::MonitorNtfy came;
+    came.set_event(ConfigIF::MONITOR_CLIENT_CAME);
+    came.set_client("somebody");
+    server.notify(request.peer.id, came, kRevision, {});
   };
   auto serving = std::make_unique<Serving>(dir.path(), answer);
   RunningAppcfg monitor(dir.path(), {"monitor"});
-  ASSERT_TRUE(eventually([&] { return !serving->requests().empty(); }));
+  // Once it shows what it is told, the answer to its request has come, too.
+  ASSERT_TRUE(monitor.line().has_value());
   hasRoom = false;
   serving.reset();
   serving = std::make_unique<Serving>(dir.path(), answer);
