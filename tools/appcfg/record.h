@@ -36,10 +36,7 @@ class Record {
   const std::vector<std::pair<std::string, Field>>& fields() const { return fields_; }
 
  private:
-  Record& add(const char* name, Field value) {
-    fields_.emplace_back(name, std::move(value));
-    return *this;
-  }
+  Record& add(const char* name, Field value);
 
   std::vector<std::pair<std::string, Field>> fields_;
 };
