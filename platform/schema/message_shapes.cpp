@@ -142,9 +142,47 @@ SHAPE(MonitorNtfy, numbers());
 
 #undef SHAPE
 
+constexpr const Shape* kShapes[] = {
+    &kOnChangeReqShape,
+    &kWriteRspShape,
+    &kReadReqShape,
+    &kReadRspShape,
+    &kBatchReadReqShape,
+    &kBatchReadRspShape,
+    &kWriteReqShape,
+    &kConfigChangedNtfyShape,
+    &kResetNodeValueReqShape,
+    &kReadAttributesRspShape,
+    &kSubmitNtfyShape,
+    &kRegisterClientCallbackReqShape,
+    &kStatusReqShape,
+    &kGetAttributeOptionsRspShape,
+    &kSetAttributeOptionsReqShape,
+    &kOptionsChangedNtfyShape,
+    &kSetAccessLevelsRspShape,
+    &kGetValueOptionsAccessRspShape,
+    &kBatchGetValueOptionsAccessRspShape,
+    &kListReqShape,
+    &kListRspShape,
+    &kStatusRspShape,
+    &kClientsRspShape,
+    &kMonitorNtfyShape,
+    &kStoreSnapshotRspShape,
+};
+
+// Evaluated by the compiler, which refuses a shape that the array does not have.
+constexpr std::uint8_t indexOf(const Shape& shape) {
+  std::uint8_t index = 0;
+  while (kShapes[index] != &shape) ++index;
+  return index;
+}
+
+// Not a pointer, which would be one more to relocate for each message.
 struct Entry {
+  constexpr Entry(std::uint32_t id, const Shape& its) : messageId(id), shape(indexOf(its)) {}
+
   std::uint32_t messageId;
-  const Shape& shape;
+  std::uint8_t shape;
 };
 
 // Ascending.
@@ -217,7 +255,8 @@ const Shape* shapeOf(std::uint32_t messageId) {
   const Entry* found =
       std::lower_bound(std::begin(kMessages), std::end(kMessages), messageId,
                        [](const Entry& entry, std::uint32_t id) { return entry.messageId < id; });
-  return found == std::end(kMessages) || found->messageId != messageId ? nullptr : &found->shape;
+  if (found == std::end(kMessages) || found->messageId != messageId) return nullptr;
+  return kShapes[found->shape];
 }
 
 bool holdsRecords(const Shape& shape) {
