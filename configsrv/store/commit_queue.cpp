@@ -3,8 +3,12 @@
 //
 // Nearly always all that waits goes into one group, as it is. Only when that is too much is it sorted by
 // users, and each group takes one transaction of each user in turn.
+//
+// Copying the log takes about as long as making a large value durable. Whoever waited while the one was
+// done should not wait for the other as well, so that small transactions go in between.
 #include "configsrv/store/commit_queue.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ConfigSrv {
@@ -57,7 +61,12 @@ void CommitQueue::submitWork(Work work, std::function<void()> done) {
 }
 
 void CommitQueue::commit() {
-  Group group = nextGroup();
+  const bool isDue = store_.isCheckpointDue();
+  Group group;
+  if (!isDue || !checkpointIsNext_) group = nextGroup(isDue);
+  checkpointIsNext_ = isDue && !group.isEmpty();
+  if (group.isEmpty() && isDue) store_.checkpoint();
+  if (group.isEmpty()) return;
   const CommitResult result = store_.commit(group.transactions);
   for (std::size_t i = 0; i < group.completions.size(); ++i) {
     group.completions[i].status = result.status;
@@ -76,7 +85,7 @@ void CommitQueue::Group::add(Waiting one) {
   completions.push_back({std::move(one.done), {}, 0});
 }
 
-CommitQueue::Group CommitQueue::nextGroup() {
+CommitQueue::Group CommitQueue::nextGroup(bool smallOnly) {
   std::vector<Waiting> come;
   std::size_t bytes = 0;
   Works works;
@@ -87,6 +96,7 @@ CommitQueue::Group CommitQueue::nextGroup() {
     works = std::exchange(works_, {});
   }
   Group group;
+  group.smallOnly = smallOnly;
   group.works = std::move(works);
   if (left_.empty() && bytes <= kGroupBytes) {
     for (Waiting& one : come) group.add(std::move(one));
@@ -98,10 +108,7 @@ CommitQueue::Group CommitQueue::nextGroup() {
 }
 
 void CommitQueue::takeTurns(Group& group) {
-  while (!left_.empty()) {
-    auto next = left_.upper_bound(lastUser_);
-    if (next == left_.end()) next = left_.begin();
-    if (!group.hasRoomFor(next->second.front())) break;
+  for (auto next = nextUser(group); next != left_.end(); next = nextUser(group)) {
     lastUser_ = next->first;
     group.add(std::move(next->second.front()));
     next->second.pop_front();
@@ -109,10 +116,26 @@ void CommitQueue::takeTurns(Group& group) {
   }
 }
 
+std::map<uid_t, std::deque<CommitQueue::Waiting>>::iterator CommitQueue::nextUser(
+    const Group& group) {
+  const auto hasRoom = [&group](const auto& user) { return group.hasRoomFor(user.second.front()); };
+  const auto afterLast = left_.upper_bound(lastUser_);
+  // Passing over one whose turn it is, for being large, is for a group of what is small alone.
+  const auto seek = [&](auto from, auto to) {
+    return group.smallOnly ? std::find_if(from, to, hasRoom) : from;
+  };
+  auto next = seek(afterLast, left_.end());
+  if (next == left_.end()) {
+    next = seek(left_.begin(), afterLast);
+    if (next == afterLast) return left_.end();
+  }
+  return hasRoom(*next) ? next : left_.end();
+}
+
 std::vector<Completion> CommitQueue::take() {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = !waiting_.empty() || !works_.empty() || !left_.empty();
+    busy_ = !waiting_.empty() || !works_.empty() || !left_.empty() || store_.isCheckpointDue();
     if (!busy_) return std::exchange(committed_, {});
   }
   std::vector<Completion> committed = std::exchange(committed_, {});

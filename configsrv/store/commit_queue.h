@@ -4,7 +4,8 @@
 //          writers pay for one write to the disk. Each transaction keeps a revision of its own.
 //          A group fails as a whole.
 // Fairness a group ends at kGroupBytes and takes from each user in turn, so that the megabytes of one
-//          do not go before the few bytes of another. Those of one user keep their order.
+//          do not go before the few bytes of another. Those of one user keep their order. When the
+//          store's log is due to be copied, that is a turn like a group's, behind one of what is small.
 // Threads  submit() from any. The queue has no thread: `start` is called, with no lock
 //          held, by the submit() or take() that finds something to do and nobody doing it. It
 //          brings about one commit(), on a thread that may wait for the disk, and then one take(),
@@ -82,10 +83,13 @@ class CommitQueue {
     std::vector<StoreTransaction> transactions;
     std::vector<Completion> completions;
     std::size_t bytes = 0;
+    bool smallOnly = false;
     Works works;
 
+    bool isEmpty() const { return transactions.empty() && works.empty(); }
     bool hasRoomFor(const Waiting& one) const {
-      return transactions.empty() || bytes + one.bytes <= kGroupBytes;
+      const bool mayBeLarger = transactions.empty() && !smallOnly;
+      return mayBeLarger || bytes + one.bytes <= kGroupBytes;
     }
     void add(Waiting one);
   };
@@ -93,8 +97,10 @@ class CommitQueue {
     if (!wasBusy) start_();
   }
 
-  Group nextGroup();
+  Group nextGroup(bool smallOnly);
   void takeTurns(Group& group);
+  // Of the users with something that the group has room for, the one whose turn it is; or the end.
+  std::map<uid_t, std::deque<Waiting>>::iterator nextUser(const Group& group);
 
   Store& store_;
   const Start start_;
@@ -103,6 +109,7 @@ class CommitQueue {
   // What did not go into a group yet, by user; commit()'s, and take()'s after it.
   std::map<uid_t, std::deque<Waiting>> left_;
   uid_t lastUser_ = 0;
+  bool checkpointIsNext_ = false;
 
   // Guards the members below; nothing else is taken, and nothing called, while it is held.
   std::mutex mutex_;

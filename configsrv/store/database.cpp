@@ -187,6 +187,19 @@ std::uint64_t Database::logBytes() const {
   return readSize(logFile(handle()), &bytes) ? bytes : 0;
 }
 
+void Database::countLogPages() {
+  const auto count = [](void* logPages, sqlite3*, const char*, int pages) {
+    *static_cast<int*>(logPages) = pages;
+    return SQLITE_OK;
+  };
+  sqlite3_wal_hook(handle(), count, logPages_.get());
+}
+
+void Database::checkpoint() {
+  *logPages_ = 0;
+  sqlite3_wal_checkpoint_v2(handle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
+
 bool Database::extendLog(std::uint64_t bytes) const {
   constexpr std::uint64_t kPieceBytes = std::uint64_t{32} * 1024;
   sqlite3_file* log = logFile(handle());
@@ -270,13 +283,13 @@ std::optional<std::int64_t> Statement::number(int column) const {
   return sqlite3_column_int64(statement_.get(), column);
 }
 
-std::optional<std::string> Statement::bytes(int column) const {
+std::optional<std::string_view> Statement::bytes(int column) const {
   if (sqlite3_column_type(statement_.get(), column) != SQLITE_BLOB) return std::nullopt;
   const void* data = sqlite3_column_blob(statement_.get(), column);
   const int size = sqlite3_column_bytes(statement_.get(), column);
-  if (size == 0) return std::string();
+  if (size == 0) return std::string_view();
   if (data == nullptr) return std::nullopt;  // Out of memory.
-  return std::string(static_cast<const char*>(data), static_cast<std::size_t>(size));
+  return std::string_view(static_cast<const char*>(data), static_cast<std::size_t>(size));
 }
 
 std::string Statement::text(int column) const {

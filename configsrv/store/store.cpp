@@ -2,6 +2,9 @@
 // written whole, with its checksum. Reading first costs some microseconds of a page in memory,
 // beside the hundreds that the disk takes, and makes a row a thing that can be checked.
 //
+// The log is not copied into the file by the commit that fills it, whose writer would wait for that, but
+// by whoever has time for it before the next commit but one, or else by that.
+//
 // Settings, with their reasons and figures: docs/decisions/sqlite-store.md.
 #include "configsrv/store/store.h"
 
@@ -14,6 +17,8 @@
 
 namespace ConfigSrv {
 namespace {
+
+constexpr int kCommitsBeforeCheckpoint = 1;
 
 bool changeNothing(const std::vector<StoreTransaction>& transactions) {
   return std::all_of(transactions.begin(), transactions.end(),
@@ -53,6 +58,7 @@ Store::Impl::Impl(StoreFiles files, FileLock lock, Database database, const Stor
       witness_(options.witness),
       storeId_(contents.storeId),
       mark_(contents.mark),
+      checkpointPages_(options.logPages),
       snapshotRevision_(snapshotRevision),
       snapshotEvery_(options.snapshotEvery) {
   database_.takePagesWritten();  // What opening wrote is no commit's.
@@ -74,6 +80,7 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
     result.revisions.assign(transactions.size(), revision());
     return result;
   }
+  if (isCheckpointDue() && ++commitsWhileDue_ > kCommitsBeforeCheckpoint) checkpoint();
   bytes_.fetch_add(logReserve_.prepare(), std::memory_order_relaxed);
   StoreMark after = mark_;
   result.status = writeAll(transactions, &result.revisions, &after);
@@ -89,6 +96,11 @@ CommitResult Store::Impl::commit(const std::vector<StoreTransaction>& transactio
     result.revisions.clear();
   }
   return result;
+}
+
+void Store::Impl::checkpoint() {
+  commitsWhileDue_ = 0;
+  database_.checkpoint();
 }
 
 StoreStatus Store::Impl::writeAll(const std::vector<StoreTransaction>& transactions,
@@ -269,6 +281,8 @@ CommitResult Store::commit(const std::vector<StoreTransaction>& transactions) {
 }
 void Store::forgetRecords(std::uint64_t upTo) { impl_->forgetRecords(upTo); }
 StoreStatus Store::forgetRecordsNow(std::uint64_t upTo) { return impl_->forgetRecordsNow(upTo); }
+bool Store::isCheckpointDue() const { return impl_->isCheckpointDue(); }
+void Store::checkpoint() { impl_->checkpoint(); }
 StoreStatus Store::snapshot() { return impl_->snapshot(); }
 StoreCounters Store::counters() const { return impl_->counters(); }
 std::uint64_t Store::commitsSinceSnapshot() const { return impl_->commitsSinceSnapshot(); }

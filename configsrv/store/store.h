@@ -133,6 +133,12 @@ class Store {
   // The same at once. Fails with kDiskFull or kIo; the next commit then tries again.
   StoreStatus forgetRecordsNow(std::uint64_t upTo);
 
+  // Whether the log has reached its size, so that it should be copied into the file.
+  bool isCheckpointDue() const;
+  // Copies it. Takes milliseconds, for which no writer should wait; but the second commit that finds it
+  // due does it first. No failure can matter: the log keeps what it has, and the next one tries again.
+  void checkpoint();
+
   // Replaces FILE.snapshot by a copy of the store as it is now. A failure (kDiskFull, kIo) leaves
   // the previous snapshot in place. Takes time in proportion to the store's size.
   StoreStatus snapshot();

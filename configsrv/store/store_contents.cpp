@@ -75,7 +75,7 @@ bool readOptional(const Statement& row, int column, std::optional<Number>* numbe
   return row.isNull(column) || narrow(row.number(column), &number->emplace());
 }
 
-bool readOptional(const Statement& row, int column, std::optional<std::string>* bytes) {
+bool readOptional(const Statement& row, int column, std::optional<std::string_view>* bytes) {
   bytes->reset();
   if (row.isNull(column)) return true;
   *bytes = row.bytes(column);
@@ -90,7 +90,7 @@ bool readRevision(const Statement& row, int column, std::uint64_t* revision) {
 }
 
 template <typename Strings>
-bool decodeOptional(const std::optional<std::string>& bytes, std::optional<Strings>* strings) {
+bool decodeOptional(const std::optional<std::string_view>& bytes, std::optional<Strings>* strings) {
   strings->reset();
   if (!bytes) return true;
   *strings = decodeStrings<Strings>(*bytes);
@@ -101,20 +101,20 @@ std::optional<ConfigVar> readKey(const Statement& row) {
   std::int32_t nameSpace = 0;
   std::int32_t groupInstance = 0;
   std::int32_t nameInstance = 0;
-  const std::optional<std::string> group = row.bytes(1);
-  const std::optional<std::string> name = row.bytes(3);
+  const std::optional<std::string_view> group = row.bytes(1);
+  const std::optional<std::string_view> name = row.bytes(3);
   if (!narrow(row.number(0), &nameSpace) || !group || !narrow(row.number(2), &groupInstance) ||
       !name || !narrow(row.number(4), &nameInstance)) {
     return std::nullopt;
   }
-  return ConfigVar(nameSpace, *group, groupInstance, *name, nameInstance);
+  return ConfigVar(nameSpace, std::string(*group), groupInstance, std::string(*name), nameInstance);
 }
 
 // False when the row is not one that VariableTable::write made.
 bool readRow(const Statement& row, StoredVariable* variable, std::uint64_t* digest) {
   std::optional<ConfigVar> key = readKey(row);
-  std::optional<std::string> value;
-  std::optional<std::string> options;
+  std::optional<std::string_view> value;
+  std::optional<std::string_view> options;
   std::uint32_t checksum = 0;
   if (!key || !readOptional(row, 5, &value) || !readOptional(row, 6, &options) ||
       !readOptional(row, 7, &variable->defaultIndex) ||
@@ -294,7 +294,7 @@ bool readRecords(Database& database, std::vector<StoredRecord>* records) {
   Statement::Step step = rows.step();
   for (; step == Statement::Step::kRow; step = rows.step()) {
     const auto revision = static_cast<std::uint64_t>(rows.number(0).value_or(0));
-    records->push_back({revision, rows.bytes(1).value_or(std::string())});
+    records->push_back({revision, std::string(rows.bytes(1).value_or(std::string_view()))});
   }
   return step == Statement::Step::kDone;
 }

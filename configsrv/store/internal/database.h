@@ -49,6 +49,13 @@ class Database {
 
   // The size of the log's file.
   std::uint64_t logBytes() const;
+  // From now on a commit leaves the log as it is, and counts its pages; checkpoint() copies them into
+  // the file.
+  void countLogPages();
+  // The log's pages at the last commit, or 0 after a checkpoint.
+  int logPages() const { return *logPages_; }
+  // What fails is tried again by the next one: the log has it all.
+  void checkpoint();
   // Makes the log's file so much longer, by zeros, without flushing; false when that failed. What is
   // in the file stays as it is.
   bool extendLog(std::uint64_t bytes) const;
@@ -63,6 +70,8 @@ class Database {
 
   std::string file_;
   std::unique_ptr<sqlite3, Close> handle_;
+  // At one place wherever this object goes, for SQLite writes to it.
+  std::unique_ptr<int> logPages_ = std::make_unique<int>(0);
   bool opened_ = false;
 };
 
@@ -91,7 +100,8 @@ class Statement {
   // Columns count from 0. Nothing when the column holds another type, NULL included.
   bool isNull(int column) const;
   std::optional<std::int64_t> number(int column) const;
-  std::optional<std::string> bytes(int column) const;
+  // Good until the next step() or reset().
+  std::optional<std::string_view> bytes(int column) const;
   std::string text(int column) const;
 
  private:

@@ -27,8 +27,8 @@ std::optional<Strings> decodeStrings(std::string_view bytes);
 std::uint32_t crc32c(std::string_view bytes);
 
 // The value and the options are given encoded, as they stand in the row.
-std::uint32_t rowChecksum(const StoredVariable& variable, const std::optional<std::string>& value,
-                          const std::optional<std::string>& options);
+std::uint32_t rowChecksum(const StoredVariable& variable, std::optional<std::string_view> value,
+                          std::optional<std::string_view> options);
 
 // A row's part of the digest of a store's contents, which is the sum of those of all rows: so a
 // commit need not read the others. The checksum is the row's.

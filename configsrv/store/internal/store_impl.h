@@ -34,6 +34,8 @@ class Store::Impl {
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
   void forgetRecords(std::uint64_t upTo) { forgetUpTo_ = upTo; }
   StoreStatus forgetRecordsNow(std::uint64_t upTo);
+  bool isCheckpointDue() const { return database_.logPages() >= checkpointPages_; }
+  void checkpoint();
   StoreStatus snapshot();
   StoreCounters counters() const;
 
@@ -67,6 +69,8 @@ class Store::Impl {
   const std::uint64_t storeId_;
   StoreMark mark_;
   std::uint64_t forgetUpTo_ = 0;  // 0: no records are to be forgotten.
+  const int checkpointPages_;
+  int commitsWhileDue_ = 0;
   std::uint64_t snapshotRevision_;
   const Clock::duration snapshotEvery_;
   Clock::time_point snapshotTriedAt_ = Clock::now();

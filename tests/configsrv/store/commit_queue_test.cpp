@@ -191,6 +191,34 @@ TEST_F(CommitQueueTest, MegabytesOfOneUserDoNotGoBeforeAnothersFewBytes) {
   EXPECT_EQ(store().revision(), 7U);
 }
 
+// Copying the log takes about as long as a large commit, and nobody should wait for both.
+TEST_F(CommitQueueTest, WhatIsSmallGoesBetweenALargeCommitAndTheCopyingOfTheLog) {
+  const std::string large(2 * CommitQueue::kGroupBytes, 'x');
+  StoreOptions options{file_};
+  options.logPages = 20;
+  opened_ = Store::open(options);
+  ASSERT_NE(opened_.store, nullptr) << opened_.status.text;
+  startHeld();
+  for (const char* name : {"a1", "a2"}) submitFor(1000, name, large);
+  submitFor(999, "b1", "1");
+  submitFor(1001, "c1", "1");
+  submitFor(1001, "c2", large);
+  submitFor(1001, "c3", "1");
+  release();
+  finish();
+  ASSERT_EQ(batches_.size(), 10U);
+  EXPECT_THAT(namesOf(batches_[1]), testing::ElementsAre("b1"));
+  EXPECT_THAT(namesOf(batches_[2]), testing::ElementsAre("a1"));
+  EXPECT_THAT(namesOf(batches_[3]), testing::ElementsAre("c1"));
+  EXPECT_THAT(namesOf(batches_[4]), testing::IsEmpty()) << "the copying";
+  EXPECT_THAT(namesOf(batches_[5]), testing::ElementsAre("a2"));
+  EXPECT_THAT(namesOf(batches_[6]), testing::IsEmpty()) << "nothing small was in the way";
+  EXPECT_THAT(namesOf(batches_[7]), testing::ElementsAre("c2"));
+  EXPECT_THAT(namesOf(batches_[8]), testing::ElementsAre("c3"));
+  EXPECT_THAT(namesOf(batches_[9]), testing::IsEmpty());
+  EXPECT_EQ(store().revision(), 7U);
+}
+
 // Who keeps the queue full must not keep other work from being done.
 TEST_F(CommitQueueTest, OtherWorkWaitsForOneGroupAndNoMore) {
   const std::string large(CommitQueue::kGroupBytes, 'x');

@@ -61,6 +61,41 @@ TEST(RowCodecTest, AnyBytesAreAListOrRefused) {
 
 TEST(RowCodecTest, TheChecksumIsCrc32c) { EXPECT_EQ(crc32c("123456789"), 0xE3069283U); }
 
+// Bit by bit, as CRC-32C is defined (RFC 3720, B.4).
+std::uint32_t crcBitByBit(std::string_view bytes) {
+  std::uint32_t crc = 0xFFFFFFFFU;
+  for (const char c : bytes) {
+    crc ^= static_cast<unsigned char>(c);
+    for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ ((crc & 1U) != 0 ? 0x82F63B78U : 0);
+  }
+  return ~crc;
+}
+
+TEST(RowCodecTest, TheChecksumIsTheSameForEveryLengthAndPlace) {
+  std::mt19937 random(2);
+  std::string bytes(64, '\0');
+  for (char& c : bytes) c = static_cast<char>(random());
+  for (std::size_t from = 0; from < 8; ++from) {
+    for (std::size_t length = 0; length + from <= bytes.size(); ++length) {
+      const std::string_view part = std::string_view(bytes).substr(from, length);
+      ASSERT_EQ(crc32c(part), crcBitByBit(part)) << from << ", " << length;
+    }
+  }
+}
+
+// A store that was written before must be readable, and by the version that wrote it too.
+TEST(RowCodecTest, TheChecksumOfARowIsThatOfItsPartsOneAfterAnother) {
+  StoredVariable variable(ConfigVar(1, "group", 2, "name", 3));
+  variable.readRole = 4;
+  variable.valueChangedAt = 5;
+  using namespace std::string_literals;
+  const std::string value = "a value of more than eight bytes";
+  const std::string row = "\1\0\0\0\5\0\0\0group\2\0\0\0\4\0\0\0name\3\0\0\0\1\x20\0\0\0"s + value +
+                          "\0\0\0\0\0\0\1\4\0\0\0\0\0\0\0\0\5\0\0\0\0\0\0\0"s +
+                          std::string(16, '\0');
+  EXPECT_EQ(rowChecksum(variable, value, std::nullopt), crcBitByBit(row));
+}
+
 TEST(RowCodecTest, TheChecksumSeesEveryField) {
   StoredVariable base(ConfigVar(1, "group", 2, "name", 3));
   base.defaultIndex = 0;
