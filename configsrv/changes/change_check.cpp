@@ -251,6 +251,7 @@ StoreChange asStored(const Variable& variable, StoreChange change) {
   // Roles have no part in what else can be used.
   if (!std::holds_alternative<StoreChange::SetAccess>(change.what))
     change.forgotten = {variable.hasLeftOutValue(), variable.hasLeftOutOptions()};
+  change.row = variable.rowBefore(change);
   return change;
 }
 

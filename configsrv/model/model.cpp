@@ -74,11 +74,13 @@ bool leaveOutOptions(StoredVariable& stored, const VariableShape& shape,
   return true;
 }
 
-void leaveOutRole(const ConfigVar& key, const char* what, std::optional<int>& role,
+// Whether it was left out.
+bool leaveOutRole(const ConfigVar& key, const char* what, std::optional<int>& role,
                   std::vector<std::string>& lines) {
-  if (!role || isRole(*role)) return;
+  if (!role || isRole(*role)) return false;
   lines.push_back(left(key, what, std::to_string(*role) + " is no role"));
   role.reset();
+  return true;
 }
 
 // Whether it was left out.
@@ -141,6 +143,12 @@ std::uint64_t Variable::changedAt() const {
   return std::max({valueChangedAt(), optionsChangedAt(), accessChangedAt()});
 }
 
+std::optional<StoreChange::Row> Variable::rowBefore(const StoreChange& change) const {
+  if (stored_ && (stored_->leftOut.value || stored_->leftOut.options || stored_->leftOutRole))
+    return std::nullopt;
+  return ConfigSrv::rowBefore(stored_.get(), change);
+}
+
 Model::Model(Definitions definitions) : definitions_(std::move(definitions)) {
   variables_.reserve(definitions_.size());
   for (const VariableDefinition& definition : definitions_) variables_.emplace_back(definition);
@@ -170,11 +178,12 @@ std::vector<std::string> Model::restore(std::vector<StoredVariable> stored,
 void Model::restoreOne(Variable& variable, StoredVariable stored, std::vector<std::string>& lines) {
   StoreChange::Forgotten leftOut;
   leftOut.options = leaveOutOptions(stored, variable.shape(), lines);
-  leaveOutRole(stored.key, "read role", stored.readRole, lines);
-  leaveOutRole(stored.key, "write role", stored.writeRole, lines);
+  const bool readRole = leaveOutRole(stored.key, "read role", stored.readRole, lines);
+  const bool writeRole = leaveOutRole(stored.key, "write role", stored.writeRole, lines);
   leftOut.value = leaveOutValue(stored, variable.shape(), lines);
   variable.stored_ = std::make_unique<Variable::Usable>(std::move(stored));
   variable.stored_->leftOut = leftOut;
+  variable.stored_->leftOutRole = readRole || writeRole;
   if (!variable.isDefault()) ++changedVariables_;
 }
 

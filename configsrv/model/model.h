@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -66,6 +67,10 @@ class Variable {
   bool hasLeftOutValue() const { return stored_ && stored_->leftOut.value; }
   bool hasLeftOutOptions() const { return stored_ && stored_->leftOut.options; }
 
+  // The variable's row in the store, for a change of it. Nothing when a part of the row was left out:
+  // then only the store has it.
+  std::optional<StoreChange::Row> rowBefore(const StoreChange& change) const;
+
  private:
   friend class Model;
 
@@ -73,6 +78,7 @@ class Variable {
   struct Usable : StoredVariable {
     explicit Usable(StoredVariable stored) : StoredVariable(std::move(stored)) {}
     StoreChange::Forgotten leftOut{};
+    bool leftOutRole = false;
   };
 
   const VariableDefinition* definition_;

@@ -1,18 +1,18 @@
 // CommitQueue: what waits to be made durable, so that whoever answers reads never waits for the disk.
 //
-// Grouping what is submitted while a commit is on its way goes into the next one together: ten
-//          writers pay for one write to the disk. Each transaction keeps a revision of its own.
-//          A group fails as a whole.
-// Fairness a group ends at kGroupBytes and takes from each user in turn, so that the megabytes of one
-//          do not go before the few bytes of another. Those of one user keep their order. When the
-//          store's log is due to be copied, that is a turn like a group's, behind one of what is small.
-// Threads  submit() from any. The queue has no thread: `start` is called, with no lock
-//          held, by the submit() or take() that finds something to do and nobody doing it. It
-//          brings about one commit(), on a thread that may wait for the disk, and then one take(),
-//          wherever the `done` functions are to be called: the queue does not call them.
-// Owns     what waits. The store is the caller's, and commit()'s alone while that runs.
-// Limits   none of its own: what waits here is a request whose sender waits for the answer, so
-//          the serving side's limit of requests on their way is the limit of this queue.
+// Grouping: what is submitted while a commit is on its way goes into the next one together: ten
+//           writers pay for one write to the disk. Each transaction keeps a revision of its own.
+//           A group fails as a whole.
+// Fairness: a group ends at kGroupBytes and takes from each user in turn, so that the megabytes of one
+//           do not go before the few bytes of another. Those of one user keep their order. When the
+//           store's log is due to be copied, that is a turn like a group's, behind one of what is small.
+// Threads:  submit() from any. The queue has no thread: `start` is called, with no lock
+//           held, by the submit() or take() that finds something to do and nobody doing it. It
+//           brings about one commit(), on a thread that may wait for the disk, and then one take(),
+//           wherever the `done` functions are to be called: the queue does not call them.
+// Owns:     what waits. The store is the caller's, and commit()'s alone while that runs.
+// Limits:   none of its own: what waits here is a request whose sender waits for the answer, so
+//           the serving side's limit of requests on their way is the limit of this queue.
 //
 //   CommitQueue queue(*store, [&] {
 //     loop.aside([&] { queue.commit(); },

@@ -1,3 +1,6 @@
+// Thin: each function is one call of SQLite. What takes room is telling failures apart. SQLite has many
+// codes for "the disk is full" and "the file is damaged", and the system's own reason, which decides what
+// the caller can do, has to be asked of the file that failed.
 #include "configsrv/store/internal/database.h"
 
 #include <sqlite3.h>
@@ -181,6 +184,8 @@ std::uint64_t Database::takePagesWritten() {
   sqlite3_db_status(handle(), SQLITE_DBSTATUS_CACHE_WRITE, &pages, &unused, kStartAnew);
   return static_cast<std::uint64_t>(pages);
 }
+
+int Database::rowsChanged() const { return sqlite3_changes(handle()); }
 
 std::uint64_t Database::logBytes() const {
   std::uint64_t bytes = 0;

@@ -1,3 +1,6 @@
+// Each function is one call of the system, repeated where a signal ended it, and its errno. A store's
+// durability hangs on what is synced when: a file's contents by fsync of the file, its name by fsync of
+// the directory that has it.
 #include "configsrv/store/internal/file_system.h"
 
 #include <fcntl.h>

@@ -1,3 +1,6 @@
+// A row's checksum is that of its parts one after another, each with its length or presence before it, so
+// that no two different rows have the same parts. The parts are appended to one short text; a value or
+// options, which may be long, are summed where they are.
 #include "configsrv/store/internal/row_codec.h"
 
 #include <array>
@@ -116,7 +119,10 @@ void addOptional(std::optional<std::string_view> bytes, std::string* row, Crc* c
 
 template <typename Strings>
 std::string encodeStrings(const Strings& strings) {
+  std::size_t size = 0;
+  for (const std::string& string : strings) size += kLengthBytes + string.size();
   std::string bytes;
+  bytes.reserve(size);
   for (const std::string& string : strings) appendBytes(string, &bytes);
   return bytes;
 }
@@ -170,6 +176,11 @@ std::uint64_t rowDigest(const StoredVariable& variable, std::uint32_t checksum) 
        {variable.valueChangedAt, variable.optionsChangedAt, variable.accessChangedAt})
     digest = mixed(digest + revision);
   return digest;
+}
+
+std::uint64_t rowDigest(const StoredVariable& variable) {
+  return rowDigest(variable, rowChecksum(variable, encodeOptional(variable.value),
+                                         encodeOptional(variable.options)));
 }
 
 std::uint32_t metaChecksum(std::int64_t format, std::uint64_t storeId) {

@@ -1,6 +1,5 @@
-// A commit is one SQLite transaction: for each change the row is read, changed by applyChange and
-// written whole, with its checksum. Reading first costs some microseconds of a page in memory,
-// beside the hundreds that the disk takes, and makes a row a thing that can be checked.
+// A commit is one SQLite transaction: each change begins with the row as it is, which its maker brings or
+// the store reads, changes it by applyChange and writes it whole, with its checksum.
 //
 // The log is not copied into the file by the commit that fills it, whose writer would wait for that, but
 // by whoever has time for it before the next commit but one, or else by that.
@@ -161,20 +160,31 @@ StoreStatus Store::Impl::openRecords(bool keep, std::vector<StoredRecord>* recor
   return status;
 }
 
-StoreStatus Store::Impl::writeChange(const StoreChange& change, StoreMark* after) {
-  StoredVariable variable(change.key);
-  std::uint64_t before = 0;
-  const VariableTable::Found found = table_.read(&variable, &before);
+StoreStatus Store::Impl::readRow(const StoreChange& change, StoreChange::Row* row) {
+  const VariableTable::Found found = table_.read(&row->content, &row->digest);
   if (found == VariableTable::Found::kFailed) return writeFailure();
   if (found == VariableTable::Found::kDamaged) {
     return {StoreCode::kIo, "cannot write to the store " + files_.file() + ": its row of " +
                                 change.key.dottedName() +
                                 " is damaged; restart the service, which sets the file aside"};
   }
-  applyChange(change, after->revision, &variable);
+  row->exists = found == VariableTable::Found::kRow;
+  return {};
+}
+
+StoreStatus Store::Impl::writeChange(const StoreChange& change, StoreMark* after) {
+  StoreChange::Row row =
+      change.row ? *change.row : StoreChange::Row{false, 0, StoredVariable(change.key)};
+  if (!change.row) {
+    StoreStatus status = readRow(change, &row);
+    if (!status.ok()) return status;
+  }
+  applyChange(change, after->revision, &row.content);
   std::uint64_t written = 0;
-  if (!table_.write(variable, &written)) return writeFailure();
-  after->digest += written - before;
+  const bool wrote =
+      row.exists ? table_.replace(row.content, &written) : table_.write(row.content, &written);
+  if (!wrote) return writeFailure();
+  after->digest += written - row.digest;
   if (!records_ || change.record.empty()) return {};
   return records_->add(after->revision, change.record) ? StoreStatus() : writeFailure();
 }

@@ -1,7 +1,7 @@
 // Store: the durable memory of the configuration service. It holds only what differs from the
 // definitions, with a revision that grows by one with each committed transaction.
 //
-// Shape    one file, with companions beside it while in use: FILE-wal (the log), FILE.lock, and
+// Shape:   one file, with companions beside it while in use: FILE-wal (the log), FILE.lock, and
 //          FILE.snapshot (the last snapshot). Files get mode 0600; a missing directory is made,
 //          with mode 0700, its missing parents too.
 // Durable  what commit() acknowledged survives the loss of power.
@@ -20,9 +20,9 @@
 //          told to forget it: for whoever writes it elsewhere too, and cannot do both at once.
 // Past     with a Witness, a store that is not the one that clients were told of last (an older copy
 //          that was put back, a log whose end is missing) gets a new id, and the notice says so.
-// Threads  one at a time; it may be opened on one thread and used on another. While a CommitQueue
+// Threads: one at a time; it may be opened on one thread and used on another. While a CommitQueue
 //          has it, it is the queue's.
-// Owns     its files, from open() to destruction; a second open() of the same file is refused, in
+// Owns:    its files, from open() to destruction; a second open() of the same file is refused, in
 //          this process or any other.
 //
 //   OpenedStore opened = Store::open({"/var/lib/appconfig/store.db"});

@@ -1,3 +1,6 @@
+// The SQL of the tables, and what becomes of a row on its way: columns that hold another type, numbers out
+// of range and a wrong checksum make the row damaged. Whatever stands in the file, nothing of it is
+// believed before that.
 #include "configsrv/store/internal/store_contents.h"
 
 #include <algorithm>
@@ -38,6 +41,10 @@ const char kSelectAll[] =
 const char kSelectOne[] = "SELECT " APPCONFIG_VARIABLE_COLUMNS
                           " FROM variable WHERE namespace=?1 AND group_name=?2 AND "
                           "group_instance=?3 AND name=?4 AND name_instance=?5";
+const char kReplaceOne[] =
+    "UPDATE variable SET value=?6, options=?7, default_index=?8, read_role=?9, write_role=?10, "
+    "value_at=?11, options_at=?12, access_at=?13, checksum=?14 WHERE namespace=?1 AND "
+    "group_name=?2 AND group_instance=?3 AND name=?4 AND name_instance=?5";
 const char kWriteOne[] =
     "INSERT INTO variable (" APPCONFIG_VARIABLE_COLUMNS
     ") VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14) "
@@ -142,12 +149,6 @@ template <typename Number>
 std::optional<std::int64_t> widen(const std::optional<Number>& number) {
   if (!number) return std::nullopt;
   return std::int64_t{*number};
-}
-
-template <typename Strings>
-std::optional<std::string> encodeOptional(const std::optional<Strings>& strings) {
-  if (!strings) return std::nullopt;
-  return encodeStrings(*strings);
 }
 
 bool hasSchema(Database& database, const char* table, const char* schema) {
@@ -315,7 +316,10 @@ bool RecordTable::forget(std::uint64_t upTo) {
 }
 
 VariableTable::VariableTable(const Database& database)
-    : select_(database, kSelectOne), write_(database, kWriteOne) {}
+    : database_(database),
+      select_(database, kSelectOne),
+      replace_(database, kReplaceOne),
+      write_(database, kWriteOne) {}
 
 VariableTable::Found VariableTable::read(StoredVariable* variable, std::uint64_t* digest) {
   const ConfigVar key = variable->key;  // What is bound must outlive the reading of the row.
@@ -329,21 +333,32 @@ VariableTable::Found VariableTable::read(StoredVariable* variable, std::uint64_t
 }
 
 bool VariableTable::write(const StoredVariable& variable, std::uint64_t* digest) {
+  return writeWith(&write_, variable, digest);
+}
+
+// Finding a row to replace costs less than finding out whether it has to be added.
+bool VariableTable::replace(const StoredVariable& variable, std::uint64_t* digest) {
+  if (!writeWith(&replace_, variable, digest)) return false;
+  return database_.rowsChanged() == 1 || write(variable, digest);
+}
+
+bool VariableTable::writeWith(Statement* statement, const StoredVariable& variable,
+                              std::uint64_t* digest) {
   const std::optional<std::string> value = encodeOptional(variable.value);
   const std::optional<std::string> options = encodeOptional(variable.options);
-  bindKey(variable.key, &write_);
-  write_.bind(6, value);
-  write_.bind(7, options);
-  write_.bind(8, widen(variable.defaultIndex));
-  write_.bind(9, widen(variable.readRole));
-  write_.bind(10, widen(variable.writeRole));
-  write_.bind(11, static_cast<std::int64_t>(variable.valueChangedAt));
-  write_.bind(12, static_cast<std::int64_t>(variable.optionsChangedAt));
-  write_.bind(13, static_cast<std::int64_t>(variable.accessChangedAt));
+  bindKey(variable.key, statement);
+  statement->bind(6, value);
+  statement->bind(7, options);
+  statement->bind(8, widen(variable.defaultIndex));
+  statement->bind(9, widen(variable.readRole));
+  statement->bind(10, widen(variable.writeRole));
+  statement->bind(11, static_cast<std::int64_t>(variable.valueChangedAt));
+  statement->bind(12, static_cast<std::int64_t>(variable.optionsChangedAt));
+  statement->bind(13, static_cast<std::int64_t>(variable.accessChangedAt));
   const std::uint32_t checksum = rowChecksum(variable, value, options);
-  write_.bind(14, std::int64_t{checksum});
+  statement->bind(14, std::int64_t{checksum});
   *digest = rowDigest(variable, checksum);
-  return write_.finish();
+  return statement->finish();
 }
 
 }  // namespace ConfigSrv

@@ -1,8 +1,8 @@
 // StoreStatus: how an operation of the store ended: a code to act on and a text to show.
 //
-// Shape    kOk with an empty text; any other code with one line that says what happened, to which
+// Shape:   kOk with an empty text; any other code with one line that says what happened, to which
 //          file, and what to do.
-// Threads  a plain value.
+// Threads: a plain value.
 //
 //   StoreStatus status = store.snapshot();
 //   if (!status.ok()) log(status.text);

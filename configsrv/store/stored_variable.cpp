@@ -1,6 +1,10 @@
+// What each kind of change does to a variable; the model and the store both come here, so that memory and
+// disk cannot disagree.
 #include "configsrv/store/stored_variable.h"
 
 #include <functional>
+
+#include "configsrv/store/internal/row_codec.h"
 
 namespace ConfigSrv {
 namespace {
@@ -62,6 +66,24 @@ bool operator==(const StoredVariable& a, const StoredVariable& b) {
 void applyChange(const StoreChange& change, std::uint64_t revision, StoredVariable* variable) {
   forget(change.forgotten, *variable);
   std::visit(Applier{revision, variable}, change.what);
+}
+
+StoreChange::Row rowBefore(const StoredVariable* stored, const StoreChange& change) {
+  StoreChange::Row row{stored != nullptr, 0, StoredVariable(change.key)};
+  if (stored == nullptr) return row;
+  row.digest = rowDigest(*stored);
+  StoredVariable& content = row.content;
+  const bool replacesValue = std::holds_alternative<StoreChange::SetValue>(change.what);
+  // A value may be of a megabyte.
+  if (!replacesValue) content.value = stored->value;
+  content.options = stored->options;
+  content.defaultIndex = stored->defaultIndex;
+  content.readRole = stored->readRole;
+  content.writeRole = stored->writeRole;
+  content.valueChangedAt = stored->valueChangedAt;
+  content.optionsChangedAt = stored->optionsChangedAt;
+  content.accessChangedAt = stored->accessChangedAt;
+  return row;
 }
 
 }  // namespace ConfigSrv

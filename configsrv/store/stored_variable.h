@@ -1,10 +1,10 @@
 // StoredVariable: what the store remembers of one variable; StoreChange: one change to that.
 //
-// Shape    everything absent means "as the definitions say". Values and options are byte strings
+// Shape:   everything absent means "as the definitions say". Values and options are byte strings
 //          of any bytes, the NUL included. Roles are numbers that the store does not interpret.
 //          Revisions are those of the commits; 0 means never.
-// Errors   none: every combination can be stored. Whether a value fits is checked before.
-// Threads  plain values.
+// Errors:  none: every combination can be stored. Whether a value fits is checked before.
+// Threads: plain values.
 //
 //   StoreChange change{ConfigVar("network", 0, "mtu", 0), StoreChange::SetValue{{"1500"}}};
 //   applyChange(change, 7, &variable);  // variable.valueChangedAt == 7
@@ -44,6 +44,13 @@ inline bool operator!=(const StoredVariable& a, const StoredVariable& b) { retur
 // Each kind marks what it touches as changed, even when it puts back what was there: a change that
 // changes nothing is for the caller to leave out.
 struct StoreChange {
+  // The row of the variable as it stands in the store.
+  struct Row {
+    bool exists = false;
+    std::uint64_t digest = 0;  // What it adds to the store's; 0 when there is none.
+    StoredVariable content;    // Without a value that the change replaces.
+  };
+
   struct SetValue {
     std::list<std::string> value;
   };
@@ -68,6 +75,8 @@ struct StoreChange {
   ConfigVar key;
   std::variant<SetValue, ResetValue, SetOptions, SetAccess, ResetAttributes> what;
   Forgotten forgotten{};
+  // For a change whose maker knows the row: the store then need not read it before it writes it.
+  std::optional<Row> row{};
   // Kept beside the change, in the same commit, by a store that keeps records; empty: none.
   std::string record{};
 };
@@ -84,5 +93,8 @@ using StoreTransaction = std::vector<StoreChange>;
 // The one place that knows what a change does, so that memory and disk cannot disagree. The keys
 // are taken to be the same.
 void applyChange(const StoreChange& change, std::uint64_t revision, StoredVariable* variable);
+
+// The row, as a change of it needs it; null when the store has none.
+StoreChange::Row rowBefore(const StoredVariable* stored, const StoreChange& change);
 
 }  // namespace ConfigSrv

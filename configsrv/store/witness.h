@@ -6,7 +6,7 @@
 // socket, in memory, so it lives exactly as long as clients can remember anything: until the device
 // starts anew.
 //
-// Shape    one record of fixed size, written whole by one system call: the epoch, the digest of the
+// Shape:   one record of fixed size, written whole by one system call: the epoch, the digest of the
 //          definitions, the store's id, what is committed, and what is about to be. It is written
 //          before a commit and once more behind it, before anybody hears of it: so whenever the
 //          process ends the store holds one of the two, and once somebody was told, that one.
@@ -15,7 +15,7 @@
 // Faults   a file that cannot be written stops nobody: it is said once, and the next start finds a
 //          store that does not continue it, or no record, and begins a new epoch. One that cannot
 //          be read, is half written, a symbolic link or another user's is not used and said.
-// Threads  one at a time; it may be begun on one thread and used on another.
+// Threads: one at a time; it may be begun on one thread and used on another.
 //
 //   Witness witness("/run/appconfig/ConfigSrvc.witness", warn);
 //   witness.read();

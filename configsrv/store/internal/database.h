@@ -1,7 +1,7 @@
 // Database, Statement: SQLite's handles, closed by destructors, with failures as StoreStatus.
 //
-// Threads  one at a time.
-// Owns     the connection and the statement; a Statement must go before its Database.
+// Threads: one at a time.
+// Owns:    the connection and the statement; a Statement must go before its Database.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +47,8 @@ class Database {
   // Pages written to the log, or the file, since the last call.
   std::uint64_t takePagesWritten();
 
+  // The rows that the last statement changed.
+  int rowsChanged() const;
   // The size of the log's file.
   std::uint64_t logBytes() const;
   // From now on a commit leaves the log as it is, and counts its pages; checkpoint() copies them into

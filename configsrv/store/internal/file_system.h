@@ -2,8 +2,8 @@
 // system can fail, or be cut off in. SQLite's own reads and writes go through its VFS; a test that
 // takes the power away replaces both.
 //
-// Errors   every function returns 0 or the errno of what went wrong.
-// Threads  one at a time for each store; several stores share posixFileSystem().
+// Errors:  every function returns 0 or the errno of what went wrong.
+// Threads: one at a time for each store; several stores share posixFileSystem().
 #pragma once
 
 #include <cstdint>

@@ -10,7 +10,7 @@
 // commit that needed it. Once the log has reached its limit it starts over in the same file, and
 // nothing is reserved any more.
 //
-// Threads  one at a time.
+// Threads: one at a time.
 #pragma once
 
 #include <cstdint>

@@ -7,7 +7,7 @@
 // they are lost, and not cut short. Damage in the last two commits of a log proves nothing, nor does
 // a log whose end is missing.
 //
-// Cost     reads the log once, at the start; commits pay nothing.
+// Cost:    reads the log once, at the start; commits pay nothing.
 #pragma once
 
 #include <cstdint>

@@ -33,6 +33,14 @@ std::uint32_t rowChecksum(const StoredVariable& variable, std::optional<std::str
 // A row's part of the digest of a store's contents, which is the sum of those of all rows: so a
 // commit need not read the others. The checksum is the row's.
 std::uint64_t rowDigest(const StoredVariable& variable, std::uint32_t checksum);
+// The same of a row that is not encoded.
+std::uint64_t rowDigest(const StoredVariable& variable);
+
+template <typename Strings>
+std::optional<std::string> encodeOptional(const std::optional<Strings>& strings) {
+  if (!strings) return std::nullopt;
+  return encodeStrings(*strings);
+}
 
 std::uint32_t metaChecksum(std::int64_t format, std::uint64_t storeId);
 

@@ -79,16 +79,22 @@ class VariableTable {
 
   explicit VariableTable(const Database& database);
 
-  bool isReady() const { return select_.isReady() && write_.isReady(); }
+  bool isReady() const { return select_.isReady() && replace_.isReady() && write_.isReady(); }
 
   // Fills in the row of variable->key, and sets its part of the digest; kNothing leaves both as they
   // are.
   Found read(StoredVariable* variable, std::uint64_t* digest);
   // Adds the row or replaces it, and sets its part of the digest.
   [[nodiscard]] bool write(const StoredVariable& variable, std::uint64_t* digest);
+  // The same for a row that is known to be there, in less time.
+  [[nodiscard]] bool replace(const StoredVariable& variable, std::uint64_t* digest);
 
  private:
+  bool writeWith(Statement* statement, const StoredVariable& variable, std::uint64_t* digest);
+
+  const Database& database_;
   Statement select_;
+  Statement replace_;
   Statement write_;
 };
 

@@ -1,8 +1,8 @@
 // store_files: the store's files as files: who holds them, what they are called, and the moves
 // that survive a loss of power half-way.
 //
-// Errors   StoreStatus, with the path, the system's reason and what to do.
-// Threads  one at a time; the lock keeps every other process and every other Store away.
+// Errors:  StoreStatus, with the path, the system's reason and what to do.
+// Threads: one at a time; the lock keeps every other process and every other Store away.
 #pragma once
 
 #include <string>

@@ -47,6 +47,8 @@ class Store::Impl {
   void countWrite();
   StoreStatus writeAll(const std::vector<StoreTransaction>& transactions,
                        std::vector<std::uint64_t>* revisions, StoreMark* after);
+  // The row that a change begins with, read when the change does not bring it.
+  StoreStatus readRow(const StoreChange& change, StoreChange::Row* row);
   // Gives the change the revision of `after`, and `after` the digest that it leads to.
   StoreStatus writeChange(const StoreChange& change, StoreMark* after);
   StoreStatus writeTransactions(const std::vector<StoreTransaction>& transactions,

@@ -1,7 +1,7 @@
 // StoreOpening: the way from a path to an open, checked database, past whatever is found there.
 //
-// Errors   run() fails only with what setting aside and beginning anew cannot cure.
-// Threads  one; made, run and emptied by Store::open.
+// Errors:  run() fails only with what setting aside and beginning anew cannot cure.
+// Threads: one; made, run and emptied by Store::open.
 #pragma once
 
 #include <cstdint>

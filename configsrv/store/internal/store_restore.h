@@ -6,10 +6,10 @@
 // of the old store goes, and FILE.restore goes last: wherever this is cut off, the next opening does
 // it again from the start.
 //
-// Errors   a copy that is no good never keeps a store from being opened: it is set aside as
+// Errors:  a copy that is no good never keeps a store from being opened: it is set aside as
 //          FILE.restore.damaged-<UTC time>, and the notice says so. One that cannot be put in place
 //          now, for want of space, waits for the next opening.
-// Threads  one at a time.
+// Threads: one at a time.
 #pragma once
 
 #include <cstdint>

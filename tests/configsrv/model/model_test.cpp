@@ -263,6 +263,35 @@ TEST_F(ModelTest, AStoredNumberThatIsNoRoleIsLeftOut) {
   EXPECT_EQ(variable("net.mode").writeRole(), eRoleFactory);
 }
 
+TEST_F(ModelTest, AChangeIsGivenTheRowAsItStandsInTheStore) {
+  const StoreChange options{keyOf("net.mode"), StoreChange::SetOptions{{{"auto", "off"}}, 0}};
+  EXPECT_FALSE(variable("net.mode").rowBefore(options)->exists);
+  model_.apply(setValue("net.mode", {"manual"}), 4);
+  const std::optional<StoreChange::Row> row = variable("net.mode").rowBefore(options);
+  ASSERT_TRUE(row);
+  StoredVariable expected(keyOf("net.mode"));
+  expected.value = {"manual"};
+  expected.valueChangedAt = 4;
+  EXPECT_TRUE(row->exists);
+  EXPECT_EQ(row->content, expected);
+  EXPECT_NE(row->digest, 0U);
+}
+
+// Only the store has what was left out, and a change of something else must not lose it.
+TEST_F(ModelTest, ARowOfWhichAnythingWasLeftOutIsLeftToTheStore) {
+  StoredVariable value(keyOf("net.mtu"));
+  value.value = {"no number"};
+  StoredVariable options(keyOf("net.mode"));
+  options.options = {"off"};
+  StoredVariable role(keyOf("net.name"));
+  role.writeRole = 17;
+  model_.restore({value, options, role}, 1);
+  for (const char* key : {"net.mtu", "net.mode", "net.name"})
+    EXPECT_FALSE(variable(key).rowBefore({keyOf(key), StoreChange::ResetAttributes{}})) << key;
+  model_.apply({keyOf("net.mtu"), StoreChange::SetValue{{"1400"}}, {true, false}}, 2);
+  EXPECT_TRUE(variable("net.mtu").rowBefore({keyOf("net.mtu"), StoreChange::ResetValue{}}));
+}
+
 TEST_F(ModelTest, StoredVariablesWithoutADefinitionAreReportedTogether) {
   EXPECT_THAT(model_.restore({StoredVariable(keyOf("a.b")), StoredVariable(keyOf("a.c"))}, 1),
               ElementsAre(AllOf(HasSubstr("2 stored variables have no definition"),

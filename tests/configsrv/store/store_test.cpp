@@ -1,5 +1,8 @@
 #include "configsrv/store/store.h"
 
+#include <map>
+#include <random>
+
 #include "configsrv/store/internal/log_reserve.h"
 #include "tests/configsrv/store/store_fixture.h"
 
@@ -263,6 +266,54 @@ TEST_F(StoreTest, TheLogIsCopiedByTheSecondCommitThatFindsItFullOrByWhoeverComes
   EXPECT_FALSE(store().isCheckpointDue());
   open();
   EXPECT_EQ(value("a"), "second");
+}
+
+// One of each kind by turns, of values short and long.
+StoreChange someChange(std::mt19937& random, const ConfigVar& key) {
+  const std::string text(random() % 2 == 0 ? 3 : 9000, static_cast<char>('a' + random() % 26));
+  const int role = static_cast<int>(random() % 6);
+  switch (random() % 5) {
+    case 0:
+      return {key, StoreChange::SetValue{{text, "second"}}};
+    case 1:
+      return {key, StoreChange::ResetValue{}};
+    case 2:
+      return {key, StoreChange::SetOptions{{{text, "other"}}, random() % 2}};
+    case 3:
+      return {key, StoreChange::SetAccess{role, std::nullopt}};
+    default:
+      return {key, StoreChange::ResetAttributes{}};
+  }
+}
+
+TEST_F(StoreTest, AChangeThatBringsItsRowLeavesTheStoreAsOneWhoseRowIsRead) {
+  std::mt19937 random(3);
+  std::map<std::string, StoredVariable> rows;
+  open();
+  for (int i = 0; i < 300; ++i) {
+    const std::string name = std::to_string(random() % 7);
+    StoreChange change = someChange(random, keyOf(name));
+    const auto row = rows.find(name);
+    if (random() % 4 != 0)
+      change.row = rowBefore(row == rows.end() ? nullptr : &row->second, change);
+    const std::uint64_t revision = commit({change});
+    applyChange(change, revision, &rows.emplace(name, keyOf(name)).first->second);
+  }
+  const StoreMark mark = store().mark();
+  open();
+  EXPECT_EQ(store().mark(), mark);
+  ASSERT_EQ(variables().size(), rows.size());
+  for (const StoredVariable& variable : variables())
+    EXPECT_EQ(variable, rows.at(variable.key.name())) << variable.key.name();
+}
+
+TEST_F(StoreTest, ARowThatIsWronglySaidToBeThereIsAdded) {
+  open();
+  StoreChange change = setting("a", "1");
+  change.row = StoreChange::Row{true, 0, StoredVariable(change.key)};
+  commit({change});
+  open();
+  EXPECT_EQ(value("a"), "1");
 }
 
 TEST_F(StoreTest, ACommitOfNothingWritesNothing) {
