@@ -1,3 +1,8 @@
+// Clients as bytes on a socket: frames are made and taken apart here, and what comes from the
+// service has to be in form.
+//
+// The socket has a name that the kernel chose, so that runs beside each other do not meet. Nothing
+// blocks: the server is stepped by hand, on the same thread (runSteps).
 #include "fuzz/clients.h"
 
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // HeapPeak: the most memory that operator new gave out at one time, since the object was made.
 //
-// Threads  one; the program has no other. One object at a time.
+// Threads:  one; the program has no other. One object at a time.
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,9 @@
+// Ties the service's objects together, and after each step checks what has to hold whatever came
+// in.
+//
+// Definitions and store are made once for all runs. Log and audit record are checked line by line;
+// at the end of a run a second model is restored from what commits kept and has to equal the
+// first.
 #include "fuzz/service_harness.h"
 
 #include <algorithm>

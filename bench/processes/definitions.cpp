@@ -1,3 +1,6 @@
+// Writes definitions for a service of any size: a few variables that are measured, and others of
+// all types that are only there. They are spread over files of a thousand each, because
+// there is a limit to the length of a file.
 #include "bench/processes/definitions.h"
 
 #include <filesystem>

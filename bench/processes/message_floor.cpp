@@ -1,3 +1,5 @@
+// The floor of every exchange: as many bytes there and back between two processes over a socket
+// pair, with nothing done to them. What the message layer costs is what comes on top.
 #include "bench/processes/message_floor.h"
 
 #include <sys/epoll.h>

@@ -12,16 +12,16 @@
 //   thermostat-ui = "thermostat"  # nobody else's; "*": everybody's, many at once. However it is
 //                                 # spelled (name_form.h); two names that look alike are a mistake
 //
-// Rules    1. A user named in [users] has that role, be it higher or lower than what follows.
-//          2. Otherwise root and the service's own user may claim any role.
-//          3. Otherwise the highest role of those of the user's groups that [groups] names.
-//          4. Otherwise the default. Without a file that is "user".
-// Errors   all mistakes of the file are found in one run; a name that this device does not know is
-//          one. A file that does not exist is none.
-// Trust    whoever can change the file can give themselves any role. So a file that is a symbolic
-//          link, that belongs to others than root and the service's own user, or that its group or
-//          others may write, is not read: `distrust` says why, and the rules without a file hold.
-// Threads  any number of threads may ask at once.
+// Rules:    1. A user named in [users] has that role, be it higher or lower than what follows.
+//           2. Otherwise root and the service's own user may claim any role.
+//           3. Otherwise the highest role of those of the user's groups that [groups] names.
+//           4. Otherwise the default. Without a file that is "user".
+// Errors:   all mistakes of the file are found in one run; a name that this device does not know is
+//           one. A file that does not exist is none.
+// Trust:    whoever can change the file can give themselves any role. So a file that is a symbolic
+//           link, that belongs to others than root and the service's own user, or that its group or
+//           others may write, is not read: `distrust` says why, and the rules without a file hold.
+// Threads:  any number of threads may ask at once.
 #pragma once
 
 #include <sys/types.h>

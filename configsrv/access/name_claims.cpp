@@ -1,3 +1,8 @@
+// Counts endpoints by folded name and user, which is all that the rules need.
+//
+// A name is held from its first endpoint to its last. What was said of a name and a user is
+// remembered only so that the log does not repeat it; the memory is bounded by forgetting all of
+// it.
 #include "configsrv/access/name_claims.h"
 
 #include "configsrv/access/name_form.h"

@@ -4,18 +4,18 @@
 // what is somebody else's. But people read names, in `appcfg clients`, in the log and in the audit
 // record, and must be able to rely on whom they stand for.
 //
-// So names count as they look (name_form.h): one that differs from another user's only in case or in
-// blanks is that user's, and one that holds what cannot be seen is nobody's.
+// So names count as they look (name_form.h): one that differs from another user's only in case or
+// in blanks is that user's, and one that holds what cannot be seen is nobody's.
 //
-// Rules    1. A name that [names] of the table of roles gives to a user is that user's, also while
-//             none of their endpoints is connected; one that it gives to "*", and "appcfg", is
-//             everybody's.
-//          2. Any other name is the user's whose endpoint came first, until the last one of that
-//             name is gone. The same user may have any number: a program that restarts meets its
-//             predecessor's connections, and does no harm.
-//          3. A user with a higher role is never kept out, or whoever came first could keep a
-//             daemon from starting; both are connected then, and the log says so.
-// Threads  one.
+// Rules:    1. A name that [names] of the table of roles gives to a user is that user's, also while
+//              none of their endpoints is connected; one that it gives to "*", and "appcfg", is
+//              everybody's.
+//           2. Any other name is the user's whose endpoint came first, until the last one of that
+//              name is gone. The same user may have any number: a program that restarts meets its
+//              predecessor's connections, and does no harm.
+//           3. A user with a higher role is never kept out, or whoever came first could keep a
+//              daemon from starting; both are connected then, and the log says so.
+// Threads:  one.
 #pragma once
 
 #include <sys/types.h>

@@ -1,3 +1,11 @@
+// Before each line, lstat tells whether the name still leads to the open file; if not, the name is
+// opened anew. That costs one system call for each line, and whoever rotates the file need not tell
+// the service.
+//
+// Each line is one write. When the disk takes a part of it only, that part is cut off again; where
+// even that fails, the next line begins with a line break, so that it stays whole. Descriptors of
+// files that were rotated away go into the AuditSync (before_), because their last lines may not
+// be on the disk yet.
 #include "configsrv/audit/internal/audit_file.h"
 
 #include <fcntl.h>

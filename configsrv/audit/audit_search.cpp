@@ -1,3 +1,7 @@
+// Reads the file from its end in pieces, and each piece from its last line to its first.
+//
+// The beginning of a piece may be the end of a line, so it is kept and put behind the next piece.
+// The search stops when all lines are found.
 #include "configsrv/audit/internal/audit_search.h"
 
 #include <fcntl.h>

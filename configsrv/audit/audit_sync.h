@@ -3,8 +3,8 @@
 // Made in the loop and waited for elsewhere, for a disk takes its time: it holds descriptors of its
 // own, so that the file may be rotated meanwhile.
 //
-// Threads  one at a time.
-// Owns     its descriptors.
+// Threads:  one at a time.
+// Owns:     its descriptors.
 #pragma once
 
 #include <cstdint>

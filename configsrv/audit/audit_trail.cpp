@@ -1,3 +1,9 @@
+// Makes the records; AuditFile writes them.
+//
+// The record of a change is made before the commit, because the store keeps it in the same commit.
+// Only its revision is missing then, so that field comes last: changeCommitted() and repair()
+// append it. A visitor (Fields) writes what each kind of change was from and to, and is the one
+// place that masks.
 #include "configsrv/audit/audit_trail.h"
 
 #include <sys/time.h>

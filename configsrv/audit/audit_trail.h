@@ -1,15 +1,16 @@
 // AuditTrail: a line for each change that somebody made or wanted: who, when, what, from what to
 // what, and how it ended. docs/howto/audit.md shows the record and what each field means.
 //
-// Masking  what a secret variable held or was to hold is never written, nor why it was not taken;
-//          nor what somebody sent for a variable that does not exist, for it may have been meant
-//          for a secret one.
-// Limits   kMaxValueBytes of each value; the record says when that was not all.
-// Durable  the record of a change that is committed is kept in the store as well, in the same commit,
-//          until the file is on the disk (takeUnsynced()). What the end of a service, or a loss of
-//          power, left out of the file, repair() appends at the next start, marked as such.
-// Faults   a file that cannot be written stops no change; see internal/audit_file.h.
-// Threads  one.
+// Masking:  what a secret variable held or was to hold is never written, nor why it was not taken;
+//           nor what somebody sent for a variable that does not exist, for it may have been meant
+//           for a secret one.
+// Limits:   kMaxValueBytes of each value; the record says when that was not all.
+// Durable:  the record of a change that is committed is kept in the store as well, in the same
+//           commit, until the file is on the disk (takeUnsynced()). What the end of a service, or a
+//           loss of power, left out of the file, repair() appends at the next start, marked as
+//           such.
+// Faults:   a file that cannot be written stops no change; see internal/audit_file.h.
+// Threads:  one.
 //
 //   AuditTrail audit("/var/log/appconfig/audit.jsonl", log);
 //   Changes changes(model, subscriptions, announcer, host, log, {}, &audit);

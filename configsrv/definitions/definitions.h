@@ -7,15 +7,16 @@
 //
 //   LoadResult loaded = loadDefinitions("/etc/appconfig/definitions.d");
 //   if (!loaded.mistakes.empty()) fail(formatMistakes(loaded.mistakes));
-//   const VariableDefinition* hostname = loaded.definitions.find(ConfigVar("network", 0,
-//   "hostname", 0)); if (hostname == nullptr) ...                       // nobody defined it
-//   hostname->shape->defaultValue;                     // {"gateway"}
+//   const ConfigVar key("network", 0, "hostname", 0);
+//   const VariableDefinition* hostname = loaded.definitions.find(key);
+//   if (hostname == nullptr) ...    // nobody defined it
+//   hostname->shape->defaultValue;  // {"gateway"}
 //
-// Errors   all mistakes of all files are found in one run, and any mistake means no definitions at
-//          all: a service never runs on half of them.
-// Threads  immutable once loaded; any number of threads may read.
-// Owns     everything; pointers and iterators live as long as the Definitions they came from, and
-//          survive its move. Shapes are shared and may be kept alone.
+// Errors:   all mistakes of all files are found in one run, and any mistake means no definitions at
+//           all: a service never runs on half of them.
+// Threads:  immutable once loaded; any number of threads may read.
+// Owns:     everything; pointers and iterators live as long as the Definitions they came from, and
+//           survive its move. Shapes are shared and may be kept alone.
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,10 @@
+// Reads what each file says of each variable, and lays a later file's fields over those of an
+// earlier one.
+//
+// A field is checked here for its name and the kind of value that it takes; what the fields mean
+// together is found out later (shape_reader.h), because the last file may still change any of
+// them. A definition that has a mistake is marked as broken, so that nothing is reported of what
+// only follows from it.
 #include "configsrv/definitions/internal/layers.h"
 
 #include <algorithm>

@@ -1,3 +1,10 @@
+// Loading runs in three steps: files become layers, layers become written definitions (layers.h),
+// and these are expanded here into variables.
+//
+// A variable can be covered by up to three definitions, each of which names more of its instances
+// than the one before: "network.eth.addr", "network.eth[1].addr", "network.eth[1].addr[2]". Their
+// fields are laid over each other in that order, whichever file they stand in, and variables
+// covered by the same definitions share one shape.
 #include <dirent.h>
 
 #include <algorithm>
@@ -15,13 +22,6 @@
 #include "configsrv/definitions/internal/layers.h"
 #include "configsrv/definitions/internal/shape_reader.h"
 #include "configsrv/toml/document.h"
-
-// Loading runs in three steps: files become layers, layers become written definitions (layers.h),
-// and these are expanded here into variables. A variable can be covered by up to three definitions,
-// each of which names more of its instances than the one before: "network.eth.addr",
-// "network.eth[1].addr", "network.eth[1].addr[2]". Their fields are laid over each other in that
-// order, whichever file they stand in, and variables covered by the same definitions share one
-// shape.
 
 namespace ConfigSrv {
 namespace {

@@ -1,3 +1,15 @@
+// Patterns by regcomp of the C library, not std::regex: the latter recurses once for each byte of
+// the value, so that a long one overruns the stack, and it adds a quarter of a megabyte to the
+// program.
+//
+// Two habits of the C library are worked around. It looks for a match at every byte of the value,
+// which takes quadratic time unless the expression is anchored: so it gets ^(...)$, and a ")" that
+// would end our group is refused. And its automaton keeps every state that it was ever in, of
+// which some expressions have exponentially many: so an automaton is not kept with the pattern,
+// where writers could make it grow for as long as the service runs, but made anew every
+// kMaxMatchedBytes. Making one takes some ten microseconds.
+//
+// What a pattern would cost the C library is counted before it gets to see it (PatternCounter).
 #include "configsrv/definitions/pattern.h"
 
 #include <regex.h>
@@ -6,16 +18,6 @@
 #include <array>
 #include <utility>
 #include <vector>
-
-// regcomp, not std::regex: the latter recurses once for each byte of the value, so that a long one
-// overruns the stack, and it adds a quarter of a megabyte to the program.
-//
-// Two habits of the C library are worked around. It looks for a match at every byte of the value,
-// which takes quadratic time unless the expression is anchored: so it gets ^(...)$, and a ")" that
-// would end our group is refused. And its automaton keeps every state that it was ever in, of which
-// some expressions have exponentially many: so an automaton is not kept with the pattern, where
-// writers could make it grow for as long as the service runs, but made anew every
-// kMaxMatchedBytes. Making one takes some ten microseconds.
 
 namespace ConfigSrv {
 namespace {

@@ -1,3 +1,8 @@
+// Makes a VariableShape of the fields that cover a variable, and checks that they agree.
+//
+// A field may come from another file, or from the definition of a single instance, and contradict
+// one that was right until then. What several fields have done together is therefore reported at
+// the one that came last.
 #include "configsrv/definitions/internal/shape_reader.h"
 
 #include <algorithm>
@@ -10,10 +15,6 @@
 #include "appconfig/core/role_names.h"
 #include "configsrv/definitions/internal/int_value.h"
 #include "configsrv/definitions/pattern.h"
-
-// A field may come from another file, or from the definition of a single instance, and contradict
-// one that was right until then. What several fields have done together is therefore reported at
-// the one that came last.
 
 namespace ConfigSrv {
 namespace {

@@ -4,7 +4,7 @@
 // line, "N more like it", when the span has ended. Kinds do not share: a flood of one hides nothing
 // of another. A kind is a name in the code, never a text that a peer chooses, so there are few.
 //
-// Threads  none of its own; the caller keeps calls apart.
+// Threads:  none of its own; the caller keeps calls apart.
 #pragma once
 
 #include <chrono>

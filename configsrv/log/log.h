@@ -1,10 +1,10 @@
 // Log: the service's lines for whoever looks after the device.
 //
-// Shape    one line each. Bytes that would break a line or a terminal (anything but printable
-//          ASCII and bytes above 127) are written \xNN, for peers choose parts of the text.
-// Levels   error: something is broken and stays so; warning: a fault that was dealt with, a peer
-//          that was refused; info: what starts and stops; debug: each step of each change.
-// Threads  any.
+// Shape:    one line each. Bytes that would break a line or a terminal (anything but printable
+//           ASCII and bytes above 127) are written \xNN, for peers choose parts of the text.
+// Levels:   error: something is broken and stays so; warning: a fault that was dealt with, a peer
+//           that was refused; info: what starts and stops; debug: each step of each change.
+// Threads:  any.
 //
 //   Log log(LogLevel::Info, Log::toStandardError());
 //   log.warning("connection refused: ...");

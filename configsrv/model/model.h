@@ -4,13 +4,13 @@
 // model changes only by apply(), with changes that are durable already, so a reader never sees what
 // a loss of power could take back.
 //
-// Cost     16 bytes for a variable that is as defined, beside its definition; finding one costs a
-//          hash and a comparison, walking a group costs by what lies below it.
-// Errors   what the store remembers and the definitions no longer allow is left out, with a text
-//          for the log; the record stays in the store, for the definitions may come back. Until
-//          then, or until the variable is changed: what somebody wants now ends what was left out.
-// Threads  one.
-// Owns     the definitions and the state. Variables do not move while the model lives.
+// Cost:     16 bytes for a variable that is as defined, beside its definition; finding one costs a
+//           hash and a comparison, walking a group costs by what lies below it.
+// Errors:   what the store remembers and the definitions no longer allow is left out, with a text
+//           for the log; the record stays in the store, for the definitions may come back. Until
+//           then, or until the variable is changed: what somebody wants now ends what was left out.
+// Threads:  one.
+// Owns:     the definitions and the state. Variables do not move while the model lives.
 //
 //   Model model(std::move(loaded.definitions));
 //   for (const std::string& line : model.restore(std::move(opened.variables), store.revision()))

@@ -1,3 +1,9 @@
+// The upper bits of a name's hash choose one of the tables, and the table uses the lower ones, so
+// that names spread in both.
+//
+// Entries of a name are kept sorted in a vector: most names have one or two, and those of one type
+// are then read in one go. Places are given back only when a table is nearly empty, so that names
+// that come and go do not make it shrink and grow each time.
 #include "configsrv/subscriptions/internal/name_table.h"
 
 #include <algorithm>

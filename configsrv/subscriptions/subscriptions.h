@@ -8,13 +8,13 @@
 //
 // Namespaces and instances play no part: a registration holds for all of them.
 //
-// Cost     finding the subscribers of a variable costs by the depth of its name and by how many
-//          there are, not by how many registrations exist.
-// Slices   what is withdrawn together, or is a peer's that went, counts for nobody from that moment
-//          on. It is erased afterwards, some of it at a time, so that nothing waits for that; until
-//          then it counts as its owner's, who must not gain by withdrawing.
-// Errors   what would pass a limit is refused; nothing else can fail.
-// Threads  one.
+// Cost:     finding the subscribers of a variable costs by the depth of its name and by how many
+//           there are, not by how many registrations exist.
+// Slices:   what is withdrawn together, or is a peer's that went, counts for nobody from that
+//           moment on. It is erased afterwards, some of it at a time, so that nothing waits for
+//           that; until then it counts as its owner's, who must not gain by withdrawing.
+// Errors:   what would pass a limit is refused; nothing else can fail.
+// Threads:  one.
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,8 @@
+// Turns what the TOML library parsed into a TomlValue, and its errors into Mistakes.
+//
+// This is the only file that sees the parser: it is some 15,000 lines of templates, and compiled
+// here once. Nesting of inline tables and arrays is limited by the parser; nesting by dots is not,
+// and is limited before it gets to see the text (kMaxDotsPerLine).
 #include "configsrv/toml/document.h"
 
 #include <fcntl.h>
@@ -10,13 +15,9 @@
 #include <tuple>
 #include <utility>
 
-// The only file that sees the parser: it is some 15,000 lines of templates, and compiled here once.
-// Nesting of inline tables and arrays is limited by the parser; nesting by dots is not, and is
-// limited before it gets to see the text (kMaxDotsPerLine).
-//
-// Its assertions do not hold for every text ("[&"), and in a release build they become promises to
-// the compiler. Switched off, in both builds, the parser reports such a text like any other
-// mistake.
+// The parser's assertions do not hold for every text ("[&"), and in a release build they become
+// promises to the compiler. Switched off, in both builds, the parser reports such a text like any
+// other mistake.
 #undef NDEBUG
 #define TOML_ASSERT(condition) static_cast<void>(0)
 #define TOML_HEADER_ONLY 1

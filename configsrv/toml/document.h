@@ -2,12 +2,12 @@
 //
 // Kept apart from the parser so that the parser is compiled in one place only.
 //
-// Shape    kind says which of the members holds the value; the others are empty. Entries of a
-//          table stand in the order of the file. line and column are those of the value, and
-//          count from 1.
-// Errors   a file that cannot be read, is larger than kMaxTomlBytes, is not TOML or nests deeper
-//          than a configuration ever does gives one Mistake and no tree.
-// Threads  plain values; any number of threads may read one, and parse at once.
+// Shape:    kind says which of the members holds the value; the others are empty. Entries of a
+//           table stand in the order of the file. line and column are those of the value, and
+//           count from 1.
+// Errors:   a file that cannot be read, is larger than kMaxTomlBytes, is not TOML or nests deeper
+//           than a configuration ever does gives one Mistake and no tree.
+// Threads:  plain values; any number of threads may read one, and parse at once.
 #pragma once
 
 #include <cstddef>

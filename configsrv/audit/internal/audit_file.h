@@ -1,13 +1,14 @@
 // AuditFile: lines at the end of a file, each whole and in one write, or counted as lost.
 //
-// Shape    made with mode 0600. What somebody left without a line break at the end gets one. A line that the disk did not take as a whole is taken back.
-// Rotation when another file has the name, or none, the next line goes to the name and not to the
-//          file that was: whoever rotates it need only rename it.
-// Faults   a file that cannot be written stops nobody. The log says so once, and once more, with
-//          the number of lines that were lost, when it can be written again; the file then begins
-//          anew with a line that lostLine makes. A symbolic link, what is no regular file, and a
-//          file of another user are not written.
-// Threads  one.
+// Shape:    made with mode 0600. What somebody left without a line break at the end gets one. A
+//           line that the disk did not take as a whole is taken back.
+// Rotation: when another file has the name, or none, the next line goes to the name and not to the
+//           file that was: whoever rotates it need only rename it.
+// Faults:   a file that cannot be written stops nobody. The log says so once, and once more, with
+//           the number of lines that were lost, when it can be written again; the file then begins
+//           anew with a line that lostLine makes. A symbolic link, what is no regular file, and a
+//           file of another user are not written.
+// Threads:  one.
 #pragma once
 
 #include <sys/types.h>

@@ -1,11 +1,11 @@
 // audit_search: which lines the audit record lacks.
 //
 // Looked for from the end of the file backwards, for what is missing is of the last moments of a
-// service. A line counts as there when a line of the file begins with it and goes on with a field or
-// ends there. What stands farther from the end than kMaxSearchBytes is not found, nor what is in a
-// file that was rotated away.
+// service. A line counts as there when a line of the file begins with it and goes on with a field
+// or ends there. What stands farther from the end than kMaxSearchBytes is not found, nor what is in
+// a file that was rotated away.
 //
-// Threads  plain functions.
+// Threads:  plain functions.
 #pragma once
 
 #include <cstddef>

@@ -1,10 +1,10 @@
 // NameTable: the registered names, each with the entries of those who registered it.
 //
-// Many small hash tables instead of a large one. A table that grows moves everything that it holds, and
-// one of a million names would stand still for that; each of these holds a few thousand at most. One
-// that becomes nearly empty gives its memory back.
+// Many small hash tables instead of a large one. A table that grows moves everything that it holds,
+// and one of a million names would stand still for that; each of these holds a few thousand at
+// most. One that becomes nearly empty gives its memory back.
 //
-// Threads  one.
+// Threads:  one.
 #pragma once
 
 #include <array>
