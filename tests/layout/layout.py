@@ -525,7 +525,6 @@ OUTWARD_TEXT = (
     (re.compile(r"\b(the spe[c]\b|spe[c]\.md\b|specificatio[n] (says|part|requires))", re.I),
      "a document that is not in the tree"),
     (re.compile(r"\bPart[s]? [1-9]\.[1-9]\b", re.I), "a numbered section of no document here"),
-    (re.compile(r"\b(issue|ticket) #?[0-9]+", re.I), "a number of some tracker"),
 )
 
 

@@ -333,7 +333,6 @@ class TextRuleTest(MadeUpTreeTest):
         "read sp" "ec.md",
         "the specification s" "ays so",
         "see Par" "t 4.2",
-        "fixes issu" "e #12",
     )
     HARMLESS = (
         "directory=${TMPDIR:-/tmp}/appconfig",
