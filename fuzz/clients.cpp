@@ -116,7 +116,8 @@ void runSteps(PbUtility::Server& server, const std::function<bool()>& step) {
   constexpr int kRoundsPerStep = 3;
   int round = 0;
   std::function<void()> next;
-  // A timer, for a task that is posted from within the loop runs before the loop looks for events.
+  // By a timer: a task that is posted from within the loop would run before the loop looks for
+  // events.
   const auto later = [&] { server.after(std::chrono::milliseconds(0), next); };
   next = [&] {
     if (round++ % kRoundsPerStep == 0 && !step()) return server.stop();

@@ -72,7 +72,8 @@ ServiceOptions serviceOptions() {
   return options;
 }
 
-// What earlier definitions allowed and those of now do not, in part and as a whole.
+// Stored variables that earlier definitions allowed and the present ones do not, in part or as a
+// whole.
 std::vector<StoredVariable> leftovers() {
   StoredVariable mtu(ConfigVar("net", 0, "mtu", 0));
   mtu.value = {"70000"};
@@ -246,7 +247,7 @@ void ServiceHarness::checkState() const {
     require(mistake.empty(), "a variable holds what it may hold", mistake);
     const Variable& again = *restarted.find(variable->key());
     requireSame(*variable, again);
-    // So that what was kept of this run can be used, all of it.
+    // All that this run kept has to be usable at a start.
     require(variable->hasLeftOutValue() == again.hasLeftOutValue() &&
                 variable->hasLeftOutOptions() == again.hasLeftOutOptions(),
             "nothing but what was left out before is left out");

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kBufferBytes = 64 * 1024;
 
-// One for each thread; what is in it has no meaning.
+// One for each thread; its contents have no meaning.
 char* buffer() {
   thread_local char bytes[kBufferBytes] = {};
   return bytes;

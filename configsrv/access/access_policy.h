@@ -49,7 +49,7 @@ class UserDatabase {
   virtual std::vector<gid_t> groupsOf(uid_t uid, gid_t primary) const = 0;
 };
 
-// The one of the operating system, through the name service switch.
+// The users and groups of this system, through the name service switch.
 const UserDatabase& systemUserDatabase();
 
 // How long the groups of a user are remembered. Asking for them can take long (a directory server),
@@ -58,7 +58,7 @@ inline constexpr std::chrono::seconds kGroupsRemembered{60};
 
 struct AccessLoadResult;
 
-// What may stand at the top of the file. On a device appconfig-roles(5) describes it.
+// The keys that may stand at the top of the file; appconfig-roles(5) describes them.
 std::vector<std::string_view> accessFileKeys();
 
 class AccessPolicy {
@@ -102,13 +102,13 @@ class AccessPolicy {
   AppConfig::SecurityRole default_ = AppConfig::eRoleUser;
   std::map<uid_t, AppConfig::SecurityRole> users_;
   std::map<gid_t, AppConfig::SecurityRole> groups_;
-  // By folded name. Nothing: everybody's.
+  // By folded name: the user, or nothing when the name is everybody's.
   std::map<std::string, std::optional<uid_t>> names_;
   std::unique_ptr<Groups> groupsOfUsers_;
 };
 
-// With mistakes the policy is the one without a file, and not meant to be used. With a distrust it
-// is the one without a file, and is.
+// After mistakes, policy is the one without a file, and the service should not start with it. After
+// a distrust it is the same one, and the service runs with it.
 struct AccessLoadResult {
   AccessPolicy policy;
   std::vector<Mistake> mistakes;

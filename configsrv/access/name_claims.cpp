@@ -49,7 +49,8 @@ void NameClaims::came(const std::string& name, uid_t uid, gid_t gid) {
   ++user.endpoints;
 }
 
-// With the last endpoint of a name goes what was said about it: the next holder is another case.
+// When the last endpoint of a name goes, what was said about the name is forgotten: the next holder
+// is another case.
 void NameClaims::went(const std::string& name, uid_t uid) {
   const std::string folded = foldedName(name);
   const auto found = holders_.find(folded);

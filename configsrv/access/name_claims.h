@@ -36,15 +36,16 @@ class NameClaims {
 
   struct Answer {
     bool accepted = true;
-    // Why not, or, of a user who was let in beside others, who they are.
+    // Why the endpoint was refused; or, when it was let in beside another user's, who that is.
     std::string text{};
-    // Whether it was said before of this name and user; a client that is refused tries again.
+    // True when the same was said of this name and user already: a client that is refused tries
+    // again and again.
     bool repeated = false;
   };
   // May a further endpoint of this name and user come?
   Answer ask(const std::string& name, uid_t uid, gid_t gid);
 
-  // It came; it is gone.
+  // To be called when an accepted endpoint came, and when it is gone.
   void came(const std::string& name, uid_t uid, gid_t gid);
   void went(const std::string& name, uid_t uid);
 
@@ -57,14 +58,14 @@ class NameClaims {
   };
   using Users = std::map<uid_t, User>;
   using Said = std::set<std::pair<std::string, uid_t>>;
-  // Names are chosen by clients.
+  // Bounded, because clients choose names.
   static constexpr std::size_t kMaxSaid = 256;
 
   Answer refused(const std::string& name, uid_t uid, const std::string& text);
   bool saidBefore(const std::string& name, uid_t uid);
 
   const AccessPolicy& policy_;
-  // These two by folded name.
+  // Both are keyed by folded name.
   std::map<std::string, Users> holders_;
   Said said_;
 };

@@ -203,7 +203,7 @@ bool LayerReader::readKey(const TomlEntry& entry, WrittenDefinition& definition)
   return readNameSpace(entry, definition);
 }
 
-// The namespace is a part of the key, so that it is needed before keys are compared.
+// Read before the other fields: the namespace is a part of the key, and keys are compared next.
 bool LayerReader::readNameSpace(const TomlEntry& entry, WrittenDefinition& definition) {
   const ConfigVar key = definition.key;
   if (key.group() == "cfg") {

@@ -30,7 +30,7 @@ inline constexpr std::size_t kMaxPatternAtoms = 500;
 // Ways in which a pattern, or a part of it, matches nothing: "(a?b?)*" has two, "(a*)*(b*)*" four.
 inline constexpr std::size_t kMaxEmptyWays = 64;
 
-// Longest string that is matched against a pattern; no longer one matches. With the limit above it
+// Longest string that is matched; a longer one never matches. Together with the limits above it
 // keeps the worst pair of pattern and string that we know below 30 MiB and a tenth of a second.
 inline constexpr std::size_t kMaxMatchedBytes = 1024;
 

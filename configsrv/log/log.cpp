@@ -88,7 +88,7 @@ Log::Sink Log::toStandardError() {
 }
 
 struct Log::Repeats {
-  // Guards the two below; neither a sink nor a function is called while it is held.
+  // Guards guard and tell. Neither a sink nor a function is called while it is held.
   std::mutex mutex;
   FloodGuard guard;
   std::function<void()> tell;

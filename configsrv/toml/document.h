@@ -54,7 +54,7 @@ struct TomlEntry {
   unsigned column = 1;
 };
 
-// Exactly one of the two: a root table, or what is wrong.
+// Holds exactly one of the two: a root table, or what is wrong with the file.
 struct TomlDocument {
   std::optional<TomlValue> root;
   std::optional<Mistake> mistake;
@@ -66,7 +66,7 @@ TomlDocument parseToml(std::string_view text, const std::string& file);
 TomlDocument readToml(const std::string& path);
 
 // Reads a file that the caller has opened, to its end; path is the name used in mistakes. For a
-// caller that has to know whose file it is: between two openings it could be exchanged.
+// caller that has to know whose file it is: opened a second time, the name could lead elsewhere.
 TomlDocument readOpenToml(int descriptor, const std::string& path);
 
 }  // namespace ConfigSrv

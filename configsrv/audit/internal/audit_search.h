@@ -16,8 +16,8 @@ namespace ConfigSrv {
 
 constexpr std::size_t kMaxSearchBytes = std::size_t{16} * 1024 * 1024;
 
-// For each of the lines, whether the file has it. The lines are without the brace that ends them. A
-// file that is not there, or cannot be read, has none.
+// For each of the lines, whether the file has it. The lines come without their closing brace. A
+// file that is missing, or cannot be read, has none of them.
 std::vector<bool> linesInFile(const std::string& path, const std::vector<std::string>& lines,
                               std::size_t maxBytes = kMaxSearchBytes);
 
