@@ -5,8 +5,9 @@
 # becomes its text alone. Done a second time it changes nothing, and has to be done again after a file
 # that a page leads to was taken away.
 
-# What a link looks like; the dot or the slash tells it from C++ that has brackets and parentheses.
-set(link_pattern "\\[([^][]+)\\]\\(([A-Za-z0-9_./-]*[./][A-Za-z0-9_./-]*)(#[a-z0-9-]+)?\\)")
+# What a link looks like. A dot, a slash or capitals alone (LICENSE) tell it from C++ that has brackets and
+# parentheses.
+set(link_pattern "\\[([^][]+)\\]\\(([A-Za-z0-9_./-]*[./][A-Za-z0-9_./-]*|[A-Z][A-Z]+)(#[a-z0-9-]+)?\\)")
 
 # Where the target of a page's link is, relative to the page; empty when it is not installed.
 function(installed_target page target docs headers schema result)
