@@ -50,6 +50,8 @@ function forget() { delete block; size = 0 }
 
 function endGroup() { if (grouped) print "///@}"; grouped = 0 }
 
+/^ *\/\/ clang-format (on|off)$/ { next }
+
 /^ *\/\/ --- .* ---$/ {
   endGroup()
   sub(/^ *\/\/ --- /, ""); sub(/ ---$/, "")

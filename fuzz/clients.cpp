@@ -1,3 +1,8 @@
+// Clients as bytes on a socket: frames are made and taken apart here, and what comes from the
+// service has to be in form.
+//
+// The socket has a name that the kernel chose, so that runs beside each other do not meet. Nothing
+// blocks: the server is stepped by hand, on the same thread (runSteps).
 #include "fuzz/clients.h"
 
 #include <fcntl.h>
@@ -111,7 +116,8 @@ void runSteps(PbUtility::Server& server, const std::function<bool()>& step) {
   constexpr int kRoundsPerStep = 3;
   int round = 0;
   std::function<void()> next;
-  // A timer, for a task that is posted from within the loop runs before the loop looks for events.
+  // By a timer: a task that is posted from within the loop would run before the loop looks for
+  // events.
   const auto later = [&] { server.after(std::chrono::milliseconds(0), next); };
   next = [&] {
     if (round++ % kRoundsPerStep == 0 && !step()) return server.stop();

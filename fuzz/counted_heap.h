@@ -1,6 +1,6 @@
 // HeapPeak: the most memory that operator new gave out at one time, since the object was made.
 //
-// Threads  one; the program has no other. One object at a time.
+// Threads:  one; the program has no other. One object at a time.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,8 @@ namespace Fuzz {
 class HeapPeak {
  public:
   HeapPeak() : before_(start()) {}
-  // What was given back meanwhile does not count; what is kept beside each block does.
+  // Memory that was given back in between does not count; what the heap keeps beside each block
+  // does.
   std::size_t bytes() const;
 
  private:

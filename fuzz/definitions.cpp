@@ -1,3 +1,6 @@
+// The definitions of the service that is attacked: one variable of each type and of each sort of
+// protection, so that every check of a request can be reached. They are loaded once, from a file,
+// by the service's own reader.
 #include "fuzz/definitions.h"
 
 #include <utility>

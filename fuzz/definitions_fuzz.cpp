@@ -11,7 +11,7 @@ namespace {
 using namespace ConfigSrv;
 using Fuzz::require;
 
-// A definition may have many instances; they share all but their keys.
+// A definition may have many instances; only their keys differ.
 constexpr std::size_t kVariablesLookedAt = 64;
 
 void checkDefinition(const Definitions& definitions, const VariableDefinition& variable) {

@@ -23,7 +23,7 @@ bool isLogLine(const std::string& text) {
 
 void readHeader(std::string_view bytes) {
   if (bytes.size() < PbUtility::kFrameHeaderBytes) return;
-  // A copy of just the header: reading past it is found.
+  // A copy of the header alone, so that reading past it is found.
   const std::vector<unsigned char> exactly(bytes.begin(),
                                            bytes.begin() + PbUtility::kFrameHeaderBytes);
   FrameHeader header;
@@ -36,7 +36,7 @@ void readHeader(std::string_view bytes) {
           "a header that was read is written as it stood");
 }
 
-// Of each payload: whatever is read is written as the bytes it was read from.
+// For each payload: what was read is written as the bytes that it was read from.
 template <typename Payload>
 void readPayload(std::string_view bytes) {
   Payload payload;

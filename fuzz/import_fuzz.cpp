@@ -37,13 +37,13 @@ void readText(std::string_view text, DocumentFormat format) {
                        read.message.find('\n') == std::string::npos;
     return require(tells, "a refusal is one line that begins with the file", read.message);
   }
-  // An entry whose value no variable can have is told of, and not written.
+  // An entry whose value no variable can have is reported and not written.
   document.erase(std::remove_if(document.begin(), document.end(),
                                 [](const DocumentEntry& entry) { return !entry.problem.empty(); }),
                  document.end());
   readBack(toJsonDocument(document, false), DocumentFormat::Json, document);
   readBack(toJsonDocument(document, true), DocumentFormat::Json, document);
-  // TOML has no place for a key that stands there twice.
+  // TOML cannot hold a key twice.
   const auto name = [](const DocumentEntry& entry) { return entry.key; };
   std::vector<std::string> keys;
   std::transform(document.begin(), document.end(), std::back_inserter(keys), name);

@@ -133,8 +133,8 @@ void Library::run(Input& input) {
   manager_->removeVars("");
 }
 
-// Into a payload goes the one thing that a hostile service can know and a corpus cannot: the name of
-// the link, which holds the process's number.
+// Puts into a payload the one thing that a hostile service can know and a corpus cannot: the name
+// of the link, which holds the process's number.
 std::string withLinkName(std::string_view payload) {
   static const std::string linkName =
       "PlatCfgSvc0-" + std::to_string(static_cast<int>(::getpid())) + "-0";

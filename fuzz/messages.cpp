@@ -1,3 +1,8 @@
+// All messages of the protocol by their number, so that a harness can parse what the service
+// sends.
+//
+// The lists below are written by hand. That they are complete is checked against the schema's own
+// list when they are first used.
 #include "fuzz/messages.h"
 
 #include <functional>

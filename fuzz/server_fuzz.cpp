@@ -27,7 +27,7 @@ using PbUtility::PeerId;
 constexpr std::size_t kClients = 4;
 constexpr std::size_t kMaxSteps = 400;
 constexpr int kMaxClosingSteps = 200;
-// Whom the handler does not let in.
+// The name of a client that the handler does not let in.
 constexpr std::string_view kUnwanted = "unwanted";
 
 // Answers nothing by itself: the input says when. Checks what a ServerHandler is promised.
@@ -73,7 +73,7 @@ class Handler final : public PbUtility::ServerHandler {
     return *std::next(present_.begin(), which % static_cast<std::ptrdiff_t>(present_.size()));
   }
   bool owesAnswers() const { return !open_.empty(); }
-  // For whoever answers it, once, whether its peer is still there or not.
+  // Each request has to be answered once, whether its peer is still there or not.
   PbUtility::RequestId takeRequest(std::uint8_t which) {
     const auto chosen = open_.begin() + which % static_cast<std::ptrdiff_t>(open_.size());
     const PbUtility::RequestId request = *chosen;
@@ -92,7 +92,7 @@ PbUtility::ServerOptions optionsOf(const Fuzz::Listening& listening) {
   PbUtility::ServerOptions options;
   options.listenFd = listening.handOver();
   options.epoch = 5;
-  // Small, so that an input reaches them.
+  // Small limits, so that an input reaches them.
   options.maxConnections = 6;
   options.maxConnectionsPerPeer = 2;
   options.maxAnswerBytes = 1U << 20;
@@ -145,7 +145,7 @@ bool Run::step() {
     client.close();
   }
   while (handler_.owesAnswers()) answer(0, 0);
-  // The server has to take what they still sent, and to see that they are gone.
+  // The server has to take what they sent before they left, and to notice that they are gone.
   const bool tookEnough = closing_ >= 2 && handler_.isEmpty();
   return !tookEnough && closing_++ < kMaxClosingSteps;
 }

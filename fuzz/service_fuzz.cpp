@@ -85,7 +85,7 @@ bool Run::settle() {
     readAnswers(peer);
     readDeliveries(peer);
   }
-  // What they have sent last is handled by now.
+  // After some idle steps the service has handled what they sent last.
   if (idleSteps_ < 3) return true;
   require(service_.changesUnderWay() == 0, "every change comes to its end");
   for (Peer& peer : peers_) {
@@ -116,7 +116,7 @@ void Run::act() {
   }
 }
 
-// Also without a token of its own: two of them may be one client.
+// The token may be another peer's: two of them are one client then.
 void Run::open(Peer& peer, std::uint8_t token) {
   peer = Peer();
   const std::string name(1, static_cast<char>('a' + token));
@@ -142,7 +142,7 @@ void Run::request(Peer& peer, bool oneWay) {
   peer.requests.send(Fuzz::frameOf(header, input_.piece()));
 }
 
-// To the oldest question; or to one that nobody asked, which ends the connection.
+// Answers the oldest question, or one that nobody asked, which ends the connection.
 void Run::answer(Peer& peer) {
   const std::uint8_t how = input_.byte();
   FrameHeader header;

@@ -1,3 +1,9 @@
+// Ties the service's objects together, and after each step checks what has to hold whatever came
+// in.
+//
+// Definitions and store are made once for all runs. Log and audit record are checked line by line;
+// at the end of a run a second model is restored from what commits kept and has to equal the
+// first.
 #include "fuzz/service_harness.h"
 
 #include <algorithm>
@@ -66,7 +72,8 @@ ServiceOptions serviceOptions() {
   return options;
 }
 
-// What earlier definitions allowed and those of now do not, in part and as a whole.
+// Stored variables that earlier definitions allowed and the present ones do not, in part or as a
+// whole.
 std::vector<StoredVariable> leftovers() {
   StoredVariable mtu(ConfigVar("net", 0, "mtu", 0));
   mtu.value = {"70000"};
@@ -240,7 +247,7 @@ void ServiceHarness::checkState() const {
     require(mistake.empty(), "a variable holds what it may hold", mistake);
     const Variable& again = *restarted.find(variable->key());
     requireSame(*variable, again);
-    // So that what was kept of this run can be used, all of it.
+    // All that this run kept has to be usable at a start.
     require(variable->hasLeftOutValue() == again.hasLeftOutValue() &&
                 variable->hasLeftOutOptions() == again.hasLeftOutOptions(),
             "nothing but what was left out before is left out");

@@ -24,7 +24,7 @@ using PbUtility::FrameHeader;
 using PbUtility::StreamStatus;
 using PbUtility::UniqueFd;
 
-// What recv gives, and all that it gave.
+// What recv is to give next, and all that it has given.
 Input* source = nullptr;
 std::string given;
 
@@ -65,7 +65,7 @@ class Listening {
   UniqueFd fd_;
 };
 
-// The frame is what was given since the last one, to the byte.
+// The frame is exactly the bytes that were given since the last one.
 void checkFrame(const PbUtility::Stream& stream, const FrameHeader& header) {
   PbUtility::FrameHeaderBytes bytes;
   encodeHeader(header, bytes.data());

@@ -36,7 +36,7 @@ class BatchTimes {
   using Clock = std::chrono::steady_clock;
   static constexpr int kBatch = 64;
   static constexpr int kWarmUpBatches = 32;
-  // Room is taken beforehand, so that no batch pays for its growth.
+  // Reserves its memory beforehand, so that no batch pays for growth.
   static constexpr std::size_t kMaxSamples = 100'000;
 
   // Not inlined, so that callgrind sees each operation as one call. bench/report/instructions.py knows

@@ -19,8 +19,8 @@ std::vector<Case> memoryCases();
 // Shared by cases of several files.
 Outcome oursUncachedRead(const Settings& settings);
 Outcome floorOneCommit(const Settings& settings);
-// Asks a service how large the messages of a request are; it is gone before the floor begins, and
-// so is the process that asked. Zero when it did not answer.
+// Asks a service how large the messages of a request are. Service and asking process are gone
+// before the floor begins. Zero when there was no answer.
 MessageBytes askForBytes(const Settings& settings, MessageBytes (Client::*bytesOf)());
 
 }  // namespace Bench

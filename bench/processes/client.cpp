@@ -1,3 +1,5 @@
+// A client as an application is one, the facade over an endpoint, and the sizes of its frames: the
+// floors send as many bytes as the requests have.
 #include "bench/processes/client.h"
 
 #include "appconfig/service/platform_cfg_service.h"

@@ -17,7 +17,7 @@ class Client {
   AppConfig::AppCfgManager& config() { return config_; }
   bool waitUntilConnected();
 
-  // Asks the service past the cache, as an uncached read does, without touching the cache.
+  // Asks the service as an uncached read does; the cache is neither read nor changed.
   std::string readAtService(const ConfigVar& var);
   // Writes a number and waits for the verdict.
   bool write(const ConfigVar& var, int number);

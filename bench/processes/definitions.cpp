@@ -1,3 +1,6 @@
+// Writes definitions for a service of any size: a few variables that are measured, and others of
+// all types that are only there. They are spread over files of a thousand each, because there is a
+// limit to the length of a file.
 #include "bench/processes/definitions.h"
 
 #include <filesystem>
@@ -26,8 +29,8 @@ const char* const kTypes[] = {
     "type = \"enumeration\"\noptions = [\"off\", \"eco\", \"comfort\"]\ndefault = \"eco\"\n",
 };
 
-// One for each process that writes: a client is told of all instances of a name, so that writers who
-// shared one would be measured telling each other.
+// One for each process that writes. A client is told of all instances of a name, so writers who
+// shared a name would be measured telling each other.
 void writeWritten(std::ofstream& file) {
   for (int n = 0; n < kWrittenVariables; ++n) {
     file << "[variable.\"" << writtenVar(n).dottedName() << "\"]\n"

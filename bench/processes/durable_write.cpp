@@ -73,7 +73,8 @@ int writeUntilStopped(Writers& writers, const std::string& runtimeDir, int insta
   Client client(runtimeDir);
   const ConfigVar var = writtenVar(instance);
   int number = 1;
-  // What follows the first write, the registration for changes, is over when counting begins.
+  // The first write is followed by the registration for changes; both are over when counting
+  // begins.
   if (!client.write(var, number) || !client.waitUntilConnected()) return 1;
   writers.ready.raise();
   if (!writers.go.await()) return 1;

@@ -1,3 +1,5 @@
+// What the system tells about time and processes, from clock_gettime and /proc, and what a set of
+// samples comes to.
 #include "bench/processes/machine.h"
 
 #include <sched.h>

@@ -1,3 +1,5 @@
+// The floor of every exchange: as many bytes there and back between two processes over a socket
+// pair, with nothing done to them. What the message layer costs is what comes on top.
 #include "bench/processes/message_floor.h"
 
 #include <sys/epoll.h>
@@ -13,7 +15,7 @@ namespace {
 
 constexpr std::size_t kBufferBytes = 64 * 1024;
 
-// One for each thread; what is in it has no meaning.
+// One for each thread; its contents have no meaning.
 char* buffer() {
   thread_local char bytes[kBufferBytes] = {};
   return bytes;

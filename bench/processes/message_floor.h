@@ -22,7 +22,8 @@ class SocketPair {
 
   int here() const { return ends_[0]; }
   int there() const { return ends_[1]; }
-  // In a child: so that it sees the end when the other process is gone.
+  // For a child: closes the end that is not its own, or it would never see that the other process
+  // is gone.
   void closeHere();
   void closeThere();
 

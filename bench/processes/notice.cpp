@@ -29,8 +29,8 @@ namespace {
 
 using StoreOn = RunningService::StoreOn;
 
-// What writer and receivers share. The last receiver alone wakes the writer, so that no receiver
-// is held up by its waking.
+// What writer and receivers share. Only the last receiver wakes the writer, so that waking it
+// delays no other receiver.
 struct Round {
   std::atomic<int> expected{0};
   std::atomic<int> missing{0};
@@ -78,7 +78,7 @@ int consume(Meeting& meeting, const std::string& runtimeDir) {
   while (true) pause();  // until the parent ends this process
 }
 
-// When a round's time begins; asked when it is over. Without one it begins with the call.
+// Tells, after a round, when its time began. Without one a round begins with the call.
 using BeginOfRound = std::function<double()>;
 
 // Calls tell(number) over and over, each time until all receivers have been told. Times are those

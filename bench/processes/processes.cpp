@@ -1,3 +1,5 @@
+// Processes and pipes of a run. A child dies with its parent, so that a run that is broken off
+// leaves nothing behind; a signal is a byte in a pipe, and waiting for it has an end.
 #include "bench/processes/processes.h"
 
 #include <poll.h>

@@ -1,3 +1,5 @@
+// Starts the configsrvd that is measured, on a socket and a store of its own. The time of a start
+// ends with the first line that it prints, which says that it serves.
 #include "bench/processes/running_service.h"
 
 #include <fcntl.h>

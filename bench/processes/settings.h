@@ -16,7 +16,7 @@ struct Settings {
   std::string syncClock;
   // Below it, stores are made: its file system decides what a commit costs.
   std::string diskDir;
-  // The same on a file system in memory, for what is to be seen without the disk's own scatter.
+  // The same on a file system in memory, for figures that the disk's scatter would hide.
   std::string memoryDir;
 };
 

@@ -23,7 +23,7 @@ template <int others>
 Outcome serviceStart(const Settings& settings) {
   RunningService service(settings, others);
   std::vector<double> milliseconds;
-  // The first start made the store, which a device does once in its life.
+  // The first start makes the store, which a device does once in its life, so it does not count.
   for (int i = 0; i < kSomeTimes && service.failure().empty(); ++i) {
     service.restart();
     milliseconds.push_back(service.startMicroseconds() / 1000);

@@ -1,3 +1,9 @@
+// Reads the table of roles, and answers from it.
+//
+// AccessReader fills a policy that starts as the one without a file; a mistake anywhere throws all
+// of it away, so that a service never runs on half a table. Names of users and groups become
+// numbers while the file is read, because the kernel tells numbers of a caller. The groups of a
+// caller are looked up when they are asked for and remembered for a while (Groups).
 #include "configsrv/access/access_policy.h"
 
 #include <fcntl.h>
@@ -22,8 +28,8 @@
 
 namespace ConfigSrv {
 
-// The groups of the users who asked lately. The kernel says uid, gid and pid of a caller, and its
-// other groups only of processes that may be gone by then, so that they are looked up by name.
+// Remembers the groups of users who asked lately. They are looked up by user name: the kernel tells
+// only uid, gid and pid of a caller, and its process may have ended by the time it is asked about.
 class AccessPolicy::Groups {
  public:
   explicit Groups(const UserDatabase& users) : users_(users) {}
@@ -36,7 +42,7 @@ class AccessPolicy::Groups {
     std::vector<gid_t> groups;
     Clock::time_point until;
   };
-  // More users than a device has; past it everything is looked up anew.
+  // More users than a device has. When the memory is full it is emptied.
   static constexpr std::size_t kMaxRemembered = 1024;
 
   void remember(uid_t uid, gid_t gid, const std::vector<gid_t>& groups, Clock::time_point now);
@@ -110,7 +116,7 @@ class OpenFile {
   int error_;
 };
 
-// Whoever sits at a shell uses the command line, several users at once.
+// People at a shell use the command line, often several users at once, so this name is everybody's.
 constexpr const char* kCommandLineName = "appcfg";
 constexpr const char* kEverybody = "*";
 
@@ -212,7 +218,8 @@ void AccessReader::readName(const TomlEntry& line) {
   }
 }
 
-// A name that no endpoint can have protects nothing, and of two that are one the latter would hold.
+// Refuses a name that no endpoint can have, which would protect nothing, and a second line for a
+// name that counts as the same, because only one of the two would hold.
 void AccessReader::giveName(const TomlEntry& line, std::optional<uid_t> user) {
   const std::string why = whyUnseen(line.name);
   const std::string folded = foldedName(line.name);

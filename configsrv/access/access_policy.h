@@ -12,16 +12,16 @@
 //   thermostat-ui = "thermostat"  # nobody else's; "*": everybody's, many at once. However it is
 //                                 # spelled (name_form.h); two names that look alike are a mistake
 //
-// Rules    1. A user named in [users] has that role, be it higher or lower than what follows.
-//          2. Otherwise root and the service's own user may claim any role.
-//          3. Otherwise the highest role of those of the user's groups that [groups] names.
-//          4. Otherwise the default. Without a file that is "user".
-// Errors   all mistakes of the file are found in one run; a name that this device does not know is
-//          one. A file that does not exist is none.
-// Trust    whoever can change the file can give themselves any role. So a file that is a symbolic
-//          link, that belongs to others than root and the service's own user, or that its group or
-//          others may write, is not read: `distrust` says why, and the rules without a file hold.
-// Threads  any number of threads may ask at once.
+// Rules:    1. A user named in [users] has that role, be it higher or lower than what follows.
+//           2. Otherwise root and the service's own user may claim any role.
+//           3. Otherwise the highest role of those of the user's groups that [groups] names.
+//           4. Otherwise the default. Without a file that is "user".
+// Errors:   all mistakes of the file are found in one run; a name that this device does not know is
+//           one. A file that does not exist is none.
+// Trust:    whoever can change the file can give themselves any role. So a file that is a symbolic
+//           link, that belongs to others than root and the service's own user, or that its group or
+//           others may write, is not read: `distrust` says why, and the rules without a file hold.
+// Threads:  any number of threads may ask at once.
 #pragma once
 
 #include <sys/types.h>
@@ -49,7 +49,7 @@ class UserDatabase {
   virtual std::vector<gid_t> groupsOf(uid_t uid, gid_t primary) const = 0;
 };
 
-// The one of the operating system, through the name service switch.
+// The users and groups of this system, through the name service switch.
 const UserDatabase& systemUserDatabase();
 
 // How long the groups of a user are remembered. Asking for them can take long (a directory server),
@@ -58,7 +58,7 @@ inline constexpr std::chrono::seconds kGroupsRemembered{60};
 
 struct AccessLoadResult;
 
-// What may stand at the top of the file. On a device appconfig-roles(5) describes it.
+// The keys that may stand at the top of the file; appconfig-roles(5) describes them.
 std::vector<std::string_view> accessFileKeys();
 
 class AccessPolicy {
@@ -102,13 +102,13 @@ class AccessPolicy {
   AppConfig::SecurityRole default_ = AppConfig::eRoleUser;
   std::map<uid_t, AppConfig::SecurityRole> users_;
   std::map<gid_t, AppConfig::SecurityRole> groups_;
-  // By folded name. Nothing: everybody's.
+  // By folded name: the user, or nothing when the name is everybody's.
   std::map<std::string, std::optional<uid_t>> names_;
   std::unique_ptr<Groups> groupsOfUsers_;
 };
 
-// With mistakes the policy is the one without a file, and not meant to be used. With a distrust it
-// is the one without a file, and is.
+// After mistakes, policy is the one without a file, and the service should not start with it. After
+// a distrust it is the same one, and the service runs with it.
 struct AccessLoadResult {
   AccessPolicy policy;
   std::vector<Mistake> mistakes;

@@ -1,3 +1,8 @@
+// Counts endpoints by folded name and user, which is all that the rules need.
+//
+// A name is held from its first endpoint to its last. What was said of a name and a user is
+// remembered only so that the log does not repeat it; the memory is bounded by forgetting all of
+// it.
 #include "configsrv/access/name_claims.h"
 
 #include "configsrv/access/name_form.h"
@@ -44,7 +49,8 @@ void NameClaims::came(const std::string& name, uid_t uid, gid_t gid) {
   ++user.endpoints;
 }
 
-// With the last endpoint of a name goes what was said about it: the next holder is another case.
+// When the last endpoint of a name goes, what was said about the name is forgotten: the next holder
+// is another case.
 void NameClaims::went(const std::string& name, uid_t uid) {
   const std::string folded = foldedName(name);
   const auto found = holders_.find(folded);

@@ -1,3 +1,7 @@
+// Users and groups by the reentrant functions of the C library, whose buffers the caller provides.
+//
+// Nobody tells how large an entry is, so each look-up begins with a small buffer and doubles it
+// until the entry fits or is absurdly large.
 #include <grp.h>
 #include <pwd.h>
 

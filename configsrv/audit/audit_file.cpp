@@ -1,3 +1,11 @@
+// Before each line, lstat tells whether the name still leads to the open file; if not, the name is
+// opened anew. That costs one system call for each line, and whoever rotates the file need not tell
+// the service.
+//
+// Each line is one write. When the disk takes a part of it only, that part is cut off again; where
+// even that fails, the next line begins with a line break, so that it stays whole. Descriptors of
+// files that were rotated away go into the AuditSync (before_), because their last lines may not
+// be on the disk yet.
 #include "configsrv/audit/internal/audit_file.h"
 
 #include <fcntl.h>
@@ -27,7 +35,7 @@ int openDirectory(const std::string& path) {
   return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-// What cannot be read is taken to be well: a service may be allowed to write alone.
+// True when the file cannot be read: a service may be allowed to write it and no more.
 bool endsWithLineBreak(const std::string& path, off_t bytes) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return true;
@@ -84,7 +92,7 @@ std::string AuditFile::reopen() {
   return objection;
 }
 
-// What the disk takes of a line is taken back when it does not take all of it.
+// Empty on success. When the disk takes only a part of the line, that part is cut off again.
 std::string AuditFile::write(const std::string& line) {
   if (!isStillThere()) {
     std::string problem = reopen();
@@ -112,8 +120,8 @@ void AuditFile::lose(const std::string& why, std::uint64_t lines) {
              "; changes go on and are not recorded");
 }
 
-// In one write with the line that tells of what was lost: where only that one fits, the next record
-// would be lost again, and the log filled with it.
+// The line that tells of lost records goes out in one write with the next record. If it went alone
+// where only it fits, the next record would be lost again, and such lines would fill the file.
 bool AuditFile::append(const std::string& line) {
   const std::string problem = write(lost_ > 0 ? lostLine_(lost_) + '\n' + line : line);
   if (!problem.empty()) {

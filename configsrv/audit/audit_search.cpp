@@ -1,3 +1,7 @@
+// Reads the file from its end in pieces, and each piece from its last line to its first.
+//
+// The beginning of a piece may be the end of a line, so it is kept and put behind the next piece.
+// The search stops when all lines are found.
 #include "configsrv/audit/internal/audit_search.h"
 
 #include <fcntl.h>
@@ -40,7 +44,7 @@ class Search {
   std::size_t count_ = 0;
 };
 
-// The lines of a piece that are whole; what stands before the first line break is left, for it may
+// Looks at the whole lines of a piece. Returns what stands before the first line break: it may
 // begin in the piece before.
 std::string seeLines(std::string_view text, Search& search) {
   std::size_t end = text.size();

@@ -18,7 +18,8 @@ void AuditSync::add(int fd) {
 std::string AuditSync::wait() const {
   std::string problem;
   for (const int fd : fds_) {
-    // Some files can have nothing to be forced to a disk; nothing can be lost of them then.
+    // Some sorts of files cannot be forced to a disk at all; nothing of them can be lost then
+    // either.
     if (::fsync(fd) != 0 && errno != EINVAL && errno != EROFS) problem = std::strerror(errno);
   }
   return problem;

@@ -3,8 +3,8 @@
 // Made in the loop and waited for elsewhere, for a disk takes its time: it holds descriptors of its
 // own, so that the file may be rotated meanwhile.
 //
-// Threads  one at a time.
-// Owns     its descriptors.
+// Threads:  one at a time.
+// Owns:     its descriptors.
 #pragma once
 
 #include <cstdint>
@@ -20,10 +20,10 @@ class AuditSync {
   AuditSync(const AuditSync&) = delete;
   AuditSync& operator=(const AuditSync&) = delete;
 
-  // Of the newest change among the lines; 0: of none.
+  // The newest change among the lines; 0 when they tell of no change.
   std::uint64_t revision = 0;
 
-  // Takes a descriptor over. What is not open is left out.
+  // Takes ownership of a descriptor. A negative one is ignored.
   void add(int fd);
   // Waits until all is on the disk. Empty on success; else the system's reason.
   [[nodiscard]] std::string wait() const;

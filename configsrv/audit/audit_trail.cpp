@@ -1,3 +1,9 @@
+// Makes the records; AuditFile writes them.
+//
+// The record of a change is made before the commit, because the store keeps it in the same commit.
+// Only its revision is missing then, so that field comes last: changeCommitted() and repair()
+// append it. A visitor (Fields) writes what each kind of change was from and to, and is the one
+// place that masks.
 #include "configsrv/audit/audit_trail.h"
 
 #include <sys/time.h>
@@ -226,7 +232,8 @@ bool AuditTrail::repair(const std::vector<StoredRecord>& records) {
     log_.warning(path_ + ": " + std::to_string(repaired) +
                  (repaired == 1 ? " record" : " records") +
                  " of changes that the last end of the service left out are appended now");
-  // Those that are there may be in the system's memory alone.
+  // Lines that are in the file may be in the system's memory alone, so they are forced to the disk
+  // too.
   const std::string problem = file_->syncNow();
   synced(problem);
   return all && problem.empty();
@@ -253,7 +260,7 @@ void AuditTrail::changeEnds(const ChangeRequest& request, const Variable* variab
   addWho(record, request.by);
   record.add("variable", AppConfig::formatKey(request.what.key));
   std::visit(Fields(record, variable), request.what.what);
-  // A denial quotes no value, and who was denied what is what the record is for.
+  // The reason of a denial may be recorded even for a secret variable: it quotes no value.
   const bool isOpen = variable == nullptr || !variable->shape().secret;
   addOutcome(record, outcome, isOpen || outcome.error == eErrDenied);
   file_->append(record.text());

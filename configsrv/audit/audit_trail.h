@@ -1,15 +1,16 @@
 // AuditTrail: a line for each change that somebody made or wanted: who, when, what, from what to
 // what, and how it ended. docs/howto/audit.md shows the record and what each field means.
 //
-// Masking  what a secret variable held or was to hold is never written, nor why it was not taken;
-//          nor what somebody sent for a variable that does not exist, for it may have been meant
-//          for a secret one.
-// Limits   kMaxValueBytes of each value; the record says when that was not all.
-// Durable  the record of a change that is committed is kept in the store as well, in the same commit,
-//          until the file is on the disk (takeUnsynced()). What the end of a service, or a loss of
-//          power, left out of the file, repair() appends at the next start, marked as such.
-// Faults   a file that cannot be written stops no change; see internal/audit_file.h.
-// Threads  one.
+// Masking:  what a secret variable held or was to hold is never written, nor why it was not taken;
+//           nor what somebody sent for a variable that does not exist, for it may have been meant
+//           for a secret one.
+// Limits:   kMaxValueBytes of each value; the record says when that was not all.
+// Durable:  the record of a change that is committed is kept in the store as well, in the same
+//           commit, until the file is on the disk (takeUnsynced()). What the end of a service, or a
+//           loss of power, left out of the file, repair() appends at the next start, marked as
+//           such.
+// Faults:   a file that cannot be written stops no change; see internal/audit_file.h.
+// Threads:  one.
 //
 //   AuditTrail audit("/var/log/appconfig/audit.jsonl", log);
 //   Changes changes(model, subscriptions, announcer, host, log, {}, &audit);
@@ -31,7 +32,7 @@ class AuditFile;
 
 class AuditTrail final : public ChangeObserver {
  public:
-  // Bytes of the elements of one value; what is beyond is left out.
+  // Bytes kept of the elements of one value; the rest is left out.
   static constexpr std::size_t kMaxValueBytes = 4096;
   // Records, and their bytes, that the store keeps until the file is forced to the disk.
   static constexpr std::size_t kMaxUnsynced = 256;
@@ -53,17 +54,17 @@ class AuditTrail final : public ChangeObserver {
   void refusedBelow(const Requester& by, std::string_view action, const std::string& name,
                     const ChangeOutcome& outcome);
 
-  // Appends those of the records that the store has kept and the file lacks. True when all are in the
-  // file, and on the disk: they can be forgotten then.
+  // Appends the records that the store has kept and the file lacks. True when all of them are in
+  // the file and on the disk, so that the store can forget them.
   bool repair(const std::vector<StoredRecord>& records);
 
-  // Whether so much is unsynced that it is worth a wait for the disk.
+  // True when enough lines are unsynced that forcing them to the disk is worth the wait.
   bool isWorthSyncing() const {
     return unsynced_ >= kMaxUnsynced || unsyncedBytes_ >= kMaxUnsyncedBytes;
   }
-  // What was written since the last call, of changes up to its `revision`.
+  // What was written since the last call. Its `revision` is that of the newest change among it.
   std::shared_ptr<AuditSync> takeUnsynced();
-  // How that ended, said when it failed.
+  // To be called with the result of its wait(); a failure goes to the log.
   void synced(const std::string& problem);
 
  private:

@@ -1,3 +1,8 @@
+// Writes JSON directly as text, field by field.
+//
+// Strings are bytes here. UTF-8 passes, save what could break a line or drive a terminal, which is
+// escaped. A byte that is no UTF-8 becomes a lone surrogate, \udc00 and the byte: JSON readers
+// know how to turn that back, and the byte is not lost.
 #include "configsrv/audit/internal/json_object.h"
 
 #include <cstdio>

@@ -1,12 +1,13 @@
+// Holds a value against its shape, one check after another; the first that fails gives the reason.
+//
+// Every reason begins with the value, or with what stands for it, so that each check adds only
+// what the value is not. Values are quoted in printable form and cut: they come from outside and
+// end up in logs.
 #include <algorithm>
 
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/definitions/internal/int_value.h"
 #include "configsrv/definitions/pattern.h"
-
-// Every reason begins with the value, or with what stands for it, so that each check adds only what
-// the value is not. Values are quoted in printable form and cut: they come from outside and end up
-// in logs.
 
 namespace ConfigSrv {
 namespace {

@@ -1,3 +1,8 @@
+// The variables are kept sorted by key, so that finding one is a binary search and the order of
+// the model is the order here.
+//
+// The digest is made of what a client can notice of the definitions. Descriptions are left out:
+// with another text a device behaves as before.
 #include "configsrv/definitions/definitions.h"
 
 #include <algorithm>

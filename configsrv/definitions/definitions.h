@@ -7,15 +7,16 @@
 //
 //   LoadResult loaded = loadDefinitions("/etc/appconfig/definitions.d");
 //   if (!loaded.mistakes.empty()) fail(formatMistakes(loaded.mistakes));
-//   const VariableDefinition* hostname = loaded.definitions.find(ConfigVar("network", 0,
-//   "hostname", 0)); if (hostname == nullptr) ...                       // nobody defined it
-//   hostname->shape->defaultValue;                     // {"gateway"}
+//   const ConfigVar key("network", 0, "hostname", 0);
+//   const VariableDefinition* hostname = loaded.definitions.find(key);
+//   if (hostname == nullptr) ...    // nobody defined it
+//   hostname->shape->defaultValue;  // {"gateway"}
 //
-// Errors   all mistakes of all files are found in one run, and any mistake means no definitions at
-//          all: a service never runs on half of them.
-// Threads  immutable once loaded; any number of threads may read.
-// Owns     everything; pointers and iterators live as long as the Definitions they came from, and
-//          survive its move. Shapes are shared and may be kept alone.
+// Errors:   all mistakes of all files are found in one run, and any mistake means no definitions at
+//           all: a service never runs on half of them.
+// Threads:  immutable once loaded; any number of threads may read.
+// Owns:     everything; pointers and iterators live as long as the Definitions they came from, and
+//           survive its move. Shapes are shared and may be kept alone.
 #pragma once
 
 #include <cstddef>
@@ -35,8 +36,8 @@ namespace ConfigSrv {
 
 class Pattern;
 
-// Named limits. Values: the sum of the bytes of all elements, and the number of elements; they hold
-// for every variable, whatever its definition says.
+// Limits of a value: the sum of the bytes of all its elements, and the number of its elements. They
+// hold for every variable, whatever its definition says.
 inline constexpr std::size_t kMaxValueBytes = std::size_t{1} << 20;
 inline constexpr std::size_t kMaxElements = 4096;
 inline constexpr std::size_t kMaxOptions = 1024;
@@ -62,8 +63,8 @@ struct VariableShape {
   ValueType type = ValueType::kString;
   // As a value of the type, already checked; exactly one element unless the type is a list.
   std::list<std::string> defaultValue;
-  // What each element has to be one of; none: anything the type allows. Never empty for an
-  // enumeration. defaultIndex is the position of the default one, 0 when there are no options.
+  // The values that each element may have; none: anything that the type allows. Never empty for an
+  // enumeration. defaultIndex is the position of the default option, 0 when there are no options.
   std::vector<std::string> options;
   std::uint32_t defaultIndex = 0;
   // Of an int; absent: what 32 signed bits hold.

@@ -1,3 +1,10 @@
+// Reads what each file says of each variable, and lays a later file's fields over those of an
+// earlier one.
+//
+// A field is checked here for its name and the kind of value that it takes; what the fields mean
+// together is found out later (shape_reader.h), because the last file may still change any of
+// them. A definition that has a mistake is marked as broken, so that nothing is reported of what
+// only follows from it.
 #include "configsrv/definitions/internal/layers.h"
 
 #include <algorithm>
@@ -196,7 +203,7 @@ bool LayerReader::readKey(const TomlEntry& entry, WrittenDefinition& definition)
   return readNameSpace(entry, definition);
 }
 
-// The namespace is a part of the key, so that it is needed before keys are compared.
+// Read before the other fields: the namespace is a part of the key, and keys are compared next.
 bool LayerReader::readNameSpace(const TomlEntry& entry, WrittenDefinition& definition) {
   const ConfigVar key = definition.key;
   if (key.group() == "cfg") {

@@ -1,3 +1,10 @@
+// Loading runs in three steps: files become layers, layers become written definitions (layers.h),
+// and these are expanded here into variables.
+//
+// A variable can be covered by up to three definitions, each of which names more of its instances
+// than the one before: "network.eth.addr", "network.eth[1].addr", "network.eth[1].addr[2]". Their
+// fields are laid over each other in that order, whichever file they stand in, and variables
+// covered by the same definitions share one shape.
 #include <dirent.h>
 
 #include <algorithm>
@@ -15,13 +22,6 @@
 #include "configsrv/definitions/internal/layers.h"
 #include "configsrv/definitions/internal/shape_reader.h"
 #include "configsrv/toml/document.h"
-
-// Loading runs in three steps: files become layers, layers become written definitions (layers.h),
-// and these are expanded here into variables. A variable can be covered by up to three definitions,
-// each of which names more of its instances than the one before: "network.eth.addr",
-// "network.eth[1].addr", "network.eth[1].addr[2]". Their fields are laid over each other in that
-// order, whichever file they stand in, and variables covered by the same definitions share one
-// shape.
 
 namespace ConfigSrv {
 namespace {
@@ -82,7 +82,8 @@ class Expansion {
   std::vector<VariableDefinition> variables();
 
  private:
-  // False, and reported, when another definition of the same specificity covers the key.
+  // False when another definition that is as specific covers the key already, which is then
+  // reported.
   bool cover(const ConfigVar& key, const WrittenDefinition& definition);
   void report(const WrittenDefinition& definition, const std::string& text);
   bool tooMany(const WrittenDefinition& definition, std::size_t count);
@@ -166,7 +167,7 @@ std::vector<VariableDefinition> expand(const std::vector<WrittenDefinition>& wri
   return expansion.variables();
 }
 
-// A definition that covers many variables, or is laid below others, says its mistake once.
+// Leaves each mistake once: a definition that covers many variables reports it for each of them.
 void sortAndThin(std::vector<Mistake>& mistakes) {
   const auto fields = [](const Mistake& m) { return std::tie(m.file, m.line, m.column, m.text); };
   std::sort(mistakes.begin(), mistakes.end(),
@@ -180,7 +181,7 @@ void sortAndThin(std::vector<Mistake>& mistakes) {
 LoadResult readDefinitions(const std::string& directory) {
   LoadResult result;
   const std::vector<Layer> layers = readFiles(directory, result.mistakes);
-  // Without a file that could not be read, what the others say would seem wrong and be right.
+  // When a file could not be read, the others would seem to have mistakes that they do not have.
   const bool complete = result.mistakes.empty();
   const std::vector<WrittenDefinition> written = readLayers(layers, result.mistakes);
   std::vector<VariableDefinition> variables;
@@ -190,7 +191,7 @@ LoadResult readDefinitions(const std::string& directory) {
   return result;
 }
 
-// Of all but the patterns; what shared a shape shares one again.
+// Copies everything but the patterns. Variables that shared a shape share one again.
 Definitions copyOf(const Definitions& definitions) {
   std::vector<VariableDefinition> variables;
   variables.reserve(definitions.size());
@@ -205,9 +206,10 @@ Definitions copyOf(const Definitions& definitions) {
 
 }  // namespace
 
-// Reading takes several times the memory of what it finds, and what it finds would lie scattered
-// over all of it and keep it from being returned: 8 MiB for 10,000 variables. A thread of its own
-// has a heap of its own, which is given back whole once the definitions are copied out of it.
+// Reading takes several times the memory of its result. On the common heap the result would lie
+// scattered over all of it and keep it from being returned: 8 MiB for 10,000 variables. A thread of
+// its own has a heap of its own, which is given back whole once the definitions are copied out of
+// it.
 LoadResult loadDefinitions(const std::string& directory) {
   LoadResult read;
   std::thread([&] { read = readDefinitions(directory); }).join();

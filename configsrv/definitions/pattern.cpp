@@ -1,3 +1,15 @@
+// Patterns by regcomp of the C library, not std::regex: the latter recurses once for each byte of
+// the value, so that a long one overruns the stack, and it adds a quarter of a megabyte to the
+// program.
+//
+// Two habits of the C library are worked around. It looks for a match at every byte of the value,
+// which takes quadratic time unless the expression is anchored: so it gets ^(...)$, and a ")" that
+// would end our group is refused. And its automaton keeps every state that it was ever in, of
+// which some expressions have exponentially many: so an automaton is not kept with the pattern,
+// where writers could make it grow for as long as the service runs, but made anew every
+// kMaxMatchedBytes. Making one takes some ten microseconds.
+//
+// What a pattern would cost the C library is counted before it gets to see it (PatternCounter).
 #include "configsrv/definitions/pattern.h"
 
 #include <regex.h>
@@ -7,20 +19,11 @@
 #include <utility>
 #include <vector>
 
-// regcomp, not std::regex: the latter recurses once for each byte of the value, so that a long one
-// overruns the stack, and it adds a quarter of a megabyte to the program.
-//
-// Two habits of the C library are worked around. It looks for a match at every byte of the value,
-// which takes quadratic time unless the expression is anchored: so it gets ^(...)$, and a ")" that
-// would end our group is refused. And its automaton keeps every state that it was ever in, of which
-// some expressions have exponentially many: so an automaton is not kept with the pattern, where
-// writers could make it grow for as long as the service runs, but made anew every
-// kMaxMatchedBytes. Making one takes some ten microseconds.
-
 namespace ConfigSrv {
 namespace {
 
-// How often the empty text matches, and how the C library would walk there: see PatternCounter.
+// In how many ways the empty text matches, which is how often the C library walks there; see
+// PatternCounter.
 struct EmptyWays {
   // From the beginning to the end.
   std::size_t through = 1;
@@ -32,7 +35,7 @@ struct EmptyWays {
 
 constexpr EmptyWays kThroughACharacter{0, 1, 1, 1};
 
-// Nothing above is told apart.
+// Counts stop above the limit: how far above does not matter.
 std::size_t cappedWays(std::size_t n) { return std::min(n, kMaxEmptyWays + 1); }
 
 EmptyWays inSequence(const EmptyWays& a, const EmptyWays& b) {
@@ -76,7 +79,7 @@ EmptyWays times(const EmptyWays& a, std::size_t least, std::size_t most, bool en
 class PatternCounter {
  public:
   void count(std::string_view pattern);
-  // Nothing above the limits is told apart.
+  // Counts stop above the limits: how far above does not matter.
   std::size_t atoms() const { return groups_.back().atoms; }
   std::size_t emptyWays() const { return groups_.back().closed.most; }
   bool hasBackReference() const { return backReference_; }
@@ -86,7 +89,8 @@ class PatternCounter {
   struct Group {
     std::size_t atoms = 0;
     std::size_t atomsBefore = 0;  // the alternative that is being read
-    // The alternatives that are read, the present one, and that without what stands last in it.
+    // Of the alternatives that are finished, of the present one, and of the present one without its
+    // last part.
     EmptyWays closed{0, 1, 1, 1};
     EmptyWays present;
     EmptyWays beforeLast;
@@ -282,7 +286,7 @@ struct PatternMatcher::Automaton {
   }
 
   regex_t expression = {};
-  // False only when memory ran out: the pattern was compiled before. Nothing matches then.
+  // False only when memory ran out, because the pattern was compiled before. Nothing matches then.
   bool ready;
   std::size_t bytesLeft = kMaxMatchedBytes;
 };

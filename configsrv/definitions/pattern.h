@@ -6,13 +6,13 @@
 //   matcher.matches("eth0");   // true
 //   matcher.matches("eth0 ");  // false: something is left over
 //
-// Shape    works on bytes: zero bytes and invalid UTF-8 in a value are ordinary bytes, and "."
-//          matches any one of them, a newline included, save the zero byte: only [^...] matches
-//          that.
-// Limits   the ones below; back-references and unmatched parentheses are refused. So a match costs
-//          time and memory that the limits bound, whatever the value.
-// Threads  a Pattern is immutable, any number of threads may use one; a PatternMatcher belongs to
-//          one thread, and is cheap enough to be made for each value.
+// Shape:    works on bytes: zero bytes and invalid UTF-8 in a value are ordinary bytes, and "."
+//           matches any one of them, a newline included, save the zero byte: only [^...] matches
+//           that.
+// Limits:   the ones below; back-references and unmatched parentheses are refused. So a match costs
+//           time and memory that the limits bound, whatever the value.
+// Threads:  a Pattern is immutable, any number of threads may use one; a PatternMatcher belongs to
+//           one thread, and is cheap enough to be made for each value.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,7 @@ inline constexpr std::size_t kMaxPatternAtoms = 500;
 // Ways in which a pattern, or a part of it, matches nothing: "(a?b?)*" has two, "(a*)*(b*)*" four.
 inline constexpr std::size_t kMaxEmptyWays = 64;
 
-// Longest string that is matched against a pattern; no longer one matches. With the limit above it
+// Longest string that is matched; a longer one never matches. Together with the limits above it
 // keeps the worst pair of pattern and string that we know below 30 MiB and a tenth of a second.
 inline constexpr std::size_t kMaxMatchedBytes = 1024;
 

@@ -1,3 +1,8 @@
+// Makes a VariableShape of the fields that cover a variable, and checks that they agree.
+//
+// A field may come from another file, or from the definition of a single instance, and contradict
+// one that was right until then. What several fields have done together is therefore reported at
+// the one that came last.
 #include "configsrv/definitions/internal/shape_reader.h"
 
 #include <algorithm>
@@ -10,10 +15,6 @@
 #include "appconfig/core/role_names.h"
 #include "configsrv/definitions/internal/int_value.h"
 #include "configsrv/definitions/pattern.h"
-
-// A field may come from another file, or from the definition of a single instance, and contradict
-// one that was right until then. What several fields have done together is therefore reported at
-// the one that came last.
 
 namespace ConfigSrv {
 namespace {
@@ -134,7 +135,8 @@ bool laterThan(const Field& a, const Field& b) {
   return std::tie(a.specificity, a.layer) > std::tie(b.specificity, b.layer);
 }
 
-// At the last of the fields, of several the first that is named; at the origin when none is there.
+// Reports at the field that was written last, at the first named of several in one place, and at
+// the variable's origin when none of them is there.
 void ShapeReader::report(std::initializer_list<std::string_view> fields, const std::string& text) {
   const Field* last = nullptr;
   for (const std::string_view name : fields) {
@@ -313,7 +315,7 @@ void ShapeReader::readDefault() {
   checkDefault();
 }
 
-// The options are held against the limits as well: one that no write could choose is a mistake.
+// The options have to keep the limits as well: one that no write could choose is a mistake.
 void ShapeReader::checkDefault() {
   if (shape_.type != ValueType::kList) {
     for (const std::string& option : shape_.options) {
@@ -356,7 +358,8 @@ AppConfig::SecurityRole ShapeReader::readRole(std::string_view field,
   return otherwise;
 }
 
-// What is worth hiding from logs is not for everybody to read, unless the definition says so.
+// The value of a secret variable is not for everybody to read either, unless the definition says
+// so.
 void ShapeReader::readRoles() {
   shape_.readOnly = boolean("read-only");
   shape_.secret = boolean("secret");

@@ -4,7 +4,7 @@
 // line, "N more like it", when the span has ended. Kinds do not share: a flood of one hides nothing
 // of another. A kind is a name in the code, never a text that a peer chooses, so there are few.
 //
-// Threads  none of its own; the caller keeps calls apart.
+// Threads:  none of its own; the caller keeps calls apart.
 #pragma once
 
 #include <chrono>
@@ -33,11 +33,11 @@ class FloodGuard {
   // Whether the line is to be written now.
   bool admit(LogLevel level, std::string_view kind, std::string_view line, Clock::time_point now);
 
-  // What was held back in spans that have ended by now; each is told once.
+  // A summary of each span that has ended; each is returned once.
   std::vector<Summary> ended(Clock::time_point now);
-  // The same, of all spans.
+  // The summaries of all spans, ended or not.
   std::vector<Summary> all();
-  // Whether there is anything that ended() will tell one day.
+  // Whether ended() will have something to return later.
   bool holdsBack() const { return heldBack_ > 0; }
 
  private:

@@ -1,3 +1,9 @@
+// A line is made of the text and given to the sink. Standard error gets it in one write; the
+// journal also gets its mark for the level.
+//
+// Lines that may repeat themselves pass a FloodGuard, which is shared by the copies of a Log. It
+// is asked under a mutex; what it answers is written when the mutex is released, because a sink
+// may take long.
 #include "configsrv/log/log.h"
 
 #include <sys/stat.h>
@@ -82,7 +88,7 @@ Log::Sink Log::toStandardError() {
 }
 
 struct Log::Repeats {
-  // Guards the two below; neither a sink nor a function is called while it is held.
+  // Guards guard and tell. Neither a sink nor a function is called while it is held.
   std::mutex mutex;
   FloodGuard guard;
   std::function<void()> tell;

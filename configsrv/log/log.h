@@ -1,10 +1,10 @@
 // Log: the service's lines for whoever looks after the device.
 //
-// Shape    one line each. Bytes that would break a line or a terminal (anything but printable
-//          ASCII and bytes above 127) are written \xNN, for peers choose parts of the text.
-// Levels   error: something is broken and stays so; warning: a fault that was dealt with, a peer
-//          that was refused; info: what starts and stops; debug: each step of each change.
-// Threads  any.
+// Shape:    one line each. Bytes that would break a line or a terminal (anything but printable
+//           ASCII and bytes above 127) are written \xNN, for peers choose parts of the text.
+// Levels:   error: something is broken and stays so; warning: a fault that was dealt with, a peer
+//           that was refused; info: what starts and stops; debug: each step of each change.
+// Threads:  any.
 //
 //   Log log(LogLevel::Info, Log::toStandardError());
 //   log.warning("connection refused: ...");
@@ -39,13 +39,13 @@ class Log {
   bool isOn(LogLevel level) const { return level <= mostDetailed_; }
   void write(LogLevel level, std::string_view line) const;
 
-  // A line that peers can bring about as often as they like: of many of one kind in a short time
-  // the first are written and the rest is summed up in one line (see flood_guard.h).
+  // For lines that peers can cause as often as they like: of many of one kind in a short time, the
+  // first are written and the rest is summed up in one line (flood_guard.h).
   void repeatable(LogLevel level, std::string_view kind, std::string_view line) const;
-  // Writes the sums of what was held back long enough ago; with `all` of everything. Called from
-  // time to time by whoever was told by whenHeldBack(), and before the program ends.
+  // Writes the sums of what was held back long enough ago; with `all`, of everything. Whoever
+  // registered by whenHeldBack() calls it from time to time, and before the program ends.
   void sumUp(bool all = false) const;
-  // Calls a function, on the thread that logs, when there begins to be something to sum up.
+  // Sets a function that is called, on the thread that logs, once there is something to sum up.
   void whenHeldBack(std::function<void()> tell) const;
   // Whether there is something to sum up.
   bool holdsBack() const;

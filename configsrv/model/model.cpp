@@ -48,7 +48,7 @@ bool canHoldAnOption(const StoredVariable& stored, const VariableShape& shape) {
   return checkValue(shape, optionsOf(stored, shape), shape.defaultValue).empty();
 }
 
-// Why the stored options cannot.
+// Why the stored options cannot be used; empty when they can.
 std::string refusalOfOptions(const StoredVariable& stored, const VariableShape& shape) {
   if (shape.readOnly) return "the variable is read-only";
   if (shape.type == ValueType::kEnumeration && optionsOf(stored, shape).empty())
@@ -62,7 +62,7 @@ std::string refusalOfOptions(const StoredVariable& stored, const VariableShape& 
   return canHoldAnOption(stored, shape) ? "" : "the default is none of the options";
 }
 
-// Whether they were left out.
+// True when there were options and they had to be left out.
 bool leaveOutOptions(StoredVariable& stored, const VariableShape& shape,
                      std::vector<std::string>& lines) {
   if (!stored.options && !stored.defaultIndex) return false;
@@ -83,7 +83,7 @@ bool leaveOutRole(const ConfigVar& key, const char* what, std::optional<int>& ro
   return true;
 }
 
-// Whether it was left out.
+// True when there was a value and it had to be left out.
 bool leaveOutValue(StoredVariable& stored, const VariableShape& shape,
                    std::vector<std::string>& lines) {
   if (!stored.value) return false;
@@ -94,7 +94,7 @@ bool leaveOutValue(StoredVariable& stored, const VariableShape& shape,
   return true;
 }
 
-// Names the first few: a product that drops a group must not fill the log.
+// Names only the first few: a product that drops a group must not fill the log.
 std::string lineOfUndefined(const std::vector<ConfigVar>& keys) {
   constexpr std::size_t kNamed = 8;
   std::string names;
@@ -174,7 +174,7 @@ std::vector<std::string> Model::restore(std::vector<StoredVariable> stored,
   return lines;
 }
 
-// Options before the value, which has to be one of them.
+// The options first: the value has to be one of them.
 void Model::restoreOne(Variable& variable, StoredVariable stored, std::vector<std::string>& lines) {
   StoreChange::Forgotten leftOut;
   leftOut.options = leaveOutOptions(stored, variable.shape(), lines);

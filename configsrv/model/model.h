@@ -4,13 +4,13 @@
 // model changes only by apply(), with changes that are durable already, so a reader never sees what
 // a loss of power could take back.
 //
-// Cost     16 bytes for a variable that is as defined, beside its definition; finding one costs a
-//          hash and a comparison, walking a group costs by what lies below it.
-// Errors   what the store remembers and the definitions no longer allow is left out, with a text
-//          for the log; the record stays in the store, for the definitions may come back. Until
-//          then, or until the variable is changed: what somebody wants now ends what was left out.
-// Threads  one.
-// Owns     the definitions and the state. Variables do not move while the model lives.
+// Cost:     16 bytes for a variable that is as defined, beside its definition; finding one costs a
+//           hash and a comparison, walking a group costs by what lies below it.
+// Errors:   what the store remembers and the definitions no longer allow is left out, with a text
+//           for the log; the record stays in the store, for the definitions may come back. Until
+//           then, or until the variable is changed: what somebody wants now ends what was left out.
+// Threads:  one.
+// Owns:     the definitions and the state. Variables do not move while the model lives.
 //
 //   Model model(std::move(loaded.definitions));
 //   for (const std::string& line : model.restore(std::move(opened.variables), store.revision()))
@@ -48,14 +48,15 @@ class Variable {
   const VariableShape& shape() const { return *definition_->shape; }
 
   const std::list<std::string>& value() const;
-  // Whether the value equals the definition's, however it came about.
+  // Whether the value equals the definition's, whoever set it.
   bool isDefault() const;
   const std::vector<std::string>& options() const;
   std::uint32_t defaultIndex() const;
   AppConfig::SecurityRole readRole() const;
   AppConfig::SecurityRole writeRole() const;
 
-  // Revisions of the last changes; 0: never changed. Options stand for the default index too.
+  // Revision of the last change of each part; 0: never changed. The default index belongs to the
+  // options.
   std::uint64_t valueChangedAt() const { return stored_ ? stored_->valueChangedAt : 0; }
   std::uint64_t optionsChangedAt() const { return stored_ ? stored_->optionsChangedAt : 0; }
   std::uint64_t accessChangedAt() const { return stored_ ? stored_->accessChangedAt : 0; }
@@ -82,13 +83,13 @@ class Variable {
   };
 
   const VariableDefinition* definition_;
-  // Null as long as nothing was ever changed.
+  // Null until something is changed for the first time.
   std::unique_ptr<Usable> stored_;
 };
 
-// What a name covers, to be walked without a list of it: in the order of the names, those that have
-// this very name first; all variables in the order of their keys. Stays right as long as the model
-// lives.
+// The variables that a name covers, to be walked without a list of them: in the order of the names,
+// beginning with those that have this very name; for the empty name all, in the order of the keys.
+// Valid as long as the model lives.
 class CoveredVariables {
  public:
   std::size_t size() const;
@@ -126,7 +127,7 @@ class Model {
   // boundaries, whatever their namespaces and instances, in the order of their keys. An empty name
   // covers all. The name is in lower case.
   std::vector<const Variable*> covered(std::string_view dottedName) const;
-  // The same for those who need no order: nothing is copied, and a walk may go on later.
+  // The same without the order: nothing is copied, and a walk may be continued later.
   CoveredVariables below(std::string_view dottedName) const;
   // One variable of this full name, in lower case; null when there is none. Of several instances
   // and namespaces the first.
@@ -137,7 +138,8 @@ class Model {
 
   // The newest revision taken over.
   std::uint64_t revision() const { return revision_; }
-  // What its revisions belong to: those of one epoch compare. 0 until it is set, once.
+  // The epoch that the revisions belong to: only those of one epoch compare. 0 until it is set,
+  // once.
   std::uint64_t epoch() const { return epoch_; }
   void setEpoch(std::uint64_t epoch) { epoch_ = epoch; }
   // Position of a variable in the order of the keys: its number for as long as the model lives.

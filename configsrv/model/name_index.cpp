@@ -1,3 +1,8 @@
+// Positions of the variables, sorted by full name. The variables below a name are then one range,
+// found by binary search: those whose names begin with it and a dot.
+//
+// The index holds four bytes for each variable and no text: names are compared where the keys hold
+// them.
 #include "configsrv/model/internal/name_index.h"
 
 #include <algorithm>

@@ -1,3 +1,9 @@
+// The upper bits of a name's hash choose one of the tables, and the table uses the lower ones, so
+// that names spread in both.
+//
+// Entries of a name are kept sorted in a vector: most names have one or two, and those of one type
+// are then read in one go. Places are given back only when a table is nearly empty, so that names
+// that come and go do not make it shrink and grow each time.
 #include "configsrv/subscriptions/internal/name_table.h"
 
 #include <algorithm>
@@ -9,7 +15,8 @@
 namespace ConfigSrv {
 namespace {
 
-// A table with less than one name for as many places gives places back; below so many it keeps them.
+// A table with less than one name for so many places is made smaller, unless it has few places
+// anyway.
 constexpr std::size_t kPlacesForOne = 8;
 constexpr std::size_t kPlacesKept = 64;
 
@@ -19,7 +26,7 @@ bool operator<(const Entry& a, const Entry& b) {
   return std::tie(a.type, a.caller, a.role) < std::tie(b.type, b.caller, b.role);
 }
 
-// The tables choose by the lower bits.
+// By the upper bits: the tables themselves use the lower ones.
 std::size_t NameTable::tableOf(std::size_t hash) {
   return hash >> (std::numeric_limits<std::size_t>::digits - static_cast<int>(kTableBits));
 }
@@ -66,7 +73,7 @@ std::size_t NameTable::erase(Node& node, std::uint32_t caller, std::uint8_t type
   return count;
 }
 
-// From type to type, so that a name that thousands have registered is not read through.
+// Goes from type to type by binary search: thousands may have registered the name.
 bool NameTable::hasAnyOf(const Node& node, std::uint32_t caller) {
   const Entries& entries = node.second;
   for (auto at = entries.begin(); at != entries.end();) {

@@ -38,7 +38,7 @@ struct Caller {
   std::string clientName;
   // What it registered counts.
   bool isActive = true;
-  // A tree, for a table of a hundred thousand would move them all when it grows.
+  // A tree and not a hash table: one of a hundred thousand would move all of them when it grows.
   std::set<Node*> names;
   std::size_t registrations = 0;
   std::array<std::uint32_t, kTypes> ofType{};
@@ -137,7 +137,7 @@ class Subscriptions::Impl {
   CallerNumber findCaller(PeerId peer, const Registration& registration) const;
   CallerNumber newCaller(PeerId peer, Owner owner, const Registration& registration);
   void insert(CallerNumber number, const std::string& name, Entry entry);
-  // What was erased at a name is counted no longer.
+  // Takes what was erased at a name off the counts.
   void uncount(Caller& caller, const Node& node, std::uint8_t type, std::size_t count);
   void dropName(CallerNumber number, Node& node);
   void dropCaller(CallerNumber number);
@@ -150,7 +150,7 @@ class Subscriptions::Impl {
 
   const SubscriptionLimits limits_;
   NameTable names_;
-  // By number; null: the number is free.
+  // By number; null where a number is free.
   std::vector<std::unique_ptr<Caller>> callers_;
   std::vector<CallerNumber> freeNumbers_;
   std::unordered_map<PeerId, PeerRecord> peers_;
@@ -264,7 +264,7 @@ void Subscriptions::Impl::uncount(Caller& caller, const Node& node, std::uint8_t
   if (peer != peers_.end()) peer->second.registrations -= count;
 }
 
-// Once nothing of the caller is left at it.
+// Separates caller and name once no entry of the caller is left there.
 void Subscriptions::Impl::dropName(CallerNumber number, Node& node) {
   if (NameTable::hasAnyOf(node, number)) return;
   callers_[number]->names.erase(&node);

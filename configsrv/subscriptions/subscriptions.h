@@ -8,13 +8,13 @@
 //
 // Namespaces and instances play no part: a registration holds for all of them.
 //
-// Cost     finding the subscribers of a variable costs by the depth of its name and by how many
-//          there are, not by how many registrations exist.
-// Slices   what is withdrawn together, or is a peer's that went, counts for nobody from that moment
-//          on. It is erased afterwards, some of it at a time, so that nothing waits for that; until
-//          then it counts as its owner's, who must not gain by withdrawing.
-// Errors   what would pass a limit is refused; nothing else can fail.
-// Threads  one.
+// Cost:     finding the subscribers of a variable costs by the depth of its name and by how many
+//           there are, not by how many registrations exist.
+// Slices:   what is withdrawn together, or is a peer's that went, counts for nobody from that
+//           moment on. It is erased afterwards, some of it at a time, so that nothing waits for
+//           that; until then it counts as its owner's, who must not gain by withdrawing.
+// Errors:   what would pass a limit is refused; nothing else can fail.
+// Threads:  one.
 #pragma once
 
 #include <cstddef>
@@ -45,16 +45,17 @@ struct SubscriptionLimits {
   // each of its links, and at most two links.
   std::size_t callersPerPeer = 64;
   std::size_t registrations = 1'000'000;
-  // What all of it may take in memory, in bytes: all, ordinary users, a user, a process.
+  // Limits of the memory that all of it takes, in bytes: everybody's, of ordinary users, of a user,
+  // of a process.
   PbUtility::ShareLimits bytes{std::size_t{64} << 20, std::size_t{12} << 20, std::size_t{6} << 20,
                                std::size_t{24} << 20};
 
-  // What one registration counts as, beside the bytes of its name, and one caller beside its texts:
-  // no less than they take, in whatever order they came.
+  // What one registration counts as beside the bytes of its name, and one caller beside its texts.
+  // Neither ever takes more memory than that.
   static constexpr std::size_t kRegistrationBytes = 208;
   static constexpr std::size_t kCallerBytes = 512;
-  // Erased in one slice: registrations, or for a long list of registrations of one name as many
-  // entries of it as are moved in the same time.
+  // How much is erased in one slice: so many registrations, or, where a name has a long list of
+  // them, as many of its entries as are moved in the same time.
   static constexpr std::size_t kErasedAtOnce = 1000;
   static constexpr std::size_t kMovedForOne = 512;
 };
@@ -83,7 +84,8 @@ class Subscriptions {
   // Has a task run later, in a turn of the user's: Server::later.
   using Later = std::function<void(uid_t user, std::function<void()> task)>;
 
-  // The service's own user is no ordinary one. Without `later` everything is erased at once.
+  // `own` is the service's own user, who is no ordinary one. Without `later` everything is erased
+  // at once.
   explicit Subscriptions(SubscriptionLimits limits = {}, uid_t own = 0, Later later = {});
   ~Subscriptions();
   Subscriptions(const Subscriptions&) = delete;
@@ -98,7 +100,7 @@ class Subscriptions {
   // client names. False when there are none.
   bool remove(PbUtility::PeerId peer, std::string_view name, ConfigIF::CallbackType type,
               std::string_view identity);
-  // Withdraws all that the peer registered under this client name. How many those were.
+  // Withdraws all that the peer registered under this client name, and returns how many that were.
   std::size_t removeAll(PbUtility::PeerId peer, std::string_view clientName);
   // The peer is gone, and with it everything that it registered.
   void forget(PbUtility::PeerId peer);
@@ -107,13 +109,13 @@ class Subscriptions {
   // be in lower case. Each peer and identity stands in the list once, with the highest of its
   // roles, however many of its registrations cover the variable. In order of peer.
   std::vector<Subscriber> covering(std::string_view fullName, ConfigIF::CallbackType type) const;
-  // Whether anybody is.
+  // Whether covering() would find anybody.
   bool anyCovering(std::string_view fullName, ConfigIF::CallbackType type) const;
 
   // Whether this very registration is there.
   bool contains(PbUtility::PeerId peer, const Registration& registration) const;
 
-  // Those that are kept, what is still to be erased included.
+  // How many registrations are kept, those that are still to be erased included.
   std::size_t count() const;
   std::size_t count(PbUtility::PeerId peer) const;
   // Takes bytes of the owner's share for what has to be remembered beside a registration, until they

@@ -1,3 +1,8 @@
+// Turns what the TOML library parsed into a TomlValue, and its errors into Mistakes.
+//
+// This is the only file that sees the parser: it is some 15,000 lines of templates, and compiled
+// here once. Nesting of inline tables and arrays is limited by the parser; nesting by dots is not,
+// and is limited before it gets to see the text (kMaxDotsPerLine).
 #include "configsrv/toml/document.h"
 
 #include <fcntl.h>
@@ -10,13 +15,9 @@
 #include <tuple>
 #include <utility>
 
-// The only file that sees the parser: it is some 15,000 lines of templates, and compiled here once.
-// Nesting of inline tables and arrays is limited by the parser; nesting by dots is not, and is
-// limited before it gets to see the text (kMaxDotsPerLine).
-//
-// Its assertions do not hold for every text ("[&"), and in a release build they become promises to
-// the compiler. Switched off, in both builds, the parser reports such a text like any other
-// mistake.
+// The parser's assertions do not hold for every text ("[&"), and in a release build they become
+// promises to the compiler. Switched off, in both builds, the parser reports such a text like any
+// other mistake.
 #undef NDEBUG
 #define TOML_ASSERT(condition) static_cast<void>(0)
 #define TOML_HEADER_ONLY 1
@@ -24,8 +25,9 @@
 #define TOML_ENABLE_FORMATTERS 0
 #define TOML_MAX_NESTED_VALUES 16
 
-// Its table of blanks promises the compiler that no text leads to certain of its ends, and a letter as
-// ordinary as "e" with an accent where a blank may stand does. Those ends say "no blank" instead.
+// The parser's table of blanks promises the compiler that certain ends of it are never reached, and
+// they are: by a letter as ordinary as "e" with an accent where a blank may stand. Those ends say
+// "no blank" instead.
 #include <toml++/impl/preprocessor.h>
 #undef TOML_UNREACHABLE
 #define TOML_UNREACHABLE return false
@@ -39,7 +41,7 @@ namespace {
 
 class OpenFile {
  public:
-  // Not blocking, so that a named pipe is found out rather than waited for.
+  // Opened without blocking, so that a named pipe is refused rather than waited for.
   explicit OpenFile(const std::string& path)
       : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
   OpenFile(const OpenFile&) = delete;
@@ -98,8 +100,8 @@ unsigned overdottedLine(std::string_view text) {
   return 0;
 }
 
-// The parser's words, less those that only its programmers understand. What it says of a table that
-// stands there twice names a table that does not.
+// The parser's words, without those that only its programmers understand. Of a table that is there
+// twice it names one that is not there, so that message is replaced.
 std::string readable(std::string text) {
   if (text.find("cannot redefine existing") != std::string::npos) {
     return "this name stands in the file twice";

@@ -2,12 +2,12 @@
 //
 // Kept apart from the parser so that the parser is compiled in one place only.
 //
-// Shape    kind says which of the members holds the value; the others are empty. Entries of a
-//          table stand in the order of the file. line and column are those of the value, and
-//          count from 1.
-// Errors   a file that cannot be read, is larger than kMaxTomlBytes, is not TOML or nests deeper
-//          than a configuration ever does gives one Mistake and no tree.
-// Threads  plain values; any number of threads may read one, and parse at once.
+// Shape:    kind says which of the members holds the value; the others are empty. Entries of a
+//           table stand in the order of the file. line and column are those of the value, and
+//           count from 1.
+// Errors:   a file that cannot be read, is larger than kMaxTomlBytes, is not TOML or nests deeper
+//           than a configuration ever does gives one Mistake and no tree.
+// Threads:  plain values; any number of threads may read one, and parse at once.
 #pragma once
 
 #include <cstddef>
@@ -54,7 +54,7 @@ struct TomlEntry {
   unsigned column = 1;
 };
 
-// Exactly one of the two: a root table, or what is wrong.
+// Holds exactly one of the two: a root table, or what is wrong with the file.
 struct TomlDocument {
   std::optional<TomlValue> root;
   std::optional<Mistake> mistake;
@@ -66,7 +66,7 @@ TomlDocument parseToml(std::string_view text, const std::string& file);
 TomlDocument readToml(const std::string& path);
 
 // Reads a file that the caller has opened, to its end; path is the name used in mistakes. For a
-// caller that has to know whose file it is: between two openings it could be exchanged.
+// caller that has to know whose file it is: opened a second time, the name could lead elsewhere.
 TomlDocument readOpenToml(int descriptor, const std::string& path);
 
 }  // namespace ConfigSrv

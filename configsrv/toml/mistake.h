@@ -1,9 +1,9 @@
 // Mistake: something wrong in a file that people write, and where it stands.
 //
-// Shape    line and column count from 1, in bytes; 0 means that the mistake concerns the whole file
-//          (or, for line 0, a directory). The text says what is wrong and what is allowed, in one
-//          line without a full stop.
-// Threads  plain values and functions.
+// Shape:    line and column count from 1, in bytes; 0 means that the mistake concerns the whole
+//           file (or, for line 0, a directory). The text says what is wrong and what is allowed, in
+//           one line without a full stop.
+// Threads:  plain values and functions.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
 // Nearest name: what somebody who misspelled a word most likely meant.
 //
-// Threads  a plain function; any number of threads may call it.
+// Threads:  a plain function; any number of threads may call it.
 #pragma once
 
 #include <string_view>

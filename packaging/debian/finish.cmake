@@ -4,6 +4,7 @@ cmake_minimum_required(VERSION 3.25)
 find_program(GZIP gzip REQUIRED)
 find_program(TOUCH touch REQUIRED)
 
+include(${CPACK_APPCONFIG_SOURCE_DIR}/packaging/cmake/installed_links.cmake)
 set(debian ${CPACK_APPCONFIG_SOURCE_DIR}/packaging/debian)
 set(epoch $ENV{SOURCE_DATE_EPOCH})
 execute_process(COMMAND date -u -R -d @${epoch} OUTPUT_VARIABLE date OUTPUT_STRIP_TRAILING_WHITESPACE
@@ -28,6 +29,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   configure_file(${CPACK_APPCONFIG_SOURCE_DIR}/CHANGELOG.md ${doc}/changelog COPYONLY)
   # Debian has both under names of its own.
   file(REMOVE ${doc}/CHANGELOG.md ${doc}/LICENSE)
+  lead_links(${doc} ${root}/usr/include/appconfig-1 ${root}/usr/share/appconfig)
   write_overrides(${package} ${root})
   file(GLOB_RECURSE to_compress ${root}/usr/share/man/* ${doc}/changelog*)
   execute_process(COMMAND ${GZIP} -9n ${to_compress} COMMAND_ERROR_IS_FATAL ANY)

@@ -19,6 +19,20 @@ ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/manager/fresh_read.
            "platform/messaging/endpoint.h", "platform/messaging/msg.h",
            "platform/messaging/registration_refusals.h")
 WITHOUT_A_PAGE = {"appconfig/core/export.h"}  # one macro
+MAIN_PAGE = "docs/mainpage.dox"
+# Whose members do not all have a comment of their own yet. Drop a header from here when they do.
+NOT_YET = {
+    "appconfig/cache/config_cache.h",
+    "appconfig/cache/config_value.h",
+    "appconfig/core/config_result.h",
+    "appconfig/core/config_var.h",
+    "appconfig/core/error.h",
+    "appconfig/core/security_role.h",
+    "appconfig/manager/app_cfg_manager.h",
+    "appconfig/registry/registration.h",
+    "platform/messaging/msg.h",
+    "platform/messaging/registration_refusals.h",
+}
 
 
 def source(path):
@@ -36,8 +50,9 @@ def included_from(entries):
     return found
 
 
-def run_doxygen(output, doxyfile=None):
-    environment = {**os.environ, "DOXYGEN_OUTPUT": output, "DOXYGEN_VERSION": "test"}
+def run_doxygen(output, doxyfile=None, undocumented="NO"):
+    environment = {**os.environ, "DOXYGEN_OUTPUT": output, "DOXYGEN_VERSION": "test",
+                   "DOXYGEN_UNDOCUMENTED": undocumented}
     return subprocess.run([DOXYGEN, doxyfile or "docs/Doxyfile"], cwd=SOURCE_DIR, env=environment,
                           capture_output=True, text=True, timeout=100, check=False)
 
@@ -63,9 +78,35 @@ class DoxygenTest(unittest.TestCase):
     def test_there_are_no_warnings(self):
         self.assertEqual(("", 0), (self.done.stderr, self.done.returncode))
 
+    def test_every_public_member_has_a_comment(self):
+        with tempfile.TemporaryDirectory(dir=BUILD_DIR) as directory:
+            done = run_doxygen(directory, undocumented="YES")
+        left = [line for line in done.stderr.splitlines()
+                if not re.sub(r":\d+: .*", "", line.replace(SOURCE_DIR + "/", "")) in NOT_YET]
+        self.assertEqual([], left)
+
+    def test_a_member_without_a_comment_is_found(self):
+        with tempfile.TemporaryDirectory(dir=BUILD_DIR) as directory:
+            with open(os.path.join(directory, "bare.h"), "w", encoding="utf-8") as file:
+                file.write("// Bare: a class with an operation that says nothing.\n#pragma once\n"
+                           "class Bare {\n public:\n  // Said.\n  void said();\n\n  void bare();\n};\n")
+            doxyfile = os.path.join(directory, "Doxyfile")
+            with open(doxyfile, "w", encoding="utf-8") as file:
+                file.write(source("docs/Doxyfile") + f"INPUT = {directory}/bare.h\n")
+            done = run_doxygen(directory, doxyfile, undocumented="YES")
+        self.assertNotEqual(0, done.returncode)
+        self.assertIn("Member bare() (function) of class Bare is not documented", done.stderr)
+        self.assertEqual(1, done.stderr.count("is not documented"), done.stderr)
+
+    def test_the_main_page_is_there_with_the_program_of_the_readme(self):
+        program = re.search(r"^```cpp\n(.*?)^```", source("README.md"), re.M | re.S).group(1)
+        self.assertIn("\\code{.cpp}\n" + program + "\\endcode", source(MAIN_PAGE))
+        self.assertIn("What you include", self.text)
+
     def test_every_public_header_is_part_of_it_and_nothing_else_is(self):
         listed = re.search(r"^INPUT +=((?:.*\\\n)*.*)", source("docs/Doxyfile"), re.M).group(1)
-        self.assertEqual(included_from(ENTRIES) - WITHOUT_A_PAGE, set(listed.replace("\\", "").split()))
+        self.assertEqual(included_from(ENTRIES) - WITHOUT_A_PAGE,
+                         set(listed.replace("\\", "").split()) - {MAIN_PAGE})
 
     def test_the_opening_words_of_every_header_are_on_a_page(self):
         for path in sorted(included_from(ENTRIES) - WITHOUT_A_PAGE):

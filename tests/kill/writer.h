@@ -3,7 +3,7 @@
 // It has two variables, written in turn: "load.small" and "load.large", which is a list of some
 // hundred elements that are all the same number, so that a mixture of two writes shows.
 //
-// Threads  one writes; verify() while it does not.
+// Threads:  one writes; verify() while it does not.
 #pragma once
 
 #include <atomic>

@@ -525,7 +525,6 @@ OUTWARD_TEXT = (
     (re.compile(r"\b(the spe[c]\b|spe[c]\.md\b|specificatio[n] (says|part|requires))", re.I),
      "a document that is not in the tree"),
     (re.compile(r"\bPart[s]? [1-9]\.[1-9]\b", re.I), "a numbered section of no document here"),
-    (re.compile(r"\b(issue|ticket) #?[0-9]+", re.I), "a number of some tracker"),
 )
 
 
@@ -543,13 +542,25 @@ def text_problems(tree):
     return problems
 
 
+def _anchors(tree, path, target):
+    """What the headings of the page that a link leads to are called in links."""
+    page = os.path.normpath(os.path.join(os.path.dirname(path), target)) if target else path
+    if page not in tree.files:
+        return []
+    text = re.sub(r"^```.*?^```", "", tree.text(page), flags=re.M | re.S)
+    headings = re.findall(r"^#+ (.*)$", text, re.M)
+    return [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
+
+
 def dead_link_problems(tree):
-    """A page's links into the tree lead somewhere."""
+    """A page's links into the tree lead somewhere, and to a heading that is there."""
     problems = []
     for path in tree.with_suffix(".md"):
         prose = re.sub(r"^```.*?^```|`[^`\n]*`", "", tree.text(path), flags=re.M | re.S)
         for link in re.findall(r"\]\(([^)\s]+)\)", prose):
-            target = link.split("#")[0]
+            target, _, anchor = link.partition("#")
+            if anchor and "://" not in link and anchor not in _anchors(tree, path, target):
+                problems.append(f"{path}: {link} leads to no heading")
             if target and "://" not in target and not target.startswith("mailto:"):
                 leads_to = os.path.join(tree.root, os.path.dirname(path), target)
                 if not os.path.exists(leads_to):

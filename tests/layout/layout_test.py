@@ -281,9 +281,14 @@ class RuleTest(MadeUpTreeTest):
 
 
     def test_a_link_that_leads_nowhere_is_found(self):
-        tree = self.tree(files={"docs/page.md": "[here](architecture.md#top) [there](gone.md) [web](https://a.b)"})
+        tree = self.tree(files={"docs/page.md": "[here](architecture.md) [there](gone.md) [web](https://a.b#c)"})
         self.expect_one(layout.dead_link_problems(tree), "docs/page.md: gone.md")
 
+    def test_a_link_to_no_heading_is_found(self):
+        tree = self.tree(files={
+            "docs/page.md": "# A page's top\n[here](#a-pages-top) [there](other.md#what-is-there) [not](other.md#gone)",
+            "docs/other.md": "## What is `there`\n"})
+        self.expect_one(layout.dead_link_problems(tree), "docs/page.md: other.md#gone leads to no heading")
 
     def test_a_decision_that_the_index_lacks_is_found(self):
         tree = self.tree(files={
@@ -333,7 +338,6 @@ class TextRuleTest(MadeUpTreeTest):
         "read sp" "ec.md",
         "the specification s" "ays so",
         "see Par" "t 4.2",
-        "fixes issu" "e #12",
     )
     HARMLESS = (
         "directory=${TMPDIR:-/tmp}/appconfig",

@@ -2,10 +2,10 @@
 //
 // A value is "<writer>-<number>", and a writer's numbers grow. As a value is written once, a value
 // that comes again after another, or after a later one of its writer, came out of order. Values
-// without a writer are defaults; they may come again. A writer whose name ends with an o waits for no
-// answer, so that its values have no order.
+// without a writer are defaults; they may come again. A writer whose name ends with an o waits for
+// no answer, so that its values have no order.
 //
-// Threads  any.
+// Threads:  any.
 #pragma once
 
 #include <chrono>

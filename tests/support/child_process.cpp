@@ -1,3 +1,5 @@
+// A fork with a pipe: the child tells by a byte, and the parent waits for it with a deadline. A
+// child that does not end when it should is killed, after the stacks of its threads were printed.
 #include "tests/support/child_process.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// Speaks frames over plain blocking sockets with a timeout. Requests go out in batches whose
+// answers fit into the socket, so that neither side waits for the other to read.
 #include "tests/support/load.h"
 
 #include <gtest/gtest.h>

@@ -8,7 +8,7 @@
 // answered in their order. Notices are read and dropped by a thread of the load's, as fast as they
 // come. Faults of the load itself fail the test.
 //
-// Threads  one, beside its own.
+// Threads:  one, beside its own.
 #pragma once
 
 #include <sys/types.h>

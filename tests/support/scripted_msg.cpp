@@ -1,3 +1,6 @@
+// The MSG_* functions over messages that are plain structures. Replies are kept in one list under
+// a mutex, for handlers answer from any thread; those that were built and not sent are counted,
+// because that is a leak.
 #include "tests/support/scripted_msg.h"
 
 #include <google/protobuf/message_lite.h>

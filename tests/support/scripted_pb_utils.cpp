@@ -1,3 +1,5 @@
+// Scripts, requests and receivers are kept under one mutex, which is never held while a script or
+// a receiver runs: both may come back with another request.
 #include "tests/support/scripted_pb_utils.h"
 
 #include <google/protobuf/message_lite.h>

@@ -1,3 +1,5 @@
+// Starts configsrvd by fork and exec, with its output in a pipe and its log in a file of the
+// fixture's directory. It serves when it has said so; every wait has a deadline.
 #include "tests/support/service_process.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// A PbUtility::Server whose loop runs on a thread of this object. Everything that touches the
+// server is posted to that thread and waited for, as the server is not to be called from others.
 #include "tests/support/serving.h"
 
 #include <cstdio>

@@ -39,9 +39,9 @@ class Serving : public PbUtility::ServerHandler {
   Serving(PbUtility::ServerOptions options, Script script = nullptr);
   ~Serving() override;
 
-  // How requests are answered, on the serving thread; by default a read is answered with its
-  // client name, a registration and a one-way request with success, and all else not at all. To be set before clients
-  // come, or from onServer.
+  // How requests are answered, on the serving thread; by default a read is answered with its client
+  // name, a registration and a one-way request with success, and all else not at all. To be set
+  // before clients come, or from onServer.
   Script onRequestDo;
   std::uint64_t revision = 7;
 

@@ -1,3 +1,5 @@
+// A real endpoint with the messages of ConfigIF above it. What comes in is kept as lines under a
+// mutex and waited for with a deadline; questions are answered by the function that the test gave.
 #include "tests/support/test_client.h"
 
 #include <gtest/gtest.h>

@@ -6,7 +6,7 @@
 //   writer.write("net.mtu", "1400");
 //   EXPECT_TRUE(reader.waitForNotice("value net.mtu = 1400"));
 //
-// Threads  a test's threads may use it at once; the provider runs on the delivery thread.
+// Threads:  a test's threads may use it at once; the provider runs on the delivery thread.
 #pragma once
 
 #include <chrono>

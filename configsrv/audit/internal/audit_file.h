@@ -1,13 +1,14 @@
 // AuditFile: lines at the end of a file, each whole and in one write, or counted as lost.
 //
-// Shape    made with mode 0600. What somebody left without a line break at the end gets one. A line that the disk did not take as a whole is taken back.
-// Rotation when another file has the name, or none, the next line goes to the name and not to the
-//          file that was: whoever rotates it need only rename it.
-// Faults   a file that cannot be written stops nobody. The log says so once, and once more, with
-//          the number of lines that were lost, when it can be written again; the file then begins
-//          anew with a line that lostLine makes. A symbolic link, what is no regular file, and a
-//          file of another user are not written.
-// Threads  one.
+// Shape:    made with mode 0600. What somebody left without a line break at the end gets one. A
+//           line that the disk did not take as a whole is taken back.
+// Rotation: when another file has the name, or none, the next line goes to the name and not to the
+//           file that was: whoever rotates it need only rename it.
+// Faults:   a file that cannot be written stops nobody. The log says so once, and once more, with
+//           the number of lines that were lost, when it can be written again; the file then begins
+//           anew with a line that lostLine makes. A symbolic link, what is no regular file, and a
+//           file of another user are not written.
+// Threads:  one.
 #pragma once
 
 #include <sys/types.h>
@@ -33,14 +34,14 @@ class AuditFile {
   AuditFile(const AuditFile&) = delete;
   AuditFile& operator=(const AuditFile&) = delete;
 
-  // Finds out, before there is anything to write, whether it can be written.
+  // Opens the file before there is anything to write, so that a mistake shows at the start.
   void open();
-  // The line has no line break. Whether it stands in the file now.
+  // The line has no line break. True when it stands in the file.
   bool append(const std::string& line);
   // All that was appended since the last call.
   std::shared_ptr<AuditSync> takeUnsynced();
 
-  // Waits for the disk, whoever wrote what is in the file. Empty on success; else the reason.
+  // Waits until the whole file is on the disk, whoever wrote it. Empty on success; else the reason.
   std::string syncNow();
 
   std::uint64_t lost() const { return lost_; }
@@ -57,11 +58,11 @@ class AuditFile {
   int fd_ = -1;
   dev_t device_ = 0;
   ino_t inode_ = 0;
-  // Half a line stands at the end and could not be taken back.
+  // True when half a line stands at the end of the file and could not be cut off.
   bool torn_ = false;
   bool broken_ = false;
-  // Something was appended since the last takeUnsynced(), to this file; and to those that it had
-  // before.
+  // Whether something was appended to this file since the last takeUnsynced(), and the descriptors
+  // of the files that had the name before it.
   bool unsynced_ = false;
   std::shared_ptr<AuditSync> before_ = std::make_shared<AuditSync>();
   std::uint64_t lost_ = 0;

@@ -8,7 +8,7 @@
 //   record.add("uid", 1000).add("new", std::vector<std::string>{"a\n"});
 //   record.text();  // {"uid":1000,"new":["a\n"]}
 //
-// Threads  a plain value.
+// Threads:  a plain value.
 #pragma once
 
 #include <cstdint>

@@ -10,7 +10,8 @@ namespace ConfigSrv {
 
 enum class IntReading { kNumber, kNotANumber, kTooLong };
 
-// Reads what strtol reads with base 0, if it is all of the text: leading blanks are refused too.
+// Reads what strtol reads with base 0, provided that it is the whole text: leading blanks are
+// refused.
 IntReading readInt(std::string_view text, std::int64_t& number);
 
 // What 32 signed bits hold, unless the definition says otherwise.

@@ -19,8 +19,8 @@ namespace ConfigSrv {
 struct Field {
   const TomlEntry* entry = nullptr;
   const std::string* file = nullptr;
-  // Of the definition that it stands in, and the position of the file. The later of two fields is
-  // the one of higher specificity, then of the later file.
+  // How specific its definition is, and the position of the file. The more specific of two fields
+  // counts, and of equally specific ones that of the later file.
   std::size_t specificity = 0;
   std::size_t layer = 0;
 };
@@ -31,8 +31,8 @@ using Fields = std::map<std::string_view, Field>;
 // so that either replaces both.
 void layFields(Fields& fields, const Fields& later);
 
-// All that the files say under one key. Of the numbers of its instances those that the key itself
-// gives are written, the others are counted by "group-instances" and "instances".
+// All that the files say under one key. An instance number that the key itself gives is "written";
+// others are counted by "group-instances" and "instances".
 struct WrittenDefinition {
   ConfigVar key = ConfigVar("", 0, "", 0);
   bool groupInstanceWritten = false;
@@ -44,10 +44,10 @@ struct WrittenDefinition {
   const std::string* file = nullptr;
   unsigned line = 0;
   unsigned column = 0;
-  // A mistake in one of its fields has been reported; what follows from that need not be.
+  // True when a mistake in one of its fields has been reported: what follows from that one is not.
   bool broken = false;
 
-  // A definition that names an instance says more than one that counts it.
+  // A definition that names an instance is more specific than one that counts it.
   std::size_t specificity() const {
     return std::size_t{groupInstanceWritten} + std::size_t{nameInstanceWritten};
   }

@@ -9,8 +9,8 @@
 
 namespace ConfigSrv {
 
-// Null after a mistake, be it in a single field or in what the fields mean together. The chain has
-// one definition at least.
+// Null after a mistake, either in a single field or in what the fields mean together. The chain has
+// at least one definition.
 std::shared_ptr<const VariableShape> readShape(const Chain& chain, std::vector<Mistake>& mistakes);
 
 }  // namespace ConfigSrv

@@ -23,12 +23,13 @@ class NameIndex {
 
   // Positions of the covered variables, ascending; an empty name covers all.
   std::vector<std::uint32_t> covered(std::string_view dottedName) const;
-  // The same in the order of their names, without a copy: those of this very name, and those below it.
+  // The same in the order of their names, without a copy: first the variables of this very name,
+  // then those below it.
   Range exactly(std::string_view dottedName) const;
   Range below(std::string_view dottedName) const;
 
  private:
-  // The variables whose full name begins with a text, or is it when `whole`.
+  // The variables whose full name begins with a text; with `whole`, those whose name is the text.
   Range range(std::string_view begin, bool whole) const;
 
   const std::vector<Variable>& variables_;

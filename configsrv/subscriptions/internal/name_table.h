@@ -1,10 +1,10 @@
 // NameTable: the registered names, each with the entries of those who registered it.
 //
-// Many small hash tables instead of a large one. A table that grows moves everything that it holds, and
-// one of a million names would stand still for that; each of these holds a few thousand at most. One
-// that becomes nearly empty gives its memory back.
+// Many small hash tables instead of a large one. A table that grows moves everything that it holds,
+// and one of a million names would stand still for that; each of these holds a few thousand at
+// most. One that becomes nearly empty gives its memory back.
 //
-// Threads  one.
+// Threads:  one.
 #pragma once
 
 #include <array>
@@ -24,7 +24,7 @@ struct Entry {
   std::uint8_t role;
 };
 
-// Entries of one type stand together, and of these those of one caller.
+// Entries of one type stand together, and among them those of one caller.
 bool operator<(const Entry& a, const Entry& b);
 
 class NameTable {
@@ -36,7 +36,7 @@ class NameTable {
     std::string text;
     std::size_t hash = 0;
   };
-  // Names do not move: callers point to theirs.
+  // Nodes never move, so callers may keep pointers to them.
   using Node = std::pair<const Name, Entries>;
 
   bool isEmpty() const { return size_ == 0; }
@@ -44,11 +44,11 @@ class NameTable {
   const Node* find(std::string_view name) const;
   Node* find(std::string_view name);
 
-  // The name's node, made when there is none. It has to be given an entry.
+  // The name's node, made when there is none. The caller has to give it an entry.
   Node& at(std::string_view name);
-  // The entry is not there yet.
+  // The entry must not be there yet.
   static void insert(Node& node, const Entry& entry);
-  // Takes out the caller's entries of one type; how many those were.
+  // Removes the caller's entries of one type, and returns how many they were.
   static std::size_t erase(Node& node, std::uint32_t caller, std::uint8_t type);
   static bool hasAnyOf(const Node& node, std::uint32_t caller);
   void dropIfEmpty(Node& node);
