@@ -15,6 +15,8 @@ std::vector<Case> noticeCases();
 std::vector<Case> parallelRequestCases();
 std::vector<Case> startCases();
 std::vector<Case> memoryCases();
+std::vector<Case> countedRequestCases();
+std::vector<Case> countedWriteCases();
 
 // Shared by cases of several files.
 Outcome oursUncachedRead(const Settings& settings);

@@ -7,6 +7,7 @@
 #include "bench/processes/definitions.h"
 #include "platform/messaging/frame.h"
 #include "platform/schema/config_if.pb.h"
+#include "platform/schema/message_ids.h"
 
 namespace Bench {
 namespace {
@@ -17,6 +18,7 @@ using google::protobuf::MessageLite;
 
 constexpr char kService[] = "ConfigSrvc";
 constexpr char kName[] = "bench-client";
+constexpr char kIdentity[] = "PlatCfgSvc0-12345-0";
 constexpr auto kRole = CommonIF::SECURITY_ROLE_USER;
 
 PbUtility::EndpointOptions optionsOf(const std::string& runtimeDir, unsigned maxConnections) {
@@ -26,15 +28,27 @@ PbUtility::EndpointOptions optionsOf(const std::string& runtimeDir, unsigned max
   return options;
 }
 
-std::size_t frameBytes(const MessageLite& message) {
-  return PbUtility::kFrameHeaderBytes + message.ByteSizeLong();
+std::string frameOf(PbUtility::FrameKind kind, const MessageLite& message) {
+  PbUtility::FrameHeader header;
+  header.kind = kind;
+  header.messageId = PlatformSchema::messageIdOf(message);
+  header.payloadBytes = static_cast<std::uint32_t>(message.ByteSizeLong());
+  PbUtility::FrameHeaderBytes bytes{};
+  PbUtility::encodeHeader(header, bytes.data());
+  return std::string(bytes.begin(), bytes.end()) + message.SerializeAsString();
+}
+
+ConfigIF::RegisterClientCallbackReq registration(const ConfigVar& var) {
+  return ProtobufMessageHelper::getRegClientCallbackRequest(
+      kName, kRole, var.dottedName(), ConfigIF::CALLBACK_VALUE_CHANGED, kIdentity);
 }
 
 template <typename Response>
-MessageBytes bytesOf(PbUtility::Endpoint& endpoint, const MessageLite& request) {
+Exchange exchangeOf(PbUtility::Endpoint& endpoint, const MessageLite& request) {
   Response response;
   if (endpoint.sendWaitResponse(request, &response, kService) != 0) return {};
-  return {frameBytes(request), frameBytes(response)};
+  return {frameOf(PbUtility::FrameKind::Request, request),
+          frameOf(PbUtility::FrameKind::Response, response)};
 }
 
 }  // namespace
@@ -61,31 +75,43 @@ bool Client::write(const ConfigVar& var, int number) {
   return config_.setConfigVar(var, number, &result);
 }
 
-MessageBytes Client::readBytes() {
-  return bytesOf<ConfigIF::ReadRsp>(endpoint_,
-                                    ProtobufMessageHelper::getReadRequest(kName, kRole, textVar()));
+Exchange Client::readExchange() {
+  return exchangeOf<ConfigIF::ReadRsp>(
+      endpoint_, ProtobufMessageHelper::getReadRequest(kName, kRole, textVar()));
 }
 
-MessageBytes Client::validateBytes() {
+Exchange Client::validateExchange() {
   const std::list<std::string> value = {kText};
-  return bytesOf<ConfigIF::ValidateRsp>(
+  return exchangeOf<ConfigIF::ValidateRsp>(
       endpoint_, ProtobufMessageHelper::getValidateRequest(kName, kRole, textVar(), value));
 }
 
-MessageBytes Client::writeBytes() {
+Exchange Client::writeExchange() {
   const std::list<std::string> value = {kText};
-  return bytesOf<ConfigIF::WriteRsp>(
+  return exchangeOf<ConfigIF::WriteRsp>(
       endpoint_, ProtobufMessageHelper::getWriteRequest(kName, kRole, textVar(), value));
+}
+
+Exchange Client::registerExchange() {
+  return exchangeOf<ConfigIF::RegisterClientCallbackRsp>(endpoint_, registration(textVar()));
+}
+
+MessageBytes sizesOf(const Exchange& exchange) {
+  return {exchange.request.size(), exchange.response.size()};
+}
+
+std::string registrationFrame(const ConfigVar& var) {
+  return frameOf(PbUtility::FrameKind::Request, registration(var));
 }
 
 std::size_t noticeBytes() {
   ConfigIF::ConfigChangedNtfy notice;
-  notice.set_callback_identity("PlatCfgSvc0-12345-0");
+  notice.set_callback_identity(kIdentity);
   notice.set_is_default(false);
   const std::list<std::string> value = {"12345"};
   *notice.mutable_value() =
       ProtobufMessageHelper::getWriteRequest(kName, kRole, writtenVar(0), value).value();
-  return frameBytes(notice);
+  return PbUtility::kFrameHeaderBytes + notice.ByteSizeLong();
 }
 
 }  // namespace Bench

@@ -9,6 +9,17 @@
 
 namespace Bench {
 
+// A request and its response, whole frames.
+struct Exchange {
+  std::string request;
+  std::string response;
+};
+
+MessageBytes sizesOf(const Exchange& exchange);
+
+// The frame that registers for changes of a variable.
+std::string registrationFrame(const ConfigVar& var);
+
 class Client {
  public:
   // At most one in a process, made after all children.
@@ -23,9 +34,15 @@ class Client {
   bool write(const ConfigVar& var, int number);
 
   // Bytes on the socket, frame headers included, of these requests and their responses.
-  MessageBytes readBytes();
-  MessageBytes validateBytes();
-  MessageBytes writeBytes();
+  MessageBytes readBytes() { return sizesOf(readExchange()); }
+  MessageBytes validateBytes() { return sizesOf(validateExchange()); }
+  MessageBytes writeBytes() { return sizesOf(writeExchange()); }
+
+  // These requests, and what the service answered: empty when it did not.
+  Exchange readExchange();
+  Exchange validateExchange();
+  Exchange writeExchange();
+  Exchange registerExchange();
 
  private:
   PbUtility::Endpoint endpoint_;

@@ -1,7 +1,8 @@
 // process_bench: runs one side of one case once and prints what it found as one line of JSON.
 //
 //   process_bench --list
-//   process_bench CASE ours|floor [--pin] [--ms N] [--configsrvd FILE] [--disk DIR] [--memory DIR]
+//   process_bench CASE ours|floor [--pin] [--ms N | --operations N] [--configsrvd FILE] [--disk DIR]
+//                                 [--memory DIR]
 //
 // bench/report/run.py runs all of it in rounds; by hand it is for a profiler. Ends with 1 and a
 // line on standard error when a run could not be made: figures of a failed run are worth nothing.
@@ -23,7 +24,8 @@ using Bench::Settings;
 std::vector<Case> allCases() {
   std::vector<Case> all;
   for (const auto cases : {Bench::roundTripCases, Bench::durableWriteCases, Bench::noticeCases,
-                           Bench::parallelRequestCases, Bench::startCases, Bench::memoryCases}) {
+                           Bench::parallelRequestCases, Bench::startCases, Bench::memoryCases,
+                           Bench::countedRequestCases, Bench::countedWriteCases}) {
     for (const Case& one : cases()) all.push_back(one);
   }
   return all;
@@ -37,8 +39,8 @@ std::filesystem::path buildDir() {
 
 int usage() {
   std::fprintf(stderr,
-               "usage: process_bench --list | CASE ours|floor [--pin] [--ms N] [--configsrvd FILE] "
-               "[--disk DIR] [--memory DIR]\n");
+               "usage: process_bench --list | CASE ours|floor [--pin] [--ms N | --operations N] "
+               "[--configsrvd FILE] [--disk DIR] [--memory DIR]\n");
   return 2;
 }
 
@@ -58,6 +60,8 @@ bool readOptions(int argc, char** argv, Settings& settings) {
     if (++i == argc) return false;
     if (option == "--ms")
       settings.duration = std::chrono::milliseconds(std::atoi(argv[i]));
+    else if (option == "--operations")
+      settings.operations = std::atoi(argv[i]);
     else if (option == "--configsrvd")
       settings.configsrvd = argv[i];
     else if (option == "--disk")

@@ -7,13 +7,10 @@
 //   size to each consumer, until the last one has it.
 //
 //   notice_after_commit  from the end of the service's commit to the handler, one consumer, store
-//   on
-//                        the disk. Floor: from the end of a bare commit to one message's arrival.
-#include <atomic>
+//                        on the disk. Floor: from the end of a bare commit to one message's arrival.
 #include <functional>
 #include <list>
 
-#include "appconfig/registry/consumer_config_handler.h"
 #include "appconfig/registry/registration.h"
 #include "bench/processes/cases.h"
 #include "bench/processes/client.h"
@@ -23,51 +20,12 @@
 #include "bench/processes/measuring.h"
 #include "bench/processes/processes.h"
 #include "bench/processes/running_service.h"
+#include "bench/processes/telling.h"
 
 namespace Bench {
 namespace {
 
 using StoreOn = RunningService::StoreOn;
-
-// What writer and receivers share. Only the last receiver wakes the writer, so that waking it
-// delays no other receiver.
-struct Round {
-  std::atomic<int> expected{0};
-  std::atomic<int> missing{0};
-  std::atomic<double> lastAt{0};
-};
-
-struct Meeting {
-  Shared<Round> round;
-  Signal ready;
-  Signal allTold;
-
-  void told() {
-    const double now = nowMicroseconds();
-    if (--round->missing != 0) return;
-    round->lastAt = now;
-    allTold.raise();
-  }
-};
-
-class Telling final : public ConsumerConfigHandler {
- public:
-  explicit Telling(Meeting& meeting) : meeting_(meeting) {}
-  void configChanged(const std::string&, int, const std::string&, int,
-                     const std::list<std::string>& value, const std::string&) override {
-    if (!value.empty() && value.front() == std::to_string(meeting_.round->expected))
-      meeting_.told();
-  }
-  void submit(const std::string&, int, const std::string&, int, int, const std::string&) override {}
-  void optionsChanged(const std::string&, int, const std::string&, int,
-                      const std::list<std::string>&, std::string) override {}
-  void accessLevelsChanged(const std::string&, int, const std::string&, int,
-                           AppConfig::SecurityRole, AppConfig::SecurityRole, std::string) override {
-  }
-
- private:
-  Meeting& meeting_;
-};
 
 int consume(Meeting& meeting, const std::string& runtimeDir) {
   Client client(runtimeDir);
@@ -91,8 +49,7 @@ Outcome tellAll(const Settings& settings, Meeting& meeting, int receivers, const
   const double begin = nowMicroseconds();
   const double end = begin + static_cast<double>(settings.duration.count()) * 1000;
   for (int number = 1; nowMicroseconds() < end || number <= kWarmUpCalls + 1; ++number) {
-    meeting.round->expected = number;
-    meeting.round->missing = receivers;
+    meeting.expect(number, receivers);
     const double before = nowMicroseconds();
     if (!tell(number)) return failed("telling failed");
     if (!meeting.allTold.await()) return failed("a receiver was not told");

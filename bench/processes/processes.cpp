@@ -66,12 +66,17 @@ void Signal::raise(int times) {
 
 bool Signal::await(int times) {
   for (; times > 0; --times) {
-    pollfd entry{ends_[0], POLLIN, 0};
-    char byte = 0;
-    if (::poll(&entry, 1, kPatienceMilliseconds) != 1 || ::read(ends_[0], &byte, 1) != 1)
-      return false;
+    if (!awaitOnce(kPatienceMilliseconds)) return false;
   }
   return true;
+}
+
+bool Signal::awaitForever() { return awaitOnce(-1); }
+
+bool Signal::awaitOnce(int patienceMilliseconds) {
+  pollfd entry{ends_[0], POLLIN, 0};
+  char byte = 0;
+  return ::poll(&entry, 1, patienceMilliseconds) == 1 && ::read(ends_[0], &byte, 1) == 1;
 }
 
 TempDir::TempDir(const std::string& parent) : path_(parent + "/appconfig-bench-XXXXXX") {

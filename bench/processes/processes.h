@@ -42,8 +42,12 @@ class Signal {
   void raise(int times = 1);
   // False when nobody raised it that often within ten seconds: the run has failed.
   [[nodiscard]] bool await(int times = 1);
+  // Once, whenever it comes.
+  [[nodiscard]] bool awaitForever();
 
  private:
+  bool awaitOnce(int patienceMilliseconds);
+
   int ends_[2];
 };
 

@@ -46,6 +46,10 @@ RunningService::RunningService(const Settings& settings, int others, StoreOn sto
     failure_ = "cannot write the definitions";
 }
 
+RunningService::~RunningService() {
+  if (process_) end();
+}
+
 void RunningService::start() {
   int output[2];
   if (::pipe2(output, O_CLOEXEC) != 0) {

@@ -16,6 +16,10 @@ class RunningService {
   // Starts it with so many variables beside those that are measured, and waits for it to serve.
   explicit RunningService(const Settings& settings, int others = 1000,
                           StoreOn storeOn = StoreOn::Disk);
+  // Ends it as a device does: what counts its instructions writes them down when it has ended.
+  ~RunningService();
+  RunningService(const RunningService&) = delete;
+  RunningService& operator=(const RunningService&) = delete;
 
   // Empty, or why it does not serve.
   const std::string& failure() const { return failure_; }

@@ -10,6 +10,8 @@ namespace Bench {
 
 struct Settings {
   std::chrono::milliseconds duration{300};
+  // Of the cases that are counted: exactly so many operations, however long they take.
+  int operations = 100;
   // The service's program.
   std::string configsrvd;
   // The library that tells when its commits are over: commit_clock.h.

@@ -2,7 +2,8 @@
 
 A row of the driver names one of its cases, and is measured twice: with all processes pinned to one
 CPU, and placed freely. A row of Google Benchmark names a program and two of its benchmarks; where one
-thread does nothing but the operation, its instructions are counted too.
+thread does nothing but the operation, its instructions are counted too. A counted row names one of
+the driver's cases that is never timed.
 """
 
 from dataclasses import dataclass
@@ -58,6 +59,17 @@ class InProcessRow:
     unit: str = "ns"
     counted: bool = True  # what threads do to each other is no number of instructions
     counted_briefly: bool = False  # in a brief run too
+
+
+@dataclass(frozen=True)
+class CountedRow:
+    """Instructions of all processes that take part. limits.py says what each may take."""
+
+    case: str
+
+    @property
+    def name(self):
+        return self.case.replace("counted_", "", 1)
 
 
 def _cached(name, ours, floor, limit, threads=(None,), counted=True):
@@ -127,4 +139,14 @@ PROCESSES = [
     ProcessRow("service_memory_per_variable", "bytes", placements=(FREE,), has_floor=False),
     ProcessRow("client_memory_idle", "MiB", placements=(FREE,)),
     ProcessRow("client_memory_per_variable", "bytes", placements=(FREE,), has_floor=False),
+]
+
+COUNTED = [
+    CountedRow("counted_uncached_read"),
+    CountedRow("counted_validate"),
+    CountedRow("counted_write_unchanged"),
+    CountedRow("counted_registration"),
+    CountedRow("counted_durable_write"),
+    CountedRow("counted_durable_write_1"),
+    CountedRow("counted_durable_write_10"),
 ]

@@ -21,6 +21,7 @@ import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import instructions  # noqa: E402
+import limits  # noqa: E402
 import rows  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -130,6 +131,15 @@ def count_instructions(runner, say):
     return instructions.count(runner, sorted(wanted))
 
 
+def count_together(runner, say):
+    """limits.Figures by the name of the row."""
+    say("instructions of all processes together")
+    counts = instructions.count_together(
+        runner, [instructions.Together(row.case, side) for row in rows.COUNTED for side in ("ours", "floor")])
+    pairs = {row.name: [counts.get((row.case, side)) for side in ("ours", "floor")] for row in rows.COUNTED}
+    return {name: limits.Figures(*pair) for name, pair in pairs.items() if None not in pair}
+
+
 # ---- From rounds to rows --------------------------------------------------------------------------
 
 
@@ -195,6 +205,14 @@ def in_process_row(row, pairs, counts):
         finished["instructions"] = counts.get((row.program, row.ours))
         finished["floor_instructions"] = counts.get((row.program, row.floor))
     return finished
+
+
+def counted_row(name, figures):
+    """A row of the table that has instructions alone; its ratio is that of the instructions."""
+    row = finished_row(name + "_instructions", "instructions", None, [], None)
+    row.update(instructions=figures.instructions, floor_instructions=figures.floor,
+               ratio=figures.instructions / figures.floor)
+    return row
 
 
 def table_rows(measured, counts):
@@ -308,11 +326,45 @@ def load():
 # ---- The commands ---------------------------------------------------------------------------------
 
 
-def check(runner, listed):
+def read_page():
+    with open(limits.PAGE, encoding="utf-8") as file:
+        return file.read()
+
+
+def check_instructions(runner, must_count):
+    """Counts, and holds what was counted against what stands in docs/performance.md."""
+    reason = instructions.why_not()
+    if reason:
+        print(f"bench: no instructions were counted: {reason}", file=sys.stderr)
+        return 1 if must_count else 0
+    verdicts = limits.judge_all(count_together(runner, to_standard_error), limits.written_down(read_page()))
+    count_instructions(runner, to_standard_error)  # of one process: that they can be; they have no limits
+    for verdict in verdicts:
+        print(verdict.text + ("" if verdict.passed else "  PAST IT"))
+    for remark in [remark for verdict in verdicts for remark in verdict.remarks] + runner.broken:
+        print(f"bench: {remark}", file=sys.stderr)
+    return 0 if all(verdict.passed for verdict in verdicts) and not runner.broken else 1
+
+
+def write_instructions(runner):
+    reason = instructions.why_not()
+    counted = {} if reason else count_together(runner, to_standard_error)
+    page = limits.with_table(read_page(), counted) if len(counted) == len(rows.COUNTED) else None
+    if page is None:
+        problems = [reason] if reason else runner.broken or [f"{limits.PAGE} has no table to take the place of"]
+        print("bench: nothing was written: " + "; ".join(problems), file=sys.stderr)
+        return 1
+    with open(limits.PAGE, "w", encoding="utf-8") as file:
+        file.write(page)
+    print(limits.table(counted), end="")
+    return 0
+
+
+def check_lists(runner, listed):
     """Whether the driver, the list that ctest runs and the table have the same cases."""
     output = runner.output_of([runner.program("process_bench"), "--list"])
     program = {line.split()[0]: line.endswith(" floor") for line in (output or "").splitlines()}
-    table = {row.case: row.has_floor for row in rows.PROCESSES}
+    table = {row.case: row.has_floor for row in rows.PROCESSES} | {row.case: True for row in rows.COUNTED}
     problems = list(runner.broken)
     if program != table:
         differing = sorted(dict(program.items() ^ table.items()))
@@ -324,14 +376,25 @@ def check(runner, listed):
     return 1 if problems else 0
 
 
+def to_standard_error(text):
+    print(text, file=sys.stderr, flush=True)
+
+
+def counted_rows(runner, quick):
+    """Not in a brief run: it shows what scripts/bench --check does not."""
+    reason = "this is a brief run" if quick else instructions.why_not()
+    if reason:
+        to_standard_error(f"instructions of all processes together were not counted: {reason}")
+        return []
+    return [counted_row(name, figures) for name, figures in count_together(runner, to_standard_error).items()]
+
+
 def report(runner, arguments):
     before = load()
-    def say(text):
-        print(text, file=sys.stderr, flush=True)
-
-    measured = measure(runner, say)
+    measured = measure(runner, to_standard_error)
     after = load()
-    finished = table_rows(measured, count_instructions(runner, say))
+    finished = table_rows(measured, count_instructions(runner, to_standard_error))
+    finished += counted_rows(runner, arguments.quick)
     print_table(finished, not arguments.quick)
     if arguments.quick:
         print("\nOne brief round: this shows that everything runs. The figures mean nothing.")
@@ -356,13 +419,20 @@ def main():
     parser.add_argument("--build-dir", required=True, help="directory of a build")
     parser.add_argument("--quick", action="store_true", help="everything once, briefly")
     parser.add_argument("--json", metavar="FILE", help="writes the figures there too")
-    parser.add_argument("--check", action="store_true", help="compares the lists of cases and ends")
+    parser.add_argument("--check", action="store_true", help="counts instructions alone, and holds their limits")
+    parser.add_argument("--must-count", action="store_true", help="with --check: fails where nothing can be counted")
+    parser.add_argument("--write", action="store_true", help="counts, and writes what the limits are made of")
+    parser.add_argument("--compare-lists", action="store_true", help=argparse.SUPPRESS)
     parser.add_argument("case", nargs="*", help=argparse.SUPPRESS)
     arguments = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.build_dir) as disk:
-        runner = Runner(arguments.build_dir, disk, Effort(arguments.quick))
+        runner = Runner(arguments.build_dir, disk, Effort(arguments.quick or arguments.check))
+        if arguments.compare_lists:
+            return check_lists(runner, arguments.case)
         if arguments.check:
-            return check(runner, arguments.case)
+            return check_instructions(runner, arguments.must_count)
+        if arguments.write:
+            return write_instructions(runner)
         return report(runner, arguments)
 
 

@@ -123,5 +123,74 @@ class CountTest(unittest.TestCase):
         self.assertIn("--benchmark_filter=^BM_Register/registrations:100/real_time$", command)
 
 
+class Processes(Runner):
+    """Writes down what two processes took: 1,000,000 instructions each, and 300 and 40 for an operation."""
+
+    def __init__(self, broken_case=None, ending="totals: {}"):
+        super().__init__("")
+        self.memory = "/dev/shm"
+        self.broken_case = broken_case
+        self.ending = ending
+
+    def output_of(self, command):
+        program = command.index(os.path.join("bin", "process_bench"))
+        case, _, _, operations = command[program + 1:program + 5]
+        if case == self.broken_case:
+            self.broken.append("ended with 1")
+            return None
+        [pattern] = [word.split("=", 1)[1] for word in command if word.startswith("--callgrind-out-file=")]
+        for pid, each in (("4711", 300), ("4712", 40)):
+            with open(pattern.replace("%p", pid), "w", encoding="utf-8") as file:
+                file.write("events: Ir\n" + self.ending.format(1000000 + each * int(operations)) + "\n")
+        return "{}"
+
+
+class CountTogetherTest(unittest.TestCase):
+    READ = instructions.Together("counted_uncached_read", "ours")
+    WRITE = instructions.Together("counted_durable_write", "floor")
+
+    def test_an_operation_is_the_difference_of_many_and_few_of_all_processes(self):
+        runner = Processes()
+        counted = instructions.count_together(runner, [self.READ, self.WRITE])
+        self.assertEqual({self.READ: 340, self.WRITE: 340}, counted)
+        self.assertEqual([], runner.broken)
+
+    def test_a_run_that_failed_leaves_the_others(self):
+        runner = Processes(broken_case=self.WRITE.case)
+        self.assertEqual({self.READ: 340}, instructions.count_together(runner, [self.READ, self.WRITE]))
+        self.assertEqual(["ended with 1"] * 2, runner.broken)
+
+    def test_a_process_that_was_killed_names_its_case(self):
+        runner = Processes(ending="")
+        self.assertEqual({}, instructions.count_together(runner, [self.READ]))
+        self.assertRegex(runner.broken[0], "^counted_uncached_read ours: .*no line with one total")
+
+    def test_nothing_of_the_callers_environment_is_passed_on(self):
+        command = instructions.command_together("bin/process_bench", self.READ, 500, "/dev/shm", "out")
+        self.assertEqual(["env", "-i"], command[:2])
+        self.assertIn("--trace-children=yes", command)
+        tunables = [word for word in command if word.startswith("GLIBC_TUNABLES=")]
+        self.assertRegex(tunables[0], "glibc.cpu.hwcaps=.*-AVX2,.*-ERMS.*glibc.malloc.tcache_count=65535")
+
+    def test_the_total_is_read_from_a_real_file(self):
+        self.assertEqual(37236837, instructions.total(recorded("find_subscriber.txt").splitlines()))
+
+
+class WhyNotTest(unittest.TestCase):
+    def on(self, machine="x86_64", library="glibc 2.36", valgrind="/usr/bin/valgrind"):
+        with unittest.mock.patch("platform.machine", return_value=machine), \
+                unittest.mock.patch("os.confstr", return_value=library), \
+                unittest.mock.patch("shutil.which", return_value=valgrind):
+            return instructions.why_not()
+
+    def test_the_machine_of_the_figures_can(self):
+        self.assertIsNone(self.on())
+
+    def test_others_say_what_they_are(self):
+        self.assertRegex(self.on(machine="aarch64"), "this machine is aarch64")
+        self.assertRegex(self.on(library="glibc 2.41"), "the C library is glibc 2.41")
+        self.assertRegex(self.on(valgrind=None), "valgrind is missing; scripts/install-deps")
+
+
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1])

@@ -120,6 +120,12 @@ class InstructionsTest(unittest.TestCase):
         programs = [r.program for r in rows.IN_PROCESS if effort.counts(r)]
         self.assertEqual(sorted({r.program for r in rows.IN_PROCESS}), sorted(programs))
 
+    def test_a_counted_operation_is_a_row_with_instructions_alone(self):
+        counted = run.counted_row("uncached_read", run.limits.Figures(20198, 1254))
+        self.assertEqual(("uncached_read_instructions", 20198, 1254, None, None),
+                         tuple(counted[key] for key in ("name", "instructions", "floor_instructions", "p50", "kept")))
+        self.assertIn("| 16.11 |", page.table([counted]))
+
     def test_the_page_has_both(self):
         heading, _, line = page.table([self.finished(self.TEXT, self.COUNTS)]).splitlines()
         self.assertTrue(heading.endswith("| instructions | of floor |"), heading)
