@@ -8,7 +8,7 @@
 
 namespace ConfigSrv {
 
-enum class IntReading { kNumber, kNotANumber, kTooLong };
+enum class IntReading { Number, NotANumber, TooLong };
 
 // Reads what strtol reads with base 0, if it is all of the text: leading blanks are refused too.
 IntReading readInt(std::string_view text, std::int64_t& number);
