@@ -31,28 +31,35 @@ namespace AppConfig {
 class AppCfgManager;
 }
 
+// Registers a consumer of a variable.
 APPCONFIG_EXPORT void registerHandler(std::string group, std::string name,
                                       ConsumerConfigHandler* handler,
                                       AppConfig::AppCfgManager* manager = nullptr);
+// Registers a provider of a variable.
 APPCONFIG_EXPORT void registerHandler(std::string group, std::string name,
                                       ProviderConfigHandler* handler,
                                       AppConfig::AppCfgManager* manager = nullptr);
+// Registers a consumer of a group.
 APPCONFIG_EXPORT void registerHandler(std::string group, ConsumerConfigHandler* handler,
                                       AppConfig::AppCfgManager* manager = nullptr);
+// Registers a provider of a group.
 APPCONFIG_EXPORT void registerHandler(std::string group, ProviderConfigHandler* handler,
                                       AppConfig::AppCfgManager* manager = nullptr);
 
-// Undo exactly the registration made with the same names. The service goes on sending; nobody is
+// Undoes exactly the registration made with the same names. The service goes on sending; nobody is
 // called. A null consumer removes the library's own interest in the variable, so that the next
 // read of it registers for changes anew.
 APPCONFIG_EXPORT void unregisterHandler(std::string group, std::string name,
                                         ConsumerConfigHandler* handler,
                                         AppConfig::AppCfgManager* manager = nullptr);
+// Undoes the same for a provider. Here null removes nothing that the library itself registers.
 APPCONFIG_EXPORT void unregisterHandler(std::string group, std::string name,
                                         ProviderConfigHandler* handler,
                                         AppConfig::AppCfgManager* manager = nullptr);
+// Undoes a consumer's registration for a group.
 APPCONFIG_EXPORT void unregisterHandler(std::string group, ConsumerConfigHandler* handler,
                                         AppConfig::AppCfgManager* manager = nullptr);
+// Undoes a provider's registration for a group.
 APPCONFIG_EXPORT void unregisterHandler(std::string group, ProviderConfigHandler* handler,
                                         AppConfig::AppCfgManager* manager = nullptr);
 
