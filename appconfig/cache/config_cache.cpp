@@ -39,8 +39,8 @@ class Guard {
 };
 
 // The locks of all caches, for the sake of fork alone: a cache's own size is part of the binary
-// interface. The set goes with its last cache, so that nothing is left to be destroyed at exit, when
-// threads may still be running.
+// interface. The set goes with its last cache, so that nothing is left to be destroyed at exit,
+// when threads may still be running.
 std::mutex cachesMutex;
 std::set<pthread_mutex_t*>* cacheLocks = nullptr;
 
@@ -72,7 +72,7 @@ void releaseAll() {
   cachesMutex.unlock();
 }
 
-const ForkLock atFork(ForkLock::kCaches, {holdAll, releaseAll, releaseAll});
+const ForkLock atFork(ForkLock::Place::Caches, {holdAll, releaseAll, releaseAll});
 
 }  // namespace
 

@@ -1,14 +1,14 @@
 // ConfigCache: what this process has read, written or been told: one record per variable.
 //
-// Shape    a map from key to record. Keys are exact: another namespace or instance is another
+// Shape:   a map from key to record. Keys are exact: another namespace or instance is another
 //          entry. Nothing expires and there is no size limit; entries leave by removeVars and
 //          reset alone. Lookups and updates cost the logarithm of the number of entries.
-// Absence  a missing entry and an entry without a value are different things: storing only a
+// Absence: a missing entry and an entry without a value are different things: storing only a
 //          default flag makes an entry whose value is unknown.
-// Errors   none.
-// Threads  any thread may call anything; one mutex is held for one map operation at a time, never
+// Errors:  none.
+// Threads: any thread may call anything; one mutex is held for one map operation at a time, never
 //          while something else is called. The one exception is what getConfigValue returns.
-// Owns     its records. What it hands out is a copy, save the position of getConfigValue.
+// Owns:    its records. What it hands out is a copy, save the position of getConfigValue.
 //
 //   AppConfig::ConfigCache cache;
 //   cache.update(ConfigVar("net", 0, "mtu", 0), {"1500"});
@@ -69,8 +69,8 @@ class ConfigCache {
   // Takes only the roles that levels says are set.
   ConfigValue updateAccessLevels(ConfigVar var, const ConfigAccessLevels& levels);
 
-  // update and updateIsDefault for whoever has no use for the record: nothing is copied but the value,
-  // and the key when there is no entry yet.
+  // update and updateIsDefault for whoever has no use for the record: nothing is copied but the
+  // value, and the key when there is no entry yet.
   void store(const ConfigVar& var, const std::list<std::string>& value);
   void storeIsDefault(const ConfigVar& var, bool isDefault);
 

@@ -1,3 +1,5 @@
+// What is known of one variable, part by part. Storing a part also notes that it is known, where an
+// empty part would not show it: roles and options have a flag for that, the value has none.
 #include "appconfig/cache/config_value.h"
 
 #include <algorithm>

@@ -1,12 +1,12 @@
 // ConfigValue: what is known of one variable: its value, roles, options, default flag and default
 // index. Each part arrives on its own, so the record also knows which parts it holds.
 //
-// Shape    a plain value, copied whole; a fresh one knows nothing.
-// Absence  a value is known when its list is not empty: a variable whose value is the empty list
+// Shape:   a plain value, copied whole; a fresh one knows nothing.
+// Absence: a value is known when its list is not empty: a variable whose value is the empty list
 //          looks like one never read. Access levels are known when both roles are. Options are
 //          known once stored, even when the list is empty.
-// Errors   none.
-// Threads  no lock of its own; inside the cache it is touched only under the cache's.
+// Errors:  none.
+// Threads: no lock of its own; inside the cache it is touched only under the cache's.
 //
 //   AppConfig::ConfigValue record;
 //   record.setOptions({"auto", "manual"});

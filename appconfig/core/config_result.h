@@ -1,11 +1,11 @@
 // ConfigResult: outcome of one operation, as the service or a provider reported it: error code,
 // flag, result messages, server context, client name.
 //
-// Shape    a plain value: a fresh one says success (eErrNone), flag false, no messages and two
+// Shape:   a plain value: a fresh one says success (eErrNone), flag false, no messages and two
 //          empty strings. Copying and assigning take all five fields.
-// Errors   none of its own. Success is error() == eErrNone; any other code, negative ones
+// Errors:  none of its own. Success is error() == eErrNone; any other code, negative ones
 //          included, is a failure. A provider puts in codes of eErrorT only: others cannot be sent.
-// Threads  a plain value; any number of threads may read one.
+// Threads: a plain value; any number of threads may read one.
 //
 //   bool Thermostat::dynamicValidate(..., ConfigResult* result) {
 //     result->addResultMessage("the boiler is off");

@@ -3,25 +3,11 @@
 // where it came from; moves take the strings as they are, since the source made them itself.
 #include "appconfig/core/config_var.h"
 
-#include <cctype>
 #include <utility>
 
-namespace {
+#include "appconfig/core/lower_case.h"
 
-// In no locale does tolower change what is neither an upper-case letter of ASCII nor above 127, and
-// most names hold none of these, so that most are folded without a call.
-bool mayFold(unsigned char c) { return (c >= 'A' && c <= 'Z') || c > 127; }
-
-std::string folded(std::string text) {
-  // tolower is undefined for negative values, which plain char has above 127 on some machines.
-  for (char& c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (mayFold(byte)) c = static_cast<char>(std::tolower(byte));
-  }
-  return text;
-}
-
-}  // namespace
+using AppConfig::lowerCase;
 
 ConfigVar::ConfigVar(const std::string& group, int groupInstance, const std::string& name,
                      int nameInstance)
@@ -30,9 +16,9 @@ ConfigVar::ConfigVar(const std::string& group, int groupInstance, const std::str
 ConfigVar::ConfigVar(std::int32_t nameSpace, const std::string& group, int groupInstance,
                      const std::string& name, int nameInstance)
     : nameSpace_(nameSpace),
-      group_(folded(group)),
+      group_(lowerCase(group)),
       groupInstance_(groupInstance),
-      name_(folded(name)),
+      name_(lowerCase(name)),
       nameInstance_(nameInstance),
       flag_(false) {}
 

@@ -1,10 +1,10 @@
 // ConfigVar: the key of one variable: namespace, group, group instance, name, name instance.
 //
-// Shape    group and name are byte strings, lower case from construction on; the group may hold
+// Shape:   group and name are byte strings, lower case from construction on; the group may hold
 //          dots. Numbers are signed. Namespace 0 means that the variable has none.
-// Errors   none: every combination is a key, the empty one included.
-// Threads  a plain value; any number of threads may read one.
-// Owns     copies of the strings it is given.
+// Errors:  none: every combination is a key, the empty one included.
+// Threads: a plain value; any number of threads may read one.
+// Owns:    copies of the strings it is given.
 //
 //   ConfigVar address("Network.Eth", 1, "IPAddr", 0);
 //   address.group();       // "network.eth"
@@ -29,8 +29,8 @@
 class APPCONFIG_EXPORT ConfigVar {
  public:
   // Namespace 0. ("Network", 1, "IPAddr", 2) and ("network", 1, "ipaddr", 2) are the same key.
-  // Each byte of the names passes through tolower; what that does to a byte above 127 is the
-  // locale's decision, so a program that calls setlocale does it before it builds keys.
+  // The letters A to Z are folded to lower case. Every other byte stays as it is, those above 127
+  // too, whatever the locale.
   ConfigVar(const std::string& group, int groupInstance, const std::string& name, int nameInstance);
   ConfigVar(std::int32_t nameSpace, const std::string& group, int groupInstance,
             const std::string& name, int nameInstance);

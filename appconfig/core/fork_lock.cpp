@@ -29,7 +29,7 @@ void enter() { runBackwards(&ForkLock::Actions::enter); }
 
 ForkLock::ForkLock(Place place, const Actions& actions) {
   static pthread_once_t once = PTHREAD_ONCE_INIT;
-  locks[place] = actions;
+  locks[static_cast<std::size_t>(place)] = actions;
   pthread_once(&once, [] { pthread_atfork(hold, release, enter); });
 }
 

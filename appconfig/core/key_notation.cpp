@@ -1,3 +1,6 @@
+// The text is taken apart from both ends: what stands before the first colon is the namespace, what
+// stands behind the last dot is the name. Neither character can be part of a name, so there is no
+// second way to read a text. Nothing is looked at twice, and nothing is kept but views of the text.
 #include "appconfig/core/key_notation.h"
 
 #include <algorithm>
@@ -6,9 +9,7 @@
 #include <system_error>
 #include <utility>
 
-// The text is taken apart from both ends: what stands before the first colon is the namespace, what
-// stands behind the last dot is the name. Neither character can be part of a name, so there is no
-// second way to read a text. Nothing is looked at twice, and nothing is kept but views of the text.
+#include "appconfig/core/lower_case.h"
 
 namespace AppConfig {
 namespace {
@@ -207,7 +208,7 @@ std::string formatKey(const ConfigVar& var) {
 std::string parseDottedName(std::string_view text, std::string& name) {
   KeyReader reader(text);
   if (!reader.readDottedName()) return reader.complaint("name");
-  name = ConfigVar(std::string(text), 0, std::string(), 0).group();  // folds as keys do
+  name = lowerCase(std::string(text));
   return std::string();
 }
 

@@ -1,6 +1,6 @@
 // Text form of a key: how definitions, logs and the command line write a variable.
 //
-// Shape    [namespace ":"] group ["[" instance "]"] "." name ["[" instance "]"]
+// Shape:   [namespace ":"] group ["[" instance "]"] "." name ["[" instance "]"]
 //          The last dot parts group and name. An instance stands behind the part that it counts:
 //          behind the whole group, behind the name. What is left out is 0.
 //            network.hostname      group network, name hostname
@@ -9,10 +9,10 @@
 //            3:engine.speed        namespace 3, group engine, name speed
 //          Not keys: "hostname" (no group), "network[1].eth.mtu" (the instance is not behind the
 //          whole group), "network..mtu" (an empty part).
-// Names    1 to kMaxNameBytes bytes each, ASCII letters of either case; no control characters,
+// Names:   1 to kMaxNameBytes bytes each, ASCII letters of either case; no control characters,
 //          blanks, brackets, colons or backslashes. The bytes above 127 are free.
-// Numbers  decimal; instances fit 32 signed bits, a namespace is 0 or more.
-// Threads  plain functions; any number of threads may call them.
+// Numbers: decimal; instances fit 32 signed bits, a namespace is 0 or more.
+// Threads: plain functions; any number of threads may call them.
 #pragma once
 
 #include <cstddef>

@@ -2,7 +2,7 @@
 //
 //   public, user, installer, service, factory (lowest rights first)
 //
-// Threads  plain functions; any number of threads may call them.
+// Threads: plain functions; any number of threads may call them.
 #pragma once
 
 #include <optional>

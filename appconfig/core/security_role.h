@@ -8,7 +8,7 @@
 //   levels.writeRole = AppConfig::eRoleInstaller;
 //   levels.writeRoleSet = true;            // the read role stays unknown
 //
-// Threads  plain values; any number of threads may read one.
+// Threads: plain values; any number of threads may read one.
 #pragma once
 
 #include <cstdint>

@@ -1,12 +1,12 @@
 // StateStamp: how new a state of a variable is, as the service tells it beside a value, options or
 // roles: the epoch, and the revision at which this part of the variable last changed.
 //
-// Shape    epochs are never 0; one without an epoch says nothing (a service, or a message layer, that
-//          does not tell). Revisions begin at 0: never changed.
-// Order    a later epoch is newer, whatever the revisions: its service does not continue what was
-//          before. Within an epoch the greater revision is newer, and of equal ones both tell of the
-//          same state. What says nothing is neither newer nor older.
-// Threads  a plain value.
+// Shape:   an epoch of 0 says nothing: the service, or the message layer, does not tell how new the
+//          state is. Revisions begin at 0: never changed.
+// Order:   a later epoch is newer, whatever the revisions: its service does not continue what was
+//          before. Within an epoch the greater revision is newer, and of equal ones both tell of
+//          the same state. A stamp that says nothing is neither older nor newer.
+// Threads: a plain value.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,7 @@
-// Access levels. No change of them touches the cache: the roles in force are those that the service
-// announces.
+// Access levels: the roles that reading and writing a variable take.
+//
+// A change is only sent; it does not touch the cache, because the roles in force are those that the
+// service announces. Reads ask the service until both roles are cached.
 
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/manager/internal/in_flight.h"
@@ -87,9 +89,9 @@ bool AppCfgManager::setAccessReadOnly(const std::string& group, int groupInstanc
   return setAccessReadOnly(ConfigVar(group, groupInstance, name, nameInstance), error);
 }
 
-// The entry is looked up under the key as it is, and the value read that may make it stores under
-// namespace 0: a variable of the service's own namespace whose options were never read has no entry
-// here, and its roles are read by parts.
+// The entry is looked up under the key with its namespace, but reading the value makes an entry of
+// namespace 0 alone. So for a key of the service's own namespace there is an entry only once its
+// options were read, and without one this fails; by parts the roles can be read all the same.
 bool AppCfgManager::getAccessLevels(const ConfigVar& var, SecurityRole* readRole,
                                     SecurityRole* writeRole) {
   ConfigValue record;

@@ -17,7 +17,7 @@ namespace {
 // Guards the making of the instances and the replacing of the primary. The link's mutex of the same
 // purpose is taken while it is held; the message layer is not called under it.
 std::mutex instancesMutex;
-const ForkLock atFork(ForkLock::kFacades,
+const ForkLock atFork(ForkLock::Place::Facades,
                       {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
                        [] { instancesMutex.unlock(); }});
 

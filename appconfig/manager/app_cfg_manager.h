@@ -1,28 +1,28 @@
 // AppCfgManager: the one object through which an application reads and changes configuration.
 //
-// Instances  getInstance() is what most applications need. getLocalCfgManager() is the facade over
+// Instances: getInstance() is what most applications need. getLocalCfgManager() is the facade over
 //            the device's own service; the two are the same until changePrimaryConfigService. Each
 //            has a cache of its own; neither is ever destroyed.
-// Start-up   give the facade its messaging endpoint (setPbInterface), set the role if "user" is not
+// Start-up:  give the facade its messaging endpoint (setPbInterface), set the role if "user" is not
 //            enough, register handlers (appconfig/registry/registration.h). Requests made before
 //            there is an endpoint fail.
-// Keys       a ConfigVar, or its parts in their order: group, group instance, name, name instance.
+// Keys:      a ConfigVar, or its parts in their order: group, group instance, name, name instance.
 //            By parts the namespace is 0. Case does not matter. A facade caches values of namespace
 //            0 and of its service's own, both in one entry; those of any other are always asked
 //            for.
-// Values     lists of strings; a single value is a list of one.
-// Absence    an unknown variable, a role that is too low, a service that is away and a value
+// Values:    lists of strings; a single value is a list of one.
+// Absence:   an unknown variable, a role that is too low, a service that is away and a value
 //            that is empty all read as "" (0, false). A write with a ConfigResult tells why it
 //            failed, when the service answered.
-// Errors     returned, never thrown. Nothing is retried: the next call simply asks again.
-// Threads    any thread may call anything, handlers included. Requests block their caller for as
+// Errors:    returned, never thrown. Nothing is retried: the next call simply asks again.
+// Threads:   any thread may call anything, handlers included. Requests block their caller for as
 //            long as the endpoint waits. What a thread has read, or has written and was told is
-//            accepted, is never followed in any thread by something older, whatever order answers and
-//            notices come in (save what the application stores itself, and a service that begins a
-//            new epoch). A message layer that does not tell how new a value is leaves the order of
-//            arrival: then, when two requests about one variable finish with different values, the
-//            value is forgotten and asked for again.
-// Owns       its cache. Not the endpoint and no handler; both must outlive their use.
+//            accepted, is never followed in any thread by something older, whatever order answers
+//            and notices come in (save what the application stores itself, and a service that
+//            begins a new epoch). A message layer that does not tell how new a value is leaves the
+//            order of arrival: then, when two requests about one variable finish with different
+//            values, the value is forgotten and asked for again.
+// Owns:      its cache. Not the endpoint and no handler; both must outlive their use.
 //
 //   AppConfig::AppCfgManager* config = AppConfig::AppCfgManager::getInstance();
 //   config->setPbInterface(&endpoint);
@@ -65,11 +65,14 @@ class APPCONFIG_EXPORT AppCfgManager {
   // A facade over a service link, which it does not own, with an empty cache. Applications use the
   // instances below.
   explicit AppCfgManager(PlatformCfgService* service);
+  // Leaves the link as it is. Nobody else may still be using the facade.
   virtual ~AppCfgManager();
   AppCfgManager(const AppCfgManager&) = delete;
   AppCfgManager& operator=(const AppCfgManager&) = delete;
 
+  // The primary facade, made by the first call: the local one, until changePrimaryConfigService.
   static AppCfgManager* getInstance();
+  // The facade over the device's own service, made by the first call.
   static AppCfgManager* getLocalCfgManager();
 
   // From now on getInstance() is a new facade, with an empty cache, over the service of this
@@ -79,6 +82,7 @@ class APPCONFIG_EXPORT AppCfgManager {
   static bool changePrimaryConfigService(int nameSpace, const std::string& serviceLink,
                                          const std::string& selfLink, PbUtility::PbUtils* pb);
 
+  // The link to the service that this facade asks.
   PlatformCfgService* getPlatformCfgService() const { return service_; }
 
   // Role of all requests from now on; returns the previous one. eRoleUser at first.
@@ -102,22 +106,26 @@ class APPCONFIG_EXPORT AppCfgManager {
   // Replaces out by the value and returns a copy of it. {""} when there is none; that is not
   // cached, so the next read asks again.
   std::list<std::string> getConfigVar(const ConfigVar& var, std::list<std::string>& out);
+  // The same, by parts.
   std::list<std::string> getConfigVar(const std::string& group, int groupInstance,
                                       const std::string& name, int nameInstance,
                                       std::list<std::string>& out);
   // The first string of the value, "" when there is none.
   std::string getConfigVar(const ConfigVar& var);
+  // The first string, by parts.
   std::string getConfigVar(const std::string& group, int groupInstance, const std::string& name,
                            int nameInstance);
 
   // The number that the first string begins with: "0x1F" is 31, "010" is 8, "12abc" is 12, "abc" is
   // 0. What does not fit is the nearest 32-bit number. 0 when there is no value.
   int getConfigVarInt(const ConfigVar& var);
+  // The number, by parts.
   int getConfigVarInt(const std::string& group, int groupInstance, const std::string& name,
                       int nameInstance);
 
   // Whether the first string is "true", in any case. "1", "yes" and " true" are not.
   bool getConfigVarBool(const ConfigVar& var);
+  // The same, by parts.
   bool getConfigVarBool(const std::string& group, int groupInstance, const std::string& name,
                         int nameInstance);
 
@@ -131,49 +139,73 @@ class APPCONFIG_EXPORT AppCfgManager {
   ConfigValue getConfigValue(const std::string& group, int groupInstance, const std::string& name,
                              int nameInstance);
 
-  // --- Writes ---
+  // --- Writes that wait for nothing ---
 
-  // Without a ConfigResult: hands the request over and waits for nothing. True when the message
-  // layer took it. The cached value stays what it was until the service announces the change.
-  // A bool is written as "true" or "false"; text must not be null.
+  // They hand the request over. True when the message layer took it; the service may still refuse.
+  // The cached value stays what it was until the service announces the change.
+
+  // Writes all elements of the value.
   bool setConfigVar(const ConfigVar& var, const std::list<std::string>& value);
+  // Writes the number in decimals.
   bool setConfigVar(const ConfigVar& var, int value);
+  // Writes "true" or "false".
   bool setConfigVar(const ConfigVar& var, bool value);
+  // Writes one text, which must not be null.
   bool setConfigVar(const ConfigVar& var, const char* value);
+  // Writes one text.
   bool setConfigVar(const ConfigVar& var, const std::string& value);
+  // Writes all elements of the value, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const std::list<std::string>& value);
+  // Writes the number in decimals, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, int value);
+  // Writes "true" or "false", by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, bool value);
+  // Writes one text, which must not be null, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const char* value);
+  // Writes one text, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const std::string& value);
 
-  // With a ConfigResult, which may be null: waits for the service's verdict. True when the value
-  // was accepted; it is then cached, with the default flag as it was. The result is untouched when
-  // the service did not answer. A bool is written as "True" or "False".
+  // --- Writes that wait for the service's verdict ---
+
+  // True when the value was accepted; it is then cached, with the default flag as it was. The
+  // result, which may be null, tells why a value was refused; it is untouched when the service did
+  // not answer.
+
+  // Writes all elements of the value.
   bool setConfigVar(const ConfigVar& var, const std::list<std::string>& value,
                     ConfigResult* result);
+  // Writes the number in decimals.
   bool setConfigVar(const ConfigVar& var, int value, ConfigResult* result);
+  // Writes "True" or "False".
   bool setConfigVar(const ConfigVar& var, bool value, ConfigResult* result);
+  // Writes one text, which must not be null.
   bool setConfigVar(const ConfigVar& var, const char* value, ConfigResult* result);
+  // Writes one text.
   bool setConfigVar(const ConfigVar& var, const std::string& value, ConfigResult* result);
+  // Writes all elements of the value, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const std::list<std::string>& value, ConfigResult* result);
+  // Writes the number in decimals, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, int value, ConfigResult* result);
+  // Writes "True" or "False", by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, bool value, ConfigResult* result);
+  // Writes one text, which must not be null, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const char* value, ConfigResult* result);
+  // Writes one text, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const std::string& value, ConfigResult* result);
 
-  // Whether the service would accept the value. Changes nothing; result as for a write.
+  // Whether the service would accept the value. Changes nothing; result as for a write that waits.
   bool isValid(const ConfigVar& var, const std::list<std::string>& value, ConfigResult* result);
+  // The same, by parts.
   bool isValid(const std::string& group, int groupInstance, const std::string& name,
                int nameInstance, const std::list<std::string>& value, ConfigResult* result);
 
@@ -184,15 +216,17 @@ class APPCONFIG_EXPORT AppCfgManager {
 
   // --- Options: the values that a variable may take ---
 
-  // From the cache when it knows them, an empty list included. The vector forms replace out and
-  // return it; the list form appends to it.
-  //
-  // A ConfigVar with a namespace has its options in an entry of their own, apart from its value,
-  // and notices do not reach that entry. By parts there is one entry for all.
+  // A ConfigVar with a namespace has its options in a cached entry of their own, apart from its
+  // value, and notices do not reach that entry. By parts there is one entry for all.
+
+  // Replaces out by the options and returns it. From the cache when it knows them, an empty list
+  // included.
   std::vector<std::string>& getConfigOptions(const ConfigVar& var, std::vector<std::string>& out);
+  // The same, by parts.
   std::vector<std::string>& getConfigOptions(const std::string& group, int groupInstance,
                                              const std::string& name, int nameInstance,
                                              std::vector<std::string>& out);
+  // The same, but appends to out.
   void getConfigOptions(const std::string& group, int groupInstance, const std::string& name,
                         int nameInstance, std::list<std::string>& out);
 
@@ -201,6 +235,7 @@ class APPCONFIG_EXPORT AppCfgManager {
   // unknown variable's index is 0 too. False, and index untouched, only when the variable was
   // removed from the cache in the meantime.
   bool getConfigOptionDefaultIndex(const ConfigVar& var, unsigned int& index);
+  // The same, by parts.
   bool getConfigOptionDefaultIndex(const std::string& group, int groupInstance,
                                    const std::string& name, int nameInstance, unsigned int& index);
 
@@ -210,10 +245,11 @@ class APPCONFIG_EXPORT AppCfgManager {
                                                     const std::string& name, int nameInstance,
                                                     std::vector<std::string>& out);
 
-  // Whether the service accepted the options. The cached options stay what they were until the
-  // service announces the change; a default index is cached at once.
+  // Whether the service accepted the options. The default index stays as it is. The cached options
+  // stay what they were until the service announces the change.
   bool setConfigOptions(const std::string& group, int groupInstance, const std::string& name,
                         int nameInstance, const std::vector<std::string>& options);
+  // The same, with a default index, which is cached at once when the service accepted.
   bool setConfigOptions(const std::string& group, int groupInstance, const std::string& name,
                         int nameInstance, const std::vector<std::string>& options,
                         unsigned int defaultIndex);
@@ -223,54 +259,70 @@ class APPCONFIG_EXPORT AppCfgManager {
   // From the cache when it knows both roles. Either pointer may be null. False, and neither
   // written, when the variable or its roles cannot be read.
   bool getAccessLevels(const ConfigVar& var, SecurityRole* readRole, SecurityRole* writeRole);
+  // The same, by parts.
   bool getAccessLevels(const std::string& group, int groupInstance, const std::string& name,
                        int nameInstance, SecurityRole* readRole, SecurityRole* writeRole);
 
-  // A null role is not changed. The cached roles stay what they were until the service announces
-  // the change. Without errors: waits for nothing, true when the message layer took the request.
-  // With: whether the service accepted all of it.
-  //
-  // errors gets one code for each variable that the service answered for, successful ones included;
-  // error is 0, or the code of the one variable.
+  // In the changes below a role that is null is not changed, and the cached roles stay what they
+  // were until the service announces the change.
+
+  // Changes the roles of all these variables and waits for nothing: true when the message layer
+  // took the request.
   bool setAccessLevels(const std::list<ConfigVar>& vars, const SecurityRole* readRole,
                        const SecurityRole* writeRole);
+  // Changes the roles of all these variables and waits: whether the service accepted all of it.
+  // Appends to errors one code for each variable that the service answered for, successful ones
+  // included.
   bool setAccessLevels(const std::list<ConfigVar>& vars, const SecurityRole* readRole,
                        const SecurityRole* writeRole,
                        std::list<std::pair<ConfigVar, eErrorT>>& errors);
+  // Changes the roles of one variable and waits for nothing.
   bool setAccessLevels(const ConfigVar& var, const SecurityRole* readRole,
                        const SecurityRole* writeRole);
+  // Changes the roles of one variable and waits. error becomes the first code that the service
+  // answered with, eErrNone when there was none.
   bool setAccessLevels(const ConfigVar& var, const SecurityRole* readRole,
                        const SecurityRole* writeRole, eErrorT& error);
+  // Changes the roles of one variable, by parts, and waits for nothing.
   bool setAccessLevels(const std::string& group, int groupInstance, const std::string& name,
                        int nameInstance, const SecurityRole* readRole,
                        const SecurityRole* writeRole);
+  // Changes the roles of one variable, by parts, and waits; error as above.
   bool setAccessLevels(const std::string& group, int groupInstance, const std::string& name,
                        int nameInstance, const SecurityRole* readRole,
                        const SecurityRole* writeRole, eErrorT& error);
 
-  // Read role eRoleService, the write role as it was.
+  // Hides variables from users: read role eRoleService, the write role as it was. Waits; errors as
+  // for setAccessLevels.
   bool setAccessHidden(const std::list<ConfigVar>& vars,
                        std::list<std::pair<ConfigVar, eErrorT>>& errors);
+  // Hides one variable.
   bool setAccessHidden(const ConfigVar& var, eErrorT& error);
+  // Hides one variable, by parts.
   bool setAccessHidden(const std::string& group, int groupInstance, const std::string& name,
                        int nameInstance, eErrorT& error);
-  // Write role eRoleFactory, the read role as it was.
+  // Makes variables read-only: write role eRoleFactory, the read role as it was. Waits; errors as
+  // for setAccessLevels.
   bool setAccessReadOnly(const std::list<ConfigVar>& vars,
                          std::list<std::pair<ConfigVar, eErrorT>>& errors);
+  // Makes one variable read-only.
   bool setAccessReadOnly(const ConfigVar& var, eErrorT& error);
+  // Makes one variable read-only, by parts.
   bool setAccessReadOnly(const std::string& group, int groupInstance, const std::string& name,
                          int nameInstance, eErrorT& error);
 
   // --- Stores: what the service announced goes into the cache. The service is not asked ---
 
-  // Nothing for a variable of a namespace that is never cached. Storing the empty list makes the
-  // value unknown.
+  // Stores a value; nothing for a variable of a namespace that is never cached. Storing the empty
+  // list makes the value unknown.
   void updateConfigVar(const ConfigVar& var, std::list<std::string> value);
+  // Stores whether the value is the default; nothing for a variable of a namespace that is never
+  // cached.
   void updateIsDefault(const ConfigVar& var, bool isDefault);
-  // The default index stays as it is.
+  // Stores the options. The default index stays as it is.
   void updateConfigVarOptions(const std::string& group, int groupInstance, const std::string& name,
                               int nameInstance, std::list<std::string> options);
-  // Takes only the roles that levels says are set.
+  // Stores the roles that levels says are set, and leaves the others as they were.
   void updateConfigVarAccessLevels(const std::string& group, int groupInstance,
                                    const std::string& name, int nameInstance,
                                    const ConfigAccessLevels& levels);
@@ -294,8 +346,8 @@ class APPCONFIG_EXPORT AppCfgManager {
   APPCONFIG_LOCAL unsigned int cachedDefaultIndex(const ConfigVar& key) const;
   APPCONFIG_LOCAL bool loadAccessLevels(const ConfigVar& var, ConfigAccessLevels& levels);
 
-  // What a notice tells goes into the cache, unless something newer is there. A null flag or index is
-  // one that the notice does not tell.
+  // What a notice tells goes into the cache, unless something newer is there. A null flag or index
+  // is one that the notice does not tell.
   APPCONFIG_LOCAL void takeAnnounced(const ConfigVar& var, const std::list<std::string>& value,
                                      const bool* isDefault, const StateStamp& stamp);
   APPCONFIG_LOCAL void takeAnnouncedOptions(const ConfigVar& var,

@@ -22,7 +22,7 @@ std::vector<std::string>& AppCfgManager::getConfigOptions(const ConfigVar& var,
       service_->isTold(var, PlatformCfgService::eOptionsChanged))
     return out = record.getOptions();
   Flight flight(cache_, var);
-  // A service that does not answer leaves the index, and so what is stored is what was there.
+  // Without an answer the index stays what it was, so that storing it changes nothing.
   unsigned int defaultIndex = cachedDefaultIndex(var);
   std::list<std::string> options;
   StateStamp stamp;

@@ -33,7 +33,7 @@ bool AppCfgManager::isCacheable(const ConfigVar& var) const {
   return var.nameSpace() == 0 || var.nameSpace() == service_->getNamespace();
 }
 
-// What nobody would tell a change of is asked for each time.
+// A value whose changes nobody would announce is asked for each time.
 bool AppCfgManager::copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const {
   if (!service_->isTold(var, PlatformCfgService::eValueChanged)) return false;
   if (var.nameSpace() == 0) return cache_.copyValue(var, out);

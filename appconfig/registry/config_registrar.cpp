@@ -25,7 +25,7 @@ namespace {
 // no part of a registrar's layout; registrations are rare and lookups are short. Held for work on
 // the maps alone: no handler is called and no other lock is taken while it is held.
 std::mutex guard;
-const AppConfig::ForkLock atFork(AppConfig::ForkLock::kRegistry,
+const AppConfig::ForkLock atFork(AppConfig::ForkLock::Place::Registry,
                                  {[] { guard.lock(); }, [] { guard.unlock(); },
                                   [] { guard.unlock(); }});
 

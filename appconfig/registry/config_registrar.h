@@ -1,21 +1,21 @@
 // ConfigRegistrar: which handlers want to hear about which variables.
 //
-// Shape    consumers are registered per variable and callback type, providers per variable. The
+// Shape:   consumers are registered per variable and callback type, providers per variable. The
 //          registration (group "net", name "mtu") is for one variable, every instance of it and
 //          every namespace. With an empty name it is for the whole group: "net" covers "net",
 //          "net.eth0" and all below, but not "network".
-// Markers  a null handler is a marker: somebody is interested without a handler to call. Markers
+// Markers: a null handler is a marker: somebody is interested without a handler to call. Markers
 //          count as registered and are never returned for calling.
-// Order    a lookup returns the handlers of the variable itself, then those of its groups, the
+// Order:   a lookup returns the handlers of the variable itself, then those of its groups, the
 //          outermost group first, each in the order of registration. A handler registered twice is
 //          returned twice.
-// Absence  nothing registered is an empty list.
-// Errors   none.
-// Threads  any thread may call anything; operations are carried out one at a time. Lookups return
+// Absence: nothing registered is an empty list.
+// Errors:  none.
+// Threads: any thread may call anything; operations are carried out one at a time. Lookups return
 //          copies, so a handler may unregister itself while it is being called. A handler that is
 //          unregistered by another thread may still be called by a dispatch that had looked it up.
-// Owns     no handler: the application unregisters a handler before it deletes it.
-// Cost     a lookup grows with the number of dots in the variable's names and the logarithm of
+// Owns:    no handler: the application unregisters a handler before it deletes it.
+// Cost:    a lookup grows with the number of dots in the variable's names and the logarithm of
 //          the number of registrations.
 //
 //   registrar.registerHandler(ConfigVar("net", 0, "", 0), &logger, ConfigRegistrar::eValueChanged);

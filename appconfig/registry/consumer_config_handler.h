@@ -1,17 +1,17 @@
 // ConsumerConfigHandler: how an application hears that a variable changed. Derive from it,
 // implement the operations, register it for a variable or a group.
 //
-// Arguments  every operation starts with the variable it is about: group, group instance, name,
+// Arguments: every operation starts with the variable it is about: group, group instance, name,
 //            name instance, lower case. Every notice but attributeChanged ends with the callback
 //            identity: the name of the link that asked for the notice, as the service echoes it.
-// Repeats    when the service or the connection was away, the handler is told the newest value of what
-//            may have changed meanwhile: perhaps one that it has been told, never one before that. A
-//            handler that was registered while the service was away is told all values when it comes.
-// Threads    called on the endpoint's delivery thread, one notice after another; a slow handler
+// Repeats:   after the service or the connection was away, the newest values of what may have
+//            changed are told: perhaps one that was told before, never an older one. A handler
+//            that was registered while the service was away is told all values when it comes.
+// Threads:   called on the endpoint's delivery thread, one notice after another; a slow handler
 //            delays the next notice. It may read, write, register and unregister, itself included.
-// Errors     an operation must not throw: the program ends, after a line on standard error that names
-//            operation and variable.
-// Owns       nothing: the application keeps the handler alive until it has unregistered it and no
+// Errors:    an operation must not throw: the program ends, after a line on standard error that
+//            names operation and variable.
+// Owns:      nothing: the application keeps the handler alive until it has unregistered it and no
 //            notice can be on its way, and deletes it. References are valid during the call.
 //
 //   class MtuWatcher : public ConsumerConfigHandler {

@@ -4,17 +4,17 @@
 // A change first asks the providers whether the value is acceptable (dynamicValidate; one veto ends
 // the change) and then tells them that it is coming (onChange).
 //
-// Arguments  every operation starts with the variable it is about: group, group instance, name,
+// Arguments: every operation starts with the variable it is about: group, group instance, name,
 //            name instance, lower case; then the value, the role of the client that asks for the
 //            change, and the result that travels back to it. The result is never null and carries
 //            the request's server context and client name already; several providers of one
 //            variable fill the same one, one after another.
-// Threads    called on the endpoint's delivery thread. The service waits for the answer for a
+// Threads:   called on the endpoint's delivery thread. The service waits for the answer for a
 //            limited time and then fails the change, so answer soon. A provider may read and write
 //            other variables; writing the one it is asked about fails with eErrConflict.
-// Errors     an operation must not throw: the program ends, after a line on standard error that names
-//            operation and variable. A value that cannot be taken is refused by the result.
-// Owns       nothing: the application keeps the handler alive until it has unregistered it and no
+// Errors:    an operation must not throw: the program ends, after a line on standard error that
+//            names operation and variable. A value that cannot be taken is refused by the result.
+// Owns:      nothing: the application keeps the handler alive until it has unregistered it and no
 //            request can be on its way, and deletes it. References are valid during the call.
 //
 //   bool Thermostat::dynamicValidate(..., const std::list<std::string>& value,

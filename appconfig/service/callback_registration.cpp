@@ -79,7 +79,8 @@ bool PlatformCfgService::registerHandlerProactively(ConfigVar var, ConsumerCallb
 
 PlatformCfgService::Coverage PlatformCfgService::coverageOf(const ConfigVar& var,
                                                             ConsumerCallbackType type) {
-  // Counted first: what is unregistered in between is looked for once more afterwards.
+  // Counted before the look: when something is unregistered in between, registerAfterAnswer looks
+  // again.
   const unsigned before = unregistrations();
   return {isHandlerRegistered(var, type), before};
 }

@@ -3,9 +3,9 @@
 // file is one of its own.
 //
 // Each receiver parses its payload, calls the handler of that message and sends what the handler
-// returns. A payload that would unfold to too much counts as one that cannot be parsed. A notice for
-// somebody else is dropped without a word; a provider's question is always answered, for the service
-// waits. A handler that throws ends the program (handler_call.h).
+// returns. A payload that would unfold to too much counts as one that cannot be parsed. A notice
+// for somebody else is dropped without a word; a provider's question is always answered, for the
+// service waits. A handler that throws ends the program (handler_call.h).
 
 #include <cstdint>
 #include <cstdio>

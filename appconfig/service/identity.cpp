@@ -24,17 +24,18 @@ namespace {
 
 constexpr int kTheOnlyInstance = -1;
 
-// Guards the making and replacing of the two instances, and which receivers are installed. Taken after the facade's mutex of the same
-// purpose; nothing else is taken and nothing outside this file is called while it is held.
+// Guards the making and replacing of the two instances, and which receivers are installed. The
+// facade has a mutex of the same purpose, which is taken before this one; while this one is held,
+// no other is taken and nothing outside this file is called.
 std::mutex instancesMutex;
-const ForkLock atFork(ForkLock::kLinks,
+const ForkLock atFork(ForkLock::Place::Links,
                       {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
                        [] { instancesMutex.unlock(); }});
 
-// The numbers of the message layers on which a link has installed its receivers: a second time, each
-// message would be told twice. Numbers, because an endpoint that takes a destroyed one's address has
-// none of the receivers. Here rather than in the link, whose fields are laid down. Never destroyed,
-// for links are not either.
+// The numbers of the message layers on which a link has installed its receivers: a second time,
+// each message would be told twice. Numbers, because an endpoint that takes a destroyed one's
+// address has none of the receivers. Here rather than in the link, whose fields are laid down.
+// Never destroyed, for links are not either.
 std::map<const PlatformCfgService*, std::set<std::uint64_t>>& installedOn() {
   static auto* const installed = new std::map<const PlatformCfgService*, std::set<std::uint64_t>>;
   return *installed;

@@ -47,8 +47,9 @@ ConfigIF::SetAccessLevelsReq setAccessLevelsRequest(const std::string& client, W
                                                       pointerTo(write));
 }
 
-// Calls send with as many keys as one request may be about, again and again until all were sent; once
-// when there are none. Whether each returned true; all are sent, whatever becomes of the others.
+// Calls send with as many keys as one request may be about, again and again until all were sent;
+// once when there are none. Whether each returned true; all are sent, whatever becomes of the
+// others.
 template <typename Send>
 bool forEachBatch(std::list<ConfigVar> keys, const Send& send) {
   bool accepted = true;

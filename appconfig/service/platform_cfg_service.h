@@ -3,24 +3,24 @@
 //
 // Internal to the library: applications use AppCfgManager and the functions of registration.h.
 //
-// Instances  A process has the local link (namespace 0, no prefixes), made on first use, and the
+// Instances: A process has the local link (namespace 0, no prefixes), made on first use, and the
 //            primary link, which is the local one until changePrimaryConfigService replaces it,
 //            once. Neither is ever destroyed, so a pointer to one stays good.
-// Names      The service's endpoint is the link to config, "/" and "ConfigSrvc"; the client calls
+// Names:     The service's endpoint is the link to config, "/" and "ConfigSrvc"; the client calls
 //            itself by the link to self, "/" and the endpoint's own name. An empty prefix leaves
 //            the last part alone; a prefix that ends in "/" gets no second one.
-// Namespace  A link of namespace 0 sends a key with the key's own namespace, every other link with
+// Namespace: A link of namespace 0 sends a key with the key's own namespace, every other link with
 //            its own. resetValue, getConfigOptions, setConfigOptions and getConfigDefaultOptions
 //            always send the key's own: services are written against these requests, so the
 //            difference has to stay.
-// Absence    A refused value, an unknown variable, a failed send and a missing endpoint look the
+// Absence:   A refused value, an unknown variable, a failed send and a missing endpoint look the
 //            same: an empty list or false, out arguments as they were. Only the operations with a
 //            ConfigResult tell more, when the service answered. Nothing is retried or printed.
-// Threads    Any thread may call anything, also from inside a receiver or a handler. A request
+// Threads:   Any thread may call anything, also from inside a receiver or a handler. A request
 //            blocks its caller until the endpoint's sendWaitResponse returns. No lock is held
 //            while the message layer or a handler runs. Receivers, and with them all handlers,
 //            run on the endpoint's delivery thread.
-// Owns       copies of its strings. Neither the endpoint nor handlers: they outlive their use.
+// Owns:      copies of its strings. Neither the endpoint nor handlers: they outlive their use.
 //
 //   PlatformCfgService* link = PlatformCfgService::getLocalCfgService();
 //   link->setPbInterface(&endpoint);
@@ -268,17 +268,17 @@ class PlatformCfgService : public ConfigRegistrar {
   // names no variable is skipped.
   void takeAccessLevelsRecord(const ConfigIF::AccessLevelsRecord& record,
                               std::list<std::pair<ConfigVar, eErrorT>>& errors);
-  // Whether something covers a variable before a request about it is sent, and how many handlers had
-  // been unregistered by then: if none has been since, what covered it still does.
+  // Whether something covers a variable before a request about it is sent, and how many handlers
+  // had been unregistered by then: if none has been since, what covered it still does.
   struct Coverage {
     bool isRegistered;
     unsigned unregistrations;
   };
   Coverage coverageOf(const ConfigVar& var, ConsumerCallbackType type);
-  // Makes sure, after an answer, that what changes behind it is told, for the library's own sake.
-  // That something covered the variable when the request was sent is not enough: its handler may be
-  // gone by now. Nor is it enough that something covers it now, when nothing did then: what that is
-  // told may begin behind a change that the answer does not hold.
+  // Called after an answer: makes sure that later changes are announced to the library itself. It is
+  // not enough that something covered the variable when the request was sent, for that handler may
+  // have been unregistered since. Nor is it enough that something covers it now but did not then:
+  // its notices may begin after a change that the answer does not contain.
   void registerAfterAnswer(const ConfigVar& var, ConsumerCallbackType type, const Coverage& before);
   // Registers the library's own interest, and enters its marker whatever handlers come meanwhile:
   // the interest outlives them.

@@ -8,9 +8,9 @@
 
 #include <google/protobuf/stubs/logging.h>
 
-#include <cctype>
 #include <utility>
 
+#include "appconfig/core/lower_case.h"
 #include "platform/schema/error_conversion.h"
 
 namespace AppConfig {
@@ -37,10 +37,6 @@ CommonIF::eSecurityRole checkedRole(CommonIF::eSecurityRole value) noexcept {
 ConfigIF::CallbackType checkedCallbackType(ConfigIF::CallbackType value) noexcept {
   GOOGLE_CHECK(ConfigIF::CallbackType_IsValid(value));
   return value;
-}
-
-void foldToLowerCase(std::string& text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
 }
 
 bool startsWithNamespace(const ConfigIF::Inst& inst) {
@@ -157,9 +153,8 @@ int ProtobufMessageHelper::getConfigVarName(std::string& group, int& groupInstan
     group += inst.path(i).name();
     groupInstance = inst.path(i).instance();
   }
-  if (last > first) foldToLowerCase(group);
-  name = inst.path(last).name();
-  foldToLowerCase(name);
+  if (last > first) group = lowerCase(std::move(group));
+  name = lowerCase(inst.path(last).name());
   nameInstance = inst.path(last).instance();
   return 0;
 }

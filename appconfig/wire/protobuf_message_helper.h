@@ -1,21 +1,21 @@
 // ProtobufMessageHelper: the library's own types as ConfigIF messages, and back.
 //
-// Variables  A key becomes the path of a ConfigIF::Inst: a node "cfg" that carries the namespace,
+// Variables: A key becomes the path of a ConfigIF::Inst: a node "cfg" that carries the namespace,
 //            when the key has one (1 and more); a node with the whole group, dots and all; a node
 //            with the name. A reader accepts a group in several nodes too and joins them with dots,
 //            so a key written and read back has the same group, name and instances either way.
 //            One key does not come back: without a namespace, a group that is "cfg" and nothing
 //            more stands where the namespace is looked for. Do not name a group so.
-// Values     Byte strings, one for each element; zero bytes and invalid UTF-8 pass unchanged.
-// Requests   Each get...Request makes a whole message: the client's full name, the role, then what
+// Values:    Byte strings, one for each element; zero bytes and invalid UTF-8 pass unchanged.
+// Requests:  Each get...Request makes a whole message: the client's full name, the role, then what
 //            the request asks for. What is not given (a null pointer, no name) is absent from the
 //            message rather than sent as zero or empty, unless the operation says otherwise.
-// Errors     A path that names no variable is the only one that a caller sees. A role, error
+// Errors:    A path that names no variable is the only one that a caller sees. A role, error
 //            code or callback type that the schema does not know is a mistake in the calling
-//            program: the process ends, in release builds too, with "CHECK failed: ", the name of the schema's
-//            validity function and "(value): " on standard error.
-// Threads    No state; any number of threads may call at once, each with messages of its own.
-// Owns       Nothing. Arguments are copied into the messages, and messages are returned by value.
+//            program: the process ends, in release builds too. On standard error stands "CHECK
+//            failed: ", the name of the schema's validity function and "(value): ".
+// Threads:   No state; any number of threads may call at once, each with messages of its own.
+// Owns:      Nothing. Arguments are copied into the messages, and messages are returned by value.
 //
 // Example:
 //   auto request = ProtobufMessageHelper::getReadRequest("/gateway/web-ui",

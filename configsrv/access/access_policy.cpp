@@ -162,7 +162,7 @@ void AccessReader::report(const TomlEntry& at, std::string text) {
 
 std::optional<AppConfig::SecurityRole> AccessReader::readRole(const TomlEntry& entry) {
   std::optional<Role> role;
-  if (entry.value.kind == TomlKind::kString) {
+  if (entry.value.kind == TomlKind::String) {
     role = AppConfig::parseRole(entry.value.string);
     if (!role) {
       report(entry, quoted(entry.name) + " is given the role " + quoted(entry.value.string) +
@@ -178,7 +178,7 @@ std::optional<AppConfig::SecurityRole> AccessReader::readRole(const TomlEntry& e
 template <typename Look>
 void AccessReader::readTable(const TomlEntry& entry, const char* what, Look look,
                              std::map<std::uint32_t, Role>& roles) {
-  if (entry.value.kind != TomlKind::kTable) {
+  if (entry.value.kind != TomlKind::Table) {
     return report(entry, quoted(entry.name) + " takes a table, as in [" + entry.name + "], not " +
                              std::string(kindName(entry.value.kind)));
   }
@@ -196,7 +196,7 @@ void AccessReader::readTable(const TomlEntry& entry, const char* what, Look look
 }
 
 void AccessReader::readNames(const TomlEntry& entry) {
-  if (entry.value.kind != TomlKind::kTable) {
+  if (entry.value.kind != TomlKind::Table) {
     return report(entry, quoted(entry.name) + " takes a table, as in [" + entry.name + "], not " +
                              std::string(kindName(entry.value.kind)));
   }
@@ -205,7 +205,7 @@ void AccessReader::readNames(const TomlEntry& entry) {
 
 void AccessReader::readName(const TomlEntry& line) {
   const std::string& user = line.value.string;
-  if (line.value.kind != TomlKind::kString) {
+  if (line.value.kind != TomlKind::String) {
     report(line, quoted(line.name) + " takes a user in quotes, or \"*\" for everybody, not " +
                      std::string(kindName(line.value.kind)));
   } else if (user == kEverybody) {

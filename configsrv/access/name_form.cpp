@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <iterator>
 
+#include "appconfig/core/lower_case.h"
+
 namespace ConfigSrv {
 namespace {
 
@@ -88,8 +90,6 @@ bool canBeSeen(const Character& character) {
   return character.isUtf8 && !isUnseen(character.point);
 }
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 }  // namespace
 
 std::string whyUnseen(std::string_view name) {
@@ -117,7 +117,7 @@ std::string foldedName(std::string_view name) {
   std::string folded;
   for (const char c : name) {
     const bool isDoubled = c == ' ' && (folded.empty() || folded.back() == ' ');
-    if (!isDoubled) folded += lower(c);
+    if (!isDoubled) folded += AppConfig::lowerCase(c);
   }
   if (!folded.empty() && folded.back() == ' ') folded.pop_back();
   return folded;

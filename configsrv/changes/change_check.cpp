@@ -141,7 +141,7 @@ class Check {
   }
 
   ChangeOutcome optionsFit(const std::vector<std::string>& options) const {
-    if (options.empty() && shape().type == ValueType::kEnumeration)
+    if (options.empty() && shape().type == ValueType::Enumeration)
       return fail(eErrInvalidValue, "an enumeration needs options");
     for (const std::string& option : options) {
       const std::string why = checkValue(shape(), {option}, {option});

@@ -3,19 +3,10 @@
 // Threads  plain functions.
 #pragma once
 
-#include <optional>
-#include <string>
-
 #include "appconfig/core/config_var.h"
-#include "appconfig/core/security_role.h"
 #include "appconfig/core/state_stamp.h"
-
-namespace ConfigIF {
-class Inst;
-}
-namespace CommonIF {
-enum eSecurityRole : int;
-}
+#include "appconfig/wire/read_inst.h"
+#include "appconfig/wire/role_conversion.h"
 
 namespace ConfigSrv {
 
@@ -23,12 +14,10 @@ namespace ConfigSrv {
 // of that namespace alone; one without is meant for everybody, and the scope stays absent.
 void fillInst(ConfigIF::Inst* inst, const ConfigVar& key);
 
-// The variable that a request names; nothing when its path names none.
-std::optional<ConfigVar> readInst(const ConfigIF::Inst& inst);
-
-// The wire numbers the installer above the service technician, the library below.
-AppConfig::SecurityRole fromWire(CommonIF::eSecurityRole role);
-CommonIF::eSecurityRole toWire(AppConfig::SecurityRole role);
+// The variable that a request names, and roles, are read as the library reads them.
+using AppConfig::fromWire;
+using AppConfig::readInst;
+using AppConfig::toWire;
 
 // How new the state is that a message carries. An epoch of 0 says nothing.
 template <typename Message>

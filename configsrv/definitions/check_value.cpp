@@ -5,6 +5,7 @@
 // end up in logs.
 #include <algorithm>
 
+#include "appconfig/core/lower_case.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/definitions/internal/int_value.h"
 #include "configsrv/definitions/pattern.h"
@@ -53,7 +54,7 @@ std::string allowedOptions(const std::vector<std::string>& options) {
 
 std::string checkSize(const VariableShape& shape, const std::list<std::string>& value) {
   const std::size_t count = value.size();
-  if (shape.type != ValueType::kList && count != 1) {
+  if (shape.type != ValueType::List && count != 1) {
     return "a value of type " + std::string(valueTypeName(shape.type)) +
            " has exactly one element, not " + std::to_string(count);
   }
@@ -69,14 +70,14 @@ std::string checkSize(const VariableShape& shape, const std::list<std::string>& 
 std::string checkInt(const VariableShape& shape, const std::string& element) {
   std::int64_t number = 0;
   switch (readInt(element, number)) {
-    case IntReading::kNumber:
+    case IntReading::Number:
       break;
-    case IntReading::kNotANumber:
+    case IntReading::NotANumber:
       return named(shape, element) +
              " is no whole number: digits with an optional sign, or 0x and hexadecimal digits, or "
              "0 "
              "and octal digits";
-    case IntReading::kTooLong:
+    case IntReading::TooLong:
       return named(shape, element) + " is outside 64 bits";
   }
   const std::int64_t least = lowestAllowed(shape);
@@ -95,7 +96,7 @@ std::string checkInt(const VariableShape& shape, const std::string& element) {
 bool equalsIgnoringCase(std::string_view value, std::string_view lowerCase) {
   return value.size() == lowerCase.size() &&
          std::equal(value.begin(), value.end(), lowerCase.begin(),
-                    [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; });
+                    [](char a, char b) { return AppConfig::lowerCase(a) == b; });
 }
 
 std::string checkBool(const VariableShape& shape, const std::string& element) {
@@ -135,14 +136,14 @@ std::string checkText(const VariableShape& shape, const std::list<std::string>& 
 
 std::string checkType(const VariableShape& shape, const std::list<std::string>& value) {
   switch (shape.type) {
-    case ValueType::kInt:
+    case ValueType::Int:
       return checkInt(shape, value.front());
-    case ValueType::kBool:
+    case ValueType::Bool:
       return checkBool(shape, value.front());
-    case ValueType::kString:
-    case ValueType::kList:
+    case ValueType::String:
+    case ValueType::List:
       return checkText(shape, value);
-    case ValueType::kEnumeration:
+    case ValueType::Enumeration:
       break;
   }
   return std::string();
@@ -151,8 +152,8 @@ std::string checkType(const VariableShape& shape, const std::list<std::string>& 
 std::string checkOptions(const VariableShape& shape, const std::vector<std::string>& options,
                          const std::list<std::string>& value) {
   if (options.empty()) {
-    return shape.type == ValueType::kEnumeration ? "the variable has no options at present"
-                                                 : std::string();
+    return shape.type == ValueType::Enumeration ? "the variable has no options at present"
+                                                : std::string();
   }
   for (const std::string& element : value) {
     if (std::find(options.begin(), options.end(), element) != options.end()) continue;

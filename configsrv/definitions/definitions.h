@@ -47,20 +47,14 @@ inline constexpr std::size_t kMaxInstances = 65536;
 inline constexpr std::size_t kMaxVariables = 262144;
 
 // The numbers are those of ConfigIF::ValueType.
-enum class ValueType : std::uint8_t {
-  kString = 0,
-  kInt = 1,
-  kBool = 2,
-  kList = 3,
-  kEnumeration = 4
-};
+enum class ValueType : std::uint8_t { String = 0, Int = 1, Bool = 2, List = 3, Enumeration = 4 };
 
 // "string", "int", "bool", "list", "enumeration".
 std::string_view valueTypeName(ValueType type);
 
 // What a definition says; shared by all the instances that it makes.
 struct VariableShape {
-  ValueType type = ValueType::kString;
+  ValueType type = ValueType::String;
   // As a value of the type, already checked; exactly one element unless the type is a list.
   std::list<std::string> defaultValue;
   // The values that each element may have; none: anything that the type allows. Never empty for an

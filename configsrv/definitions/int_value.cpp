@@ -37,9 +37,9 @@ IntReading readInt(std::string_view text, std::int64_t& number) {
   std::uint64_t magnitude = 0;
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, magnitude, base);
-  if (stop != end || error == std::errc::invalid_argument) return IntReading::kNotANumber;
-  if (error != std::errc() || !applySign(magnitude, negative, number)) return IntReading::kTooLong;
-  return IntReading::kNumber;
+  if (stop != end || error == std::errc::invalid_argument) return IntReading::NotANumber;
+  if (error != std::errc() || !applySign(magnitude, negative, number)) return IntReading::TooLong;
+  return IntReading::Number;
 }
 
 std::int64_t lowestAllowed(const VariableShape& shape) {

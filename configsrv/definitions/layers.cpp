@@ -24,7 +24,7 @@ constexpr std::int64_t kInt32Min = std::numeric_limits<std::int32_t>::min();
 constexpr std::int64_t kInt32Max = std::numeric_limits<std::int32_t>::max();
 
 // What a field may be written as; "default" takes what the type makes of it.
-enum class Takes { kString, kInteger, kBoolean, kStrings, kInstances, kAnything };
+enum class Takes { String, Integer, Boolean, Strings, Instances, Anything };
 
 struct FieldRule {
   std::string_view name;
@@ -32,23 +32,23 @@ struct FieldRule {
 };
 
 constexpr FieldRule kFieldRules[] = {
-    {"type", Takes::kString},
-    {"default", Takes::kAnything},
-    {"min", Takes::kInteger},
-    {"max", Takes::kInteger},
-    {"max-length", Takes::kInteger},
-    {"max-elements", Takes::kInteger},
-    {"pattern", Takes::kString},
-    {"options", Takes::kStrings},
-    {"default-index", Takes::kInteger},
-    {"read-role", Takes::kString},
-    {"write-role", Takes::kString},
-    {"read-only", Takes::kBoolean},
-    {"secret", Takes::kBoolean},
-    {"namespace", Takes::kInteger},
-    {"description", Takes::kString},
-    {"instances", Takes::kInstances},
-    {"group-instances", Takes::kInstances},
+    {"type", Takes::String},
+    {"default", Takes::Anything},
+    {"min", Takes::Integer},
+    {"max", Takes::Integer},
+    {"max-length", Takes::Integer},
+    {"max-elements", Takes::Integer},
+    {"pattern", Takes::String},
+    {"options", Takes::Strings},
+    {"default-index", Takes::Integer},
+    {"read-role", Takes::String},
+    {"write-role", Takes::String},
+    {"read-only", Takes::Boolean},
+    {"secret", Takes::Boolean},
+    {"namespace", Takes::Integer},
+    {"description", Takes::String},
+    {"instances", Takes::Instances},
+    {"group-instances", Takes::Instances},
 };
 
 const FieldRule* ruleOf(std::string_view name) {
@@ -67,24 +67,24 @@ std::string nearestField(std::string_view name) {
 }
 
 bool isArrayOf(const TomlValue& value, TomlKind kind) {
-  return value.kind == TomlKind::kArray &&
+  return value.kind == TomlKind::Array &&
          std::all_of(value.array.begin(), value.array.end(),
                      [kind](const TomlValue& element) { return element.kind == kind; });
 }
 
 bool fits(const TomlValue& value, Takes takes) {
   switch (takes) {
-    case Takes::kString:
-      return value.kind == TomlKind::kString;
-    case Takes::kInteger:
-      return value.kind == TomlKind::kInteger;
-    case Takes::kBoolean:
-      return value.kind == TomlKind::kBoolean;
-    case Takes::kStrings:
-      return isArrayOf(value, TomlKind::kString);
-    case Takes::kInstances:
-      return isArrayOf(value, TomlKind::kInteger) || value.kind == TomlKind::kTable;
-    case Takes::kAnything:
+    case Takes::String:
+      return value.kind == TomlKind::String;
+    case Takes::Integer:
+      return value.kind == TomlKind::Integer;
+    case Takes::Boolean:
+      return value.kind == TomlKind::Boolean;
+    case Takes::Strings:
+      return isArrayOf(value, TomlKind::String);
+    case Takes::Instances:
+      return isArrayOf(value, TomlKind::Integer) || value.kind == TomlKind::Table;
+    case Takes::Anything:
       break;
   }
   return true;
@@ -92,17 +92,17 @@ bool fits(const TomlValue& value, Takes takes) {
 
 std::string_view takenKind(Takes takes) {
   switch (takes) {
-    case Takes::kString:
+    case Takes::String:
       return "a string";
-    case Takes::kInteger:
+    case Takes::Integer:
       return "an integer";
-    case Takes::kBoolean:
+    case Takes::Boolean:
       return "true or false";
-    case Takes::kStrings:
+    case Takes::Strings:
       return "an array of strings";
-    case Takes::kInstances:
+    case Takes::Instances:
       return "an array of integers, or { from = 0, to = 3 }";
-    case Takes::kAnything:
+    case Takes::Anything:
       break;
   }
   return "anything";
@@ -110,7 +110,7 @@ std::string_view takenKind(Takes takes) {
 
 std::string instead(const TomlValue& value, Takes takes) {
   const bool array =
-      value.kind == TomlKind::kArray && (takes == Takes::kStrings || takes == Takes::kInstances);
+      value.kind == TomlKind::Array && (takes == Takes::Strings || takes == Takes::Instances);
   return array ? "an array of other things" : std::string(kindName(value.kind));
 }
 
@@ -165,7 +165,7 @@ void LayerReader::read(const Layer& layer) {
   file_ = &layer.file;
   linesInThisFile_.clear();
   for (const TomlEntry& entry : layer.root.table) {
-    if (entry.name != "variable" || entry.value.kind != TomlKind::kTable) {
+    if (entry.name != "variable" || entry.value.kind != TomlKind::Table) {
       report(entry, quoted(entry.name) +
                         " is not known here: a file holds tables such as "
                         "[variable.\"network.hostname\"]");
@@ -187,7 +187,7 @@ void LayerReader::readVariable(const TomlEntry& entry) {
 }
 
 bool LayerReader::readKey(const TomlEntry& entry, WrittenDefinition& definition) {
-  if (entry.value.kind != TomlKind::kTable) {
+  if (entry.value.kind != TomlKind::Table) {
     report(entry, quoted(entry.name) + " takes a table of fields, not " +
                       std::string(kindName(entry.value.kind)));
     return false;
@@ -213,7 +213,7 @@ bool LayerReader::readNameSpace(const TomlEntry& entry, WrittenDefinition& defin
     return false;
   }
   for (const TomlEntry& field : entry.value.table) {
-    if (field.name != "namespace" || field.value.kind != TomlKind::kInteger) continue;
+    if (field.name != "namespace" || field.value.kind != TomlKind::Integer) continue;
     const std::int64_t number = field.value.integer;
     if (number < 0 || number > kInt32Max) {
       reportField(definition, field, "is from 0 to 2147483647");
@@ -240,7 +240,7 @@ void LayerReader::readField(const TomlEntry& entry, WrittenDefinition& definitio
     reportField(definition, entry,
                 "takes " + std::string(takenKind(rule->takes)) + ", not " +
                     instead(entry.value, rule->takes));
-  } else if (rule->takes == Takes::kInstances) {
+  } else if (rule->takes == Takes::Instances) {
     readInstances(entry, definition);
   } else if (entry.name != "namespace") {
     definition.fields[rule->name] = Field{&entry, file_, definition.specificity(), layer_};
@@ -253,7 +253,7 @@ bool LayerReader::readRange(const TomlEntry& entry, const WrittenDefinition& def
   std::optional<std::int64_t> from;
   std::optional<std::int64_t> to;
   for (const TomlEntry& end : entry.value.table) {
-    if (end.value.kind != TomlKind::kInteger) continue;
+    if (end.value.kind != TomlKind::Integer) continue;
     if (end.name == "from") from = end.value.integer;
     if (end.name == "to") to = end.value.integer;
   }
@@ -281,7 +281,7 @@ void LayerReader::readInstances(const TomlEntry& entry, WrittenDefinition& defin
   }
   std::vector<std::int64_t> numbers;
   for (const TomlValue& element : entry.value.array) numbers.push_back(element.integer);
-  if (entry.value.kind == TomlKind::kTable && !readRange(entry, definition, numbers)) return;
+  if (entry.value.kind == TomlKind::Table && !readRange(entry, definition, numbers)) return;
   if (numbers.empty()) return reportField(definition, entry, "holds no instance: leave it out");
   if (numbers.size() > kMaxInstances) {
     return reportField(

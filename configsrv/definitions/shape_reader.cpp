@@ -27,19 +27,18 @@ struct FieldOfTypes {
 };
 
 const FieldOfTypes kFieldsOfTypes[] = {
-    {"min", {ValueType::kInt}},
-    {"max", {ValueType::kInt}},
-    {"max-length", {ValueType::kString, ValueType::kList}},
-    {"max-elements", {ValueType::kList}},
-    {"pattern", {ValueType::kString, ValueType::kList}},
-    {"options", {ValueType::kString, ValueType::kInt, ValueType::kList, ValueType::kEnumeration}},
-    {"default-index",
-     {ValueType::kString, ValueType::kInt, ValueType::kList, ValueType::kEnumeration}},
+    {"min", {ValueType::Int}},
+    {"max", {ValueType::Int}},
+    {"max-length", {ValueType::String, ValueType::List}},
+    {"max-elements", {ValueType::List}},
+    {"pattern", {ValueType::String, ValueType::List}},
+    {"options", {ValueType::String, ValueType::Int, ValueType::List, ValueType::Enumeration}},
+    {"default-index", {ValueType::String, ValueType::Int, ValueType::List, ValueType::Enumeration}},
 };
 
 std::optional<ValueType> parseType(std::string_view name) {
-  for (const ValueType type : {ValueType::kString, ValueType::kInt, ValueType::kBool,
-                               ValueType::kList, ValueType::kEnumeration}) {
+  for (const ValueType type : {ValueType::String, ValueType::Int, ValueType::Bool, ValueType::List,
+                               ValueType::Enumeration}) {
     if (valueTypeName(type) == name) return type;
   }
   return std::nullopt;
@@ -217,7 +216,7 @@ void ShapeReader::readPattern() {
 void ShapeReader::readOptions() {
   const TomlValue* const written = value("options");
   if (written == nullptr || written->array.empty()) {
-    if (shape_.type != ValueType::kEnumeration) return;
+    if (shape_.type != ValueType::Enumeration) return;
     return report({"options", "type"}, "an enumeration needs \"options\", one at least");
   }
   if (written->array.size() > kMaxOptions) {
@@ -249,16 +248,16 @@ void ShapeReader::readDefaultIndex() {
 
 bool allStrings(const TomlValue& value) {
   return std::all_of(value.array.begin(), value.array.end(),
-                     [](const TomlValue& element) { return element.kind == TomlKind::kString; });
+                     [](const TomlValue& element) { return element.kind == TomlKind::String; });
 }
 
 std::string_view defaultKind(ValueType type) {
   switch (type) {
-    case ValueType::kInt:
+    case ValueType::Int:
       return "an integer";
-    case ValueType::kBool:
+    case ValueType::Bool:
       return "true or false";
-    case ValueType::kList:
+    case ValueType::List:
       return "an array of strings";
     default:
       return "a string";
@@ -267,28 +266,28 @@ std::string_view defaultKind(ValueType type) {
 
 bool ShapeReader::convertDefault(const TomlValue& written) {
   switch (shape_.type) {
-    case ValueType::kString:
-    case ValueType::kEnumeration:
+    case ValueType::String:
+    case ValueType::Enumeration:
       shape_.defaultValue = {written.string};
-      return written.kind == TomlKind::kString;
-    case ValueType::kInt:
+      return written.kind == TomlKind::String;
+    case ValueType::Int:
       shape_.defaultValue = {std::to_string(written.integer)};
-      return written.kind == TomlKind::kInteger;
-    case ValueType::kBool:
+      return written.kind == TomlKind::Integer;
+    case ValueType::Bool:
       shape_.defaultValue = {written.boolean ? "true" : "false"};
-      return written.kind == TomlKind::kBoolean;
-    case ValueType::kList:
+      return written.kind == TomlKind::Boolean;
+    case ValueType::List:
       for (const TomlValue& element : written.array) shape_.defaultValue.push_back(element.string);
-      return written.kind == TomlKind::kArray && allStrings(written);
+      return written.kind == TomlKind::Array && allStrings(written);
   }
   return false;
 }
 
 void ShapeReader::supplyDefault() {
   switch (shape_.type) {
-    case ValueType::kList:
+    case ValueType::List:
       return;
-    case ValueType::kBool:
+    case ValueType::Bool:
       shape_.defaultValue = {"false"};
       return;
     default:
@@ -297,7 +296,7 @@ void ShapeReader::supplyDefault() {
   if (!shape_.options.empty()) {
     shape_.defaultValue = {shape_.options[shape_.defaultIndex]};
   } else {
-    shape_.defaultValue = {shape_.type == ValueType::kInt ? "0" : ""};
+    shape_.defaultValue = {shape_.type == ValueType::Int ? "0" : ""};
   }
 }
 
@@ -306,7 +305,7 @@ void ShapeReader::readDefault() {
   if (written == nullptr) {
     supplyDefault();
   } else if (!convertDefault(*written)) {
-    const bool array = written->kind == TomlKind::kArray;
+    const bool array = written->kind == TomlKind::Array;
     return report({"default", "type"},
                   "\"default\" takes " + std::string(defaultKind(shape_.type)) + " with type " +
                       std::string(valueTypeName(shape_.type)) + ", not " +
@@ -317,7 +316,7 @@ void ShapeReader::readDefault() {
 
 // The options have to keep the limits as well: one that no write could choose is a mistake.
 void ShapeReader::checkDefault() {
-  if (shape_.type != ValueType::kList) {
+  if (shape_.type != ValueType::List) {
     for (const std::string& option : shape_.options) {
       const std::string reason = checkValue(shape_, {option}, {option});
       if (!reason.empty())
@@ -335,7 +334,7 @@ void ShapeReader::checkDefault() {
 }
 
 void ShapeReader::agreeOnDefaultIndex() {
-  if (shape_.options.empty() || shape_.type == ValueType::kList) return;
+  if (shape_.options.empty() || shape_.type == ValueType::List) return;
   const auto found =
       std::find(shape_.options.begin(), shape_.options.end(), shape_.defaultValue.front());
   const auto position = static_cast<std::uint32_t>(found - shape_.options.begin());

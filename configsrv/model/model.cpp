@@ -51,7 +51,7 @@ bool canHoldAnOption(const StoredVariable& stored, const VariableShape& shape) {
 // Why the stored options cannot be used; empty when they can.
 std::string refusalOfOptions(const StoredVariable& stored, const VariableShape& shape) {
   if (shape.readOnly) return "the variable is read-only";
-  if (shape.type == ValueType::kEnumeration && optionsOf(stored, shape).empty())
+  if (shape.type == ValueType::Enumeration && optionsOf(stored, shape).empty())
     return "an enumeration needs options";
   for (const std::string& option : optionsOf(stored, shape)) {
     std::string why = checkValue(shape, {option}, {option});

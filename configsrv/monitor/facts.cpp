@@ -3,7 +3,10 @@
 // long elsewhere.
 #include "configsrv/monitor/internal/facts.h"
 
-#include "appconfig/wire/protobuf_message_helper.h"
+#include <optional>
+#include <utility>
+
+#include "appconfig/wire/read_inst.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
@@ -11,18 +14,11 @@
 namespace ConfigSrv {
 namespace {
 
-using AppConfig::ProtobufMessageHelper;
 using google::protobuf::RepeatedPtrField;
 
 void addVariable(Facts& facts, const ConfigIF::Inst& inst) {
-  std::string group;
-  std::string name;
-  int groupInstance = 0;
-  int nameInstance = 0;
-  if (ProtobufMessageHelper::getConfigVarName(group, groupInstance, name, nameInstance, inst) != 0)
-    return;
-  facts.variables.emplace_back(ProtobufMessageHelper::getConfigVarNamespace(inst), group,
-                               groupInstance, name, nameInstance);
+  if (std::optional<ConfigVar> key = AppConfig::readInst(inst))
+    facts.variables.push_back(std::move(*key));
 }
 
 void addVariable(Facts& facts, const RepeatedPtrField<ConfigIF::Inst>& insts) {

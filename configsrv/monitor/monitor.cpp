@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "appconfig/core/lower_case.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "configsrv/monitor/internal/facts.h"
 #include "configsrv/monitor/internal/open_messages.h"
@@ -11,6 +12,7 @@
 
 namespace ConfigSrv {
 
+using AppConfig::lowerCase;
 using AppConfig::SecurityRole;
 using PbUtility::Peer;
 using PbUtility::PeerId;
@@ -40,12 +42,6 @@ std::uint64_t nowInMicroseconds() {
   const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch).count());
-}
-
-std::string lowerCase(std::string text) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  std::transform(text.begin(), text.end(), text.begin(), lower);
-  return text;
 }
 
 bool covers(const std::string& name, const std::string& covered) {

@@ -5,22 +5,18 @@
 #include <algorithm>
 #include <utility>
 
+#include "appconfig/core/lower_case.h"
 #include "configsrv/providers/internal/process.h"
 #include "configsrv/providers/internal/provider_file.h"
 
 namespace ConfigSrv {
 namespace {
 
+using AppConfig::lowerCase;
 using PbUtility::Peer;
 using PbUtility::PeerId;
 
 constexpr PeerId kNoPeer = 0;
-
-std::string lowerCase(std::string text) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  std::transform(text.begin(), text.end(), text.begin(), lower);
-  return text;
-}
 
 // The start may be unknown on one side, and the role another now.
 bool isSame(const KnownProvider& expected, const KnownProvider& come) {

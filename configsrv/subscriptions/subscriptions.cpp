@@ -15,11 +15,13 @@
 #include <set>
 #include <unordered_map>
 
+#include "appconfig/core/lower_case.h"
 #include "configsrv/subscriptions/internal/name_table.h"
 
 namespace ConfigSrv {
 namespace {
 
+using AppConfig::lowerCase;
 using AppConfig::SecurityRole;
 using PbUtility::Owner;
 using PbUtility::PeerId;
@@ -54,14 +56,6 @@ struct PeerRecord {
 std::uint8_t small(int number) { return static_cast<std::uint8_t>(number); }
 
 std::uint32_t& countOf(Caller& caller, std::uint8_t type) { return caller.ofType[type]; }
-
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-std::string folded(std::string_view name) {
-  std::string result(name);
-  std::transform(result.begin(), result.end(), result.begin(), lower);
-  return result;
-}
 
 std::string tooLong(const char* what, std::size_t bytes, std::size_t limit) {
   return std::string(what) + " of " + std::to_string(bytes) +
@@ -236,7 +230,8 @@ void Subscriptions::Impl::insert(CallerNumber number, const std::string& name, E
 
 bool Subscriptions::Impl::contains(PeerId peer, const Registration& registration) const {
   const CallerNumber caller = findCaller(peer, registration);
-  const Node* node = caller == kNoCaller ? nullptr : names_.find(folded(registration.name));
+  const Node* node =
+      caller == kNoCaller ? nullptr : names_.find(lowerCase(std::string(registration.name)));
   const Entry entry{caller, small(registration.type), small(registration.role)};
   return node != nullptr && std::binary_search(node->second.begin(), node->second.end(), entry);
 }
@@ -248,7 +243,8 @@ std::string Subscriptions::Impl::add(PeerId peer, Owner owner, const Registratio
   refusal = refusalOf(peer, owner, registration, known == kNoCaller);
   if (!refusal.empty()) return refusal;
   insert(known == kNoCaller ? newCaller(peer, owner, registration) : known,
-         folded(registration.name), {0, small(registration.type), small(registration.role)});
+         lowerCase(std::string(registration.name)),
+         {0, small(registration.type), small(registration.role)});
   return {};
 }
 
@@ -292,7 +288,7 @@ bool Subscriptions::Impl::remove(PeerId peer, std::string_view name, ConfigIF::C
                                  std::string_view identity) {
   const auto found = peers_.find(peer);
   if (found == peers_.end()) return false;
-  const std::string wanted = folded(name);
+  const std::string wanted = lowerCase(std::string(name));
   bool any = false;
   const std::vector<CallerNumber> callers = found->second.callers;
   for (const CallerNumber number : callers) {

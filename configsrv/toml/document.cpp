@@ -138,19 +138,19 @@ std::vector<TomlEntry> convertTable(const toml::table& table) {
 TomlKind kindOf(const toml::node& node) {
   switch (node.type()) {
     case toml::node_type::string:
-      return TomlKind::kString;
+      return TomlKind::String;
     case toml::node_type::integer:
-      return TomlKind::kInteger;
+      return TomlKind::Integer;
     case toml::node_type::floating_point:
-      return TomlKind::kFloat;
+      return TomlKind::Float;
     case toml::node_type::boolean:
-      return TomlKind::kBoolean;
+      return TomlKind::Boolean;
     case toml::node_type::array:
-      return TomlKind::kArray;
+      return TomlKind::Array;
     case toml::node_type::table:
-      return TomlKind::kTable;
+      return TomlKind::Table;
     default:
-      return TomlKind::kDateTime;
+      return TomlKind::DateTime;
   }
 }
 
@@ -171,19 +171,19 @@ TomlValue convert(const toml::node& node) {
 
 std::string_view kindName(TomlKind kind) {
   switch (kind) {
-    case TomlKind::kString:
+    case TomlKind::String:
       return "a string";
-    case TomlKind::kInteger:
+    case TomlKind::Integer:
       return "an integer";
-    case TomlKind::kFloat:
+    case TomlKind::Float:
       return "a number with a fraction";
-    case TomlKind::kBoolean:
+    case TomlKind::Boolean:
       return "a boolean";
-    case TomlKind::kDateTime:
+    case TomlKind::DateTime:
       return "a date or time";
-    case TomlKind::kArray:
+    case TomlKind::Array:
       return "an array";
-    case TomlKind::kTable:
+    case TomlKind::Table:
       return "a table";
   }
   return "nothing known";

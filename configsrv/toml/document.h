@@ -28,7 +28,7 @@ inline constexpr std::size_t kMaxTomlBytes = std::size_t{4} << 20;
 // parser's recursion has to end before the stack does. A longer list is broken into lines.
 inline constexpr std::size_t kMaxDotsPerLine = 200;
 
-enum class TomlKind { kString, kInteger, kFloat, kBoolean, kDateTime, kArray, kTable };
+enum class TomlKind { String, Integer, Float, Boolean, DateTime, Array, Table };
 
 // "a string", "an integer", ...: for messages.
 std::string_view kindName(TomlKind kind);
@@ -36,7 +36,7 @@ std::string_view kindName(TomlKind kind);
 struct TomlEntry;
 
 struct TomlValue {
-  TomlKind kind = TomlKind::kTable;
+  TomlKind kind = TomlKind::Table;
   std::string string;
   std::int64_t integer = 0;
   bool boolean = false;

@@ -26,8 +26,9 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
 // still not come to be.
 bool isToldOnChange(std::uint32_t messageId, std::string_view payload);
 
-// What the service says when a response (its id and payload) tells that a registration found no room
-// (ERROR_LIMIT), so that asking again later may help. Nothing for any other answer, success included.
+// What the service says when a response (its id and payload) tells that a registration found no
+// room (ERROR_LIMIT), so that asking again later may help. Nothing for any other answer, success
+// included.
 std::optional<std::string> refusalForRoom(std::uint32_t responseId, std::string_view payload);
 
 }  // namespace PlatformSchema

@@ -1,17 +1,17 @@
-// The form of the wire (protobuf's): a message is a row of fields, each a tag and a content. The tag
-// holds the field's number and its wire type; a string, and a message inside of a message, begin with
-// their length. So a walk from field to field, into the messages that the shape knows, meets everything
-// that the parser will allocate, and adds up what that takes:
+// The form of the wire (protobuf's): a message is a row of fields, each a tag and a content. The
+// tag holds the field's number and its wire type; a string, and a message inside of a message,
+// begin with their length. So a walk from field to field, into the messages that the shape knows,
+// meets everything that the parser will allocate, and adds up what that takes:
 //
 //   a message  the object and the first array of each of its repeated fields
 //   a string   the object, and its bytes when they do not fit inside
 //   repeated   three pointers for each element: the array doubles, and is copied when it does
-//   unknown    one container for each message that has such fields, and their bytes three times, for
-//              the string that they are appended to doubles as well
+//   unknown    one container for each message that has such fields, and their bytes three times,
+//              for the string that they are appended to doubles as well
 //
 // A message that is not repeated but sent several times is merged into one by the parser. Here each
-// costs as if it were another, and what it counts is counted together: its counts are those of the next
-// message around it that is repeated.
+// costs as if it were another, and what it counts is counted together: its counts are those of the
+// next message around it that is repeated.
 #include "platform/schema/internal/unfolding.h"
 
 #include <algorithm>
@@ -35,14 +35,9 @@ constexpr std::size_t kUnknownGrowth = 3;
 // Groups inside of groups; the parser goes no deeper.
 constexpr std::size_t kMaxGroups = 100;
 
-enum WireType : std::uint32_t {
-  kVarint = 0,
-  kFixed64 = 1,
-  kLength = 2,
-  kGroup = 3,
-  kEndGroup = 4,
-  kFixed32 = 5,
-};
+enum class WireType : std::uint32_t { Varint, Fixed64, Length, Group, EndGroup, Fixed32 };
+
+WireType typeOf(std::uint32_t tag) { return static_cast<WireType>(tag & 7); }
 
 constexpr std::array<std::size_t, kCountedKinds> kMost = {
     ~std::size_t{0},          MessageLimits::kNodes,   MessageLimits::kEntries,
@@ -59,7 +54,7 @@ std::size_t costOfMessage(const Part& part) {
 }
 
 const Part* partOf(const Shape& shape, std::uint32_t tag) {
-  if ((tag & 7) != kLength) return nullptr;
+  if (typeOf(tag) != WireType::Length) return nullptr;
   for (const Part* part = shape.parts; part != shape.parts + shape.partCount; ++part) {
     if (part->number == tag >> 3) return part;
   }
@@ -68,7 +63,7 @@ const Part* partOf(const Shape& shape, std::uint32_t tag) {
 
 bool isPlainNumber(const Shape& shape, std::uint32_t tag) {
   const std::uint32_t number = tag >> 3;
-  return (tag & 7) == kVarint && number < 32 && (shape.plainNumbers >> number & 1) != 0;
+  return typeOf(tag) == WireType::Varint && number < 32 && (shape.plainNumbers >> number & 1) != 0;
 }
 
 class Walk {
@@ -174,20 +169,21 @@ class Walk {
   bool passOver(std::uint32_t tag, Bytes end) {
     std::uint64_t value = 0;
     std::size_t length = 0;
-    switch (tag & 7) {
-      case kVarint:
+    switch (typeOf(tag)) {
+      case WireType::Varint:
         return readVarint(end, value);
-      case kFixed64:
+      case WireType::Fixed64:
         return pass(end, 8);
-      case kLength:
+      case WireType::Length:
         return readLength(end, length) && pass(end, length);
-      case kGroup:
+      case WireType::Group:
         return passOverGroup(end);
-      case kFixed32:
+      case WireType::Fixed32:
         return pass(end, 4);
-      default:
-        return false;
+      case WireType::EndGroup:
+        break;
     }
+    return false;  // 6 and 7, too, are no types
   }
 
   // Which group an end belongs to is left to the parser.
@@ -196,9 +192,9 @@ class Walk {
     while (open > 0) {
       std::uint32_t tag = 0;
       if (!readTag(end, tag)) return false;
-      if ((tag & 7) == kGroup) {
+      if (typeOf(tag) == WireType::Group) {
         if (++open > kMaxGroups) return false;
-      } else if ((tag & 7) == kEndGroup) {
+      } else if (typeOf(tag) == WireType::EndGroup) {
         --open;
       } else if (!passOver(tag, end)) {
         return false;

@@ -1,6 +1,6 @@
 // DefinitionBuilder: definitions made in a test instead of read from files.
 //
-//   Definitions definitions({defined("net.mtu").ofType(ValueType::kInt).withDefault({"1500"})});
+//   Definitions definitions({defined("net.mtu").ofType(ValueType::Int).withDefault({"1500"})});
 #pragma once
 
 #include <gtest/gtest.h>

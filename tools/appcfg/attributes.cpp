@@ -1,4 +1,7 @@
 // The verbs about options and roles: options get, options set, access get, access set.
+//
+// Each reads its key, asks the service, and prints the answer. access set takes many variables, and
+// asks again for as many as one request may be about.
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
@@ -203,7 +206,8 @@ void printAccess(Output& output, const ConfigIF::SetAccessLevelsRsp& response) {
   output.record(record.records("variables", std::move(variables)));
 }
 
-// In as many requests as it takes: their records are put together, and the first error is the result.
+// In as many requests as it takes: their records are put together, and the first error is the
+// result.
 Outcome setRoles(Session& session, std::list<ConfigVar> vars, const RoleArgument& readers,
                  const RoleArgument& writers, ConfigIF::SetAccessLevelsRsp& all) {
   while (!vars.empty()) {

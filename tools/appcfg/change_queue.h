@@ -4,9 +4,9 @@
 // later notice while its reader is slow, so notices are put into this queue, and the verb's own
 // thread takes them out.
 //
-// Limit    at most kMaxWaiting changes wait; past that only the newest of each variable does, so
+// Limit:   at most kMaxWaiting changes wait; past that only the newest of each variable does, so
 //          that a reader that stopped reading costs no more than the variables it watches.
-// Threads  the handler's operations on the delivery thread, the others on any one thread.
+// Threads: the handler's operations on the delivery thread, the others on any one thread.
 #pragma once
 
 #include <cstddef>

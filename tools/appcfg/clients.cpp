@@ -1,4 +1,6 @@
-// clients: who is connected to the service.
+// clients: who is connected to the service: what each program registered, and what waits for it.
+//
+// One request, whose answer is printed as a table or, with --json, as one record.
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/text.h"

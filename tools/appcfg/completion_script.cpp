@@ -1,3 +1,5 @@
+// The scripts that shells load. Both only hand what was typed to `appcfg complete`, and show what it
+// prints; when that ends with code 10, the shell completes a file name itself.
 #include "tools/appcfg/completion.h"
 
 namespace AppCfgTool {
@@ -57,8 +59,8 @@ _appcfg() {
 complete -F _appcfg appcfg
 )sh";
 
-// zsh reads the script in two ways: as a file of completion functions, whose text is then the function's
-// first call, or by "source".
+// zsh reads the script in two ways: as a file of completion functions, whose text is then the
+// function's first call, or by "source".
 const char* const kZsh = R"sh(#compdef appcfg
 # zsh completion for appcfg: source <(appcfg completion zsh)
 _appcfg() {

@@ -1,3 +1,6 @@
+// Writing documents, and what both formats have in common. They are written by hand rather than by
+// the libraries that read them, so that both look alike. Reading is document_toml.cpp and
+// document_json.cpp.
 #include "tools/appcfg/document.h"
 
 #include <charconv>

@@ -1,17 +1,17 @@
 // Document: variables and their values as a file: what export writes and import reads.
 //
-// Shape    one entry for each variable, in the order of the file. A value is a string, or an array
+// Shape:   one entry for each variable, in the order of the file. A value is a string, or an array
 //          of strings for a list; an integer and true and false stand for the string of the same
 //          look. In TOML
 //            "network.eth[1].mtu" = 1500
 //            "network.dns" = ["192.0.2.1", "192.0.2.2"]
 //          where [network] with hostname = "x" below it names network.hostname as well; in JSON one
 //          object, {"network.eth[1].mtu": 1500}.
-// Bytes    both forms hold text alone. A string that is no UTF-8 is the table or object
+// Bytes:   both forms hold text alone. A string that is no UTF-8 is the table or object
 //          {base64 = "//4="}; in a key each such byte is \xNN, which no key can contain otherwise.
-// Errors   a text that is no document gives an Outcome with file and line. A value that no variable
+// Errors:  a text that is no document gives an Outcome with file and line. A value that no variable
 //          can have (1.5, null, an array in an array) spoils its own entry alone.
-// Threads  plain values and functions.
+// Threads: plain values and functions.
 #pragma once
 
 #include <optional>

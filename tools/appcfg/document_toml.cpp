@@ -15,8 +15,9 @@
 #define TOML_ENABLE_FORMATTERS 0
 #define TOML_MAX_NESTED_VALUES 16
 
-// Its table of blanks promises the compiler that no text leads to certain of its ends, and a letter as
-// ordinary as "e" with an accent where a blank may stand does. Those ends say "no blank" instead.
+// Its table of blanks promises the compiler that no text leads to certain of its ends, and a letter
+// as ordinary as "e" with an accent where a blank may stand does. Those ends say "no blank"
+// instead.
 #include <toml++/impl/preprocessor.h>
 #undef TOML_UNREACHABLE
 #define TOML_UNREACHABLE return false

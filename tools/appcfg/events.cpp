@@ -1,3 +1,6 @@
+// One poll() over everything that a waiting verb cares about: stop signals by way of a signalfd, the
+// reader of standard output, the queue of changes, and the deadline as the timeout. When several
+// happen at once, the end comes before the changes.
 #include "tools/appcfg/events.h"
 
 #include <poll.h>

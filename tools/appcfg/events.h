@@ -3,7 +3,7 @@
 // A pipe whose reader is gone is noticed at once, not at the next change: `appcfg watch | head -1`
 // ends with head.
 //
-// Threads  one.
+// Threads: one.
 #pragma once
 
 #include <chrono>

@@ -1,3 +1,5 @@
+// Two tables, one for the errors of a service's answer and one for the failures of the message layer,
+// and the names and meanings of the codes that they lead to.
 #include "tools/appcfg/exit_code.h"
 
 #include "platform/schema/common_if.pb.h"
@@ -35,8 +37,8 @@ struct StatusRow {
   ExitCode code;
 };
 
-// A request that is too large can only be so by its value. A socket that is not to be trusted is not
-// the service's, which may still come.
+// A request that is too large can only be so by its value. A socket that is not to be trusted is
+// not the service's, which may still come.
 constexpr StatusRow kStatusRows[] = {
     {PbUtility::kCallOk, kExitOk},
     {PbUtility::kCallNoService, kExitUnreachable},

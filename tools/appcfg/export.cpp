@@ -1,4 +1,6 @@
 // export: variables and their values as a document that import reads.
+//
+// The service's listing, page by page, becomes one document, which is printed when it is whole.
 #include "appconfig/core/key_notation.h"
 #include "tools/appcfg/document.h"
 #include "tools/appcfg/listing.h"

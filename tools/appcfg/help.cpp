@@ -1,3 +1,5 @@
+// The help texts are put together from the tables of verbs, options and exit codes each time they are
+// asked for, so that no text can say what the parser does not do.
 #include "tools/appcfg/help.h"
 
 #include "appconfig/core/role_names.h"

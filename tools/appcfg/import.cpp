@@ -1,6 +1,6 @@
 // import: the values of a document, written where they differ from the present ones.
 //
-//   read the document -> ask for the present values -> put apart what nothing is named like ->
+//   read the document -> ask for the present values -> put apart what names no variable ->
 //   (dry run, all or nothing: ask whether each difference would be accepted) -> write
 //
 // Nothing of the document is lost without a word: what is unknown is kept in a file of its own,

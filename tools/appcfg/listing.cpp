@@ -1,4 +1,7 @@
 // list: the variables and their values; describe: all that is known of one variable.
+//
+// The service answers a listing in pages; listPages asks for one after another, so that no answer
+// grows with the number of variables.
 #include "tools/appcfg/listing.h"
 
 #include "appconfig/core/key_notation.h"

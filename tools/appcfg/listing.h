@@ -24,9 +24,9 @@ struct Listing {
 const char* typeName(ConfigIF::ValueType type);
 
 // Asks for the listing of a name and all below it (empty: everything), page by page, and hands over
-// each record, in the order of their keys. A service that knows no pages gives all at once. Not ok when
-// a page could not be had; the records of those before were handed over. `hidden` counts the variables
-// that the role may not read.
+// each record, in the order of their keys. A service that knows no pages gives all at once. Not ok
+// when a page could not be had; the records of those before were handed over. `hidden` counts the
+// variables that the role may not read.
 Outcome listPages(Session& session, const std::string& name,
                   const std::function<void(ConfigIF::ListRecord&)>& take, std::uint32_t& hidden);
 

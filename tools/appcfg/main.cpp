@@ -1,4 +1,8 @@
 // appcfg: the device's configuration on the command line.
+//
+// The words become a CommandLine, which names a verb; the verb runs, and its Outcome is printed and
+// becomes the exit code. What has to hold for every verb is seen to here: usable standard
+// descriptors, no end by SIGPIPE, and no success when the output could not be written.
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>

@@ -1,6 +1,7 @@
 // monitor: a line for each request, answer, notice, question and client, as they come.
 //
-// Asked for once: the endpoint repeats it when the service comes back.
+// The service is asked for all of it once: the endpoint repeats the request when the service comes
+// back.
 #include <cerrno>
 #include <cstring>
 #include <ctime>

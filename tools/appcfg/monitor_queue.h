@@ -4,7 +4,7 @@
 // takes the place of another: past kMaxWaiting, when the reader of the output stands still, the
 // newest are dropped and counted.
 //
-// Threads  receive on the delivery thread, the others on any one thread.
+// Threads: receive on the delivery thread, the others on any one thread.
 #pragma once
 
 #include <cstddef>

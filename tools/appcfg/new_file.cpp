@@ -1,6 +1,6 @@
-// A name that nobody has is taken at once, so that two that want it cannot both have it, and is given
-// back when the contents do not come. File systems of memory sticks know no links, so a file that is
-// written under another name cannot be given a new name without the risk of replacing one.
+// A name that nobody has is taken at once, so that two that want it cannot both have it, and is
+// given back when the contents do not come. File systems of memory sticks know no links, so a file
+// that is written under another name cannot be given a new name without the risk of replacing one.
 #include "tools/appcfg/new_file.h"
 
 #include <fcntl.h>

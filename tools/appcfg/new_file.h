@@ -5,11 +5,11 @@
 //   if (outcome.ok()) outcome = file.take(from);
 //   if (outcome.ok()) outcome = file.finish();
 //
-// Shape    made with mode 0600. What has the name already is kept, which makes open() fail, or
-//          replaced by finish().
-// Failures every Outcome names the path, the system's reason and what to do. What was not finished is
-//          removed with the object.
-// Threads  one.
+// Shape:    made with mode 0600. What has the name already is kept, which makes open() fail, or
+//           replaced by finish().
+// Failures: every Outcome names the path, the system's reason and what to do. What was not finished
+//           is removed with the object.
+// Threads:  one.
 #pragma once
 
 #include <sys/types.h>

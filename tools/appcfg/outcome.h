@@ -1,6 +1,6 @@
 // Outcome: how a verb, or a step of it, ended: an exit code and what to tell the user.
 //
-// Shape    a plain value; a fresh one is success and says nothing. kExitNo says nothing either:
+// Shape:   a plain value; a fresh one is success and says nothing. kExitNo says nothing either:
 //          it is an answer, not a failure.
 #pragma once
 

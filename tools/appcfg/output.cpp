@@ -1,3 +1,5 @@
+// Lines are collected in one string, which flush() writes. What goes to standard error is written at
+// once, as lines for people or, with --json, as one record.
 #include "tools/appcfg/output.h"
 
 #include <poll.h>

@@ -1,12 +1,12 @@
 // Output: what appcfg says. Values go to standard output, all else to standard error.
 //
-// Buffer   standard output is collected and written by flush(): a failed verb prints no half of an
+// Buffer:  standard output is collected and written by flush(): a failed verb prints no half of an
 //          answer, and a listing is one write rather than thousands. Standard error is written at
 //          once.
-// Errors   flush() tells a reader that went away (`appcfg list | head -1`: no mistake, so nothing
+// Errors:  flush() tells a reader that went away (`appcfg list | head -1`: no mistake, so nothing
 //          is said) from output that could not be written.
-// Threads  one thread.
-// Owns     neither descriptor. SIGPIPE is to be ignored by the program.
+// Threads: one thread.
+// Owns:    neither descriptor. SIGPIPE is to be ignored by the program.
 #pragma once
 
 #include <string>

@@ -1,8 +1,8 @@
 // Record: one JSON object on its way to the user, its fields in the order in which they were added.
 //
-// Bytes    JSON holds text alone. A byte string that is UTF-8 is a JSON string; any other is the
+// Bytes:   JSON holds text alone. A byte string that is UTF-8 is a JSON string; any other is the
 //          object {"base64": "..."}, so that no value is lost and no reader is guessing.
-// Errors   none. Adding a name twice is a mistake in the program and makes the later one win.
+// Errors:  none. Adding a name twice is a mistake in the program and makes the later one win.
 //
 //   Record record;
 //   record.text("key", "net.mtu").list("value", {"1500"}).flag("is_default", true);

@@ -1,10 +1,10 @@
 // RefusalTeller: says on standard error when the service has no room for what a verb registered, and
 // when it has again. Without it, `appcfg watch` would wait for changes that nobody tells it of.
 //
-// The endpoint asks the service again by itself; here is only looked, every kEvery while the verb
+// The endpoint asks the service again by itself; this only looks, every kEvery, while the verb
 // waits for something else.
 //
-// Threads  one.
+// Threads: one.
 #pragma once
 
 #include <chrono>

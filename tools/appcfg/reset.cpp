@@ -1,4 +1,7 @@
 // reset: back to the defaults: one variable, a name and all below it, or everything.
+//
+// Which of the three it is decides the request: one variable goes by its key, the others by a dotted
+// name.
 #include <unistd.h>
 
 #include <iostream>

@@ -1,6 +1,6 @@
 // Selection: which variables a listing or a watch is about.
 //
-// Shape    a dotted name selects the variable or group of that name, all below it, all instances of
+// Shape:   a dotted name selects the variable or group of that name, all below it, all instances of
 //          these: "network" and "network.eth" select network.eth[1].mtu. With an instance it
 //          selects just that one: "network.eth[1]" the group's, "network.eth[1].mtu" the
 //          variable's. A namespace ("3:engine") selects within it; without one all namespaces are

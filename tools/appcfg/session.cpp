@@ -1,3 +1,6 @@
+// A request is sent through the endpoint, which says how the exchange went; the answer's own error
+// says what the service thought of it. Both become an Outcome here, with texts from one table, so
+// that every verb explains the same failure in the same words.
 #include "tools/appcfg/session.h"
 
 #include <chrono>
@@ -6,13 +9,11 @@
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/role_names.h"
 #include "appconfig/service/platform_cfg_service.h"
-#include "appconfig/wire/protobuf_message_helper.h"
+#include "appconfig/wire/read_inst.h"
 #include "platform/messaging/runtime_dir.h"
 
 namespace AppCfgTool {
 namespace {
-
-using AppConfig::ProtobufMessageHelper;
 
 struct ErrorText {
   CommonIF::eErrorType error;
@@ -157,16 +158,7 @@ Outcome readKey(const Settings& settings, const std::string& text, ConfigVar& va
 }
 
 ConfigVar keyOf(const ConfigIF::Inst& inst) {
-  std::string group;
-  std::string name;
-  int groupInstance = 0;
-  int nameInstance = 0;
-  if (ProtobufMessageHelper::getConfigVarName(group, groupInstance, name, nameInstance, inst) !=
-      0) {
-    return ConfigVar("", 0, "", 0);
-  }
-  return ConfigVar(ProtobufMessageHelper::getConfigVarNamespace(inst), group, groupInstance, name,
-                   nameInstance);
+  return AppConfig::readInst(inst).value_or(ConfigVar("", 0, "", 0));
 }
 
 std::vector<std::string> stringsOf(const google::protobuf::RepeatedPtrField<std::string>& strings) {

@@ -7,10 +7,10 @@
 //   const Outcome asked = session.ask({"read", "net.mtu"}, request, response);
 //   if (!asked.ok()) return asked;  // "cannot read net.mtu: there is no such variable"
 //
-// Failures  every Outcome that is not ok says what could not be done, to which variable, and what
+// Failures: every Outcome that is not ok says what could not be done, to which variable, and what
 //           to do about it.
-// Threads   as PbUtility::Endpoint.
-// Owns      its endpoint, which watch and wait share with the facade.
+// Threads:  as PbUtility::Endpoint.
+// Owns:     its endpoint, which watch and wait share with the facade.
 #pragma once
 
 #include <string>

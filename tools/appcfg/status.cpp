@@ -1,4 +1,6 @@
-// status: how the service is.
+// status: how the service is: its version, what it holds, and counts since it started.
+//
+// One request, whose answer is printed as a table or, with --json, as one record.
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/text.h"

@@ -1,9 +1,9 @@
 // store copy, store restore: the whole store as a file, and back.
 //
 // The service makes what is copied, and checks what is put back; the files themselves are read and
-// written here, with the rights of whoever calls. To restore, the copy is put beside the store first,
-// under the name that the service looks for when it opens its store. Then the service is asked to do
-// so now. Whatever goes wrong before that leaves the store as it was.
+// written here, with the rights of whoever calls. To restore, the copy is put beside the store
+// first, under the name that the service looks for when it opens its store. Then the service is
+// asked to do so now. Whatever goes wrong before that leaves the store as it was.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>

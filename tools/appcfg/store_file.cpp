@@ -1,3 +1,5 @@
+// The checks that need no database library: the file's type and size, the marks at its head, and the
+// log that SQLite keeps beside a store whose newest commits are not in it yet.
 #include "tools/appcfg/store_file.h"
 
 #include <fcntl.h>

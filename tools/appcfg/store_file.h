@@ -1,8 +1,8 @@
 // StoreFile: a file that is to be a copy of a store, opened for reading.
 //
-// Failures open() refuses what cannot be one: what is no regular file, is empty, is no store, or has
-//          commits beside it that a copy of it would lack. What is in it the service checks.
-// Threads  one.
+// Failures: open() refuses what cannot be one: what is no regular file, is empty, is no store, or
+//           has commits beside it that a copy of it would lack. The service checks what is in it.
+// Threads:  one.
 #pragma once
 
 #include <string>

@@ -1,3 +1,6 @@
+// UTF-8 is read character by character through characterLength(), which knows every form that is not
+// allowed; escaping, counting and checking are built on it. Base64 is here because a document carries
+// bytes that are no text in it.
 #include "tools/appcfg/text.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 // Values may hold any bytes. Where a value must not break a line or a terminal it is written with
 // these functions; where it must arrive as it is (`get`) it is not.
 //
-// Threads  pure functions.
+// Threads: pure functions.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,6 @@
 // The verbs about one variable's value: get, set, validate, is-default.
+//
+// Each is one request and what is made of its answer.
 #include <list>
 
 #include "appconfig/core/key_notation.h"

@@ -1,3 +1,7 @@
+// The flights that are open are in one list, under one mutex. Whoever stores walks through it and
+// marks the flights of the same entry: a notice marks the parts that it stored, another flight
+// marks the value as contested. When a flight lands, its marks say what may still be stored. Where
+// the service tells stamps, their comparison decides instead.
 #include "appconfig/manager/internal/in_flight.h"
 
 #include <utility>
@@ -47,7 +51,7 @@ struct FlightsAtFork {
   }
 };
 
-static const ForkLock atFork(ForkLock::kFlights,
+static const ForkLock atFork(ForkLock::Place::Flights,
                              {FlightsAtFork::hold, FlightsAtFork::release, FlightsAtFork::enter});
 
 Flight::Flight(ConfigCache& cache, ConfigVar key) : cache_(cache), key_(std::move(key)) {

@@ -6,32 +6,34 @@
 // another read or write may finish first. So the facade opens a Flight before such a request and
 // stores through it afterwards; stores from outside any flight go through a NoticeStore.
 //
-// With stamps     the service says of each state how new it is (StateStamp). What is older than what the
-//                 cache holds, or held before removeVars, is not stored, whichever way and in
-//                 whatever order it came; what is newer is. So what a thread has read or written is
-//                 never followed by something older.
-// Without         a message layer or a service that tells no stamps, and stores that the
-//                 application makes itself, leave only the order of arrival:
-//                 Against a notice   a read's flight loses: what a notice stored since the flight
-//                 began stays. The notices about a registered variable end with its newest value, an
-//                 answer need not be. A write's flight does not: the notice may tell of the write
-//                 before it, and who reads what was just written must not get what was there
-//                 before. Unless both agree the cached value is emptied, and the next read asks the
-//                 service.
-//                 Against a flight   nobody can tell which of two answers is the newer. Equal values
-//                 agree. Of different ones neither may stay: the cached value is emptied, and the
-//                 next read asks the service. Of options, default index and roles the last one stays.
-// Without contention a flight simply stores.
+// With stamps: the service says of each state how new it is (StateStamp). What is older than what
+// the cache holds, or held before removeVars, is not stored, in whatever order it came; what is
+// newer is stored. So what a thread has read or written is never followed by something older.
+//
+// Without stamps: a message layer or a service may tell none, and stores that the application makes
+// itself have none. Then only the order of arrival is left:
+//
+//   a read and a notice   What the notice stored since the read's flight began stays: the notices
+//                         about a registered variable end with its newest value, and an answer may
+//                         be older than that.
+//   a write and a notice  The notice may tell of the write before this one, and whoever reads what
+//                         was just written must not get what was there before. If the two values
+//                         differ, the cached value is emptied and the next read asks the service.
+//   two flights           Nobody can tell which of two answers is the newer. If their values
+//                         differ, the cached value is emptied and the next read asks the service.
+//                         Of options, default index and roles the last one stays.
+//
+// A flight that met neither a notice nor another flight simply stores.
 //
 // Parts of a record are told apart: a notice about the options does not keep a flight from storing
 // the value. The default flag belongs to its value and is dropped with it.
 //
-// Threads  any. All flights of the process, of all caches, are in one list under one mutex,
+// Threads: any. All flights of the process, of all caches, are in one list under one mutex,
 //          which is held for a store and never during a request. A hit of the cache comes nowhere
 //          near it.
-// Forking  a child has the flights of the thread that forked, and no others: the threads of the
+// Forking: a child has the flights of the thread that forked, and no others: the threads of the
 //          others, and the stacks on which those flights live, are the parent's.
-// Owns     nothing. A flight lives on the stack of the thread that asks, the cache outlives it.
+// Owns:    nothing. A flight lives on the stack of the thread that asks, the cache outlives it.
 //
 //   Flight flight(cache, key);
 //   const std::list<std::string> value = link.getConfigVar(key, isDefault, stamp);
@@ -78,8 +80,8 @@ class Flight {
   bool isOvertakenIn(Parts part) const { return (overtaken_ & part) != 0; }
   bool isSameEntryAs(const ConfigCache& cache, const ConfigVar& key) const;
   Stamps* stampsFor(const StateStamp& stamp) const;
-  // Whether this part of the answer is to be stored; if so it is what the entry now holds. The mutex
-  // is held for this and the rest.
+  // Whether this part of the answer is to be stored; if so it is what the entry now holds. The
+  // mutex is held for this and the rest.
   bool takesPlace(Parts part, const StateStamp& stamp, Stamps* stamps) const;
   void storeByAge(Age age, const std::list<std::string>& value);
   // Whether what the answer tells of the value's flag is worth storing, too.

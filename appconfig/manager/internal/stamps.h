@@ -4,11 +4,11 @@
 // part of the library's binary interface; and they outlive an entry, because what was forgotten by
 // removeVars must not come back older than it was.
 //
-// Shape    one record for each variable that a stamp was ever told of: its epoch, and a revision for
-//          each part. A part of which nothing was told in the record's epoch is older than anything
-//          of that epoch.
-// Threads  none of its own: the mutex of in_flight.cpp is held for every call.
-// Owns     its records, until forget().
+// Shape:   one record for each variable that a stamp was ever told of: its epoch, and a revision
+//          for each part. A part of which nothing was told in the record's epoch is older than
+//          anything of that epoch.
+// Threads: none of its own: the mutex of in_flight.cpp is held for every call.
+// Owns:    its records, until forget().
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,9 @@
 // callHandler: calls one operation of an application's handler, and ends the program when it throws.
 //
-// What a handler throws must not pass through the message layer: its delivery thread is in the middle
-// of an exchange with the service, and nobody above it would know what to do. That the program ends
-// is what would happen anyway; that it says first which handler it was is what this is for:
+// What a handler throws must not pass through the message layer: its delivery thread is in the
+// middle of an exchange with the service, and nobody above it would know what to do. That the
+// program ends is what would happen anyway; that it says first which handler it was is what this is
+// for:
 //
 //   appconfig: a handler's configChanged for net.mtu threw: map::at
 //

@@ -8,7 +8,7 @@
 
 namespace ConfigSrv {
 
-enum class IntReading { kNumber, kNotANumber, kTooLong };
+enum class IntReading { Number, NotANumber, TooLong };
 
 // Reads what strtol reads with base 0, provided that it is the whole text: leading blanks are
 // refused.

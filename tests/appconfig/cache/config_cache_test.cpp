@@ -81,6 +81,16 @@ TEST(ConfigCacheTest, NewOptionsKeepTheDefaultIndex) {
   EXPECT_EQ(cache.getConfigValue(kMtu)->second.defaultIndex(), 1u);
 }
 
+TEST(ConfigCacheTest, UpdatingTheDefaultIndexReturnsTheRecordAfterTheChange) {
+  ConfigCache cache;
+  EXPECT_EQ(cache.updateOptionDefaultIndex(kMtu, 3).defaultIndex(), 3u);
+  cache.update(kMtu, {"1500"});
+  const ConfigValue after = cache.updateOptionDefaultIndex(kMtu, 5);
+  EXPECT_EQ(after.defaultIndex(), 5u);
+  EXPECT_THAT(after.getValue(), ElementsAre("1500"));
+  EXPECT_EQ(cache.getConfigValue(kMtu)->second.defaultIndex(), 5u);
+}
+
 TEST(ConfigCacheTest, AccessLevelsAreKnownOnceBothHalvesWereStored) {
   ConfigCache cache;
   EXPECT_FALSE(cache.updateAccessLevels(kMtu, readHalf(eRoleService)).hasAccessLevels());
@@ -176,6 +186,30 @@ TEST(ConfigCacheTest, RemovingTakesEveryInstanceAndNamespaceAndIgnoresTheName) {
   cache.update(ConfigVar(0, "other", 0, "net", 0), {"1"});
   EXPECT_EQ(cache.removeVars("net"), 2u);
   EXPECT_TRUE(holds(cache, ConfigVar("other", 0, "net", 0)));
+}
+
+TEST(ConfigCacheTest, RemovingComparesAllBytesOfTheTextAndOfTheGroupThoseBehindAZeroByteToo) {
+  const std::string zeroB("\0b", 2);
+  ConfigCache cache;
+  fillGroups(cache, {"a", "b", "a" + zeroB, "a" + zeroB + "c"});
+  EXPECT_EQ(cache.removeVars("a" + zeroB + "d"), 0u);
+  EXPECT_EQ(cache.removeVars(zeroB + "c"), 1u);
+  EXPECT_TRUE(holds(cache, ConfigVar("a" + zeroB, 0, "v", 0)));
+  EXPECT_EQ(cache.removeVars("b"), 2u);
+  EXPECT_TRUE(holds(cache, ConfigVar("a", 0, "v", 0)));
+  EXPECT_EQ(cache.removeVars(std::string(1, '\0')), 0u);
+}
+
+TEST(ConfigCacheTest, GroupsAndNamesThatDifferBehindAZeroByteAreEntriesOfTheirOwn) {
+  const std::string one("a\0one", 5);
+  const std::string two("a\0two", 5);
+  ConfigCache cache;
+  cache.update(ConfigVar(one, 0, "v", 0), {"1"});
+  EXPECT_FALSE(holds(cache, ConfigVar(two, 0, "v", 0)));
+  EXPECT_FALSE(holds(cache, ConfigVar("a", 0, "v", 0)));
+  cache.update(ConfigVar("v", 0, one, 0), {"2"});
+  EXPECT_FALSE(holds(cache, ConfigVar("v", 0, two, 0)));
+  EXPECT_FALSE(holds(cache, ConfigVar("v", 0, "a", 0)));
 }
 
 TEST(ConfigCacheTest, ResettingAnEmptyCacheDoesNothing) {

@@ -90,6 +90,24 @@ TEST(ConfigResultTest, AddingAMessageTwiceYieldsTwoEntriesInOrder) {
   EXPECT_THAT(result.resultMessages(), ElementsAre("too hot", "too late", "too hot"));
 }
 
+TEST(ConfigResultTest, AMessageAddedTwiceInARowIsThereTwice) {
+  ConfigResult result;
+  result.addResultMessage("too hot");
+  result.addResultMessage("too hot");
+  result.addResultMessage("");
+  result.addResultMessage("");
+  EXPECT_THAT(result.resultMessages(), ElementsAre("too hot", "too hot", "", ""));
+}
+
+TEST(ConfigResultTest, AnEmptyTextReplacesServerContextAndClientName) {
+  ConfigResult result = fullResult();
+  result.setServerContext("");
+  EXPECT_EQ(result.serverContext(), "");
+  EXPECT_EQ(result.clientName(), "client");
+  result.setClientName("");
+  EXPECT_EQ(result.clientName(), "");
+}
+
 TEST(ConfigResultTest, AssigningTakesAllFiveFields) {
   const ConfigResult source = fullResult();
   ConfigResult target;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <map>
 #include <string>
 #include <type_traits>
@@ -151,11 +152,31 @@ TEST(ConfigVarTest, HandlersOrderByGroupThenName) {
   }
 }
 
+// Each text orders before the next, wherever it stands.
 TEST(ConfigVarTest, NamesAreComparedBehindAZeroByteToo) {
-  const ConfigVar a(std::string("a\0a", 3), 0, "x", 0);
-  const ConfigVar b(std::string("a\0b", 3), 0, "x", 0);
-  EXPECT_TRUE(before<CacheOrdering>(a, b));
-  EXPECT_TRUE(before<HandlerOrdering>(a, b));
+  const std::string ascending[] = {"a",
+                                   std::string("a\0", 2),
+                                   std::string("a\0\0", 3),
+                                   std::string("a\0a", 3),
+                                   std::string("a\0b", 3),
+                                   "aa"};
+  for (std::size_t i = 0; i + 1 < std::size(ascending); ++i) {
+    const std::string& a = ascending[i];
+    const std::string& b = ascending[i + 1];
+    EXPECT_TRUE(before<CacheOrdering>({a, 0, "x", 0}, {b, 0, "x", 0})) << i;
+    EXPECT_TRUE(before<HandlerOrdering>({a, 0, "x", 0}, {b, 0, "x", 0})) << i;
+    EXPECT_TRUE(before<CacheOrdering>({"x", 0, a, 0}, {"x", 0, b, 0})) << i;
+    EXPECT_TRUE(before<HandlerOrdering>({"x", 0, a, 0}, {"x", 0, b, 0})) << i;
+  }
+}
+
+TEST(ConfigVarTest, AHandlerMapIsSearchedBehindAZeroByteToo) {
+  const std::string named("a\0b", 3);
+  const std::string other("a\0c", 3);
+  const std::map<ConfigVar, int, CfgHandlerLookup> map = {{{named, 0, named, 0}, 1}};
+  EXPECT_EQ(map.count(ConfigVarNames{named, named}), 1U);
+  EXPECT_EQ(map.count(ConfigVarNames{named, other}), 0U);
+  EXPECT_EQ(map.count(ConfigVarNames{other, named}), 0U);
 }
 
 TEST(ConfigVarTest, AHandlerMapIsSearchedByNamesAloneWithoutAKey) {

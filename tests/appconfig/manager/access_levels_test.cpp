@@ -29,6 +29,13 @@ class AccessLevelsTest : public TestSupport::ManagerTest {
         });
   }
 
+  static void addRecord(ConfigIF::SetAccessLevelsRsp& response, const ConfigVar& var,
+                        CommonIF::eErrorType code) {
+    ConfigIF::AccessLevelsRecord* const record = response.add_records();
+    Helper::addVarName(record->mutable_inst(), var);
+    record->set_error(code);
+  }
+
   // The last change carried these keys and roles.
   void expectChange(const std::list<ConfigVar>& vars, const CommonIF::eSecurityRole* readRole,
                     const CommonIF::eSecurityRole* writeRole) {
@@ -187,6 +194,23 @@ TEST_F(AccessLevelsTest, TheErrorIsThatOfTheOneVariable) {
   EXPECT_EQ(error, eErrDenied);
   EXPECT_FALSE(manager->setAccessHidden(mtu, error));
   EXPECT_EQ(error, eErrDenied);
+}
+
+TEST_F(AccessLevelsTest, OfSeveralCodesTheSingleFormsGiveTheFirst) {
+  pb.answer<ConfigIF::SetAccessLevelsReq, ConfigIF::SetAccessLevelsRsp>(
+      [this](const ConfigIF::SetAccessLevelsReq&, ConfigIF::SetAccessLevelsRsp& response) {
+        addRecord(response, mtu, CommonIF::ERROR_READ_ONLY);
+        addRecord(response, name, CommonIF::ERROR_DENIED);
+        addRecord(response, name, CommonIF::ERROR_NONE);
+      });
+  EXPECT_TRUE(manager->setAccessLevels(mtu, nullptr, nullptr, error));
+  EXPECT_EQ(error, eErrReadOnly);
+  error = eErrConflict;
+  EXPECT_TRUE(manager->setAccessLevels("net", 0, "mtu", 1, nullptr, nullptr, error));
+  EXPECT_EQ(error, eErrReadOnly);
+  error = eErrConflict;
+  EXPECT_TRUE(manager->setAccessReadOnly(mtu, error));
+  EXPECT_EQ(error, eErrReadOnly);
 }
 
 TEST_F(AccessLevelsTest, TheListFormReportsEveryVariable) {

@@ -138,6 +138,20 @@ TEST_F(OptionsTest, OfDefaultOptionsOnlyTheIndexIsCached) {
   EXPECT_EQ(manager->retrieveConfigVar(mtu)->second.defaultIndex(), 1U);
 }
 
+// The index that is stored is the one that was cached, 0 when there was none.
+TEST_F(OptionsTest, RefusedDefaultOptionsAppendNothingAndStillStoreAnIndex) {
+  refuseAll<ConfigIF::GetDefaultOptionsReq, ConfigIF::GetDefaultOptionsRsp>();
+  EXPECT_EQ(manager->getConfigDefaultOptions("net", 0, "mtu", 1, out), Options{"old"});
+  ASSERT_TRUE(isCached(mtu));
+  EXPECT_TRUE(manager->getConfigOptionDefaultIndex(mtu, index));
+  EXPECT_EQ(index, 0U);
+  EXPECT_EQ(reads(), 0U);
+  manager->setConfigOptions("net", 0, "mtu", 1, {"a", "b", "c"}, 2);
+  manager->getConfigDefaultOptions("net", 0, "mtu", 1, out);
+  EXPECT_TRUE(manager->getConfigOptionDefaultIndex(mtu, index));
+  EXPECT_EQ(index, 2U);
+}
+
 // --- Changing options ---
 
 TEST_F(OptionsTest, SettingOptionsWithAnIndexCachesTheIndexAtOnceAndNotTheOptions) {

@@ -1,5 +1,5 @@
-// With a service that tells how new each state is, nothing older ever replaces something newer in the
-// cache, whichever way and in whatever order answers and notices come.
+// With a service that tells how new each state is, nothing older ever replaces something newer in
+// the cache, whichever way and in whatever order answers and notices come.
 
 #include <algorithm>
 #include <functional>

@@ -1,4 +1,6 @@
 #include <climits>
+#include <locale>
+#include <sstream>
 
 #include "tests/appconfig/manager/manager_fixture.h"
 
@@ -7,6 +9,23 @@ namespace {
 using TestSupport::answerReadsWith;
 using TestSupport::SentRequest;
 using TestSupport::Value;
+
+// The global C++ locale groups digits while one of these lives.
+class GroupingLocale {
+ public:
+  GroupingLocale() : before_(std::locale::global(std::locale(std::locale(), new Grouping))) {}
+  ~GroupingLocale() { std::locale::global(before_); }
+  GroupingLocale(const GroupingLocale&) = delete;
+  GroupingLocale& operator=(const GroupingLocale&) = delete;
+
+ private:
+  struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+
+  const std::locale before_;
+};
 
 class WritesTest : public TestSupport::ManagerTest {
  protected:
@@ -121,6 +140,19 @@ TEST_F(WritesTest, IntsAreWrittenInPlainDecimals) {
     EXPECT_EQ(written(), Value{c.text});
     EXPECT_EQ(manager->getConfigVarInt(mtu), c.number);
   }
+}
+
+TEST_F(WritesTest, NoLocaleGroupsTheDigitsOfAnInt) {
+  const GroupingLocale grouping;
+  std::ostringstream grouped;
+  grouped << 1234567;
+  ASSERT_EQ(grouped.str(), "1.234.567");
+  manager->setConfigVar(mtu, 1234567);
+  EXPECT_EQ(written(), Value{"1234567"});
+  manager->setConfigVar(mtu, -1234567, nullptr);
+  EXPECT_EQ(written(), Value{"-1234567"});
+  EXPECT_EQ(manager->getConfigVar(mtu), "-1234567");
+  EXPECT_EQ(manager->getConfigVarInt(mtu), -1234567);
 }
 
 TEST_F(WritesTest, TextsAreWrittenUnchanged) {

@@ -77,6 +77,20 @@ TEST_F(RegistrationTest, UnregisteringANullHandlerRemovesTheLibrarysOwnInterest)
   unregisterHandler("net", "mtu", kNoProvider, &manager);
 }
 
+// A program with a link of its own can put a provider's marker there; the functions never do.
+TEST_F(RegistrationTest, UnregisteringANullProviderReachesTheLinkAsWell) {
+  const ConfigVar mtu("net", 0, "mtu", 0);
+  const ConfigVar group("net", 0, "", 0);
+  link.registerHandler("net", "mtu", kNoProvider);
+  EXPECT_TRUE(link.isProviderHandlerRegistered(mtu));
+  unregisterHandler("net", "mtu", kNoProvider, &manager);
+  EXPECT_FALSE(link.isProviderHandlerRegistered(mtu));
+  link.registerHandler("net", "", kNoProvider);
+  EXPECT_TRUE(link.isProviderHandlerRegistered(group));
+  unregisterHandler("net", kNoProvider, &manager);
+  EXPECT_FALSE(link.isProviderHandlerRegistered(group));
+}
+
 TEST_F(RegistrationTest, TheOneStringFormsAreTheTwoStringFormsWithAnEmptyName) {
   registerHandler("net", &consumer, &manager);
   registerHandler("net", &provider, &manager);
@@ -118,6 +132,11 @@ TEST(RegistrationInstancesTest, ANullHandlerDoesNotEvenCreateThePrimaryFacade) {
   registerHandler("net", kNoProvider, nullptr);
   EXPECT_FALSE(hasPrimaryFacade());
   unregisterHandler("net", "mtu", kNoConsumer);
+  EXPECT_TRUE(hasPrimaryFacade());
+}
+
+TEST(RegistrationInstancesTest, UnregisteringANullProviderAsksThePrimaryFacadeForItsLink) {
+  unregisterHandler("net", "mtu", kNoProvider);
   EXPECT_TRUE(hasPrimaryFacade());
 }
 

@@ -1,5 +1,5 @@
-// A program with a message layer of its own in front of the shared library: PbUtils and all of MSG_*
-// are here, and the library's receivers get their messages from these.
+// A program with a message layer of its own in front of the shared library: PbUtils and all of
+// MSG_* are here, and the library's receivers get their messages from these.
 #include <unistd.h>
 
 #include <cstdio>

@@ -46,8 +46,8 @@ class AuditTrailTest : public testing::Test {
   TestSupport::TempDir directory_;
   Log log_{LogLevel::Info, [](LogLevel, const std::string& line) { ADD_FAILURE() << line; }};
   Model model_{Definitions({
-      defined("net.mtu").ofType(ValueType::kInt).withDefault({"1500"}),
-      defined("net.servers").ofType(ValueType::kList).withDefault({"a", "b"}),
+      defined("net.mtu").ofType(ValueType::Int).withDefault({"1500"}),
+      defined("net.servers").ofType(ValueType::List).withDefault({"a", "b"}),
       defined("net.mode").withDefault({"auto"}).withOptions({"auto", "manual"}, 1),
       defined("net.key").withDefault({"hunter1"}).secret(),
   })};

@@ -40,7 +40,7 @@ class ChangesFixture : public testing::Test {
   static Definitions definitions() {
     using TestSupport::defined;
     return Definitions({
-        defined("net.mtu").ofType(ValueType::kInt).between(68, 9000).withDefault({"1500"}),
+        defined("net.mtu").ofType(ValueType::Int).between(68, 9000).withDefault({"1500"}),
         defined("net.name").withDefault({"gateway"}),
         defined("net.serial").withDefault({"1234"}).readOnly(),
         defined("net.secret")
@@ -49,7 +49,7 @@ class ChangesFixture : public testing::Test {
             .writtenBy(AppConfig::eRoleUser),
         defined("net.admin").withDefault({"x"}).writtenBy(AppConfig::eRoleInstaller),
         defined("net.mode")
-            .ofType(ValueType::kEnumeration)
+            .ofType(ValueType::Enumeration)
             .withDefault({"auto"})
             .withOptions({"auto", "manual"}),
         defined("3:engine.speed").withDefault({"0"}),

@@ -15,7 +15,7 @@ VariableShape shapeOf(ValueType type) {
 }
 
 VariableShape intBetween(std::optional<std::int64_t> min, std::optional<std::int64_t> max) {
-  VariableShape shape = shapeOf(ValueType::kInt);
+  VariableShape shape = shapeOf(ValueType::Int);
   shape.min = min;
   shape.max = max;
   return shape;
@@ -35,17 +35,17 @@ std::string check(const VariableShape& shape, const Value& value) {
 
 TEST(CheckValueTest, AllButAListHaveExactlyOneElement) {
   for (const ValueType type :
-       {ValueType::kString, ValueType::kInt, ValueType::kBool, ValueType::kEnumeration}) {
+       {ValueType::String, ValueType::Int, ValueType::Bool, ValueType::Enumeration}) {
     const std::string start = "a value of type " + std::string(valueTypeName(type));
     EXPECT_EQ(check(shapeOf(type), {}), start + " has exactly one element, not 0");
     EXPECT_EQ(check(shapeOf(type), {"1", "2"}), start + " has exactly one element, not 2");
   }
-  EXPECT_EQ(check(shapeOf(ValueType::kList), {}), "");
-  EXPECT_EQ(check(shapeOf(ValueType::kList), {"", "b"}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::List), {}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::List), {"", "b"}), "");
 }
 
 TEST(CheckValueTest, AnIntIsWhatStrtolReadsToItsEnd) {
-  const VariableShape shape = shapeOf(ValueType::kInt);
+  const VariableShape shape = shapeOf(ValueType::Int);
   for (const char* good : {"0", "-0", "+5", "-5", "2147483647", "-2147483648", "0x7fffffff", "0X1F",
                            "-0x80000000", "017", "-017", "00", "000000000000000000001"}) {
     EXPECT_EQ(check(shape, {good}), "") << good;
@@ -82,7 +82,7 @@ TEST(CheckValueTest, LimitsAreIncludedInTheRangeAndNamedInTheReason) {
 }
 
 TEST(CheckValueTest, ABoolIsTrueOrFalseInAnyCase) {
-  const VariableShape shape = shapeOf(ValueType::kBool);
+  const VariableShape shape = shapeOf(ValueType::Bool);
   for (const char* good : {"true", "false", "TRUE", "False", "tRuE"}) {
     EXPECT_EQ(check(shape, {good}), "") << good;
   }
@@ -92,12 +92,12 @@ TEST(CheckValueTest, ABoolIsTrueOrFalseInAnyCase) {
 }
 
 TEST(CheckValueTest, AStringMayHoldAnyBytes) {
-  EXPECT_EQ(check(shapeOf(ValueType::kString), {std::string("a\0\xff\n", 4)}), "");
-  EXPECT_EQ(check(shapeOf(ValueType::kString), {""}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::String), {std::string("a\0\xff\n", 4)}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::String), {""}), "");
 }
 
 TEST(CheckValueTest, LengthIsCountedInBytes) {
-  VariableShape shape = shapeOf(ValueType::kString);
+  VariableShape shape = shapeOf(ValueType::String);
   shape.maxLength = 3;
   EXPECT_EQ(check(shape, {"abc"}), "");
   EXPECT_EQ(check(shape, {"abcd"}), "\"abcd\" has 4 bytes, and 3 bytes at most are allowed");
@@ -106,7 +106,7 @@ TEST(CheckValueTest, LengthIsCountedInBytes) {
 }
 
 TEST(CheckValueTest, AStringMatchesItsPatternAsAWhole) {
-  const VariableShape shape = matching(ValueType::kString, "[a-z]+");
+  const VariableShape shape = matching(ValueType::String, "[a-z]+");
   EXPECT_EQ(check(shape, {"abc"}), "");
   EXPECT_EQ(check(shape, {"abc!"}), "\"abc!\" does not match the pattern \"[a-z]+\"");
   EXPECT_EQ(check(shape, {std::string("abc\0", 4)}),
@@ -115,13 +115,13 @@ TEST(CheckValueTest, AStringMatchesItsPatternAsAWhole) {
 
 TEST(CheckValueTest, AStringThatIsTooLongForAnyPatternIsToldSo) {
   const std::string reason =
-      check(matching(ValueType::kString, "a*"), {std::string(kMaxMatchedBytes + 1, 'a')});
+      check(matching(ValueType::String, "a*"), {std::string(kMaxMatchedBytes + 1, 'a')});
   EXPECT_NE(reason.find("has 1025 bytes, and with a pattern 1024 bytes at most are allowed"),
             std::string::npos);
 }
 
 TEST(CheckValueTest, EachElementOfAListIsHeldAgainstTheLimits) {
-  VariableShape shape = matching(ValueType::kList, "[a-z]*");
+  VariableShape shape = matching(ValueType::List, "[a-z]*");
   shape.maxLength = 3;
   shape.maxElements = 2;
   EXPECT_EQ(check(shape, {"abc", ""}), "");
@@ -132,7 +132,7 @@ TEST(CheckValueTest, EachElementOfAListIsHeldAgainstTheLimits) {
 }
 
 TEST(CheckValueTest, OptionsAreThePresentOnesAndMetExactly) {
-  VariableShape shape = shapeOf(ValueType::kEnumeration);
+  VariableShape shape = shapeOf(ValueType::Enumeration);
   shape.options = {"dhcp"};
   EXPECT_EQ(checkValue(shape, {"static", "off"}, {"static"}), "");
   EXPECT_EQ(checkValue(shape, {"static", "off"}, {"dhcp"}),
@@ -143,39 +143,38 @@ TEST(CheckValueTest, OptionsAreThePresentOnesAndMetExactly) {
 }
 
 TEST(CheckValueTest, OptionsOfOtherTypesHoldForEveryElement) {
-  EXPECT_EQ(checkValue(shapeOf(ValueType::kInt), {"1", "2"}, {"3"}),
+  EXPECT_EQ(checkValue(shapeOf(ValueType::Int), {"1", "2"}, {"3"}),
             "\"3\" is none of the options: \"1\", \"2\"");
-  EXPECT_EQ(checkValue(shapeOf(ValueType::kList), {"a", "b"}, {"b", "a", "b"}), "");
-  EXPECT_EQ(checkValue(shapeOf(ValueType::kList), {"a", "b"}, {"a", "c"}),
+  EXPECT_EQ(checkValue(shapeOf(ValueType::List), {"a", "b"}, {"b", "a", "b"}), "");
+  EXPECT_EQ(checkValue(shapeOf(ValueType::List), {"a", "b"}, {"a", "c"}),
             "\"c\" is none of the options: \"a\", \"b\"");
-  EXPECT_EQ(checkValue(shapeOf(ValueType::kString), {}, {"anything"}), "");
+  EXPECT_EQ(checkValue(shapeOf(ValueType::String), {}, {"anything"}), "");
 }
 
 TEST(CheckValueTest, EveryValueHasALargestSizeWhateverItsDefinition) {
-  EXPECT_EQ(check(shapeOf(ValueType::kString), {std::string(kMaxValueBytes, 'x')}), "");
-  EXPECT_EQ(check(shapeOf(ValueType::kString), {std::string(kMaxValueBytes + 1, 'x')}),
+  EXPECT_EQ(check(shapeOf(ValueType::String), {std::string(kMaxValueBytes, 'x')}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::String), {std::string(kMaxValueBytes + 1, 'x')}),
             "the value has 1048577 bytes, and 1048576 bytes at most are allowed");
-  EXPECT_EQ(check(shapeOf(ValueType::kList), Value(kMaxElements, "x")), "");
-  EXPECT_EQ(check(shapeOf(ValueType::kList), Value(kMaxElements + 1, "x")),
+  EXPECT_EQ(check(shapeOf(ValueType::List), Value(kMaxElements, "x")), "");
+  EXPECT_EQ(check(shapeOf(ValueType::List), Value(kMaxElements + 1, "x")),
             "the list has 4097 elements, and 4096 elements at most are allowed");
 }
 
 TEST(CheckValueTest, AReasonIsOnePrintableLineOfModestLength) {
   const std::string value = std::string("\0\n\x1b\xff\\", 5) + std::string(100000, 'x');
-  const std::string reason = check(shapeOf(ValueType::kInt), {value});
+  const std::string reason = check(shapeOf(ValueType::Int), {value});
   EXPECT_EQ(reason.substr(0, 22), "\"\\x00\\x0a\\x1b\\xff\\x5cx");
   EXPECT_LT(reason.size(), 300U);
   const std::vector<std::string> many(1000, std::string(1000, 'o'));
-  EXPECT_LT(checkValue(shapeOf(ValueType::kEnumeration), many, {"x"}).size(), 2500U);
+  EXPECT_LT(checkValue(shapeOf(ValueType::Enumeration), many, {"x"}).size(), 2500U);
 }
 
 TEST(CheckValueTest, TheReasonOfASecretDoesNotRepeatTheValue) {
-  for (VariableShape shape : {intBetween(0, 5), matching(ValueType::kString, "[a-z]+"),
-                              shapeOf(ValueType::kBool), shapeOf(ValueType::kEnumeration)}) {
+  for (VariableShape shape : {intBetween(0, 5), matching(ValueType::String, "[a-z]+"),
+                              shapeOf(ValueType::Bool), shapeOf(ValueType::Enumeration)}) {
     shape.secret = true;
     const std::string reason = checkValue(
-        shape,
-        shape.type == ValueType::kEnumeration ? std::vector<std::string>{"a"} : shape.options,
+        shape, shape.type == ValueType::Enumeration ? std::vector<std::string>{"a"} : shape.options,
         {"12345678"});
     EXPECT_EQ(reason.substr(0, 10), "the value ") << reason;
     EXPECT_EQ(reason.find("12345678"), std::string::npos) << reason;

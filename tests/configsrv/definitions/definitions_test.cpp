@@ -39,7 +39,7 @@ TEST(DefinitionsTest, IteratesInTheOrderOfTheKeys) {
 
 VariableShape shapeForDigest() {
   VariableShape shape;
-  shape.type = ValueType::kInt;
+  shape.type = ValueType::Int;
   shape.defaultValue = {"5"};
   shape.options = {"5", "6"};
   shape.min = 1;
@@ -72,7 +72,7 @@ TEST(DefinitionsTest, TheDigestSeesEverythingThatDecidesOverValues) {
   std::string reason;
   const auto pattern = Pattern::compile("a", reason);
   const std::vector<void (*)(VariableShape&)> changes = {
-      [](VariableShape& s) { s.type = ValueType::kString; },
+      [](VariableShape& s) { s.type = ValueType::String; },
       [](VariableShape& s) { s.defaultValue = {"6"}; },
       [](VariableShape& s) {
         s.defaultValue = {"5", ""};

@@ -64,7 +64,7 @@ type = "bool"
 default = true
 )");
   const VariableShape hostname = shapeOf("network.hostname");
-  EXPECT_EQ(hostname.type, ValueType::kString);
+  EXPECT_EQ(hostname.type, ValueType::String);
   EXPECT_EQ(hostname.defaultValue, Value{"gateway"});
   EXPECT_EQ(hostname.maxLength, 63U);
   ASSERT_NE(hostname.pattern, nullptr);
@@ -78,7 +78,7 @@ default = true
   EXPECT_EQ(hostname.file, directory_.path() + "/a.toml");
   EXPECT_EQ(hostname.line, 2U);
   const VariableShape mtu = shapeOf("network.mtu");
-  EXPECT_EQ(mtu.type, ValueType::kInt);
+  EXPECT_EQ(mtu.type, ValueType::Int);
   EXPECT_EQ(mtu.defaultValue, Value{"1500"});
   EXPECT_EQ(mtu.min, 576);
   EXPECT_EQ(mtu.max, 9000);

@@ -20,15 +20,15 @@ using TestSupport::keyOf;
 
 Definitions network() {
   return Definitions({
-      defined("net.mtu").ofType(ValueType::kInt).between(68, 9000).withDefault({"1500"}),
+      defined("net.mtu").ofType(ValueType::Int).between(68, 9000).withDefault({"1500"}),
       defined("net.name").withDefault({"gateway"}),
-      defined("net.eth[1].mtu").ofType(ValueType::kInt).withDefault({"1400"}),
-      defined("net.eth[2].mtu").ofType(ValueType::kInt).withDefault({"1300"}),
+      defined("net.eth[1].mtu").ofType(ValueType::Int).withDefault({"1400"}),
+      defined("net.eth[2].mtu").ofType(ValueType::Int).withDefault({"1300"}),
       defined("net-x.y").withDefault({"between net and net. in byte order"}),
       defined("network.mtu").withDefault({"another group"}),
       defined("3:net.mtu").withDefault({"of a namespace"}),
       defined("net.mode")
-          .ofType(ValueType::kEnumeration)
+          .ofType(ValueType::Enumeration)
           .withDefault({"auto"})
           .withOptions({"auto", "manual"}, 0),
   });

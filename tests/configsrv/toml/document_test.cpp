@@ -28,9 +28,9 @@ TEST(TomlDocumentTest, GivesEachKindOfValueItsMember) {
   ASSERT_EQ(root.table.size(), 7U);
   EXPECT_EQ(root.table[0].value.string, "text");
   EXPECT_EQ(root.table[1].value.integer, -5);
-  EXPECT_EQ(root.table[2].value.kind, TomlKind::kFloat);
+  EXPECT_EQ(root.table[2].value.kind, TomlKind::Float);
   EXPECT_TRUE(root.table[3].value.boolean);
-  EXPECT_EQ(root.table[4].value.kind, TomlKind::kDateTime);
+  EXPECT_EQ(root.table[4].value.kind, TomlKind::DateTime);
   ASSERT_EQ(root.table[5].value.array.size(), 2U);
   EXPECT_EQ(root.table[5].value.array[1].string, "x");
   ASSERT_EQ(root.table[6].value.table.size(), 1U);

@@ -86,8 +86,8 @@ const Limit& limitOf(Counted counted) { return kLimits[static_cast<std::size_t>(
 using Wrap = std::function<std::string(const std::string&)>;
 using Visit = std::function<void(const Part&, const Wrap&)>;
 
-// Calls visit for every counted field of a message, with a function that puts the bytes of such fields
-// where they stand in the payload.
+// Calls visit for every counted field of a message, with a function that puts the bytes of such
+// fields where they stand in the payload.
 void forEachCounted(const Shape& shape, const Wrap& wrap, const Visit& visit) {
   for (std::size_t i = 0; i < shape.partCount; ++i) {
     const Part& part = shape.parts[i];
@@ -192,8 +192,8 @@ TEST(MessageBoundsTest, TheLargestValueWithTheMostElementsFits) {
   EXPECT_EQ(outcome(kWriteReq, request.SerializeAsString()), "done");
 }
 
-// The keys that the library writes have four nodes at most: a namespace, a group, a name, and one more
-// for a group that came in two.
+// The keys that the library writes have four nodes at most: a namespace, a group, a name, and one
+// more for a group that came in two.
 TEST(MessageBoundsTest, TheLongestBatchOfUsualKeysFits) {
   ConfigIF::BatchReadReq request;
   for (int i = 0; i < 1024; ++i) {
