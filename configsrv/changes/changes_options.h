@@ -31,7 +31,7 @@ struct ChangesOptions {
   // file has room for twice as much.
   PbUtility::ShareLimits written{std::size_t{32} << 20, std::size_t{24} << 20, std::size_t{8} << 20,
                                  std::size_t{16} << 20};
-  // How much one ordinary user may have made durable in an hour.
+  // See HourlyLimits.
   HourlyOptions hourly{};
 };
 
