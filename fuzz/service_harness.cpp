@@ -199,9 +199,8 @@ bool ServiceHarness::passDeadline() {
   return true;
 }
 
-bool ServiceHarness::commit(uid_t /*user*/, StoreTransaction transaction, CommitDone done) {
+void ServiceHarness::commit(uid_t /*user*/, StoreTransaction transaction, CommitDone done) {
   commits_.push_back({std::move(transaction), std::move(done)});
-  return true;
 }
 
 bool ServiceHarness::endCommit(bool well) {

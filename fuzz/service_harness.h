@@ -80,7 +80,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   bool expectsProvider(const ConfigSrv::Variable& variable) const override;
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task) override;
   void cancel(std::uint64_t timer) override { timers_.erase(timer); }
-  bool commit(uid_t user, ConfigSrv::StoreTransaction transaction,
+  void commit(uid_t user, ConfigSrv::StoreTransaction transaction,
               ConfigSrv::CommitDone done) override;
 
   std::uint64_t revisionThat(PbUtility::PeerId peer, Knows knows) const;

@@ -195,11 +195,12 @@ AuditTrail::AuditTrail(const std::string& file, const Log& log)
 }
 AuditTrail::~AuditTrail() = default;
 
-std::string AuditTrail::changeCommits(const ChangeRequest& request, const Variable& variable) {
+std::string AuditTrail::changeCommits(const Requester& by, const StoreChange& wanted,
+                                      const Variable& variable) {
   JsonObject record;
-  addWho(record, request.by);
-  record.add("variable", AppConfig::formatKey(request.what.key));
-  std::visit(Fields(record, &variable), request.what.what);
+  addWho(record, by);
+  record.add("variable", AppConfig::formatKey(wanted.key));
+  std::visit(Fields(record, &variable), wanted.what);
   addOutcome(record, {}, true);
   std::string text = record.text();
   text.pop_back();  // Its revision is still to come.
@@ -254,12 +255,12 @@ void AuditTrail::synced(const std::string& problem) {
                       "; a loss of power may cost the last records: check the disk");
 }
 
-void AuditTrail::changeEnds(const ChangeRequest& request, const Variable* variable,
-                            const ChangeOutcome& outcome) {
+void AuditTrail::changeEnds(const Requester& by, const StoreChange& wanted,
+                            const Variable* variable, const ChangeOutcome& outcome) {
   JsonObject record;
-  addWho(record, request.by);
-  record.add("variable", AppConfig::formatKey(request.what.key));
-  std::visit(Fields(record, variable), request.what.what);
+  addWho(record, by);
+  record.add("variable", AppConfig::formatKey(wanted.key));
+  std::visit(Fields(record, variable), wanted.what);
   // The reason of a denial may be recorded even for a secret variable: it quotes no value.
   const bool isOpen = variable == nullptr || !variable->shape().secret;
   addOutcome(record, outcome, isOpen || outcome.error == eErrDenied);

@@ -44,9 +44,10 @@ class AuditTrail final : public ChangeObserver {
   AuditTrail(const AuditTrail&) = delete;
   AuditTrail& operator=(const AuditTrail&) = delete;
 
-  std::string changeCommits(const ChangeRequest& request, const Variable& variable) override;
+  std::string changeCommits(const Requester& by, const StoreChange& wanted,
+                            const Variable& variable) override;
   void changeCommitted(const std::string& record, std::uint64_t revision) override;
-  void changeEnds(const ChangeRequest& request, const Variable* variable,
+  void changeEnds(const Requester& by, const StoreChange& wanted, const Variable* variable,
                   const ChangeOutcome& outcome) override;
 
   // A change of all that a dotted name covers ("reset", "reset-attributes"), refused before it was

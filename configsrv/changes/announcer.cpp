@@ -1,3 +1,9 @@
+// Each event looks up who is subscribed to it and leaves out those whose role may not read the
+// variable. A notice is coalesced by its kind, its variable and its identity: a newer one takes the
+// place of one that still waits, so that each notice has to say all of what it is about.
+//
+// A notice also tells the peer up to which revision it knows everything (Host::Knows). Where others
+// of the same change may follow it, to the same peer, it says the revision before.
 #include "configsrv/changes/announcer.h"
 
 #include <algorithm>
@@ -190,8 +196,6 @@ void Announcer::tellOptions(PeerId peer, std::string_view identity, const Variab
   notify(peer, notice, 'o', identity, variable, knows);
 }
 
-// The kind tells which roles a notice carries: one that carries only the write role must not take
-// the place of a waiting one that carries only the read role.
 // Both roles, also when one is as it was: handlers are called with both, and a newer notice may
 // take the place of one that still waits.
 void Announcer::tellAccessLevels(PeerId peer, std::string_view identity, const Variable& variable,

@@ -5,7 +5,8 @@
 // many of its registrations cover the variable. A peer that is slow is told only the newest state
 // of each variable.
 //
-// Threads  one. Owns nothing: model, subscriptions and host outlive it.
+// Threads:  one.
+// Owns:     nothing; model, subscriptions and host outlive it.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // What somebody wants changed, and how it ended.
 //
-// Threads  plain values.
+// Threads:  plain values.
 #pragma once
 
 #include <cstdint>
@@ -59,12 +59,13 @@ class ChangeObserver {
   virtual ~ChangeObserver() = default;
   // The record of a change that is about to be committed, all but its revision. It is kept with the
   // change, as durable as that; empty: nothing is kept.
-  virtual std::string changeCommits(const ChangeRequest& request, const Variable& variable) = 0;
+  virtual std::string changeCommits(const Requester& by, const StoreChange& wanted,
+                                    const Variable& variable) = 0;
   // The change of that record was committed; called before its requester is answered.
   virtual void changeCommitted(const std::string& record, std::uint64_t revision) = 0;
   // Called once for each other change, before its requester is answered. The variable, null when
   // there is none, is as it was. Validations are not told.
-  virtual void changeEnds(const ChangeRequest& request, const Variable* variable,
+  virtual void changeEnds(const Requester& by, const StoreChange& wanted, const Variable* variable,
                           const ChangeOutcome& outcome) = 0;
 };
 

@@ -1,3 +1,6 @@
+// Each kind of change has its rules, which stand in one function of Check as a list of steps. The
+// steps are in the order of what the requester may learn: first what its role forbids, so that who
+// may not write hears no more than that, then what the variable allows.
 #include "configsrv/changes/internal/change_check.h"
 
 #include <algorithm>
@@ -34,11 +37,10 @@ std::string moreThan(std::size_t count, const char* what, std::size_t limit) {
 // Checks one change of one variable; each step returns success or the reason.
 class Check {
  public:
-  Check(const Variable& variable, const ChangeRequest& request)
-      : variable_(variable), request_(request) {}
+  Check(const Variable& variable, SecurityRole role) : variable_(variable), role_(role) {}
 
-  ChangeOutcome run() const {
-    return std::visit([this](const auto& what) { return check(what); }, request_.what.what);
+  ChangeOutcome run(const StoreChange& change) const {
+    return std::visit([this](const auto& what) { return check(what); }, change.what);
   }
 
  private:
@@ -79,31 +81,31 @@ class Check {
   }
 
   ChangeOutcome mayWrite() const {
-    if (role() >= variable_.writeRole()) return {};
+    if (role_ >= variable_.writeRole()) return {};
     return fail(eErrDenied,
-                "writing needs the role " + text(variable_.writeRole()) + ", not " + text(role()));
+                "writing needs the role " + text(variable_.writeRole()) + ", not " + text(role_));
   }
 
   // Whether new options fit tells whether the value is among them, and so, asked often enough, what
   // the value is.
   ChangeOutcome mayReadOptions() const {
-    if (role() >= variable_.readRole()) return {};
+    if (role_ >= variable_.readRole()) return {};
     return fail(eErrDenied, "changing its options needs the role " + text(variable_.readRole()) +
-                                ", for that tells of its value, not " + text(role()));
+                                ", for that tells of its value, not " + text(role_));
   }
 
   // Who may only write must not give themselves the right to read.
   ChangeOutcome mayChangeAccess() const {
     const SecurityRole needed = std::max(variable_.readRole(), variable_.writeRole());
-    if (role() >= needed) return {};
+    if (role_ >= needed) return {};
     return fail(eErrDenied,
-                "changing who may use it needs the role " + text(needed) + ", not " + text(role()));
+                "changing who may use it needs the role " + text(needed) + ", not " + text(role_));
   }
 
   // Nobody locks themselves out.
   ChangeOutcome mayDemand(SecurityRole wanted) const {
-    if (wanted <= role()) return {};
-    return fail(eErrDenied, "the role " + text(role()) + " cannot demand the role " + text(wanted));
+    if (wanted <= role_) return {};
+    return fail(eErrDenied, "the role " + text(role_) + " cannot demand the role " + text(wanted));
   }
 
   ChangeOutcome canBeWritten() const {
@@ -129,7 +131,7 @@ class Check {
   ChangeOutcome valueFits(const std::list<std::string>& value) const {
     std::string why = checkValue(shape(), variable_.options(), value);
     if (why.empty()) return {};
-    if (role() < variable_.readRole() && isAboutOptions(value))
+    if (role_ < variable_.readRole() && isAboutOptions(value))
       why = "the value is none of its options";
     return fail(eErrInvalidValue, why);
   }
@@ -174,11 +176,10 @@ class Check {
     return failure(variable_.key(), error, reason);
   }
   static std::string text(SecurityRole role) { return std::string(roleName(role)); }
-  SecurityRole role() const { return request_.by.role; }
   const VariableShape& shape() const { return variable_.shape(); }
 
   const Variable& variable_;
-  const ChangeRequest& request_;
+  const SecurityRole role_;
 };
 
 bool sameRole(const std::optional<int>& wanted, SecurityRole present) {
@@ -187,8 +188,8 @@ bool sameRole(const std::optional<int>& wanted, SecurityRole present) {
 
 }  // namespace
 
-ChangeOutcome checkChange(const Variable& variable, const ChangeRequest& request) {
-  return Check(variable, request).run();
+ChangeOutcome checkChange(const Variable& variable, const StoreChange& change, SecurityRole role) {
+  return Check(variable, role).run(change);
 }
 
 bool changesNothing(const Variable& variable, const StoreChange& change) {
@@ -234,25 +235,29 @@ std::uint64_t partChangedAt(const Variable& variable, const StoreChange& change)
   return std::max(variable.optionsChangedAt(), variable.accessChangedAt());
 }
 
-std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change) {
+const std::list<std::string>& valueAfter(const Variable& variable, const StoreChange& change) {
   if (const auto* set = std::get_if<StoreChange::SetValue>(&change.what)) return set->value;
   if (std::holds_alternative<StoreChange::ResetValue>(change.what))
     return variable.shape().defaultValue;
   return variable.value();
 }
 
-StoreChange asStored(const Variable& variable, StoreChange change) {
+std::unique_ptr<const StoreChange> storedInstead(const Variable& variable,
+                                                 const StoreChange& change) {
   const auto* set = std::get_if<StoreChange::SetValue>(&change.what);
-  if (set != nullptr && set->value == variable.shape().defaultValue)
-    change.what = StoreChange::ResetValue{};
-  auto* options = std::get_if<StoreChange::SetOptions>(&change.what);
-  if (options != nullptr && options->options && !options->defaultIndex)
-    options->defaultIndex = variable.defaultIndex();
+  const bool isDefault = set != nullptr && set->value == variable.shape().defaultValue;
+  const auto* options = std::get_if<StoreChange::SetOptions>(&change.what);
+  const bool lacksIndex = options != nullptr && options->options && !options->defaultIndex;
   // Roles have no part in what else can be used.
-  if (!std::holds_alternative<StoreChange::SetAccess>(change.what))
-    change.forgotten = {variable.hasLeftOutValue(), variable.hasLeftOutOptions()};
-  change.row = variable.rowBefore(change);
-  return change;
+  const bool forgets = !std::holds_alternative<StoreChange::SetAccess>(change.what) &&
+                       (variable.hasLeftOutValue() || variable.hasLeftOutOptions());
+  if (!isDefault && !lacksIndex && !forgets) return nullptr;
+  auto stored = std::make_unique<StoreChange>(change);
+  if (isDefault) stored->what = StoreChange::ResetValue{};
+  if (lacksIndex)
+    std::get<StoreChange::SetOptions>(stored->what).defaultIndex = variable.defaultIndex();
+  if (forgets) stored->forgotten = {variable.hasLeftOutValue(), variable.hasLeftOutOptions()};
+  return stored;
 }
 
 std::size_t bytesOf(const StoreChange& change) {

@@ -1,6 +1,6 @@
 #include "configsrv/changes/internal/change_shares.h"
 
-#include "configsrv/changes/changes.h"
+#include "configsrv/changes/changes_options.h"
 #include "configsrv/changes/internal/change_check.h"
 
 namespace ConfigSrv {

@@ -4,67 +4,50 @@
 //   each provider's dynamic validation -> each provider's on-change -> durable commit -> model ->
 //   answer to the requester -> notices to everybody concerned
 //
-// Order    changes of one variable run one after another, in the order of their requests; those of
-//          different variables never wait for each other.
-// Providers are those peers that registered for the variable, whose role may read it, and whose
-//          user may write it (Host::mayProvide). Each is asked once per phase, one at a time. A refusal fails the change with eErrVetoed and
-//          their messages. A provider that answers nothing, or that the variable is none of its
-//          business, has no objection.
-// Restart  as long as a provider of the variable is expected back (Host::expectsProvider), a change
-//          or validation of its value waits before anybody is asked; those behind it wait too.
-// Faults   a provider that dies fails the change at once with eErrUnavailable, one that does not
-//          answer by the deadline with eErrTimedOut, a store that cannot keep it with eErrStorage.
-//          Whoever was told the new value on change is then told the one that still holds.
-// Deadlock a change that would have to wait for a peer which itself waits for this very change
-//          fails at once with eErrConflict: a provider writes the variable that it is being asked
-//          about, or writes, from inside its handler, what it would be asked about.
-// Limits   ChangesOptions; what goes past one fails with eErrLimit and says whose it is. They are
-//          shared out: no user, and no process, can take what others need.
-// Threads  one at a time, whichever runs the server's loop; completions and timers come in it too.
+// Order:     changes of one variable run one after another, in the order of their requests; those
+//            of different variables never wait for each other.
+// Providers: those peers that registered for the variable, whose role may read it, and whose user
+//            may write it (Host::mayProvide). Each is asked once per phase, one at a time. A refusal
+//            fails the change with eErrVetoed and their messages. A provider that answers nothing,
+//            or that the variable is none of its business, has no objection.
+// Restart:   as long as a provider of the variable is expected back (Host::expectsProvider), a
+//            change or validation of its value waits before anybody is asked; those behind it wait
+//            too.
+// Faults:    a provider that dies fails the change at once with eErrUnavailable, one that does not
+//            answer by the deadline with eErrTimedOut, a store that cannot keep it with eErrStorage.
+//            Whoever was told the new value on change is then told the one that still holds.
+// Deadlock:  a change that would have to wait for a peer which itself waits for this very change
+//            fails at once with eErrConflict: a provider writes the variable that it is being asked
+//            about, or writes, from inside its handler, what it would be asked about.
+// Limits:    ChangesOptions; what goes past one fails with eErrLimit and says whose it is. They are
+//            shared out: no user, and no process, can take what others need.
+// Threads:   one at a time, whichever runs the server's loop; completions and timers come in it too.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/change.h"
+#include "configsrv/changes/changes_options.h"
 #include "configsrv/changes/host.h"
 #include "configsrv/changes/hourly_limits.h"
+#include "configsrv/changes/written_shares.h"
 #include "configsrv/log/log.h"
-#include "platform/messaging/shares.h"
 
 namespace ConfigSrv {
 
-struct ChangesOptions {
-  // How long a provider may take to answer one question.
-  std::chrono::milliseconds providerDeadline{3000};
-  // The service's own user, who is no ordinary one.
-  uid_t own = 0;
-  // Changes that may wait for their turn at one variable: all, ordinary users, a user, a process.
-  PbUtility::ShareLimits waitingPerVariable{1024, 768, 256, 1024};
-  // Changes and validations under way, and what they take in memory (ChangeShares::bytesOf).
-  // One endpoint of root's is slowed down before it has as much as a process may have.
-  PbUtility::ShareLimits underWay{16384, 12288, 2048, 4096};
-  // What stands in values and options that are not the definition's (WrittenShares). The store's file
-  // has room for twice as much.
-  PbUtility::ShareLimits written{std::size_t{32} << 20, std::size_t{24} << 20, std::size_t{8} << 20,
-                                 std::size_t{16} << 20};
-  // What one ordinary user may have made durable in an hour.
-  HourlyOptions hourly{};
-  PbUtility::ShareLimits bytesUnderWay{std::size_t{64} << 20, std::size_t{6} << 20,
-                                       std::size_t{3} << 20, std::size_t{32} << 20};
-};
-
-// Since the start.
-struct ChangeCounters {
-  std::uint64_t commits = 0;
-  std::uint64_t unchanged = 0;
-  std::uint64_t refused = 0;
-};
+class ChangeQueues;
+class ChangeShares;
+class ProviderRounds;
+struct ChangePart;
+struct PendingChange;
+enum class ChangeState;
 
 class Changes {
  public:
@@ -76,10 +59,10 @@ class Changes {
   Changes& operator=(const Changes&) = delete;
 
   // Once, after the model was restored: what stands there counts for all.
-  void countStored();
+  void countStored() { written_.countStored(); }
   // An endpoint of a process came, or went.
-  void peerCame(const PbUtility::Peer& peer);
-  void peerWent(const PbUtility::Peer& peer);
+  void peerCame(const PbUtility::Peer& peer) { written_.came(peer.pid); }
+  void peerWent(const PbUtility::Peer& peer) { written_.went(peer.pid); }
 
   void submit(ChangeRequest request, ChangeDone done);
 
@@ -103,20 +86,77 @@ class Changes {
   // The peer has a new delivery connection, and is about to be told what holds now.
   void onDeliveryReady(PbUtility::PeerId peer);
 
-  // The peer is being told what holds of a variable, for a registration. It may have heard on change
-  // what does not hold yet, and forgets that again.
+  // The peer is being told what holds of a variable, for a registration. If it was told on change a
+  // value that does not hold yet, this takes the place of that value, and the peer counts as not
+  // told: it is told again if the change succeeds.
   void broughtUpToDate(PbUtility::PeerId peer, const Variable& variable);
 
   // From now on every change fails, those that wait or ask at once. What is being committed ends
   // well; it is over when underWay() is 0.
   void stop();
-  std::size_t underWay() const;
+  std::size_t underWay() const { return changes_.size(); }
 
-  const ChangeCounters& counters() const;
+  const ChangeCounters& counters() const { return counters_; }
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  using Number = std::uint64_t;
+
+  // Taking a request in.
+  void admit(ChangeRequest&& request, ChangeDone&& done, bool validateOnly);
+  ChangeOutcome refusalOf(const Variable* variable, const ChangeRequest& request,
+                          std::size_t bytes) const;
+  bool endsAtOnce(const Variable& variable, const ChangeRequest& request) const;
+  void endAtOnce(const Variable& variable, const ChangeRequest& request, const ChangeDone& done);
+  PendingChange& remember(const Variable& variable, ChangeRequest&& request, ChangeDone&& done,
+                          std::size_t bytes);
+  void enqueue(PendingChange& change);
+
+  // The phases.
+  void setState(PendingChange& change, ChangeState state);
+  void begin(PendingChange& change);
+  ChangeOutcome checkAgain(const PendingChange& change) const;
+  void beginToValidate(PendingChange& change);
+  bool expectsProvider(const PendingChange& change) const;
+  void beginPhase(PendingChange& change, ChangeState state);
+  void askNext(PendingChange& change);
+  void endPhase(PendingChange& change);
+  void onDeadline(Number number);
+  std::string refusalToKeep(const PendingChange& change) const;
+  void commit(PendingChange& change);
+  void onCommitted(Number number, const StoreStatus& status, std::uint64_t revision);
+  void applyAndAnnounce(PendingChange& change, std::uint64_t revision);
+  void announce(const ChangePart& part, const std::vector<PbUtility::PeerId>& told);
+
+  // The ends.
+  void fail(PendingChange& change, eErrorT error, const std::string& text);
+  void end(PendingChange& change, const ChangeOutcome& outcome);
+  std::unique_ptr<PendingChange> finish(PendingChange& change, const ChangeOutcome& outcome);
+  void count(const PendingChange& change, const ChangeOutcome& outcome);
+  void tellObserver(const PendingChange& change, const ChangeOutcome& outcome) const;
+  void beginNextTurns();
+  PendingChange* find(Number number) const;
+
+  Model& model_;
+  Announcer& announcer_;
+  Host& host_;
+  const Log& log_;
+  ChangeObserver* const observer_;
+
+  // Each change by its number. Who is called back later holds the number, and finds the change gone
+  // when it has ended meanwhile.
+  std::unordered_map<Number, std::unique_ptr<PendingChange>> changes_;
+  Number lastNumber_ = 0;
+  const std::unique_ptr<ChangeQueues> queues_;
+  const std::unique_ptr<ProviderRounds> rounds_;
+  // Changes that wait for a provider's return, in the order in which they came.
+  std::vector<Number> held_;
+  bool beginningTurns_ = false;
+  bool stopped_ = false;
+  // Under way, standing in values, and in an hour.
+  const std::unique_ptr<ChangeShares> shares_;
+  WrittenShares written_;
+  HourlyLimits hourly_;
+  ChangeCounters counters_;
 };
 
 }  // namespace ConfigSrv

@@ -3,8 +3,8 @@
 // The service implements it with the message layer's serving side and the commit queue; a test
 // with a script.
 //
-// Threads  one at a time, whichever runs the server's loop. Functions that are handed over are called
-//          in it.
+// Threads:  one at a time, whichever runs the server's loop. Functions that are handed over are
+//           called in it.
 #pragma once
 
 #include <chrono>
@@ -48,9 +48,8 @@ class Host {
     return std::chrono::steady_clock::now();
   }
 
-  // Makes a user's changes durable, all or none; `done` tells when. False: the store takes nothing any
-  // more.
-  [[nodiscard]] virtual bool commit(uid_t user, StoreTransaction transaction, CommitDone done) = 0;
+  // Makes a user's changes durable, all or none; `done` tells when.
+  virtual void commit(uid_t user, StoreTransaction transaction, CommitDone done) = 0;
 };
 
 }  // namespace ConfigSrv

@@ -4,8 +4,8 @@
 // commit and ends 60 minutes later; the next one begins with the commit after that. Root and the
 // service's own user have no such limit: what they do is the device's own business.
 //
-// Errors   a refusal names the limit, the user, and when there is room again.
-// Threads  one.
+// Errors:   a refusal names the limit, the user, and when there is room again.
+// Threads:  one.
 #pragma once
 
 #include <sys/types.h>

@@ -1,3 +1,7 @@
+// The two questions have the same fields, and so have their answers: one template each writes and
+// reads them. An answer counts as a refusal unless it clearly is none; one that cannot be read at all
+// is no answer. A link that has nothing to do with the variable says so with success and a text, which
+// is consent like any other.
 #include "configsrv/changes/internal/questions.h"
 
 #include "configsrv/changes/wire_forms.h"
@@ -39,16 +43,9 @@ bool hasUnknownError(const ConfigIF::ReturnMessage& result) {
   return !result.has_error() && result.unknown_fields().find('\x08') == 0;
 }
 
-// The two texts with which a link says that a question is not for it.
-bool isAbstention(const ConfigIF::ReturnMessage& result) {
-  return result.messages_size() > 0 &&
-         (result.messages(0) == "Not intersted" || result.messages(0) == "Not interested");
-}
-
 Answer verdictOf(const ConfigIF::ReturnMessage& result) {
   Answer answer;
   answer.refused = result.error() != CommonIF::ERROR_NONE || hasUnknownError(result);
-  answer.abstained = !answer.refused && isAbstention(result);
   answer.messages.assign(result.messages().begin(), result.messages().end());
   return answer;
 }

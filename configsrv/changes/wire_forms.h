@@ -1,6 +1,6 @@
 // How keys and roles of the service stand in messages.
 //
-// Threads  plain functions.
+// Threads:  plain functions.
 #pragma once
 
 #include "appconfig/core/config_var.h"
@@ -10,8 +10,8 @@
 
 namespace ConfigSrv {
 
-// A variable as notices and records name it. One with a namespace is meant for the links
-// of that namespace alone; one without is meant for everybody, and the scope stays absent.
+// A variable as notices and records name it. One with a namespace is meant for the links of that
+// namespace alone; one without is meant for everybody, and the scope stays absent.
 void fillInst(ConfigIF::Inst* inst, const ConfigVar& key);
 
 // The variable that a request names, and roles, are read as the library reads them.

@@ -1,3 +1,7 @@
+// A variable has two parts that are written, its value and its options; each has a number of its own
+// (twice the variable's index, and one more), what it takes now, and whose that is. Users are counted
+// by Shares. Processes are counted here, because they end: what a process wrote then still counts for
+// its user, and for no process that gets the same number later.
 #include "configsrv/changes/written_shares.h"
 
 #include <algorithm>
@@ -9,7 +13,6 @@ namespace {
 using PbUtility::Owner;
 using PbUtility::ShareLimits;
 
-// Processes are counted here, for they end.
 constexpr pid_t kNoProcess = 0;
 
 ShareLimits withoutProcesses(ShareLimits limits) {

@@ -1,15 +1,15 @@
 // WrittenShares: how much each user and process may have written into variables, in sum.
 //
 // Values and options that are not the definition's take memory and store for as long as they stand.
-// They count, with each of their strings, as whoever's wrote them last. Who that was is known since the
-// start of the service; what was stored before counts for all together, and for no process that has
-// ended. A write that takes no more than what it replaces is never refused.
+// They count, with each of their strings, for whoever wrote them last: for the user, and for the
+// process as long as it lives. What was stored before the start of the service counts only for all
+// together, because nobody knows who wrote it. A write that takes no more than what it replaces is never refused.
 //
 //   plan = what a change would come to; refusal(plan); take(plan) when it is being made durable; then
 //   apply(plan) once it is, or drop(plan) when it failed.
 //
-// Errors   a refusal names the limit, whose it is, and what to do.
-// Threads  one. The model outlives it.
+// Errors:   a refusal names the limit, whose it is, and what to do.
+// Threads:  one. The model outlives it.
 #pragma once
 
 #include <cstddef>
@@ -53,10 +53,6 @@ class WrittenShares {
   void apply(const Plan& plan);
   void drop(const Plan& plan);
 
-  std::size_t all() const { return shares_.all(); }
-  std::size_t ofUser(uid_t user) const { return shares_.ofUser(user); }
-  std::size_t ofProcess(pid_t process) const;
-
  private:
   struct Written {
     PbUtility::Owner owner;
@@ -70,6 +66,7 @@ class WrittenShares {
     std::size_t bytes = 0;
   };
 
+  std::size_t ofProcess(pid_t process) const;
   std::size_t bytesAt(std::uint64_t part) const;
   std::size_t growth(const Plan& plan) const;
   void add(PbUtility::Owner owner, std::uint64_t life, std::size_t bytes);

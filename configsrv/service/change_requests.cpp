@@ -209,7 +209,7 @@ void Requests::recordDenied(const Call& call, const ConfigIF::Inst& inst, Wanted
                             const ChangeOutcome& outcome) {
   const std::optional<ConfigVar> key = readInst(inst);
   if (!key) return;
-  with_.audit->changeEnds({call.by, {*key, std::move(what)}}, with_.model.find(*key), outcome);
+  with_.audit->changeEnds(call.by, {*key, std::move(what)}, with_.model.find(*key), outcome);
 }
 
 void Requests::recordDenied(const Call& call, const ConfigIF::WriteReq& request,

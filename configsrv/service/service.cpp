@@ -277,9 +277,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     return server_.after(delay, std::move(task));
   }
   void cancel(std::uint64_t timer) override { server_.cancel(timer); }
-  bool commit(uid_t user, StoreTransaction transaction, CommitDone done) override {
+  void commit(uid_t user, StoreTransaction transaction, CommitDone done) override {
     commits_.submit(user, std::move(transaction), std::move(done));
-    return true;
   }
 
   const ServiceOptions options_;

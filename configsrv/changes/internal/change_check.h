@@ -1,12 +1,13 @@
 // What can be said of a change without asking anybody: may the requester make it, does it fit the
 // variable, what would it come to.
 //
-// Threads  plain functions.
+// Threads:  plain functions.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 
 #include "configsrv/changes/change.h"
@@ -14,8 +15,9 @@
 
 namespace ConfigSrv {
 
-// Success, or why the variable as it stands cannot be changed so.
-ChangeOutcome checkChange(const Variable& variable, const ChangeRequest& request);
+// Success, or why somebody of this role cannot change the variable so as it stands.
+ChangeOutcome checkChange(const Variable& variable, const StoreChange& change,
+                          AppConfig::SecurityRole role);
 
 // Whether the variable is like that already, and would be after the next start, too.
 bool changesNothing(const Variable& variable, const StoreChange& change);
@@ -27,13 +29,15 @@ bool changesValue(const StoreChange& change);
 // the newest.
 std::uint64_t partChangedAt(const Variable& variable, const StoreChange& change);
 
-// The value that the variable would have.
-std::list<std::string> valueAfter(const Variable& variable, const StoreChange& change);
+// The value that the variable would have; a part of one of the two.
+const std::list<std::string>& valueAfter(const Variable& variable, const StoreChange& change);
 
-// As the store should remember it: a value that is the default is no difference to remember; options
-// keep the default index that was theirs, whatever definitions come; and what was left out of the
-// variable goes, so that what is acknowledged here is what the next start finds.
-StoreChange asStored(const Variable& variable, StoreChange change);
+// What the store should keep instead of the change as it was asked for; null: the same. A value that
+// is the default is no difference to remember; options keep the default index that was theirs,
+// whatever definitions come; and what was left out of the variable goes, so that what is
+// acknowledged here is what the next start finds.
+std::unique_ptr<const StoreChange> storedInstead(const Variable& variable,
+                                                 const StoreChange& change);
 
 // Bytes of the strings that the change carries, and how many those are.
 std::size_t bytesOf(const StoreChange& change);

@@ -1,11 +1,11 @@
 // ChangeShares: how many changes, and how much memory for them, each user and process may have under
 // way.
 //
-// Without this, one user whose provider never answers would have all there may be, and everybody
-// else's changes were refused.
+// Without this, a user whose provider never answers could have all changes that there may be, and
+// those of everybody else would be refused.
 //
-// Errors   a refusal names the limit and whose it is.
-// Threads  one.
+// Errors:   a refusal names the limit and whose it is.
+// Threads:  one.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Questions to providers as messages, and what their answers say.
 //
-// Threads  plain functions.
+// Threads:  plain functions.
 #pragma once
 
 #include <cstdint>
@@ -39,8 +39,6 @@ std::unique_ptr<google::protobuf::MessageLite> messageOf(const Question& questio
 struct Answer {
   // Nothing that could be understood as an answer to this question.
   bool broken = false;
-  // The provider has nothing to do with the variable.
-  bool abstained = false;
   // The provider's verdict: it refuses.
   bool refused = false;
   std::vector<std::string> messages;

@@ -24,7 +24,7 @@ class AuditTrailTest : public testing::Test {
  protected:
   // One record, without its line break and its time.
   std::string recorded(StoreChange change, const ChangeOutcome& outcome, const Variable* variable) {
-    trail_.changeEnds({by_, std::move(change)}, variable, outcome);
+    trail_.changeEnds(by_, std::move(change), variable, outcome);
     return lastWithoutTime();
   }
   std::string recorded(const std::string& key, decltype(StoreChange::what) what,
@@ -143,7 +143,7 @@ class AuditRepairTest : public AuditTrailTest {
   // The record of a change as the store keeps it.
   std::string record(const std::string& value) {
     const ConfigVar key = keyOf("net.mtu");
-    return trail_.changeCommits({by_, {key, StoreChange::SetValue{{value}}}}, *model_.find(key));
+    return trail_.changeCommits(by_, {key, StoreChange::SetValue{{value}}}, *model_.find(key));
   }
   std::vector<std::string> lines() const {
     std::ifstream file(directory_.file("audit"));

@@ -1,31 +1,15 @@
 // Whose changes may be under way, how many of them, and that nobody takes what others need.
 #include "configsrv/changes/internal/change_shares.h"
 
-#include "tests/configsrv/changes/changes_fixture.h"
+#include "tests/configsrv/changes/shares_fixture.h"
 
 namespace ConfigSrv {
 namespace {
 
-using PbUtility::Owner;
 using testing::HasSubstr;
 
-constexpr Owner kRoot{0, 10};
-constexpr Owner kUser{1000, 20};
-constexpr Owner kOtherUser{1001, 30};
-
-class ChangeSharesTest : public ChangesFixture {
+class ChangeSharesTest : public SharesFixture {
  protected:
-  void limit(const ChangesOptions& options) {
-    changes_ = std::make_unique<Changes>(model_, subscriptions_, announcer_, host_, log_, options);
-  }
-  static Requester by(Owner owner) {
-    Requester requester = writer();
-    requester.owner = owner;
-    return requester;
-  }
-  Changed writeBy(Owner owner, const std::string& key, const std::string& value) {
-    return submit(by(owner), setTo(key, {value}));
-  }
   static std::size_t bytesOf(const std::string& key, std::list<std::string> value) {
     return ChangeShares::bytesOf({writer(), setTo(key, std::move(value))});
   }
@@ -35,26 +19,26 @@ TEST_F(ChangeSharesTest, AUsersChangesPastItsShareAreRefusedWithLimitAndOwnerAnd
   ChangesOptions options;
   options.underWay = {4, 3, 1, 3};
   limit(options);
-  EXPECT_FALSE(writeBy(kUser, "net.mtu", "1400")->ended());
-  const Changed refused = writeBy(kUser, "net.name", "x");
+  EXPECT_FALSE(beginToWrite(kUser, "net.mtu", "1400")->ended());
+  const Changed refused = beginToWrite(kUser, "net.name", "x");
   EXPECT_EQ(refused->error(), eErrLimit);
   EXPECT_THAT(refused->text(), HasSubstr("net.name: no more than 1 changes under way for one user, "
                                          "and user 1000 has its share: try again"));
-  EXPECT_FALSE(writeBy(kOtherUser, "net.name", "y")->ended());
-  EXPECT_FALSE(writeBy(kRoot, "net.mode", "manual")->ended());
+  EXPECT_FALSE(beginToWrite(kOtherUser, "net.name", "y")->ended());
+  EXPECT_FALSE(beginToWrite(kRoot, "net.mode", "manual")->ended());
 }
 
 TEST_F(ChangeSharesTest, WhatEndedMakesRoomHoweverItEnded) {
   ChangesOptions options;
   options.underWay.perUser = 1;
   limit(options);
-  writeBy(kUser, "net.mtu", "1400");
+  beginToWrite(kUser, "net.mtu", "1400");
   host_.finishCommit();
-  writeBy(kUser, "net.mtu", "1300");
+  beginToWrite(kUser, "net.mtu", "1300");
   host_.failCommit();
-  EXPECT_EQ(writeBy(kUser, "net.mtu", "none")->error(), eErrInvalidValue);
-  EXPECT_FALSE(writeBy(kUser, "net.mtu", "1200")->ended());
-  EXPECT_EQ(writeBy(kUser, "net.name", "x")->error(), eErrLimit);
+  EXPECT_EQ(beginToWrite(kUser, "net.mtu", "none")->error(), eErrInvalidValue);
+  EXPECT_FALSE(beginToWrite(kUser, "net.mtu", "1200")->ended());
+  EXPECT_EQ(beginToWrite(kUser, "net.name", "x")->error(), eErrLimit);
 }
 
 TEST_F(ChangeSharesTest, ValidationsCountToo) {
@@ -64,9 +48,9 @@ TEST_F(ChangeSharesTest, ValidationsCountToo) {
   provide(kProvider, "net");
   EXPECT_FALSE(validate(by(kUser), "net.mtu", {"1400"})->ended());
   EXPECT_EQ(validate(by(kUser), "net.mtu", {"1300"})->error(), eErrLimit);
-  EXPECT_EQ(writeBy(kUser, "net.name", "x")->error(), eErrLimit);
+  EXPECT_EQ(beginToWrite(kUser, "net.name", "x")->error(), eErrLimit);
   agree();
-  EXPECT_FALSE(writeBy(kUser, "net.name", "x")->ended());
+  EXPECT_FALSE(beginToWrite(kUser, "net.name", "x")->ended());
 }
 
 TEST_F(ChangeSharesTest, BytesAreSharedOutAsWell) {
@@ -74,11 +58,11 @@ TEST_F(ChangeSharesTest, BytesAreSharedOutAsWell) {
   ChangesOptions options;
   options.bytesUnderWay = {4 * one, 2 * one, one, 4 * one};
   limit(options);
-  EXPECT_THAT(writeBy(kUser, "net.name", "12345678901")->text(),
+  EXPECT_THAT(beginToWrite(kUser, "net.name", "12345678901")->text(),
               HasSubstr("bytes of changes under way for one user, and user 1000"));
-  EXPECT_FALSE(writeBy(kUser, "net.name", "1234567890")->ended());
-  EXPECT_EQ(writeBy(kUser, "net.mtu", "1400")->error(), eErrLimit);
-  EXPECT_FALSE(writeBy(kRoot, "net.mtu", "1400")->ended());
+  EXPECT_FALSE(beginToWrite(kUser, "net.name", "1234567890")->ended());
+  EXPECT_EQ(beginToWrite(kUser, "net.mtu", "1400")->error(), eErrLimit);
+  EXPECT_FALSE(beginToWrite(kRoot, "net.mtu", "1400")->ended());
 }
 
 // A value of many empty strings has no bytes and takes memory all the same.
@@ -98,18 +82,18 @@ TEST_F(ChangeSharesTest, OneUserCannotFillTheQueueOfAVariable) {
   ChangesOptions options;
   options.waitingPerVariable = {4, 3, 2, 3};
   limit(options);
-  writeBy(kRoot, "net.mtu", "1400");
-  EXPECT_FALSE(writeBy(kUser, "net.mtu", "1401")->ended());
-  EXPECT_FALSE(writeBy(kUser, "net.mtu", "1402")->ended());
-  const Changed refused = writeBy(kUser, "net.mtu", "1403");
+  beginToWrite(kRoot, "net.mtu", "1400");
+  EXPECT_FALSE(beginToWrite(kUser, "net.mtu", "1401")->ended());
+  EXPECT_FALSE(beginToWrite(kUser, "net.mtu", "1402")->ended());
+  const Changed refused = beginToWrite(kUser, "net.mtu", "1403");
   EXPECT_EQ(refused->error(), eErrLimit);
   EXPECT_THAT(refused->text(),
               HasSubstr("no more than 2 changes that wait for their turn at one variable for one "
                         "user, and user 1000 has its share: write less often"));
-  EXPECT_FALSE(writeBy(kOtherUser, "net.mtu", "1404")->ended());
-  EXPECT_THAT(writeBy(kOtherUser, "net.mtu", "1405")->text(), HasSubstr("all users together"));
-  EXPECT_FALSE(writeBy(kRoot, "net.mtu", "1406")->ended());
-  EXPECT_THAT(writeBy(kRoot, "net.mtu", "1407")->text(), HasSubstr("in all"));
+  EXPECT_FALSE(beginToWrite(kOtherUser, "net.mtu", "1404")->ended());
+  EXPECT_THAT(beginToWrite(kOtherUser, "net.mtu", "1405")->text(), HasSubstr("all users together"));
+  EXPECT_FALSE(beginToWrite(kRoot, "net.mtu", "1406")->ended());
+  EXPECT_THAT(beginToWrite(kRoot, "net.mtu", "1407")->text(), HasSubstr("in all"));
 }
 
 }  // namespace

@@ -69,10 +69,8 @@ class ScriptedHost : public Host {
   }
   void cancel(std::uint64_t timer) override { timers.erase(timer); }
 
-  bool commit(uid_t, StoreTransaction transaction, CommitDone done) override {
-    if (closed) return false;
+  void commit(uid_t, StoreTransaction transaction, CommitDone done) override {
     commits.emplace_back(std::move(transaction), std::move(done));
-    return true;
   }
 
   // The oldest commit under way succeeds or fails.
@@ -97,7 +95,6 @@ class ScriptedHost : public Host {
   std::set<PbUtility::PeerId> strangers;
   // Names of variables whose provider is on its way.
   std::set<std::string> expected;
-  bool closed = false;
   std::chrono::steady_clock::time_point clock{};
   std::vector<Asked> questions;
   std::vector<std::string> notices;
