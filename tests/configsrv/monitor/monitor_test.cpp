@@ -23,6 +23,8 @@ using TestSupport::keyOf;
 constexpr PbUtility::PeerId kWatcher = 1;
 constexpr PbUtility::PeerId kOther = 2;
 constexpr PbUtility::Owner kRoot{0, 10};
+// The number of no message.
+constexpr std::uint32_t kNoMessage = PlatformSchema::kStoreRestoreRsp + 1;
 
 std::vector<VariableDefinition> someVariables() {
   return {DefinitionBuilder("net.mtu"),
@@ -146,9 +148,9 @@ TEST_F(MonitorTest, WatchingItselfIsNeverTold) {
 TEST_F(MonitorTest, ABrokenRequestAndAnUnknownMessageAreNotTold) {
   ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   const PbUtility::RequestId id{5, 1, false};
-  monitor_.requestCame({id, client_, 0x1A0140, false, 0, "\xff"});
+  monitor_.requestCame({id, client_, PlatformSchema::kWriteReq, false, 0, "\xff"});
   monitor_.requestRefused(id, 9, "no");
-  monitor_.requestCame({id, client_, 0x1A0999, false, 0, ""});
+  monitor_.requestCame({id, client_, kNoMessage, false, 0, ""});
   monitor_.requestRefused(id, 9, "no");
   EXPECT_THAT(told_, IsEmpty());
 }
@@ -161,7 +163,7 @@ TEST_F(MonitorTest, AProviderThatGoesWithoutAnAnswerIsToldAsUnavailable) {
   monitor_.questionLeaves(client_, 1, question);
   monitor_.questionDone(client_.id, 1, true);
   monitor_.questionLeaves(client_, 2, question);
-  monitor_.answerCame(client_.id, 2, 0x1A0101, ConfigIF::OnChangeRsp().SerializeAsString());
+  monitor_.answerCame(client_.id, 2, PlatformSchema::kOnChangeRsp, ConfigIF::OnChangeRsp().SerializeAsString());
   monitor_.questionDone(client_.id, 2, false);
   ASSERT_EQ(told_.size(), 4U);
   EXPECT_THAT(told_[0].second.values(), ElementsAre("9"));
