@@ -1,3 +1,6 @@
+// What configsrvd has from the system stands here in maps and queues that the input moves on: timers,
+// commits, what was kept. checkState() starts a second model from what was kept and holds it against
+// the one that was used.
 #include "fuzz/service_harness.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 // The same objects, tied together in the same way as in configsrv/service/service.cpp; only the host
 // differs: a commit ends when it is told to, well or not, and a deadline passes when it is told to.
 // What a commit kept stands in memory, so that the end of a run can start from it anew; a run begins
-// with some that the definitions do not allow. The store is
-// there for its counters alone, and no provider is remembered from before.
+// with some that the definitions do not allow. The store is there for its counters alone, and no
+// provider is remembered from before.
 #pragma once
 
 #include <unistd.h>

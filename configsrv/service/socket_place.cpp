@@ -1,3 +1,5 @@
+// The runtime directory and the endpoint's name make the socket's path; everything that the service
+// keeps for the time of its run stands beside it, under the same name with another ending.
 #include "configsrv/service/internal/socket_place.h"
 
 #include <sys/resource.h>

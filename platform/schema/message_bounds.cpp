@@ -1,3 +1,5 @@
+// A payload is walked through by the shape of its message (unfolding.h), and parsed only when what it
+// would become is within the limits. Short payloads cannot become much, and are parsed at once.
 #include "platform/schema/message_bounds.h"
 
 #include <google/protobuf/message_lite.h>

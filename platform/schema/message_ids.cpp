@@ -1,3 +1,6 @@
+// One table has the number, the name and the type of each message. A message's number is found by its
+// type in a map that is made of the table when it is first needed; names are only for logs, and are
+// looked for one after the other.
 #include "platform/schema/message_ids.h"
 
 #include <atomic>

@@ -1,3 +1,6 @@
+// A key is bytes of messages: first the client's name, as the request that withdraws all of a client's
+// registrations would say it, then what tells one registration of that client from another. So all keys
+// of a client begin alike, and are found together.
 #include "platform/schema/registration_key.h"
 
 #include "platform/schema/config_if.pb.h"
