@@ -107,13 +107,14 @@ ServiceHarness::ServiceHarness(int listenFd)
       model_(definitions()),
       announcer_(model_, subscriptions_, *this),
       changes_(model_, subscriptions_, announcer_, *this, log_, {}, &audit_),
-      server_(serverOptions(listenFd), *this),
+      tap_(monitor_, *this, server_),
+      server_(serverOptions(listenFd), tap_),
       monitor_(model_,
                [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
                  server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
                }),
       requests_({options_, log_, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                 server_, providers_, &audit_, *surroundings().store,
+                 tap_, server_, providers_, &audit_, *surroundings().store,
                  // A copy of the store is the disk's business, and takes too long for it here.
                  [this](const CommitQueue::Work&, std::function<void()> done) {
                    server_.post(std::move(done));
@@ -128,12 +129,10 @@ ServiceHarness::~ServiceHarness() = default;
 
 void ServiceHarness::onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
                               std::string_view payload) {
-  if (monitor_.isActive()) monitor_.answerCame(peer, question, messageId, payload);
   changes_.onAnswer(peer, question, messageId, payload);
 }
 
 void ServiceHarness::onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) {
-  if (monitor_.isActive()) monitor_.questionDone(peer, question, peerGone);
   changes_.onQuestionDone(peer, question, peerGone);
 }
 
@@ -144,23 +143,16 @@ std::string ServiceHarness::onGreeting(const PbUtility::Peer& peer) {
 
 void ServiceHarness::onPeerCame(const PbUtility::Peer& peer) {
   names_.came(peer.name, peer.uid, peer.gid);
-  if (monitor_.isActive()) monitor_.peerCame(peer);
 }
 
 void ServiceHarness::onPeerGone(const PbUtility::Peer& peer) {
   names_.went(peer.name, peer.uid);
   providers_.gone(peer.id);
   subscriptions_.forget(peer.id);
-  monitor_.remove(peer.id);
-  if (monitor_.isActive()) monitor_.peerWent(peer);
 }
 
 std::uint32_t ServiceHarness::ask(PeerId peer, const google::protobuf::MessageLite& question) {
-  const std::uint32_t number = server_.ask(peer, question, model_.revision());
-  if (number != 0 && monitor_.isActive()) {
-    monitor_.questionLeaves(*server_.peer(peer), number, question);
-  }
-  return number;
+  return tap_.ask(peer, question, model_.revision());
 }
 
 std::uint64_t ServiceHarness::revisionThat(PeerId peer, Knows knows) const {
@@ -171,9 +163,7 @@ std::uint64_t ServiceHarness::revisionThat(PeerId peer, Knows knows) const {
 
 void ServiceHarness::notify(PeerId peer, const google::protobuf::MessageLite& notice,
                             const std::string& coalescingKey, Knows knows) {
-  const PbUtility::Peer* to = server_.peer(peer);
-  if (monitor_.isActive() && to != nullptr) monitor_.noticeLeaves(*to, notice);
-  server_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
+  tap_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
 }
 
 bool ServiceHarness::mayProvide(PeerId id, const Variable& variable) const {

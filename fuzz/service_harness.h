@@ -23,6 +23,7 @@
 #include "configsrv/log/log.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
+#include "configsrv/monitor/monitor_tap.h"
 #include "configsrv/providers/provider_memory.h"
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/service/service.h"
@@ -97,6 +98,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   ConfigSrv::Subscriptions subscriptions_;
   ConfigSrv::Announcer announcer_;
   ConfigSrv::Changes changes_;
+  ConfigSrv::MonitorTap tap_;
   PbUtility::Server server_;
   ConfigSrv::Monitor monitor_;
   ConfigSrv::Requests requests_;

@@ -1,3 +1,5 @@
+// One function for each sort of options, so that --help shows them in this order. The library checks
+// types and ranges; what depends on several options, or on the environment, is checked in missing().
 #include "configsrv/configsrvd/command_line.h"
 
 #include <CLI/CLI.hpp>
@@ -35,7 +37,7 @@ void addServiceOptions(CLI::App& app, CommandLine& line) {
       ->type_name("PREFIX");
 }
 
-// In milliseconds, and small enough to be added to a time.
+// In milliseconds; the ranges below keep them small enough to be added to any time.
 struct Times {
   long long deadline;
   long long grace;
@@ -53,8 +55,8 @@ void addTimes(CLI::App& app, Times& times) {
       ->check(CLI::Range(0LL, 3'600'000LL));
 }
 
-// What wears out flash memory is an amount in a time; the store's part of it is for the integrator to
-// say, who knows the memory.
+// Flash memory wears out by what is written in a time. How much of that one user may cause is for the
+// integrator to say, who knows the memory.
 void addHourly(CLI::App& app, CommandLine& line) {
   constexpr std::uint64_t kMost = std::uint64_t{1} << 40;
   app.add_option("--commits-per-hour", line.service.commitsPerHour,

@@ -79,9 +79,9 @@ int reportFailedStart(const StartedService& started, const Log& log) {
 // is free beside them at once, rather than kept for the next of their size: they would be all that
 // keeps the heap in which the definitions were read from being given back.
 //
-// A value of a megabyte, though, is copied some times on its way, and memory that is new to the process
-// costs the kernel more than the copy does. So that much is kept for the next one, until the service
-// looks at what is free (giveBackFreeMemory).
+// A value of a megabyte, though, is copied several times on its way, and memory that is new to the
+// process costs the kernel more than the copy does. So enough for a few such copies is kept, until the
+// service looks at what is free (giveBackFreeMemory).
 void keepLittleFreeMemory() {
 #ifdef __GLIBC__
   mallopt(M_MXFAST, 0);
@@ -109,7 +109,7 @@ void raiseDescriptorLimit(const Log& log) {
 }
 
 // Serves until a signal ends it, or until it is to be started anew. A signal that comes while it ends
-// for the latter counts.
+// to be started anew ends it for good.
 Service::End serve(Service& service, StopSignals& signals, const Log& log, bool isFirst) {
   std::atomic<bool> signalled{false};
   signals.waitInBackground([&] {
@@ -154,9 +154,9 @@ int main(int argc, char** argv) {
   CommandLine& line = *parsed.commandLine;
   if (!line.checkDir.empty()) return check(line.checkDir);
 
-  // A reader of our output that went away must not end the service; and whoever may connect is
-  // decided by roles, so directories are made for everybody to enter.
-  // A limit on the size of files is a full disk, and no reason to end either.
+  // Neither a reader of our output that went away nor a limit on the size of files ends the service:
+  // the write fails, as on a full disk. Directories are made for everybody to enter, for who may do what
+  // is decided by roles.
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);
   umask(S_IWGRP | S_IWOTH);

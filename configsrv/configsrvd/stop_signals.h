@@ -20,7 +20,7 @@ class StopSignals {
 
   // Calls onStop, from a thread of its own, for the first of the signals.
   void waitInBackground(std::function<void()> onStop);
-  // Afterwards onStop is not running and never will: what it uses may go.
+  // Afterwards onStop is not running and will not be called: what it uses may be destroyed.
   void stopWaiting();
 
  private:

@@ -1,3 +1,7 @@
+// What happens is put into one form, Happened, whatever its kind: an event, the peer, and the facts of
+// the message (facts.h). tell() then makes a notice of it for each watcher whom it concerns, with as
+// much of the facts as that watcher may see. A response knows its variables only by way of its request,
+// which OpenMessages remembers until then.
 #include "configsrv/monitor/monitor.h"
 
 #include <algorithm>
@@ -85,7 +89,7 @@ std::string Monitor::add(PeerId peer, PbUtility::Owner owner, SecurityRole role,
   return {};
 }
 
-// What is open is only known for the sake of watchers: the next one starts afresh.
+// Open messages are only remembered for watchers: whoever watches next is told of later requests alone.
 void Monitor::remove(PeerId peer) {
   const auto found = watchers_.find(peer);
   if (found != watchers_.end()) {
@@ -168,8 +172,8 @@ void Monitor::tell(const Happened& happened) {
 
 // --- What happens ---
 
-// Messages about watching have no facts, and so go untold. What is no message at all is answered by
-// a refusal, which is told as the answer to nothing that is known here.
+// Messages about watching have no facts, and so are not told. Neither is a payload that is no message,
+// nor the refusal that answers it: it is not among the open messages.
 void Monitor::requestCame(const PbUtility::IncomingRequest& request) {
   std::optional<Facts> facts = factsOf(request.messageId, request.payload);
   if (!facts) return;

@@ -1,17 +1,16 @@
 // Monitor: tells those who watch the service what passes through it: who asks what and how it ends,
 // who is told what, who is asked what and answers what, who comes and goes.
 //
-// The service calls the operations below at each of these points, but only while isActive(): as
-// long as nobody watches, a message costs one branch.
+// MonitorTap (monitor_tap.h) calls the operations below at each of these points, while isActive().
 //
-// Masking  a watcher sees names and outcomes of everything; values, options and texts only of
-//          variables that its role may read at that moment and that are not secret. Values that
-//          somebody sends for a variable that does not exist are masked for everybody: they may
-//          have been meant for a secret one.
-// No loop  what watchers are told, and their asking for it, is never reported to any watcher.
-// Limits   MonitorLimits: watchers, and what is remembered of requests and questions until they are
-//          answered. What passes the second is reported when it comes, and its answer is not.
-// Threads  one. Owns nothing: the model outlives it.
+// Masking:  a watcher sees names and outcomes of everything; values, options and texts only of
+//           variables that its role may read at that moment and that are not secret. Values that
+//           somebody sends for a variable that does not exist are masked for everybody: they may
+//           have been meant for a secret one.
+// No loop:  what watchers are told, and their asking for it, is never reported to any watcher.
+// Limits:   MonitorLimits: watchers, and what is remembered of requests and questions until they are
+//           answered. A request or question beyond that is reported when it comes; its answer is not.
+// Threads:  one. Owns nothing: the model outlives it.
 #pragma once
 
 #include <cstdint>

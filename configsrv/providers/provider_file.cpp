@@ -1,3 +1,7 @@
+// Lines are read whole or not at all: the end of a process may have cut the last one short, and what
+// is no line of ours is left out. Lines are appended until there are twice as many as are needed; then
+// the file is written anew beside the old one and takes its name. A line that could only be written in
+// part would spoil the next one, so that, too, has the file written anew.
 #include "configsrv/providers/internal/provider_file.h"
 
 #include <fcntl.h>
@@ -13,7 +17,7 @@ namespace ConfigSrv {
 namespace {
 
 constexpr const char* kFirstLine = "appconfig providers 1";
-// A file larger than this is none of ours: kMaxRemembered lines of the longest texts are not.
+// No more of a file is read: kMaxRemembered lines with the longest texts take less.
 constexpr std::size_t kMaxBytes = std::size_t{64} << 20;
 // Lines that may be appended, beside as many as there are, before the file is written anew.
 constexpr std::size_t kSpareLines = 256;
@@ -63,7 +67,7 @@ std::string lineOf(PbUtility::PeerId peer, const KnownProvider& provider) {
 
 bool isRole(int role) { return role >= AppConfig::eRolePublic && role <= AppConfig::eRoleFactory; }
 
-// Nothing of a line that the end of a process cut short.
+// Nothing when the line was cut short, or is none of ours.
 std::optional<KnownProvider> readProvider(std::istringstream& line) {
   KnownProvider provider;
   int role = 0;

@@ -81,11 +81,11 @@ bool ProviderMemory::take(const KnownProvider& provider) {
   return true;
 }
 
-// What was expected stands in the file until here.
+// Those who were expected stay in the file until nobody is expected any longer.
 void ProviderMemory::endExpectations() { file_->rewrite(); }
 
-// Into the file before it is taken from those who are expected: in between it stands there twice,
-// never not at all.
+// It is added to those who are present before it is taken from those who are expected: should the
+// service end in between, it stands in the file twice, which does no harm, rather than not at all.
 bool ProviderMemory::registered(const Peer& peer, const Registration& registration) {
   const KnownProvider provider = knownOf(peer, registration);
   if (count_ < kMaxRemembered) {

@@ -6,9 +6,9 @@
 // lives. It is expected until it is made again, until its process has ended, or until the service
 // gives up waiting.
 //
-// Errors   a file that cannot be read or written is said in the log; nobody is expected then.
-// Limits   kMaxRemembered registrations; those past it are not expected after a restart.
-// Threads  one.
+// Errors:   a file that cannot be read or written is reported in the log; nobody is expected then.
+// Limits:   kMaxRemembered registrations; those beyond are not expected after a restart.
+// Threads:  one.
 //
 //   ProviderMemory memory("/run/appconfig/ConfigSrvc.providers", log);
 //   memory.open();
@@ -88,7 +88,7 @@ class ProviderMemory {
 
   // Those whose processes have ended are expected no longer. True when there were any.
   bool forgetDead();
-  // Nobody is expected any longer; who was, is said in the log.
+  // Nobody is expected any longer; the log names those who were.
   void giveUp();
 
  private:

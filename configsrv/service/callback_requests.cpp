@@ -1,9 +1,14 @@
-// Requests about callbacks, and submits.
+// A registration goes through up to three steps, each in slices where it covers many variables: may
+// it provide any of them (findProvided); taken and answered (takeRegistration); told what it has missed
+// (catchUp). What it needs meanwhile is one object, Registering, that the steps hand on.
+#include "configsrv/service/internal/callback_requests.h"
+
 #include <algorithm>
 
 #include "appconfig/core/key_notation.h"
-#include "configsrv/service/internal/requests.h"
+#include "configsrv/service/internal/results.h"
 #include "platform/messaging/frame.h"
+#include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
 namespace {
@@ -17,7 +22,24 @@ bool hasUnknownType(const Request& request) {
 
 }  // namespace
 
-struct Requests::Registering {
+bool CallbackRequests::handle(const Incoming& incoming) {
+  switch (incoming.messageId) {
+    case PlatformSchema::kRegisterClientCallbackReq:
+      return frame_
+          .answerLater<ConfigIF::RegisterClientCallbackRsp, &CallbackRequests::registerCallback>(
+              *this, incoming);
+    case PlatformSchema::kUnregisterClientCallbackReq:
+      return frame_.answerNow<&CallbackRequests::unregisterCallback>(*this, incoming);
+    case PlatformSchema::kUnregisterAllClientCallbacksReq:
+      return unregisterAll(incoming);
+    case PlatformSchema::kSubmitReq:
+      return frame_.answerNow<&CallbackRequests::submit>(*this, incoming);
+    default:
+      return false;
+  }
+}
+
+struct CallbackRequests::Registering {
   Registering(Subscriptions& where, Call from, Registration wanted, CoveredVariables variables)
       : subscriptions(where),
         call(std::move(from)),
@@ -66,8 +88,8 @@ struct Requests::Registering {
 //
 // A variable that changes between two slices was told of then, or is told with its newest state by
 // a slice that comes later.
-void Requests::registerCallback(const Call& call,
-                                const ConfigIF::RegisterClientCallbackReq& request) {
+void CallbackRequests::registerCallback(const Call& call,
+                                        const ConfigIF::RegisterClientCallbackReq& request) {
   const auto registering = std::make_shared<Registering>(
       with_.subscriptions, call,
       Registration{request.name(), request.type(), request.endpoint_name(), request.client_name(),
@@ -83,33 +105,33 @@ void Requests::registerCallback(const Call& call,
     registering->reserved = registering->bytes();
   }
   if (!registering->provides) return takeRegistration(registering);
-  runInSlices(registering, &Requests::findProvided);
+  runInSlices(registering, &CallbackRequests::findProvided);
 }
 
-void Requests::runInSlices(const RegisteringPtr& registering, Step step) {
+void CallbackRequests::runInSlices(const RegisteringPtr& registering, Step step) {
   if (!(this->*step)(registering)) return;
-  slices_.add(registering->call.by.owner.uid,
-              [this, registering, step] { return (this->*step)(registering); });
+  with_.slices.add(registering->call.by.owner.uid,
+                   [this, registering, step] { return (this->*step)(registering); });
 }
 
-void Requests::refuseRegistration(const Registering& registering, eErrorT error,
-                                  const std::string& text) {
+void CallbackRequests::refuseRegistration(const Registering& registering, eErrorT error,
+                                          const std::string& text) {
   if (error == eErrLimit)
     with_.log.repeatable(
         LogLevel::Warning, "registration",
         "a registration of " + registering.call.by.clientName + " refused: " + text);
   ConfigIF::RegisterClientCallbackRsp response;
   setError(*response.mutable_result(), error, text);
-  respond(registering.call.id, response);
+  frame_.respond(registering.call.id, response);
 }
 
-bool Requests::isProvider(const ConfigIF::RegisterClientCallbackReq& request) const {
+bool CallbackRequests::isProvider(const ConfigIF::RegisterClientCallbackReq& request) const {
   return request.type() == ConfigIF::CALLBACK_ON_CHANGE ||
          request.type() == ConfigIF::CALLBACK_DYNAMIC_VALIDATE;
 }
 
 // A name that nothing has is anybody's: it stands for what definitions may bring later.
-bool Requests::findProvided(const RegisteringPtr& registering) {
+bool CallbackRequests::findProvided(const RegisteringPtr& registering) {
   const Call& call = registering->call;
   const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
   if (peer == nullptr) return false;
@@ -134,7 +156,7 @@ bool Requests::findProvided(const RegisteringPtr& registering) {
 }
 
 // A provider that was one before the restart is not waited for either.
-void Requests::refuseProvider(const Call& call, const Registration& registration) {
+void CallbackRequests::refuseProvider(const Call& call, const Registration& registration) {
   const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
   if (peer == nullptr) return;
   with_.log.warning("client \"" + peer->name + "\" (pid " + std::to_string(peer->pid) + ", uid " +
@@ -143,7 +165,7 @@ void Requests::refuseProvider(const Call& call, const Registration& registration
   if (with_.providers.refused(*peer, registration)) with_.changes.providersCame();
 }
 
-void Requests::takeRegistration(const RegisteringPtr& registering) {
+void CallbackRequests::takeRegistration(const RegisteringPtr& registering) {
   const Call& call = registering->call;
   const Registration& registration = registering->registration;
   const std::string refusal = with_.subscriptions.add(call.by.peer, call.by.owner, registration);
@@ -153,7 +175,7 @@ void Requests::takeRegistration(const RegisteringPtr& registering) {
       registering->provides && peer != nullptr && with_.providers.registered(*peer, registration);
   registering->next = 0;
   const bool knowsAll = call.knownRevision == PbUtility::kRevisionNow;
-  if (call.overDelivery && !knowsAll) return runInSlices(registering, &Requests::catchUp);
+  if (call.overDelivery && !knowsAll) return runInSlices(registering, &CallbackRequests::catchUp);
   registering->answeredAt = with_.model.revision();
   answerRegistration(*registering);
   if (knowsAll) return;
@@ -161,24 +183,24 @@ void Requests::takeRegistration(const RegisteringPtr& registering) {
     registering->owed = owed_;
     owed_->begin(call.by.peer, registering->answeredAt);
   }
-  runInSlices(registering, &Requests::catchUp);
+  runInSlices(registering, &CallbackRequests::catchUp);
 }
 
-void Requests::answerRegistration(const Registering& registering) {
+void CallbackRequests::answerRegistration(const Registering& registering) {
   ConfigIF::RegisterClientCallbackRsp response;
   response.mutable_result();
-  respond(registering.call.id, response);
+  frame_.respond(registering.call.id, response);
   if (registering.isBack) with_.changes.providersCame();
 }
 
-void Requests::bringUpToDate(const Call& call, const Registration& registration,
-                             const Variable& variable) {
+void CallbackRequests::bringUpToDate(const Call& call, const Registration& registration,
+                                     const Variable& variable) {
   with_.announcer.bringUpToDate(call.by.peer, registration, variable, call.knownRevision);
   with_.changes.broughtUpToDate(call.by.peer, variable);
 }
 
 // Whoever is gone, or has withdrawn the registration meanwhile, is told no more.
-bool Requests::catchUp(const RegisteringPtr& registering) {
+bool CallbackRequests::catchUp(const RegisteringPtr& registering) {
   const Call& call = registering->call;
   const CoveredVariables& covered = registering->covered;
   const bool answersLast = call.overDelivery;
@@ -187,8 +209,8 @@ bool Requests::catchUp(const RegisteringPtr& registering) {
       isThere ? std::min(registering->next + kVariablesAtOnce, covered.size()) : covered.size();
   for (; isThere && registering->next < end; ++registering->next) {
     if (answersLast && !with_.server.hasRoom(call.id)) {
-      with_.server.whenRoom(call.id,
-                            [this, registering] { runInSlices(registering, &Requests::catchUp); });
+      with_.server.whenRoom(
+          call.id, [this, registering] { runInSlices(registering, &CallbackRequests::catchUp); });
       return false;
     }
     bringUpToDate(call, registering->registration, covered[registering->next]);
@@ -198,9 +220,9 @@ bool Requests::catchUp(const RegisteringPtr& registering) {
   return false;
 }
 
-void Requests::unregisterCallback(const Call& call,
-                                  const ConfigIF::UnregisterClientCallbackReq& request,
-                                  ConfigIF::UnregisterClientCallbackRsp& response) {
+void CallbackRequests::unregisterCallback(const Call& call,
+                                          const ConfigIF::UnregisterClientCallbackReq& request,
+                                          ConfigIF::UnregisterClientCallbackRsp& response) {
   if (hasUnknownType(request))
     return setError(*response.mutable_result(), eErrInvalidRequest, "unknown callback type");
   if (!with_.subscriptions.remove(call.by.peer, request.name(), request.type(),
@@ -210,18 +232,19 @@ void Requests::unregisterCallback(const Call& call,
 }
 
 // Carries no role, so there is none to check; it only ever takes what the peer itself has given.
-void Requests::unregisterAll(const Incoming& incoming) {
+bool CallbackRequests::unregisterAll(const Incoming& incoming) {
   ConfigIF::UnregisterAllClientCallbacksReq request;
   ConfigIF::UnregisterAllClientCallbacksRsp response;
-  if (!parse(incoming, request, response, *response.mutable_result())) return;
+  if (!frame_.parse(incoming, request, response, *response.mutable_result())) return true;
   with_.subscriptions.removeAll(incoming.peer.id, request.client_name());
   with_.providers.withdrawn(incoming.peer.id, with_.subscriptions);
-  respond(incoming.id, response);
+  frame_.respond(incoming.id, response);
+  return true;
 }
 
-void Requests::submit(const Call& call, const ConfigIF::SubmitReq& request,
-                      ConfigIF::SubmitRsp& response) {
-  const Variable* variable = find(request.inst(), *response.mutable_result());
+void CallbackRequests::submit(const Call& call, const ConfigIF::SubmitReq& request,
+                              ConfigIF::SubmitRsp& response) {
+  const Variable* variable = lookup_.find(request.inst(), *response.mutable_result());
   if (variable == nullptr) return;
   if (call.by.role < variable->writeRole())
     return setError(*response.mutable_result(), eErrDenied,

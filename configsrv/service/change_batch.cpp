@@ -1,3 +1,6 @@
+// submitMore() begins changes until as many are under way as may be; each one that ends calls it again.
+// After a number of changes that end at once it stops and goes on in a later turn. The last change to
+// end, when no more are to be begun, calls `done`.
 #include "configsrv/service/internal/change_batch.h"
 
 #include <algorithm>

@@ -1,9 +1,14 @@
-// Requests that change variables, or ask whether they could. Each is answered when it has ended.
+// A request becomes one change of one variable, or a batch of them; what the change comes to becomes
+// the answer, in a function that is handed over with it and lives as long as it takes.
+#include "configsrv/service/internal/change_requests.h"
+
 #include <algorithm>
 
 #include "appconfig/core/key_notation.h"
 #include "configsrv/changes/wire_forms.h"
-#include "configsrv/service/internal/requests.h"
+#include "configsrv/service/internal/results.h"
+#include "configsrv/service/internal/variable_lookup.h"
+#include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
 namespace {
@@ -97,51 +102,81 @@ StoreChange::SetAccess accessOf(const ConfigIF::SetAccessLevelsReq& request) {
 
 }  // namespace
 
-// How the outcome of a change becomes the answer to its request.
+bool ChangeRequests::handle(const Incoming& incoming) {
+  switch (incoming.messageId) {
+    case PlatformSchema::kWriteReq:
+      return change<ConfigIF::WriteRsp, &ChangeRequests::write>(incoming);
+    case PlatformSchema::kValidateReq:
+      return frame_.answerLater<ConfigIF::ValidateRsp, &ChangeRequests::validate>(*this, incoming);
+    case PlatformSchema::kResetValueReq:
+      return change<ConfigIF::ResetValueRsp, &ChangeRequests::resetValue>(incoming);
+    case PlatformSchema::kResetNodeValueReq:
+      return change<ConfigIF::ResetNodeValueRsp, &ChangeRequests::resetNodeValue>(incoming);
+    case PlatformSchema::kResetAttributeReq:
+      return change<ConfigIF::ResetAttributeRsp, &ChangeRequests::resetAttribute>(incoming);
+    case PlatformSchema::kSetAttributeOptionsReq:
+      return change<ConfigIF::SetAttributeOptionsRsp, &ChangeRequests::setOptions>(incoming);
+    case PlatformSchema::kSetAccessLevelsReq:
+      return change<ConfigIF::SetAccessLevelsRsp, &ChangeRequests::setAccessLevels>(incoming);
+    default:
+      return false;
+  }
+}
+
+template <typename Response, auto begin>
+bool ChangeRequests::change(const Incoming& incoming) {
+  return frame_.answerLater<Response, begin>(
+      *this, incoming,
+      [this](const Call& call, const auto& request, const ConfigIF::ReturnMessage& result) {
+        if (audit_ != nullptr)
+          recordDenied(call, request, {eErrDenied, false, {result.messages(0)}, 0});
+      });
+}
+
 template <typename Response>
-ChangeDone Requests::answering(const Call& call) {
+ChangeDone ChangeRequests::answering(const Call& call) {
   return [this, id = call.id](const ChangeOutcome& outcome) {
     Response response;
     setOutcome(*response.mutable_result(), outcome);
-    if (outcome.error == eErrNone) setStamp({with_.model.epoch(), outcome.changedAt}, response);
-    respond(id, response);
+    if (outcome.error == eErrNone) setStamp({model_.epoch(), outcome.changedAt}, response);
+    frame_.respond(id, response);
   };
 }
 
 template <typename Response>
-ChangeBatch::Done Requests::answeringAll(const Call& call) {
+ChangeBatch::Done ChangeRequests::answeringAll(const Call& call) {
   return [this, id = call.id](const ChangeBatch::Result& result) {
     Response response;
     setOutcome(*response.mutable_result(), outcomeOf(result));
     response.set_changed(result.changed);
-    respond(id, response);
+    frame_.respond(id, response);
   };
 }
 
 // Nobody else hears of a failed write that its writer does not wait for.
-ChangeDone Requests::logging(const Call& call, const ConfigVar& key, ChangeDone answer) {
+ChangeDone ChangeRequests::logging(const Call& call, const ConfigVar& key, ChangeDone answer) {
   if (!call.id.oneWay) return answer;
   return [this, line = formatKey(key) + ": a one-way write by " + call.by.clientName,
           answer = std::move(answer)](const ChangeOutcome& outcome) {
     if (outcome.error != eErrNone)
-      with_.log.repeatable(LogLevel::Info, "one-way",
-                           line + " failed with error " + std::to_string(outcome.error));
+      log_.repeatable(LogLevel::Info, "one-way",
+                      line + " failed with error " + std::to_string(outcome.error));
     answer(outcome);
   };
 }
 
-void Requests::submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what,
-                         ChangeDone answer) {
+void ChangeRequests::submitOne(const Call& call, const ConfigIF::Inst& inst, Wanted what,
+                               ChangeDone answer) {
   std::optional<ConfigVar> key = readInst(inst);
   if (!key) return answer(noVariable());
   ChangeDone done = logging(call, *key, std::move(answer));
-  with_.changes.submit({call.by, {std::move(*key), std::move(what)}}, std::move(done));
+  changes_.submit({call.by, {std::move(*key), std::move(what)}}, std::move(done));
 }
 
 // What was never changed and is not this caller's to change needs no error.
-void Requests::submitBelow(const Call& call, const std::string& name, const Wanted& what,
-                           const ChangeBatch::Done& answer) {
-  const CoveredVariables covered = with_.model.below(lowerCase(name));
+void ChangeRequests::submitBelow(const Call& call, const std::string& name, const Wanted& what,
+                                 const ChangeBatch::Done& answer) {
+  const CoveredVariables covered = model_.below(lowerCase(name));
   const auto nth = [covered, what, role = call.by.role](std::size_t n) {
     const Variable& variable = covered[n];
     const bool isTheirs = role >= variable.writeRole() && !variable.shape().readOnly;
@@ -149,99 +184,99 @@ void Requests::submitBelow(const Call& call, const std::string& name, const Want
     return std::optional<StoreChange>({variable.key(), what});
   };
   if (covered.size() > 0 || name.empty())
-    return ChangeBatch::run(with_.changes, slices_, call.by, {covered.size(), nth, 0, false},
-                            answer);
+    return ChangeBatch::run(changes_, slices_, call.by, {covered.size(), nth, 0, false}, answer);
   ChangeBatch::Result nothing;
   nothing.error = eErrNotFound;
   nothing.messages = {name + ": no variable is named so, and none lies below it"};
   answer(nothing);
 }
 
-void Requests::write(const Call& call, const ConfigIF::WriteReq& request) {
+void ChangeRequests::write(const Call& call, const ConfigIF::WriteReq& request) {
   submitOne(call, request.value().inst(), StoreChange::SetValue{listOf(request.value().values())},
             answering<ConfigIF::WriteRsp>(call));
 }
 
-void Requests::validate(const Call& call, const ConfigIF::ValidateReq& request) {
+void ChangeRequests::validate(const Call& call, const ConfigIF::ValidateReq& request) {
   ChangeDone answer = answering<ConfigIF::ValidateRsp>(call);
   std::optional<ConfigVar> key = readInst(request.value().inst());
   if (!key) return answer(noVariable());
   StoreChange::SetValue what{listOf(request.value().values())};
-  with_.changes.validate({call.by, {std::move(*key), std::move(what)}}, std::move(answer));
+  changes_.validate({call.by, {std::move(*key), std::move(what)}}, std::move(answer));
 }
 
-void Requests::resetValue(const Call& call, const ConfigIF::ResetValueReq& request) {
+void ChangeRequests::resetValue(const Call& call, const ConfigIF::ResetValueReq& request) {
   submitOne(call, request.inst(), StoreChange::ResetValue{},
             answering<ConfigIF::ResetValueRsp>(call));
 }
 
-void Requests::resetNodeValue(const Call& call, const ConfigIF::ResetNodeValueReq& request) {
+void ChangeRequests::resetNodeValue(const Call& call, const ConfigIF::ResetNodeValueReq& request) {
   submitBelow(call, request.name(), StoreChange::ResetValue{},
               answeringAll<ConfigIF::ResetNodeValueRsp>(call));
 }
 
-void Requests::setOptions(const Call& call, const ConfigIF::SetAttributeOptionsReq& request) {
+void ChangeRequests::setOptions(const Call& call, const ConfigIF::SetAttributeOptionsReq& request) {
   submitOne(call, request.inst(), optionsOf(request),
             answering<ConfigIF::SetAttributeOptionsRsp>(call));
 }
 
-void Requests::resetAttribute(const Call& call, const ConfigIF::ResetAttributeReq& request) {
+void ChangeRequests::resetAttribute(const Call& call, const ConfigIF::ResetAttributeReq& request) {
   submitBelow(call, request.name(), StoreChange::ResetAttributes{},
               answeringAll<ConfigIF::ResetAttributeRsp>(call));
 }
 
-void Requests::setAccessLevels(const Call& call, const ConfigIF::SetAccessLevelsReq& request) {
+void ChangeRequests::setAccessLevels(const Call& call,
+                                     const ConfigIF::SetAccessLevelsReq& request) {
   const StoreChange::SetAccess access = accessOf(request);
   const auto named = std::make_shared<const NamedVariables>(namedBy(request.inst()));
   const auto nth = [named, access](std::size_t n) {
     return std::optional<StoreChange>({named->keys[n], access});
   };
   const std::size_t bytes = bytesOf(*named);
-  ChangeBatch::run(with_.changes, slices_, call.by, {named->keys.size(), nth, bytes, true},
+  ChangeBatch::run(changes_, slices_, call.by, {named->keys.size(), nth, bytes, true},
                    [this, id = call.id, named](const ChangeBatch::Result& result) {
-                     respond(id, accessAnswer(*named, result));
+                     frame_.respond(id, accessAnswer(*named, result));
                    });
 }
 
 // --- What was denied before it became a change ---
 
-void Requests::recordDenied(const Call& call, const ConfigIF::Inst& inst, Wanted what,
-                            const ChangeOutcome& outcome) {
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::Inst& inst, Wanted what,
+                                  const ChangeOutcome& outcome) {
   const std::optional<ConfigVar> key = readInst(inst);
   if (!key) return;
-  with_.audit->changeEnds(call.by, {*key, std::move(what)}, with_.model.find(*key), outcome);
+  audit_->changeEnds(call.by, {*key, std::move(what)}, model_.find(*key), outcome);
 }
 
-void Requests::recordDenied(const Call& call, const ConfigIF::WriteReq& request,
-                            const ChangeOutcome& outcome) {
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::WriteReq& request,
+                                  const ChangeOutcome& outcome) {
   recordDenied(call, request.value().inst(),
                StoreChange::SetValue{listOf(request.value().values())}, outcome);
 }
 
-void Requests::recordDenied(const Call& call, const ConfigIF::ResetValueReq& request,
-                            const ChangeOutcome& outcome) {
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::ResetValueReq& request,
+                                  const ChangeOutcome& outcome) {
   recordDenied(call, request.inst(), StoreChange::ResetValue{}, outcome);
 }
 
-void Requests::recordDenied(const Call& call, const ConfigIF::ResetNodeValueReq& request,
-                            const ChangeOutcome& outcome) {
-  with_.audit->refusedBelow(call.by, "reset", request.name(), outcome);
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::ResetNodeValueReq& request,
+                                  const ChangeOutcome& outcome) {
+  audit_->refusedBelow(call.by, "reset", request.name(), outcome);
 }
 
-void Requests::recordDenied(const Call& call, const ConfigIF::SetAttributeOptionsReq& request,
-                            const ChangeOutcome& outcome) {
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::SetAttributeOptionsReq& request,
+                                  const ChangeOutcome& outcome) {
   recordDenied(call, request.inst(), optionsOf(request), outcome);
 }
 
-void Requests::recordDenied(const Call& call, const ConfigIF::SetAccessLevelsReq& request,
-                            const ChangeOutcome& outcome) {
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::SetAccessLevelsReq& request,
+                                  const ChangeOutcome& outcome) {
   for (const ConfigIF::Inst& inst : request.inst())
     recordDenied(call, inst, accessOf(request), outcome);
 }
 
-void Requests::recordDenied(const Call& call, const ConfigIF::ResetAttributeReq& request,
-                            const ChangeOutcome& outcome) {
-  with_.audit->refusedBelow(call.by, "reset-attributes", request.name(), outcome);
+void ChangeRequests::recordDenied(const Call& call, const ConfigIF::ResetAttributeReq& request,
+                                  const ChangeOutcome& outcome) {
+  audit_->refusedBelow(call.by, "reset-attributes", request.name(), outcome);
 }
 
 }  // namespace ConfigSrv

@@ -1,9 +1,12 @@
-// Requests that read what the service knows of variables.
-#include "appconfig/core/key_notation.h"
+// Each answer is filled from the model as it is now. One about several variables is bounded
+// (AnswerSize): a request may name a variable a thousand times.
+#include "configsrv/service/internal/read_requests.h"
+
 #include "configsrv/changes/wire_forms.h"
 #include "configsrv/definitions/pattern.h"
 #include "configsrv/service/internal/answer_size.h"
-#include "configsrv/service/internal/requests.h"
+#include "configsrv/service/internal/results.h"
+#include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
 namespace {
@@ -48,22 +51,45 @@ void fillValue(Message& message, const Variable& variable) {
 
 }  // namespace
 
-void Requests::read(const Call& call, const ConfigIF::ReadReq& request,
-                    ConfigIF::ReadRsp& response) {
-  ++reads_;
-  const Variable* variable = findReadable(call, request.inst(), *response.mutable_result());
-  if (variable == nullptr) return;
-  fillValue(response, *variable);
-  fillStamp({with_.model.epoch(), variable->valueChangedAt()}, response);
+bool ReadRequests::handle(const Incoming& incoming) {
+  switch (incoming.messageId) {
+    case PlatformSchema::kReadReq:
+      return frame_.answerNow<&ReadRequests::read>(*this, incoming);
+    case PlatformSchema::kBatchReadReq:
+      return frame_.answerNow<&ReadRequests::batchRead>(*this, incoming);
+    case PlatformSchema::kReadAttributesReq:
+      return frame_.answerNow<&ReadRequests::readAttributes>(*this, incoming);
+    case PlatformSchema::kGetAttributeOptionsReq:
+      return frame_.answerNow<&ReadRequests::getOptions>(*this, incoming);
+    case PlatformSchema::kGetDefaultOptionsReq:
+      return frame_.answerNow<&ReadRequests::getDefaultOptions>(*this, incoming);
+    case PlatformSchema::kGetAccessLevelsReq:
+      return frame_.answerNow<&ReadRequests::getAccessLevels>(*this, incoming);
+    case PlatformSchema::kGetValueOptionsAccessReq:
+      return frame_.answerNow<&ReadRequests::getRecord>(*this, incoming);
+    case PlatformSchema::kBatchGetValueOptionsAccessReq:
+      return frame_.answerNow<&ReadRequests::getRecords>(*this, incoming);
+    default:
+      return false;
+  }
 }
 
-void Requests::batchRead(const Call& call, const ConfigIF::BatchReadReq& request,
-                         ConfigIF::BatchReadRsp& response) {
+void ReadRequests::read(const Call& call, const ConfigIF::ReadReq& request,
+                        ConfigIF::ReadRsp& response) {
+  ++reads_;
+  const Variable* variable = lookup_.findReadable(call, request.inst(), *response.mutable_result());
+  if (variable == nullptr) return;
+  fillValue(response, *variable);
+  fillStamp({model_.epoch(), variable->valueChangedAt()}, response);
+}
+
+void ReadRequests::batchRead(const Call& call, const ConfigIF::BatchReadReq& request,
+                             ConfigIF::BatchReadRsp& response) {
   AnswerSize size;
   for (const ConfigIF::Inst& inst : request.inst()) {
     ++reads_;
     ConfigIF::ReturnMessage result;
-    const Variable* variable = findReadable(call, inst, result);
+    const Variable* variable = lookup_.findReadable(call, inst, result);
     ConfigIF::ReadRecord& record = *response.add_records();
     *record.mutable_inst() = inst;
     if (result.has_error()) record.set_error(result.error());
@@ -76,54 +102,52 @@ void Requests::batchRead(const Call& call, const ConfigIF::BatchReadReq& request
   setTooLong(*response.mutable_result());
 }
 
-void Requests::getOptions(const Call& call, const ConfigIF::GetAttributeOptionsReq& request,
-                          ConfigIF::GetAttributeOptionsRsp& response) {
-  const Variable* variable = findReadable(call, request.inst(), *response.mutable_result());
+void ReadRequests::getOptions(const Call& call, const ConfigIF::GetAttributeOptionsReq& request,
+                              ConfigIF::GetAttributeOptionsRsp& response) {
+  const Variable* variable = lookup_.findReadable(call, request.inst(), *response.mutable_result());
   if (variable == nullptr) return;
   for (const std::string& option : variable->options()) response.add_options(option);
   response.set_default_index(variable->defaultIndex());
-  fillStamp({with_.model.epoch(), variable->optionsChangedAt()}, response);
+  fillStamp({model_.epoch(), variable->optionsChangedAt()}, response);
 }
 
-void Requests::getDefaultOptions(const Call& call, const ConfigIF::GetDefaultOptionsReq& request,
-                                 ConfigIF::GetDefaultOptionsRsp& response) {
-  const Variable* variable = findByDottedName(request.name());
-  if (variable == nullptr)
-    return setError(*response.mutable_result(), eErrNotFound,
-                    request.name() + ": no such variable");
-  if (!mayRead(call, *variable, *response.mutable_result())) return;
+void ReadRequests::getDefaultOptions(const Call& call,
+                                     const ConfigIF::GetDefaultOptionsReq& request,
+                                     ConfigIF::GetDefaultOptionsRsp& response) {
+  const Variable* variable = lookup_.findReadable(call, request.name(), *response.mutable_result());
+  if (variable == nullptr) return;
   for (const std::string& option : variable->shape().options) response.add_options(option);
   response.set_default_index(variable->shape().defaultIndex);
 }
 
 // Who needs which role is no secret.
-void Requests::getAccessLevels(const Call&, const ConfigIF::GetAccessLevelsReq& request,
-                               ConfigIF::GetAccessLevelsRsp& response) {
-  const Variable* variable = find(request.inst(), *response.mutable_result());
+void ReadRequests::getAccessLevels(const Call&, const ConfigIF::GetAccessLevelsReq& request,
+                                   ConfigIF::GetAccessLevelsRsp& response) {
+  const Variable* variable = lookup_.find(request.inst(), *response.mutable_result());
   if (variable == nullptr) return;
   response.set_read_role(toWire(variable->readRole()));
   response.set_write_role(toWire(variable->writeRole()));
-  fillStamp({with_.model.epoch(), variable->accessChangedAt()}, response);
+  fillStamp({model_.epoch(), variable->accessChangedAt()}, response);
 }
 
-void Requests::readAttributes(const Call& call, const ConfigIF::ReadAttributesReq& request,
-                              ConfigIF::ReadAttributesRsp& response) {
-  const Variable* variable = findReadable(call, request.inst(), *response.mutable_result());
+void ReadRequests::readAttributes(const Call& call, const ConfigIF::ReadAttributesReq& request,
+                                  ConfigIF::ReadAttributesRsp& response) {
+  const Variable* variable = lookup_.findReadable(call, request.inst(), *response.mutable_result());
   if (variable == nullptr) return;
   ConfigIF::Attributes& attributes = *response.mutable_attributes();
   fillState(attributes, *variable);
   fillDefinition(attributes, variable->shape());
   const std::string name = variable->key().dottedName();
   attributes.set_has_provider(
-      with_.subscriptions.anyCovering(name, ConfigIF::CALLBACK_DYNAMIC_VALIDATE) ||
-      with_.subscriptions.anyCovering(name, ConfigIF::CALLBACK_ON_CHANGE));
+      subscriptions_.anyCovering(name, ConfigIF::CALLBACK_DYNAMIC_VALIDATE) ||
+      subscriptions_.anyCovering(name, ConfigIF::CALLBACK_ON_CHANGE));
 }
 
 // False, with the error in the result, when the variable cannot be read.
-bool Requests::fillRecord(const Call& call, const ConfigIF::Inst& inst,
-                          ConfigIF::FullRecord& record, ConfigIF::ReturnMessage& result) const {
+bool ReadRequests::fillRecord(const Call& call, const ConfigIF::Inst& inst,
+                              ConfigIF::FullRecord& record, ConfigIF::ReturnMessage& result) const {
   *record.mutable_inst() = inst;
-  const Variable* variable = findReadable(call, inst, result);
+  const Variable* variable = lookup_.findReadable(call, inst, result);
   if (result.has_error()) record.set_error(result.error());
   if (variable == nullptr) return false;
   fillValue(record, *variable);
@@ -134,16 +158,17 @@ bool Requests::fillRecord(const Call& call, const ConfigIF::Inst& inst,
   return true;
 }
 
-void Requests::getRecord(const Call& call, const ConfigIF::GetValueOptionsAccessReq& request,
-                         ConfigIF::GetValueOptionsAccessRsp& response) {
+void ReadRequests::getRecord(const Call& call, const ConfigIF::GetValueOptionsAccessReq& request,
+                             ConfigIF::GetValueOptionsAccessRsp& response) {
   ++reads_;
   ConfigIF::FullRecord record;
   if (fillRecord(call, request.inst(), record, *response.mutable_result()))
     *response.mutable_record() = std::move(record);
 }
 
-void Requests::getRecords(const Call& call, const ConfigIF::BatchGetValueOptionsAccessReq& request,
-                          ConfigIF::BatchGetValueOptionsAccessRsp& response) {
+void ReadRequests::getRecords(const Call& call,
+                              const ConfigIF::BatchGetValueOptionsAccessReq& request,
+                              ConfigIF::BatchGetValueOptionsAccessRsp& response) {
   AnswerSize size;
   for (const ConfigIF::Inst& inst : request.inst()) {
     ++reads_;

@@ -1,11 +1,14 @@
+// Service::Impl owns one of everything and ties it together: it is the handler behind the message layer
+// (PbUtility::ServerHandler) and the world of changes (Host). What it does itself is to begin, to end,
+// and to tell several of its parts at once, of a peer that is gone for instance.
+//
+// Way in:   server -> tap (where the monitor listens) -> Impl -> requests or changes.
+// Way out:  requests, announcer, changes -> Impl as Host -> tap -> server.
+// Disk:     commits run aside from the loop (Server::aside); their outcomes come back into it.
 #include "configsrv/service/service.h"
 
-#include <dirent.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "configsrv/access/access_policy.h"
@@ -17,14 +20,18 @@
 #include "configsrv/log/flood_guard.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
+#include "configsrv/monitor/monitor_tap.h"
 #include "configsrv/providers/provider_memory.h"
+#include "configsrv/providers/provider_wait.h"
+#include "configsrv/service/internal/audit_upkeep.h"
 #include "configsrv/service/internal/free_memory.h"
 #include "configsrv/service/internal/requests.h"
+#include "configsrv/service/internal/socket_place.h"
+#include "configsrv/service/internal/start_checks.h"
 #include "configsrv/store/commit_queue.h"
 #include "configsrv/store/store.h"
 #include "configsrv/store/witness.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/runtime_dir.h"
 #include "platform/messaging/server.h"
 
 namespace ConfigSrv {
@@ -32,91 +39,6 @@ namespace {
 
 using PbUtility::PeerId;
 using PbUtility::Server;
-using PbUtility::ServerOptions;
-
-std::string endpointName(const std::string& prefix) {
-  return prefix.empty() ? "ConfigSrvc" : prefix + "/ConfigSrvc";
-}
-
-// Descriptors that are none of a connection's: store, log, definitions, the event loop.
-constexpr rlim_t kOtherDescriptors = 64;
-
-// As many connections as the process may open descriptors; more would only fail later, and those
-// kept for root would not be there.
-unsigned connectionsThatFit(unsigned wanted) {
-  rlimit files{};
-  if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= wanted + kOtherDescriptors)
-    return wanted;
-  return static_cast<unsigned>(std::max(files.rlim_cur, 2 * kOtherDescriptors) - kOtherDescriptors);
-}
-
-ServerOptions serverOptions(const ServiceOptions& options, std::uint64_t epoch,
-                            std::size_t variables) {
-  ServerOptions result;
-  result.maxConnections = connectionsThatFit(result.maxConnections);
-  result.runtimeDir =
-      options.runtimeDir.empty() ? PbUtility::defaultRuntimeDir() : options.runtimeDir;
-  result.name = endpointName(options.endpointPrefix);
-  result.listenFd = options.listenFd;
-  result.epoch = epoch;
-  // A client that registers for everything is owed a notice for each variable at once.
-  result.maxNotices = std::max(result.maxNotices, 2 * variables);
-  return result;
-}
-
-std::vector<std::string> linesOf(const std::vector<Mistake>& mistakes) {
-  std::vector<std::string> lines;
-  lines.reserve(mistakes.size());
-  for (const Mistake& mistake : mistakes) lines.push_back(formatMistake(mistake));
-  return lines;
-}
-
-// The socket's path with an ending; empty without a place for one.
-std::string besideSocket(const ServiceOptions& options, const char* ending) {
-  const ServerOptions server = serverOptions(options, 0, 0);
-  std::string path;
-  if (!PbUtility::socketPath(server.runtimeDir, server.name, path).empty()) return {};
-  return path + ending;
-}
-
-std::string whyNotTrustedAt(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return {};
-  return whyNotTrusted(status.st_uid, status.st_mode, ::geteuid());
-}
-
-// Definitions decide about values and roles. They are used all the same, for without them there is
-// no service, but whoever looks after the device should know.
-void warnOfDistrusted(const std::string& directory, const Log& log) {
-  std::vector<std::string> paths{directory};
-  if (DIR* stream = ::opendir(directory.c_str())) {
-    while (const dirent* entry = ::readdir(stream)) {
-      if (entry->d_name[0] != '.')
-        paths.push_back(std::string(directory).append("/").append(entry->d_name));
-    }
-    ::closedir(stream);
-  }
-  std::sort(paths.begin(), paths.end());
-  for (const std::string& path : paths) {
-    const std::string why = whyNotTrustedAt(path);
-    if (why.empty()) continue;
-    std::string line = path;
-    line.append(": this definition ").append(why);
-    log.warning(line.append(", who can thereby change who may do what: make it root's alone"));
-  }
-}
-
-// Who may write the socket's directory may put a socket of their own in its place.
-void warnOfRuntimeDir(const ServiceOptions& options, const Log& log) {
-  const std::string socket = besideSocket(options, "");
-  if (socket.empty() || options.listenFd >= 0) return;
-  const std::string directory = socket.substr(0, socket.rfind('/'));
-  const std::string why = whyNotTrustedAt(directory);
-  if (!why.empty())
-    log.warning(
-        directory + ": the socket's directory " + why +
-        ", who can thereby take the service's place: make it root's or the service's alone");
-}
 
 StartedService failed(StartStatus status, std::vector<std::string> lines) {
   StartedService result;
@@ -149,7 +71,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         announcer_(model_, subscriptions_, *this),
         changes_(model_, subscriptions_, announcer_, *this, log, changesOptions(options_),
                  audit_.get()),
-        server_(serverOptions(options_, epoch_, model_.size()), *this),
+        tap_(monitor_, *this, server_),
+        server_(serverOptions(options_, epoch_, model_.size()), tap_),
         monitor_(
             model_,
             // A report of a notice goes before the notice.
@@ -157,11 +80,15 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
               server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
             },
             {}, ::geteuid()),
+        providerWait_(
+            providers_,
+            [this](std::chrono::milliseconds delay, std::function<void()> task) {
+              server_.after(delay, std::move(task));
+            },
+            [this] { changes_.providersCame(); }),
+        auditUpkeep_(audit_.get(), *store_, log, storeWorker()),
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   server_, providers_, audit_.get(), *store_,
-                   [this](CommitQueue::Work work, std::function<void()> done) {
-                     withStore(std::move(work), std::move(done));
-                   },
+                   tap_, server_, providers_, audit_.get(), *store_, storeWorker(),
                    [this] { restart(); }}),
         commits_(*store_, [this] {
           server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
@@ -199,24 +126,17 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     const bool isAll = knows == Knows::AllOfThis || present == 0;
     return requests_.carried(peer, isAll ? present : present - 1);
   }
-  void reportNotice(PeerId peer, const google::protobuf::MessageLite& notice) {
-    const PbUtility::Peer* to = server_.peer(peer);
-    if (to != nullptr) monitor_.noticeLeaves(*to, notice);
-  }
-  // How often is looked whether an expected provider's process still lives.
-  static constexpr std::chrono::milliseconds kProviderCheck{20};
-
-  void expectProviders();
-  void watchExpectedProviders();
   bool mayProvide(uid_t uid, gid_t gid, const Variable& variable) const {
     return access_.mayClaim(uid, gid, variable.writeRole());
   }
 
   void withStore(CommitQueue::Work work, std::function<void()> done);
+  AuditUpkeep::WithStore storeWorker() {
+    return [this](CommitQueue::Work work, std::function<void()> done) {
+      withStore(std::move(work), std::move(done));
+    };
+  }
   void restart();
-  void repairAudit();
-  void syncAudit();
-  void endAudit();
   void sumUpLater();
   void giveBackMemoryLater();
   void keepSnapshot();
@@ -228,18 +148,15 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   void onRequest(const PbUtility::IncomingRequest& request) override { requests_.handle(request); }
   void onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload) override {
-    if (monitor_.isActive()) monitor_.answerCame(peer, question, messageId, payload);
     changes_.onAnswer(peer, question, messageId, payload);
   }
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) override {
-    if (monitor_.isActive()) monitor_.questionDone(peer, question, peerGone);
     changes_.onQuestionDone(peer, question, peerGone);
   }
   std::string onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override {
     names_.came(peer.name, peer.uid, peer.gid);
     changes_.peerCame(peer);
-    if (monitor_.isActive()) monitor_.peerCame(peer);
   }
   void onDeliveryReady(const PbUtility::Peer& peer) override { changes_.onDeliveryReady(peer.id); }
   void onPeerGone(const PbUtility::Peer& peer) override {
@@ -248,8 +165,6 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
     subscriptions_.forget(peer.id);
     changes_.peerWent(peer);
     giveBackMemoryLater();
-    monitor_.remove(peer.id);
-    if (monitor_.isActive()) monitor_.peerWent(peer);
   }
   void onFault(PbUtility::Fault kind, const std::string& line) override {
     log_.repeatable(LogLevel::Warning, "fault " + std::to_string(static_cast<int>(kind)), line);
@@ -257,16 +172,11 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 
   // Host
   std::uint32_t ask(PeerId peer, const google::protobuf::MessageLite& question) override {
-    const std::uint32_t number = server_.ask(peer, question, model_.revision());
-    if (number != 0 && monitor_.isActive()) {
-      monitor_.questionLeaves(*server_.peer(peer), number, question);
-    }
-    return number;
+    return tap_.ask(peer, question, model_.revision());
   }
   void notify(PeerId peer, const google::protobuf::MessageLite& notice,
               const std::string& coalescingKey, Knows knows) override {
-    if (monitor_.isActive()) reportNotice(peer, notice);
-    server_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
+    tap_.notify(peer, notice, revisionThat(peer, knows), coalescingKey);
   }
   bool mayProvide(PeerId id, const Variable& variable) const override {
     const PbUtility::Peer* peer = server_.peer(id);
@@ -294,14 +204,15 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   Subscriptions subscriptions_;
   Announcer announcer_;
   Changes changes_;
+  MonitorTap tap_;
   Server server_;
   Monitor monitor_;
+  ProviderWait providerWait_;
+  AuditUpkeep auditUpkeep_;
   Requests requests_;
   CommitQueue commits_;
   bool stopping_ = false;
   bool restarting_ = false;
-  // A part of the audit record is on its way to the disk.
-  bool syncingAudit_ = false;
   // What the store has kept of the audit record; until open().
   std::vector<StoredRecord> records_;
   // Of withStore(), not done yet.
@@ -318,7 +229,7 @@ std::string Service::Impl::open() {
   if (!problem.empty()) return problem;
   providers_.open();
   witness_->begin({epoch_, model_.definitions().digest(), store_->storeId()}, store_->mark());
-  repairAudit();
+  auditUpkeep_.repair(std::exchange(records_, {}));
   return {};
 }
 
@@ -335,22 +246,6 @@ bool Service::Impl::expectsProvider(const Variable& variable) const {
   if (!providers_.expectsAny()) return false;
   return providers_.expects(variable.key().dottedName(), [&](const KnownProvider& provider) {
     return provider.role >= variable.readRole() && mayProvide(provider.uid, provider.gid, variable);
-  });
-}
-
-void Service::Impl::expectProviders() {
-  if (!providers_.expectsAny()) return;
-  server_.after(options_.providerGrace, [this] {
-    providers_.giveUp();
-    changes_.providersCame();
-  });
-  watchExpectedProviders();
-}
-
-void Service::Impl::watchExpectedProviders() {
-  server_.after(kProviderCheck, [this] {
-    if (providers_.forgetDead()) changes_.providersCame();
-    if (providers_.expectsAny()) watchExpectedProviders();
   });
 }
 
@@ -372,40 +267,6 @@ void Service::Impl::sumUpLater() {
   });
 }
 
-void Service::Impl::repairAudit() {
-  if (records_.empty()) return;
-  if (audit_->repair(records_)) store_->forgetRecords(records_.back().revision);
-  records_.clear();
-}
-
-// What cannot be forced to the disk is not kept for ever: the store is not where records pile up.
-void Service::Impl::syncAudit() {
-  if (audit_ == nullptr || syncingAudit_ || !audit_->isWorthSyncing()) return;
-  syncingAudit_ = true;
-  const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
-  const auto problem = std::make_shared<std::string>();
-  withStore(
-      [lines, problem](Store& store) {
-        *problem = lines->wait();
-        store.forgetRecords(lines->revision);
-      },
-      [this, problem] {
-        syncingAudit_ = false;
-        audit_->synced(*problem);
-      });
-}
-
-// An orderly end leaves nothing to be made up for.
-void Service::Impl::endAudit() {
-  if (audit_ == nullptr) return;
-  const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
-  const std::string problem = lines->wait();
-  audit_->synced(problem);
-  if (lines->revision == 0 || !problem.empty()) return;
-  const StoreStatus status = store_->forgetRecordsNow(lines->revision);
-  if (!status.ok()) log_.warning(status.text);
-}
-
 // Once for all who go at about the same time, and when what they left is erased.
 void Service::Impl::giveBackMemoryLater() {
   if (std::exchange(givesBackMemory_, true)) return;
@@ -418,10 +279,10 @@ void Service::Impl::giveBackMemoryLater() {
 // A store that is about to be replaced is kept whole, and needs no snapshot.
 Service::End Service::Impl::run() {
   keepSnapshot();
-  expectProviders();
+  providerWait_.begin(options_.providerGrace);
   server_.run();
   log_.sumUp(true);
-  endAudit();
+  auditUpkeep_.end();
   if (restarting_) return End::Restart;
   keepSnapshot();
   return End::Stopped;
@@ -444,7 +305,7 @@ void Service::Impl::restart() {
 void Service::Impl::complete(const std::vector<Completion>& batch) {
   for (const Completion& completion : batch)
     completion.done(completion.status, completion.revision);
-  syncAudit();
+  auditUpkeep_.syncIfWorthIt();
   leaveWhenIdle();
 }
 
@@ -459,26 +320,14 @@ void Service::Impl::leaveWhenIdle() {
 }
 
 std::string Service::Impl::describe() const {
-  const std::string where =
-      options_.listenFd >= 0
-          ? "the socket that was handed over"
-          : serverOptions(options_, 0, 0).runtimeDir + "/" + endpointName(options_.endpointPrefix);
   return std::to_string(model_.size()) + (model_.size() == 1 ? " variable at " : " variables at ") +
-         where;
+         describeSocket(options_);
 }
 
 StartedService Service::start(const ServiceOptions& options, const Log& log) {
-  LoadResult loaded = loadDefinitions(options.definitionsDir);
-  std::vector<std::string> mistakes = linesOf(loaded.mistakes);
-  AccessPolicy access(geteuid());
-  if (!options.rolesFile.empty()) {
-    AccessLoadResult roles = AccessPolicy::load(options.rolesFile, geteuid());
-    for (const std::string& line : linesOf(roles.mistakes)) mistakes.push_back(line);
-    if (!roles.distrust.empty()) log.error(roles.distrust);
-    access = std::move(roles.policy);
-  }
-  if (!mistakes.empty()) return failed(StartStatus::BadDefinitions, std::move(mistakes));
-  warnOfDistrusted(options.definitionsDir, log);
+  CheckedFiles files = checkFiles(options, log);
+  if (!files.mistakes.empty())
+    return failed(StartStatus::BadDefinitions, std::move(files.mistakes));
 
   auto witness = std::make_unique<Witness>(besideSocket(options, ".witness"),
                                            [&log](const std::string& line) { log.warning(line); });
@@ -490,8 +339,9 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   OpenedStore opened = Store::open(storeOptions);
   if (!opened.status.ok()) return failed(StartStatus::BadStore, {opened.status.text});
 
-  auto impl = std::make_unique<Impl>(options, log, std::move(access), std::move(loaded.definitions),
-                                     std::move(witness), std::move(opened));
+  auto impl =
+      std::make_unique<Impl>(options, log, std::move(files.access), std::move(files.definitions),
+                             std::move(witness), std::move(opened));
   const std::string problem = impl->open();
   if (!problem.empty()) return failed(StartStatus::BadSocket, {problem});
   warnOfRuntimeDir(options, log);
@@ -505,11 +355,5 @@ Service::~Service() = default;
 Service::End Service::run() { return impl_->run(); }
 void Service::stop() { impl_->stop(); }
 std::string Service::describe() const { return impl_->describe(); }
-
-std::vector<std::string> checkDefinitions(const std::string& directory, std::size_t& variables) {
-  const LoadResult loaded = loadDefinitions(directory);
-  variables = loaded.definitions.size();
-  return linesOf(loaded.mistakes);
-}
 
 }  // namespace ConfigSrv

@@ -5,10 +5,10 @@
 //   if (started.status != StartStatus::Ok) { for (auto& line : started.lines) show(line); ... }
 //   Service::End end = started.service->run();  // until stop()
 //
-// Errors   everything that can keep the service from running is found by start(), which then leaves
-//          nothing behind. Once it runs, a fault is one request's or one peer's.
-// Threads  run() serves on the thread that calls it; one more makes changes durable. stop() may be
-//          called from any thread, but not from a signal handler.
+// Errors:   everything that can keep the service from running is found by start(), which then leaves
+//           nothing behind. Once it runs, a fault concerns one request or one peer.
+// Threads:  run() serves on the thread that calls it; one more makes changes durable. stop() may be
+//           called from any thread, but not from a signal handler.
 #pragma once
 
 #include <chrono>

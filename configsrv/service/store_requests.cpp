@@ -1,12 +1,14 @@
-// Requests that copy the store as a whole, or put a copy in its place.
-//
-// Both work on the thread that makes changes durable, since the store is that thread's alone: reads
-// and questions go on meanwhile, and changes wait.
+// Both requests work on the thread that makes changes durable, since the store is that thread's alone:
+// reads and questions go on meanwhile, and changes wait.
+#include "configsrv/service/internal/store_requests.h"
+
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 
-#include "configsrv/service/internal/requests.h"
+#include "configsrv/service/internal/results.h"
+#include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
 namespace {
@@ -45,9 +47,22 @@ Result checkCopy(const std::string& storeFile) {
 
 }  // namespace
 
+bool StoreRequests::handle(const Incoming& incoming) {
+  switch (incoming.messageId) {
+    case PlatformSchema::kStoreSnapshotReq:
+      return frame_.answerLater<ConfigIF::StoreSnapshotRsp, &StoreRequests::storeSnapshot>(
+          *this, incoming);
+    case PlatformSchema::kStoreRestoreReq:
+      return frame_.answerLater<ConfigIF::StoreRestoreRsp, &StoreRequests::storeRestore>(*this,
+                                                                                         incoming);
+    default:
+      return false;
+  }
+}
+
 // Roles are for variables. A store holds all of them, secret ones too, and its files are those of the
 // service's own user; who else may become that user is root.
-bool Requests::mayManageStore(const Call& call, ConfigIF::ReturnMessage& result) const {
+bool StoreRequests::mayManageStore(const Call& call, ConfigIF::ReturnMessage& result) const {
   const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
   if (peer != nullptr && (peer->uid == 0 || peer->uid == ::geteuid())) return true;
   setError(result, eErrDenied,
@@ -57,9 +72,9 @@ bool Requests::mayManageStore(const Call& call, ConfigIF::ReturnMessage& result)
   return false;
 }
 
-void Requests::storeSnapshot(const Call& call, const ConfigIF::StoreSnapshotReq&) {
+void StoreRequests::storeSnapshot(const Call& call, const ConfigIF::StoreSnapshotReq&) {
   ConfigIF::StoreSnapshotRsp refusal;
-  if (!mayManageStore(call, *refusal.mutable_result())) return respond(call.id, refusal);
+  if (!mayManageStore(call, *refusal.mutable_result())) return frame_.respond(call.id, refusal);
   const auto made = std::make_shared<Result>();
   with_.withStore(
       [made](Store& store) {
@@ -70,18 +85,18 @@ void Requests::storeSnapshot(const Call& call, const ConfigIF::StoreSnapshotReq&
         ConfigIF::StoreSnapshotRsp response;
         if (!made->status.ok())
           setError(*response.mutable_result(), errorOf(made->status.code), made->status.text);
-        response.set_file(absolutePath(with_.options.storeFile + ".snapshot"));
+        response.set_file(absolutePath(with_.file + ".snapshot"));
         response.set_revision(made->revision);
-        respond(id, response);
+        frame_.respond(id, response);
       });
 }
 
-void Requests::storeRestore(const Call& call, const ConfigIF::StoreRestoreReq&) {
+void StoreRequests::storeRestore(const Call& call, const ConfigIF::StoreRestoreReq&) {
   ConfigIF::StoreRestoreRsp refusal;
-  if (!mayManageStore(call, *refusal.mutable_result())) return respond(call.id, refusal);
+  if (!mayManageStore(call, *refusal.mutable_result())) return frame_.respond(call.id, refusal);
   const auto checked = std::make_shared<Result>();
   const std::string who = call.by.clientName;
-  with_.withStore([checked, file = with_.options.storeFile](Store&) { *checked = checkCopy(file); },
+  with_.withStore([checked, file = with_.file](Store&) { *checked = checkCopy(file); },
                   [this, checked, id = call.id, who] {
                     ConfigIF::StoreRestoreRsp response;
                     response.set_revision(checked->revision);
@@ -92,7 +107,7 @@ void Requests::storeRestore(const Call& call, const ConfigIF::StoreRestoreReq&) 
                       const eErrorT error = errorOf(checked->status.code);
                       setError(*response.mutable_result(), error, checked->status.text);
                     }
-                    respond(id, response);
+                    frame_.respond(id, response);
                     if (checked->status.ok()) with_.restart();
                   });
 }

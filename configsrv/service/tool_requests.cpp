@@ -1,4 +1,8 @@
-// Requests that tools make: listings and the state of the service.
+// A listing is taken from the model in the order of its keys, a page at a time: what a page has no room
+// for begins the next one. The state of the service is counted where things happen; here it is summed
+// up.
+#include "configsrv/service/internal/tool_requests.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,7 +12,9 @@
 
 #include "configsrv/changes/wire_forms.h"
 #include "configsrv/service/internal/answer_size.h"
-#include "configsrv/service/internal/requests.h"
+#include "configsrv/service/internal/results.h"
+#include "configsrv/service/internal/variable_lookup.h"
+#include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {
 namespace {
@@ -28,7 +34,7 @@ class ListPage {
  public:
   ListPage(const ConfigIF::ListReq& request, ConfigIF::ListRsp& response)
       : isWhole_(!request.has_at_most()),
-        most_(std::clamp<std::size_t>(request.at_most(), 1, Requests::kMaxListed)),
+        most_(std::clamp<std::size_t>(request.at_most(), 1, ToolRequests::kMaxListed)),
         response_(response) {}
 
   // False when it has no room.
@@ -73,10 +79,24 @@ std::vector<std::string> providedBy(const Subscriptions& subscriptions, PbUtilit
 
 }  // namespace
 
+bool ToolRequests::handle(const Incoming& incoming) {
+  switch (incoming.messageId) {
+    case PlatformSchema::kListReq:
+      return frame_.answerNow<&ToolRequests::list>(*this, incoming);
+    case PlatformSchema::kStatusReq:
+      return frame_.answerNow<&ToolRequests::status>(*this, incoming);
+    case PlatformSchema::kClientsReq:
+      return frame_.answerNow<&ToolRequests::clients>(*this, incoming);
+    default:
+      return false;
+  }
+}
+
 // What a listing is about: the variables that its name covers, behind the one where the last page ended.
 // False, and the error in the result, when that one is none.
-bool Requests::findListed(const ConfigIF::ListReq& request, std::vector<const Variable*>& listed,
-                          ConfigIF::ReturnMessage& result) const {
+bool ToolRequests::findListed(const ConfigIF::ListReq& request,
+                              std::vector<const Variable*>& listed,
+                              ConfigIF::ReturnMessage& result) const {
   listed = with_.model.covered(lowerCase(request.prefix()));
   if (!request.has_after()) return true;
   const std::optional<ConfigVar> after = readInst(request.after());
@@ -91,8 +111,8 @@ bool Requests::findListed(const ConfigIF::ListReq& request, std::vector<const Va
   return true;
 }
 
-void Requests::list(const Call& call, const ConfigIF::ListReq& request,
-                    ConfigIF::ListRsp& response) {
+void ToolRequests::list(const Call& call, const ConfigIF::ListReq& request,
+                        ConfigIF::ListRsp& response) {
   std::vector<const Variable*> listed;
   if (!findListed(request, listed, *response.mutable_result())) return;
   ListPage page(request, response);
@@ -110,7 +130,7 @@ void Requests::list(const Call& call, const ConfigIF::ListReq& request,
   response.set_hidden(hidden);
 }
 
-void Requests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp& response) {
+void ToolRequests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp& response) {
   const auto uptime = std::chrono::steady_clock::now() - started_;
   const ChangeCounters& counters = with_.changes.counters();
   response.set_version(APPCONFIG_VERSION);
@@ -122,7 +142,7 @@ void Requests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusR
   response.set_changed_variables(number(with_.model.changedVariables()));
   response.set_clients(number(with_.server.peerCount()));
   response.set_registrations(number(with_.subscriptions.count()));
-  response.set_reads(reads_);
+  response.set_reads(with_.reads.reads());
   response.set_commits(counters.commits);
   response.set_unchanged_writes(counters.unchanged);
   response.set_refused_writes(counters.refused);
@@ -136,7 +156,8 @@ void Requests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusR
   response.set_store_file(with_.options.storeFile);
 }
 
-void Requests::clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::ClientsRsp& response) {
+void ToolRequests::clients(const Call&, const ConfigIF::ClientsReq&,
+                           ConfigIF::ClientsRsp& response) {
   AnswerSize size;
   for (const PbUtility::ConnectedPeer& connected : with_.server.peers()) {
     const PbUtility::Peer& peer = connected.peer;
@@ -155,15 +176,6 @@ void Requests::clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::Clien
   if (!size.isTooLarge()) return;
   response.Clear();
   setError(*response.mutable_result(), eErrLimit, "the clients provide more than an answer holds");
-}
-
-// The endpoint repeats it on each delivery connection, so a repeated stop is no mistake.
-void Requests::monitor(const Call& call, const ConfigIF::MonitorReq& request,
-                       ConfigIF::MonitorRsp& response) {
-  if (request.stop()) return with_.monitor.remove(call.by.peer);
-  const std::string refusal =
-      with_.monitor.add(call.by.peer, call.by.owner, call.by.role, request.prefix());
-  if (!refusal.empty()) setError(*response.mutable_result(), eErrLimit, refusal);
 }
 
 }  // namespace ConfigSrv

@@ -1,3 +1,5 @@
+// A payload is walked through by the shape of its message (unfolding.h), and parsed only when what it
+// would become is within the limits. Short payloads cannot become much, and are parsed at once.
 #include "platform/schema/message_bounds.h"
 
 #include <google/protobuf/message_lite.h>
@@ -45,14 +47,15 @@ struct Longer {
   std::size_t bytes;
 };
 constexpr Longer kLonger[] = {
-    {0x1A0101, MessageLimits::kBatchPayload},  // OnChangeRsp
-    {0x1A0120, MessageLimits::kBatchPayload},  // BatchReadReq
-    {0x1A0140, MessageLimits::kValuePayload},  // WriteReq
-    {0x1A0151, MessageLimits::kBatchPayload},  // DynamicValidateRsp
-    {0x1A0160, MessageLimits::kValuePayload},  // ValidateReq
-    {0x1A0250, MessageLimits::kValuePayload},  // SetAttributeOptionsReq
-    {0x1A0330, MessageLimits::kBatchPayload},  // SetAccessLevelsReq
-    {0x1A0350, MessageLimits::kBatchPayload},  // BatchGetValueOptionsAccessReq
+    {kOnChangeRsp, MessageLimits::kBatchPayload},             // OnChangeRsp
+    {kBatchReadReq, MessageLimits::kBatchPayload},            // BatchReadReq
+    {kWriteReq, MessageLimits::kValuePayload},                // WriteReq
+    {kDynamicValidateRsp, MessageLimits::kBatchPayload},      // DynamicValidateRsp
+    {kValidateReq, MessageLimits::kValuePayload},             // ValidateReq
+    {kSetAttributeOptionsReq, MessageLimits::kValuePayload},  // SetAttributeOptionsReq
+    {kSetAccessLevelsReq, MessageLimits::kBatchPayload},      // SetAccessLevelsReq
+    {kBatchGetValueOptionsAccessReq,
+     MessageLimits::kBatchPayload},  // BatchGetValueOptionsAccessReq
 };
 
 }  // namespace

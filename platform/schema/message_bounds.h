@@ -12,8 +12,8 @@
 // can count: nodes of a path, entries of a batch, and so on. A field that is sent again and again counts
 // each time, as do fields that this version does not know.
 //
-// Errors   a problem names the message, the limit, and what to do instead.
-// Threads  pure functions.
+// Errors:   a problem names the message, the limit, and what to do instead.
+// Threads:  pure functions.
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,6 @@
+// One table has the number, the name and the type of each message. A message's number is found by its
+// type in a map that is made of the table when it is first needed; names are only for logs, and are
+// looked for one after the other.
 #include "platform/schema/message_ids.h"
 
 #include <atomic>
@@ -19,70 +22,70 @@ struct Entry {
   const std::type_info& type;
 };
 
-#define MESSAGE(id, name) \
-  { id, #name, typeid(ConfigIF::name) }
+#define MESSAGE(name) \
+  { k##name, #name, typeid(ConfigIF::name) }
 
 const Entry kMessages[] = {
-    MESSAGE(0x1A0100, OnChangeReq),
-    MESSAGE(0x1A0101, OnChangeRsp),
-    MESSAGE(0x1A0110, ReadReq),
-    MESSAGE(0x1A0111, ReadRsp),
-    MESSAGE(0x1A0120, BatchReadReq),
-    MESSAGE(0x1A0121, BatchReadRsp),
-    MESSAGE(0x1A0140, WriteReq),
-    MESSAGE(0x1A0141, WriteRsp),
-    MESSAGE(0x1A0143, ConfigChangedNtfy),
-    MESSAGE(0x1A0150, DynamicValidateReq),
-    MESSAGE(0x1A0151, DynamicValidateRsp),
-    MESSAGE(0x1A0160, ValidateReq),
-    MESSAGE(0x1A0161, ValidateRsp),
-    MESSAGE(0x1A0170, ResetValueReq),
-    MESSAGE(0x1A0171, ResetValueRsp),
-    MESSAGE(0x1A0180, ResetNodeValueReq),
-    MESSAGE(0x1A0181, ResetNodeValueRsp),
-    MESSAGE(0x1A0190, ReadAttributesReq),
-    MESSAGE(0x1A0191, ReadAttributesRsp),
-    MESSAGE(0x1A01A0, ResetAttributeReq),
-    MESSAGE(0x1A01A1, ResetAttributeRsp),
-    MESSAGE(0x1A01A3, AttributeChangedNtfy),
-    MESSAGE(0x1A0210, RegisterClientCallbackReq),
-    MESSAGE(0x1A0211, RegisterClientCallbackRsp),
-    MESSAGE(0x1A0220, UnregisterClientCallbackReq),
-    MESSAGE(0x1A0221, UnregisterClientCallbackRsp),
-    MESSAGE(0x1A0230, UnregisterAllClientCallbacksReq),
-    MESSAGE(0x1A0231, UnregisterAllClientCallbacksRsp),
-    MESSAGE(0x1A0240, GetAttributeOptionsReq),
-    MESSAGE(0x1A0241, GetAttributeOptionsRsp),
-    MESSAGE(0x1A0250, SetAttributeOptionsReq),
-    MESSAGE(0x1A0251, SetAttributeOptionsRsp),
-    MESSAGE(0x1A0253, OptionsChangedNtfy),
-    MESSAGE(0x1A0260, GetDefaultOptionsReq),
-    MESSAGE(0x1A0261, GetDefaultOptionsRsp),
-    MESSAGE(0x1A0270, SubmitReq),
-    MESSAGE(0x1A0271, SubmitRsp),
-    MESSAGE(0x1A0273, SubmitNtfy),
-    MESSAGE(0x1A0320, GetAccessLevelsReq),
-    MESSAGE(0x1A0321, GetAccessLevelsRsp),
-    MESSAGE(0x1A0330, SetAccessLevelsReq),
-    MESSAGE(0x1A0331, SetAccessLevelsRsp),
-    MESSAGE(0x1A0333, AccessLevelChangedNtfy),
-    MESSAGE(0x1A0340, GetValueOptionsAccessReq),
-    MESSAGE(0x1A0341, GetValueOptionsAccessRsp),
-    MESSAGE(0x1A0350, BatchGetValueOptionsAccessReq),
-    MESSAGE(0x1A0351, BatchGetValueOptionsAccessRsp),
-    MESSAGE(0x1A0400, ListReq),
-    MESSAGE(0x1A0401, ListRsp),
-    MESSAGE(0x1A0410, StatusReq),
-    MESSAGE(0x1A0411, StatusRsp),
-    MESSAGE(0x1A0420, ClientsReq),
-    MESSAGE(0x1A0421, ClientsRsp),
-    MESSAGE(0x1A0430, MonitorReq),
-    MESSAGE(0x1A0431, MonitorRsp),
-    MESSAGE(0x1A0433, MonitorNtfy),
-    MESSAGE(0x1A0440, StoreSnapshotReq),
-    MESSAGE(0x1A0441, StoreSnapshotRsp),
-    MESSAGE(0x1A0450, StoreRestoreReq),
-    MESSAGE(0x1A0451, StoreRestoreRsp),
+    MESSAGE(OnChangeReq),
+    MESSAGE(OnChangeRsp),
+    MESSAGE(ReadReq),
+    MESSAGE(ReadRsp),
+    MESSAGE(BatchReadReq),
+    MESSAGE(BatchReadRsp),
+    MESSAGE(WriteReq),
+    MESSAGE(WriteRsp),
+    MESSAGE(ConfigChangedNtfy),
+    MESSAGE(DynamicValidateReq),
+    MESSAGE(DynamicValidateRsp),
+    MESSAGE(ValidateReq),
+    MESSAGE(ValidateRsp),
+    MESSAGE(ResetValueReq),
+    MESSAGE(ResetValueRsp),
+    MESSAGE(ResetNodeValueReq),
+    MESSAGE(ResetNodeValueRsp),
+    MESSAGE(ReadAttributesReq),
+    MESSAGE(ReadAttributesRsp),
+    MESSAGE(ResetAttributeReq),
+    MESSAGE(ResetAttributeRsp),
+    MESSAGE(AttributeChangedNtfy),
+    MESSAGE(RegisterClientCallbackReq),
+    MESSAGE(RegisterClientCallbackRsp),
+    MESSAGE(UnregisterClientCallbackReq),
+    MESSAGE(UnregisterClientCallbackRsp),
+    MESSAGE(UnregisterAllClientCallbacksReq),
+    MESSAGE(UnregisterAllClientCallbacksRsp),
+    MESSAGE(GetAttributeOptionsReq),
+    MESSAGE(GetAttributeOptionsRsp),
+    MESSAGE(SetAttributeOptionsReq),
+    MESSAGE(SetAttributeOptionsRsp),
+    MESSAGE(OptionsChangedNtfy),
+    MESSAGE(GetDefaultOptionsReq),
+    MESSAGE(GetDefaultOptionsRsp),
+    MESSAGE(SubmitReq),
+    MESSAGE(SubmitRsp),
+    MESSAGE(SubmitNtfy),
+    MESSAGE(GetAccessLevelsReq),
+    MESSAGE(GetAccessLevelsRsp),
+    MESSAGE(SetAccessLevelsReq),
+    MESSAGE(SetAccessLevelsRsp),
+    MESSAGE(AccessLevelChangedNtfy),
+    MESSAGE(GetValueOptionsAccessReq),
+    MESSAGE(GetValueOptionsAccessRsp),
+    MESSAGE(BatchGetValueOptionsAccessReq),
+    MESSAGE(BatchGetValueOptionsAccessRsp),
+    MESSAGE(ListReq),
+    MESSAGE(ListRsp),
+    MESSAGE(StatusReq),
+    MESSAGE(StatusRsp),
+    MESSAGE(ClientsReq),
+    MESSAGE(ClientsRsp),
+    MESSAGE(MonitorReq),
+    MESSAGE(MonitorRsp),
+    MESSAGE(MonitorNtfy),
+    MESSAGE(StoreSnapshotReq),
+    MESSAGE(StoreSnapshotRsp),
+    MESSAGE(StoreRestoreReq),
+    MESSAGE(StoreRestoreRsp),
 };
 
 #undef MESSAGE
@@ -125,9 +128,13 @@ std::vector<std::uint32_t> messageIds() {
 }
 
 bool isRepeatedOnReconnect(std::uint32_t messageId) {
-  return messageId == 0x1A0210 || messageId == 0x1A0430;
+  return messageId == kRegisterClientCallbackReq || messageId == kMonitorReq;
 }
-bool withdrawsOneRepeated(std::uint32_t messageId) { return messageId == 0x1A0220; }
-bool withdrawsAllRepeated(std::uint32_t messageId) { return messageId == 0x1A0230; }
+bool withdrawsOneRepeated(std::uint32_t messageId) {
+  return messageId == kUnregisterClientCallbackReq;
+}
+bool withdrawsAllRepeated(std::uint32_t messageId) {
+  return messageId == kUnregisterAllClientCallbacksReq;
+}
 
 }  // namespace PlatformSchema

@@ -1,3 +1,6 @@
+// A key is bytes of messages: first the client's name, as the request that withdraws all of a client's
+// registrations would say it, then what tells one registration of that client from another. So all keys
+// of a client begin alike, and are found together.
 #include "platform/schema/registration_key.h"
 
 #include "platform/schema/config_if.pb.h"
@@ -6,10 +9,6 @@
 
 namespace PlatformSchema {
 namespace {
-
-constexpr std::uint32_t kMonitor = 0x1A0430;
-constexpr std::uint32_t kMonitorResponse = 0x1A0431;
-constexpr std::uint32_t kRegisterResponse = 0x1A0211;
 
 std::string clientPart(const std::string& clientName) {
   ConfigIF::UnregisterAllClientCallbacksReq part;
@@ -32,7 +31,7 @@ std::string keyOf(std::uint32_t messageId, std::string_view payload) {
 // One endpoint monitors once: a newer request, one to stop included, takes the place of the former.
 std::string keyOfMonitor(std::string_view payload) {
   ConfigIF::MonitorReq request;
-  if (!readMessage(kMonitor, payload, request)) return {};
+  if (!readMessage(kMonitorReq, payload, request)) return {};
   return clientPart(request.client_name()) + "monitor";
 }
 
@@ -55,7 +54,7 @@ std::optional<std::string> refusalIn(std::uint32_t messageId, std::string_view p
 }  // namespace
 
 std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
-  if (messageId == kMonitor) return keyOfMonitor(payload);
+  if (messageId == kMonitorReq) return keyOfMonitor(payload);
   if (isRepeatedOnReconnect(messageId))
     return keyOf<ConfigIF::RegisterClientCallbackReq>(messageId, payload);
   if (withdrawsOneRepeated(messageId))
@@ -71,7 +70,7 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
   if (own.empty() || !isRepeatedOnReconnect(messageId)) return {};
   std::vector<std::string> keys{own};
   ConfigIF::RegisterClientCallbackReq request;
-  if (messageId == kMonitor || !readMessage(messageId, payload, request)) return keys;
+  if (messageId == kMonitorReq || !readMessage(messageId, payload, request)) return keys;
   std::string name = request.name();
   while (!name.empty()) {
     const std::size_t dot = name.rfind('.');
@@ -83,15 +82,15 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
 }
 
 bool isToldOnChange(std::uint32_t messageId, std::string_view payload) {
-  if (messageId == kMonitor || !isRepeatedOnReconnect(messageId)) return false;
+  if (messageId == kMonitorReq || !isRepeatedOnReconnect(messageId)) return false;
   ConfigIF::RegisterClientCallbackReq request;
   return readMessage(messageId, payload, request) && request.type() == ConfigIF::CALLBACK_ON_CHANGE;
 }
 
 std::optional<std::string> refusalForRoom(std::uint32_t responseId, std::string_view payload) {
-  if (responseId == kRegisterResponse)
+  if (responseId == kRegisterClientCallbackRsp)
     return refusalIn<ConfigIF::RegisterClientCallbackRsp>(responseId, payload);
-  if (responseId == kMonitorResponse) return refusalIn<ConfigIF::MonitorRsp>(responseId, payload);
+  if (responseId == kMonitorRsp) return refusalIn<ConfigIF::MonitorRsp>(responseId, payload);
   return std::nullopt;
 }
 

@@ -1,6 +1,6 @@
 // Facts: what a message is about, whatever its kind.
 //
-// Threads  plain values and a plain function.
+// Threads:  plain values and a plain function.
 #pragma once
 
 #include <cstdint>

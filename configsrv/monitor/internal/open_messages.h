@@ -1,10 +1,10 @@
 // OpenMessages: the requests and questions that are to be answered, as far as monitors need to know
 // them when the answer comes: whose they are and which variables they are about, not their values.
 //
-// What is open for long, and how much of that, is up to clients: so it is shared out. What passes
-// its owner's share is not remembered, and its answer then goes untold.
+// How much is open, and for how long, is up to clients: so it is shared out. What goes past its
+// owner's share is not remembered, and its answer is then not reported.
 //
-// Threads  one.
+// Threads:  one.
 #pragma once
 
 #include <cstddef>
@@ -47,8 +47,6 @@ class OpenMessages {
   OpenMessage* find(const Key& key);
   std::optional<OpenMessage> take(const Key& key);
   void clear();
-
-  std::size_t bytes() const { return bytes_.all(); }
 
  private:
   PbUtility::Shares bytes_;

@@ -3,7 +3,7 @@
 // A process number is used again when its process has ended, so that its start counts as well. It
 // cannot be read of every process (hidepid of /proc); the number alone has to do then.
 //
-// Threads  plain functions.
+// Threads:  plain functions.
 #pragma once
 
 #include <sys/types.h>

@@ -1,19 +1,19 @@
 // ProviderFile: the providers' registrations in a file that outlives the process, however it ends.
 //
-// Shape    a line for each registration, appended as it is made, and one for each peer that is gone:
+// Shape:    a line for each registration, appended as it is made, and one for each peer that is gone:
 //
-//            appconfig providers 1
-//            + 7 1234 5678901 0 0 1 2 :gateway-network :network.eth
-//            - 7
+//             appconfig providers 1
+//             + 7 1234 5678901 0 0 1 2 :gateway-network :network.eth
+//             - 7
 //
-//          peer, process, its start, user, group, role, type, endpoint, name. Texts begin with ":";
-//          bytes that are no printable ASCII, and "%", stand as %XX. Rewritten as a whole, under
-//          another name first, when most of its lines are out of date.
-// Where    in the runtime directory, which is memory: it is gone with the next start of the device,
-//          as the processes are, and costs no write to flash.
-// Errors   a file that others could have written is not read. One that cannot be written is said
-//          once; the service then forgets as it did without the file.
-// Threads  one.
+//           peer, process, its start, user, group, role, type, endpoint, name. Texts begin with ":";
+//           bytes that are no printable ASCII, and "%", stand as %XX. Rewritten as a whole, under
+//           another name first, when most of its lines are out of date.
+// Where:    in the runtime directory, which is memory: it is gone with the next start of the device,
+//           as the processes are, and costs no write to flash.
+// Errors:   a file that others could have written is not read. One that cannot be written is reported
+//           once in the log; the service goes on, and after a restart expects nobody.
+// Threads:  one.
 #pragma once
 
 #include <cstddef>

@@ -2,10 +2,10 @@
 // others succeed.
 //
 // Only a few are under way at once, so that a reset of everything neither reaches the limits of
-// changes under way nor keeps others from writing; and only so many are looked at before the others
-// have their turn. What waits is not kept but made when its turn comes.
+// changes under way nor keeps others from writing; and only so many are begun before the others have
+// their turn. A change is made when its turn comes, so those that wait take no memory.
 //
-// Threads  one. Keeps itself alive until the last change has ended.
+// Threads:  one. Keeps itself alive until the last change has ended.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +33,7 @@ class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
     std::size_t count = 0;
     // The nth change; nothing when there is none to make.
     std::function<std::optional<StoreChange>(std::size_t n)> nth;
-    // What has to be kept until the end, of the share of changes under way.
+    // Bytes that have to be kept until the end; they count as the requester's share of what is under way.
     std::size_t bytes = 0;
     // Whether the result tells of each change.
     bool tellsOfEach = false;
@@ -51,8 +51,8 @@ class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
   };
   using Done = std::function<void(const Result& result)>;
 
-  // Calls done once, perhaps before it returns. Where the requester has its share of what is under
-  // way, nothing is begun and the error is eErrLimit.
+  // Calls done once, perhaps before it returns. If the requester's share of what is under way is used
+  // up, nothing is begun and the error is eErrLimit.
   static void run(Changes& changes, Slices& slices, const Requester& by, Wanted wanted, Done done);
 
   ~ChangeBatch();

@@ -1,14 +1,16 @@
-// OwedNotices: which peers are still to be told what a registration of theirs missed, and what they
-// may therefore be said to know.
+// OwedNotices: which peers are still to be told what a registration of theirs missed, and the greatest
+// revision that a notice to them may carry until they have been.
 //
 // A client counts itself up to date with a registration once a notice has come whose revision is
-// greater than that of the registration's answer (docs/protocol.md). So as long as something is owed
-// that the answer went before, no notice to that peer may carry a greater revision: were the
-// connection lost in between, the client would not ask for the rest. Each notice carries the least of
-// the owed answers' revisions at most; that the client has in any case, so it only learns late what
-// else it knows, and asks for that once more if the connection is lost.
+// greater than that of the registration's answer (docs/protocol.md). A registration that covers much is
+// answered first and told the rest in slices. Until the last of them, no notice to that peer may carry
+// a greater revision than the answer: if the connection were lost in between, the client would believe
+// to have everything, and not ask for the rest. Of several such answers, the least revision counts.
 //
-// Threads  one.
+// A notice that carries less than it could does no harm: if the connection is lost, the client asks
+// again for what it has been told already.
+//
+// Threads:  one.
 #pragma once
 
 #include <algorithm>

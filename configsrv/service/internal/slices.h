@@ -1,9 +1,9 @@
 // Slices: long work, some of it at a time, with everybody else's requests in between.
 //
-// Each slice is one turn of the user whom the work is for: who asks for much of it waits the longer,
-// and nobody else does.
+// Each slice is one turn of the user whom the work is for: whoever asks for much waits longer, and
+// nobody else does.
 //
-// Threads  one. Work that is left when this object goes is dropped with what runs it.
+// Threads:  one. Work that is left at the end is dropped with the server that would run it.
 #pragma once
 
 #include <sys/types.h>

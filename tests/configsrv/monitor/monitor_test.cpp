@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "appconfig/wire/protobuf_message_helper.h"
-#include "configsrv/monitor/internal/open_messages.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_ids.h"
 #include "tests/support/definition_builder.h"
@@ -23,6 +22,8 @@ using TestSupport::keyOf;
 constexpr PbUtility::PeerId kWatcher = 1;
 constexpr PbUtility::PeerId kOther = 2;
 constexpr PbUtility::Owner kRoot{0, 10};
+// The number of no message.
+constexpr std::uint32_t kNoMessage = PlatformSchema::kStoreRestoreRsp + 1;
 
 std::vector<VariableDefinition> someVariables() {
   return {DefinitionBuilder("net.mtu"),
@@ -146,9 +147,9 @@ TEST_F(MonitorTest, WatchingItselfIsNeverTold) {
 TEST_F(MonitorTest, ABrokenRequestAndAnUnknownMessageAreNotTold) {
   ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
   const PbUtility::RequestId id{5, 1, false};
-  monitor_.requestCame({id, client_, 0x1A0140, false, 0, "\xff"});
+  monitor_.requestCame({id, client_, PlatformSchema::kWriteReq, false, 0, "\xff"});
   monitor_.requestRefused(id, 9, "no");
-  monitor_.requestCame({id, client_, 0x1A0999, false, 0, ""});
+  monitor_.requestCame({id, client_, kNoMessage, false, 0, ""});
   monitor_.requestRefused(id, 9, "no");
   EXPECT_THAT(told_, IsEmpty());
 }
@@ -161,7 +162,8 @@ TEST_F(MonitorTest, AProviderThatGoesWithoutAnAnswerIsToldAsUnavailable) {
   monitor_.questionLeaves(client_, 1, question);
   monitor_.questionDone(client_.id, 1, true);
   monitor_.questionLeaves(client_, 2, question);
-  monitor_.answerCame(client_.id, 2, 0x1A0101, ConfigIF::OnChangeRsp().SerializeAsString());
+  monitor_.answerCame(client_.id, 2, PlatformSchema::kOnChangeRsp,
+                      ConfigIF::OnChangeRsp().SerializeAsString());
   monitor_.questionDone(client_.id, 2, false);
   ASSERT_EQ(told_.size(), 4U);
   EXPECT_THAT(told_[0].second.values(), ElementsAre("9"));
@@ -243,64 +245,6 @@ std::string textOfFailedReset(std::size_t variables) {
 TEST(MonitorTextTest, ATextAboutMoreVariablesThanAreLookedAtIsNotShown) {
   EXPECT_EQ(textOfFailedReset(Monitor::kMaxLookedAt), "why");
   EXPECT_EQ(textOfFailedReset(Monitor::kMaxLookedAt + 1), "");
-}
-
-// --- What waits to be seen answered ---
-
-class OpenMessagesTest : public testing::Test {
- protected:
-  static OpenMessages::Key nth(std::uint32_t n) { return {OpenMessages::Kind::Request, 1, n}; }
-  static Facts factsOf(const std::string& key, std::vector<std::string> values) {
-    Facts facts;
-    facts.variables.push_back(keyOf(key));
-    facts.values = std::move(values);
-    facts.text = "text";
-    return facts;
-  }
-  static std::size_t fill(OpenMessages& open, const PbUtility::Peer& peer, std::uint32_t from) {
-    std::uint32_t n = from;
-    while (open.find(nth(n - 1)) != nullptr || n == from)
-      open.remember(nth(n++), peer, factsOf("net.mtu", {}), "WriteReq");
-    return n - from - 1;
-  }
-
-  const PbUtility::Peer root_{1, "root", 0, 0, 42};
-  const PbUtility::Peer user_{2, "user", 1000, 1000, 43};
-  static constexpr std::size_t kOne =
-      OpenMessages::kOpenBytes + OpenMessages::kVariableBytes + 4 + 8 + 6;
-  OpenMessages open_{{8 * kOne, 4 * kOne, 2 * kOne, 3 * kOne}, 990};
-};
-
-TEST_F(OpenMessagesTest, RemembersTheVariablesAndTheNameAndNeitherValuesNorTexts) {
-  Facts facts = factsOf("net.mtu", {"a secret"});
-  facts.name = "net";
-  open_.remember(nth(1), user_, facts, "WriteReq");
-  const std::optional<OpenMessage> open = open_.take(nth(1));
-  ASSERT_TRUE(open);
-  ASSERT_EQ(open->facts.variables.size(), 1U);
-  EXPECT_EQ(open->facts.variables.front().dottedName(), "net.mtu");
-  EXPECT_EQ(open->facts.name, "net");
-  EXPECT_THAT(open->facts.values, IsEmpty());
-  EXPECT_EQ(open->facts.text, "");
-  EXPECT_FALSE(open_.take(nth(1)));
-}
-
-TEST_F(OpenMessagesTest, AUsersOpenMessagesPastItsShareAreNotRememberedAndRootsAre) {
-  EXPECT_EQ(fill(open_, user_, 1), 2U);
-  EXPECT_EQ(fill(open_, root_, 100), 3U);
-  EXPECT_EQ(open_.bytes(), 5 * kOne);
-}
-
-TEST_F(OpenMessagesTest, WhatWasTakenReplacedOrClearedMakesRoomToTheByte) {
-  fill(open_, user_, 1);
-  open_.remember(nth(1), user_, factsOf("net.mtu", {}), "WriteReq");
-  EXPECT_NE(open_.find(nth(1)), nullptr);
-  EXPECT_EQ(open_.bytes(), 2 * kOne);
-  open_.take(nth(1));
-  EXPECT_EQ(open_.bytes(), kOne);
-  open_.clear();
-  EXPECT_EQ(open_.bytes(), 0U);
-  EXPECT_EQ(fill(open_, user_, 1), 2U);
 }
 
 }  // namespace
