@@ -12,7 +12,7 @@
 #include "appconfig/core/error.h"
 #include "appconfig/core/security_role.h"
 #include "configsrv/store/stored_variable.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/peer.h"
 #include "platform/messaging/shares.h"
 
 namespace ConfigSrv {

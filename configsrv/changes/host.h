@@ -13,7 +13,13 @@
 #include <string>
 
 #include "configsrv/store/commit_queue.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/peer.h"
+
+namespace google {
+namespace protobuf {
+class MessageLite;
+}
+}  // namespace google
 
 namespace ConfigSrv {
 

@@ -22,13 +22,19 @@
 
 #include "appconfig/core/security_role.h"
 #include "configsrv/model/model.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/server_handler.h"
 #include "platform/messaging/shares.h"
 
 namespace ConfigIF {
 class MonitorNtfy;
 enum MonitorEvent : int;
 }  // namespace ConfigIF
+
+namespace google {
+namespace protobuf {
+class MessageLite;
+}
+}  // namespace google
 
 namespace ConfigSrv {
 

@@ -32,7 +32,7 @@
 #include "appconfig/core/security_role.h"
 #include "configsrv/log/log.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/peer.h"
 
 namespace ConfigSrv {
 

@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "appconfig/core/security_role.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/peer.h"
 #include "platform/messaging/shares.h"
 
 namespace ConfigIF {

@@ -1,3 +1,7 @@
+// A call takes a connection out of the pool for as long as it lasts (Lease), so nothing is locked while
+// bytes move. Whatever goes wrong on a connection closes it: what still comes over it would answer a
+// request that nobody waits for any more. One failure is repaired here: a connection whose other end
+// closed while it was idle has taken no byte of the request, which is sent again on a new one.
 #include "platform/messaging/internal/connection_pool.h"
 
 #include <google/protobuf/message_lite.h>

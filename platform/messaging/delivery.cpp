@@ -1,3 +1,10 @@
+// One thread for all remotes. It polls their connections and a wake-up descriptor, by which other threads
+// tell it of new remotes and of what they ask for; between two polls it connects, repeats registrations,
+// writes what waits and reads what has come.
+//
+// It never waits for a socket to take bytes: the service may itself be waiting for this side to read. What
+// does not fit stands in Remote::outgoing until poll tells of room. Only connecting may wait, for a full
+// backlog, and for no longer than kConnectDeadline.
 #include "platform/messaging/internal/delivery.h"
 
 #include <poll.h>
@@ -118,9 +125,9 @@ void Delivery::add(const std::string& name, const std::string& path,
   wake();
 }
 
-// False when the system has no thread to give: whoever needs it next tries again. Also when the end
-// has begun, which others may not have noticed when a receiver ends the program. Signals are the
-// application's: its handlers must not find themselves on this thread.
+// False when the system has no thread to give: whoever needs it next tries again. False as well when this
+// object is ending: a receiver may have ended the program while other threads go on calling. The thread
+// takes no signals, because the application's handlers do not expect to run on it.
 bool Delivery::startThread() {
   if (stopping_ || thread_.joinable()) return !stopping_;
   sigset_t all;
@@ -140,8 +147,8 @@ void Delivery::runOnThread() {
   deliveryOfThisThread = this;
   askForShortSlices();
   run();
-  // As the end of a process's last thread would, whatever a sanitizer makes of a thread that ends in
-  // a process which never started it.
+  // In such a child this is the only thread, whose end is the end of the process. Said in so many words,
+  // because a sanitizer does not know the thread: it was started in another process.
   if (abandoned_) std::exit(0);
   // Moved out, for it may destroy this object.
   if (const std::function<void()> after = std::move(afterEnd_)) after();

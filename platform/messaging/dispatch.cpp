@@ -1,3 +1,6 @@
+// Receivers are C functions: they see a message as an opaque MSG_Message, and answer by building another
+// and handing it to MSG_SendMsg, which knows neither socket nor remote. It finds the dispatch that its
+// thread is in (`current`) and adds the reply to that one's frames.
 #include "platform/messaging/internal/dispatch.h"
 
 #include <google/protobuf/message_lite.h>

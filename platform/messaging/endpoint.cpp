@@ -127,7 +127,8 @@ class Endpoint::State {
   // The first endpoint of a process begins to watch its forks. pthread_atfork is called once, also
   // when a fork comes in between.
   static void watchForks() {
-    // Before: that lock may be taken while locks of the states are held.
+    // First, because fork takes the locks of those who came last first: the table's lock is taken while
+    // locks of the states are held, and must be so here too.
     LayerTable::watchForks();
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once,
@@ -274,7 +275,7 @@ class Endpoint::State {
       const std::lock_guard<std::mutex> guard(mutex_);
       remote.hasDelivery = true;
     }
-    // Also when another thread is just doing it: both go on once it is done.
+    // Not only by the thread that set hasDelivery: the other must not go on before this is done either.
     delivery_.add(remote.name, remote.path, remote.registrations);
   }
 

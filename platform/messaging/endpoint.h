@@ -7,26 +7,26 @@
 // reads the answer itself. Incoming messages are read by one delivery thread, which calls the
 // receivers in order of arrival; it starts with the first remote endpoint.
 //
-// Start    any order: a service that is not there yet makes requests fail at once; the endpoint
-//          finds it when it comes, and repeats its callback registrations whenever it comes back,
-//          so that no change in between goes untold. A registration that the service has no room for
-//          is repeated until it has (registration_refusals.h), and then told what it missed.
-// Errors   send and sendWaitResponse return a CallStatus; nothing here throws or raises SIGPIPE.
-//          Receivers must not throw either: that ends the program.
-// Threads  all operations from any thread, also from inside receivers. Only one delivery thread
-//          runs receivers, so a receiver that blocks holds up all later messages.
-// Forking  any thread may, at any moment. A child's first call opens connections and starts a
-//          delivery thread of its own, which repeats the parent's registrations; the parent's
-//          connections are closed in it. A child that returns from the receiver it was made in ends
-//          there, with exit(0). A lock of the program's own that a receiver holds meanwhile stays
-//          locked in the child (pthread_atfork(3)).
-// Trust    requests carry secrets, so nothing is sent to a socket of somebody who was not given the
-//          place: the directories above it, and who listens, are looked at whenever a connection is
-//          opened (docs/protocol.md, "Whom a client trusts").
-// Owns     its sockets and its thread. The destructor waits for a running receiver to return; called
-//          inside one, it leaves that to the thread. Links keep a pointer to their endpoint: it has
-//          to outlive their use, and usually lives as long as the process. A program whose threads
-//          go on calling while it ends does not destroy it at all.
+// Start:    any order: a service that is not there yet makes requests fail at once; the endpoint
+//           finds it when it comes, and repeats its callback registrations whenever it comes back,
+//           so that no change in between goes untold. A registration that the service has no room for
+//           is repeated until it has (registration_refusals.h), and then told what it missed.
+// Errors:   send and sendWaitResponse return a CallStatus; nothing here throws or raises SIGPIPE.
+//           Receivers must not throw either: that ends the program.
+// Threads:  all operations from any thread, also from inside receivers. Only one delivery thread
+//           runs receivers, so a receiver that blocks holds up all later messages.
+// Forking:  any thread may, at any moment. A child's first call opens connections and starts a
+//           delivery thread of its own, which repeats the parent's registrations; the parent's
+//           connections are closed in it. A child that returns from the receiver it was made in ends
+//           there, with exit(0). A lock of the program's own that a receiver holds meanwhile stays
+//           locked in the child (pthread_atfork(3)).
+// Trust:    requests carry secrets, so nothing is sent to a socket of somebody who was not given the
+//           place: the directories above it, and who listens, are looked at whenever a connection is
+//           opened (docs/protocol.md, "Whom a client trusts").
+// Owns:     its sockets and its thread. The destructor waits for a running receiver to return; called
+//           inside one, it leaves that to the thread. Links keep a pointer to their endpoint: it has
+//           to outlive their use, and usually lives as long as the process. A program whose threads
+//           go on calling while it ends does not destroy it at all.
 #pragma once
 
 #include <atomic>

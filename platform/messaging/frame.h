@@ -5,15 +5,15 @@
 //   offset  size  field
 //        0     1  version        1
 //        1     1  kind           FrameKind
-//        2     2  flags          FrameFlag bits; unknown bits are refused
-//        4     4  message id     of the payload (platform/schema/message_ids.h); 0 where there is
-//        none 8     4  sequence       chosen by whoever asks, repeated by whoever answers
+//        2     2  flags          kFlag bits; unknown bits are refused
+//        4     4  message id     of the payload (platform/schema/message_ids.h); 0 for none
+//        8     4  sequence       chosen by whoever asks, repeated by whoever answers
 //       12     4  payload length in bytes, at most kMaxPayloadBytes
 //       16     8  revision       see FrameHeader::revision
 //
-// Errors   decoding never reads past what it is given and never throws; a header that is not of
-//          this form is refused with a text that says which field and which value.
-// Threads  plain values and pure functions.
+// Errors:   decoding never reads past what it is given and never throws; a header that is not of
+//           this form is refused with a text that says which field and which value.
+// Threads:  plain values and pure functions.
 #pragma once
 
 #include <array>
@@ -52,11 +52,9 @@ enum class FrameKind : std::uint8_t {
   Refusal = 10,
 };
 
-enum FrameFlag : std::uint16_t {
-  // The request comes from inside a receiver, so its process cannot be asked a question until it is
-  // answered.
-  kFlagInsideReceiver = 1,
-};
+// Flag of a request that comes from inside a receiver: its process cannot be asked a question until it
+// is answered.
+constexpr std::uint16_t kFlagInsideReceiver = 1;
 
 struct FrameHeader {
   FrameKind kind = FrameKind::Request;

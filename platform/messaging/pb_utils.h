@@ -5,8 +5,8 @@
 // appconfig; a device with a message layer of its own implements these five operations and the
 // functions of msg.h instead.
 //
-// Threads  send and sendWaitResponse may be called from any thread, also from inside a receiver.
-// Owns     nothing that is passed in; tables are copied.
+// Threads:  send and sendWaitResponse may be called from any thread, also from inside a receiver.
+// Owns:     nothing that is passed in; tables are copied.
 #pragma once
 
 #include <cstdint>

@@ -11,12 +11,12 @@
 // Endpoint notes all of it by itself. A message layer of the device's own may tell as well, and is
 // then to ask again as Endpoint does; of one that does not, nothing is ever refused.
 //
-// Shape    by message layer, name of the remote endpoint, and what makes two registrations the same:
-//          client name, variable or group, type and callback identity. All of a layer's end with it.
-// Cost     asking is one atomic load while nothing is refused.
-// Threads  any. One mutex, under which nothing is called; not to be called with a lock held that a
-//          function of pthread_atfork(3) takes.
-// Forking  a child knows what its parent knew.
+// Shape:    by message layer, name of the remote endpoint, and what makes two registrations the same:
+//           client name, variable or group, type and callback identity. All of a layer's end with it.
+// Cost:     asking is one atomic load while nothing is refused.
+// Threads:  any. One mutex, under which nothing is called; not to be called with a lock held that a
+//           function of pthread_atfork(3) takes.
+// Forking:  a child knows what its parent knew.
 #pragma once
 
 #include <string>

@@ -4,9 +4,9 @@
 // $XDG_RUNTIME_DIR/appconfig. An endpoint name is a path below it: "ConfigSrvc" is
 // <dir>/ConfigSrvc, "/engine/ConfigSrvc" is <dir>/engine/ConfigSrvc.
 //
-// Errors   a name that would leave the directory, is empty, holds a NUL byte, or makes a path
-//          longer than a Unix socket's address can hold (107 bytes, unix(7)) is refused with a
-//          text.
+// Errors:   a name that would leave the directory, is empty, holds a NUL byte, or makes a path
+//           longer than a Unix socket's address can hold (107 bytes, unix(7)) is refused with a
+//           text.
 #pragma once
 
 #include <string>

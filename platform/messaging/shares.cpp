@@ -1,3 +1,5 @@
+// Two maps count what each user and each process holds, and two sums what all do. Root and the service's
+// own user are counted by process and in the sum of all, but have no share as users.
 #include "platform/messaging/shares.h"
 
 #include <utility>

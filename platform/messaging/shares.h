@@ -1,4 +1,4 @@
-// Shares: how much of one thing that there is only so much of each user and each process may have.
+// Shares:  how much of one thing that there is only so much of each user and each process may have.
 //
 // What everybody may ask for has to be shared out: without this, one program that takes without end
 // would leave nothing for all others. A share counts what its owners hold now, in units of its own
@@ -12,8 +12,8 @@
 // Users that the kernel cannot map into the service's namespace all appear as one (65534), and share
 // one share.
 //
-// Errors   refusal() names the limit and whose it is; nothing else can fail.
-// Threads  one at a time, whichever runs the server's loop.
+// Errors:   refusal() names the limit and whose it is; nothing else can fail.
+// Threads:  one at a time, whichever runs the server's loop.
 //
 //   Shares monitors("monitors", {16, 12, 2, 2}, ::geteuid());
 //   std::string refusal = monitors.refusal(owner);  // "user 1000 has all 2 monitors that ..."
@@ -63,9 +63,7 @@ class Shares {
   bool isOrdinary(Owner owner) const { return owner.uid != 0 && owner.uid != own_; }
 
   const std::string& name() const { return name_; }
-  const ShareLimits& limits() const { return limits_; }
   std::size_t all() const { return all_; }
-  std::size_t ordinary() const { return ordinary_; }
   std::size_t ofUser(uid_t uid) const;
   std::size_t ofProcess(pid_t pid) const;
 

@@ -20,7 +20,7 @@ bool Turn::tryLock() {
 // is free by the time that the poster tries for it.
 void Turn::unlock() {
   do {
-    runPosted();
+    if (hasPosted_.load(std::memory_order_relaxed) != 0) runPosted();
     beforeUnlock_();
     holder_.store(std::thread::id(), std::memory_order_relaxed);
     turn_.unlock();

@@ -25,7 +25,7 @@
 #include "platform/messaging/endpoint.h"
 #include "platform/messaging/frame.h"
 #include "platform/messaging/internal/listener.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/server_options.h"
 #include "platform/schema/message_bounds.h"
 #include "tests/support/service_process.h"
 

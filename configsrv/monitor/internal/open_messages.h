@@ -15,7 +15,7 @@
 #include <tuple>
 
 #include "configsrv/monitor/internal/facts.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/peer.h"
 #include "platform/messaging/shares.h"
 
 namespace ConfigSrv {

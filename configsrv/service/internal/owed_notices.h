@@ -18,7 +18,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "platform/messaging/server.h"
+#include "platform/messaging/peer.h"
 
 namespace ConfigSrv {
 

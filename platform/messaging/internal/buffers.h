@@ -9,7 +9,7 @@
 // Finding that connection looks at all that hold something, and happens only when one is closed for
 // it: an attacker pays with a connection, filled to its share, for each time.
 //
-// Threads  one at a time, whichever runs the server's loop.
+// Threads:  one at a time, whichever runs the server's loop.
 #pragma once
 
 #include <sys/types.h>

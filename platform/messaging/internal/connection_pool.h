@@ -3,12 +3,12 @@
 // A request runs on its caller's thread: it takes a connection, writes one frame, reads one frame,
 // and gives the connection back. Connections are made when all are busy, up to a limit.
 //
-// Order    requests that nobody answers must not overtake each other, nor be overtaken by their own
-//          thread's next request. So a thread whose last one-way request has not been followed by
-//          an answer on its connection goes on with that very connection.
-// Receivers  have a connection of their own, beyond the limit: all others may be waiting for an
-//          answer that the service has only once the receiver has returned.
-// Threads  any.
+// Order:    requests that nobody answers must not overtake each other, nor be overtaken by their own
+//           thread's next request. So a thread whose last one-way request has not been followed by
+//           an answer on its connection goes on with that very connection.
+// Limit:    requests made inside receivers have a connection of their own, beyond it: all others may be
+//           waiting for an answer that the service has only once the receiver has returned.
+// Threads:  any.
 #pragma once
 
 #include <chrono>

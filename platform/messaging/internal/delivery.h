@@ -11,8 +11,8 @@
 //
 // What the service has no room for is asked for again on the standing connection (RetryPace).
 //
-// Threads  the delivery thread owns the connections; what others ask for is behind one mutex, which
-//          is never held while a receiver runs or bytes move.
+// Threads:  the delivery thread owns the connections; what others ask for is behind one mutex, which
+//           is never held while a receiver runs or bytes move.
 #pragma once
 
 #include <atomic>

@@ -11,8 +11,8 @@
 // delivered, and the revision of the last delivered notice takes its place.
 //
 // Nothing is known (kRevisionNone), and everything is asked for, when
-//   - the registration was made by who knew nothing and no answer says since when the service has it:
-//     something else may have been read meanwhile;
+//   - the registration was made without a revision, and no answer says since when the service has it:
+//     the caller may have read something meanwhile;
 //   - the service's epoch is another, or requests were answered by one of another epoch;
 //   - the registration is told on change of values to come, and a question was delivered: the value
 //     may have been taken over, and nobody will say that it did not come to be.
@@ -20,7 +20,7 @@
 // What the service refuses for want of room is asked for again, in the order of the refusals, when
 // whoever owns the connection says so (takeRefused); isRegistrationRefused tells of it until then.
 //
-// Threads  any; one mutex, held for what is kept here and while the refusals are noted.
+// Threads:  any; one mutex, held for what is kept here and while the refusals are noted.
 #pragma once
 
 #include <cstdint>
@@ -83,7 +83,6 @@ class KeptRegistrations {
   bool anyRefused() const;
   Connection connection() const;
 
-  std::size_t size() const;
   // Copies to a child after fork, whose service connections know nothing yet.
   void copyTo(KeptRegistrations& other) const;
 
@@ -96,13 +95,17 @@ class KeptRegistrations {
     std::uint32_t messageId = 0;
     std::string payload;
     bool toldOnChange = false;
+    // What was known when it was made or repeated, and in which epoch.
     std::uint64_t since = kRevisionNow;
-    std::uint64_t epoch = 0;  // of since
-    unsigned unanswered = 0;  // how often it is on its way
+    std::uint64_t epoch = 0;
+    // How often it was sent on this connection without an answer yet.
+    unsigned unanswered = 0;
     bool acknowledged = false;
     std::uint64_t acknowledgedAt = 0;
-    bool refused = false;     // and not accepted since
-    std::uint64_t place = 0;  // in refused_; 0: in none
+    // For want of room, and not accepted since.
+    bool refused = false;
+    // In refused_; 0: it does not wait there.
+    std::uint64_t place = 0;
   };
   using Registrations = std::map<std::string, Registration>;
   // The mutex is held for all of these.

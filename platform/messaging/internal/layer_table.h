@@ -5,9 +5,10 @@
 // A layer's record ends with the layer: the destructor of PbUtils says so (forgetLayer), so that
 // another object at the same address begins anew.
 //
-// Threads  any; one mutex, under which nothing else is taken.
-// Forking  a child has its parent's table. To be watched before anything whose lock is held while
-//          the table is used (watchForks), for fork takes locks in the opposite order.
+// Threads:  any; one mutex, under which nothing else is taken.
+// Forking:  a child has its parent's table. Whoever uses the table with a lock of its own held, which
+//           fork takes too, calls watchForks before it registers that lock with pthread_atfork(3):
+//           fork takes first what was registered last.
 #pragma once
 
 #include <cstdint>

@@ -4,7 +4,7 @@
 // of their own behind them, where a notice takes the place of an older one with the same key: a
 // reader that is slow, or stopped, costs one notice for each variable and no more.
 //
-// Threads  one at a time, whichever runs the loop.
+// Threads:  one at a time, whichever runs the loop.
 #pragma once
 
 #include <cstddef>
@@ -38,7 +38,6 @@ class Outbox {
   // Writes what the socket takes without waiting.
   Written writeTo(int fd);
 
-  bool isEmpty() const { return waitingBytes() == 0; }
   std::size_t waitingBytes() const { return bytes_.size() - written_ + queuedBytes_; }
   // What all of it takes in memory, about: what is empty may be kept for the next, and a queued message
   // is more than its bytes.

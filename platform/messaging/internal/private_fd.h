@@ -4,9 +4,9 @@
 // service would wait for a provider that is long gone. So every descriptor of the client side is
 // noted here, and the child closes what was noted before anything else of it runs.
 //
-// Threads  one mutex for all of them, held while a descriptor is made or closed, so that none is
-//          open and not noted when another thread forks. Taken last: nothing else is taken while it
-//          is held, and what open does must not wait.
+// Threads:  one mutex for all of them, held while a descriptor is made or closed, so that none is
+//           open and not noted when another thread forks. Taken last: nothing else is taken while it
+//           is held, and what open does must not wait.
 #pragma once
 
 namespace PbUtility {

@@ -10,7 +10,7 @@
 //   pace.sent(atMost);              // it has passed: at most pace.batch() were asked for again
 //   pace.answered(accepted, now);   // one of these was answered; with the last, dueAt() is set anew
 //
-// Threads  one.
+// Threads:  one.
 #pragma once
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 // Slice: how much of one user's work is done before it is the others' turn: some frames, or as many as
-// fit into some time, whichever ends first. A frame that was begun is ended, so that a slice may be
-// longer by one frame.
+// fit into some time, whichever ends first. A frame that was begun is always ended, so a slice may be
+// longer than that by one frame.
 //
-// The clock is looked at only once somebody began it: what comes alone, one frame and nobody else
-// waiting, is served without.
+// Reading the clock costs, so it counts only from begin() on: one frame that comes alone, while nobody
+// else waits, is served without it.
 #pragma once
 
 #include <chrono>

@@ -15,10 +15,10 @@
 //   std::string why = trust.whyNot("/run/appconfig/ConfigSrvc");   // before connecting
 //   if (why.empty()) why = trust.whyNotPeer(connected);            // before sending
 //
-// Errors   a path that is not there, or cannot be looked at, is left to connect, which fails for the
-//          same reason and tells it.
-// Cost     a few system calls for each step, when a connection is opened.
-// Threads  one.
+// Errors:   a path that is not there, or cannot be looked at, is left to connect, which fails for the
+//           same reason and tells it.
+// Cost:     a few system calls for each step, when a connection is opened.
+// Threads:  one.
 #pragma once
 
 #include <sys/stat.h>

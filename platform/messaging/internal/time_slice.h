@@ -4,7 +4,7 @@
 // everybody's it may wait until the thread that sent them has used up its own, a millisecond or more;
 // with a short one it comes at once. It gets no more of the processor for that, only sooner.
 //
-// Threads  each asks for itself.
+// Threads:  each asks for itself.
 #pragma once
 
 namespace PbUtility {

@@ -5,9 +5,8 @@
 // for it would cost more than the task. Otherwise whoever has the turn runs it before it gives the
 // turn back. So no post is ever lost, and none waits for a thread that sleeps.
 //
-// Threads  any. lock() waits; tryLock() and post() do not, and post() may be called by the thread that
-//          has the turn.
-//          `beforeUnlock` runs, with the turn, each time it is about to be given back.
+// Threads:  any. lock() waits; tryLock() and post() do not, and post() may be called by the thread that
+//           has the turn.
 #pragma once
 
 #include <atomic>
@@ -20,6 +19,7 @@ namespace PbUtility {
 
 class Turn {
  public:
+  // `beforeUnlock` runs each time the turn is about to be given back, by whoever has it.
   explicit Turn(std::function<void()> beforeUnlock) : beforeUnlock_(std::move(beforeUnlock)) {}
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;

@@ -1,4 +1,4 @@
-// Turns: who is served next, of all who are ready.
+// Turns:  who is served next, of all who are ready.
 //
 // Users take turns, however many connections each has: a user with 700 gets as much of the server as
 // one with a single one. Within a user, what waits is served in the order in which it became ready:
@@ -8,7 +8,7 @@
 // A round is one turn for each user that waits. Who becomes ready meanwhile has to be looked for
 // between rounds; it then waits for one turn of each user at most.
 //
-// Threads  one at a time, whichever runs the server's loop.
+// Threads:  one at a time, whichever runs the server's loop.
 //
 //   for (std::size_t left = turns.users(); left > 0; --left) {
 //     turns.begin();
@@ -36,8 +36,8 @@ class Turns {
     std::function<void()> task;
   };
 
-  // Of whom nothing waits is kept in mind up to this number of users, which saves memory's coming and
-  // going at each event.
+  // A user of whom nothing waits is forgotten only while there are more users than these: otherwise each
+  // event would allocate and free a line.
   static constexpr std::size_t kIdleUsers = 16;
 
   void add(uid_t user, Item item);

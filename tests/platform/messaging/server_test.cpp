@@ -588,6 +588,24 @@ TEST_F(ServerTest, WhoNeverReadsItsNoticesIsClosedAtTheLimit) {
   EXPECT_TRUE(eventually([&] { return linesAbout(serving, "does not read its notices") == 1; }));
 }
 
+// In one task, its connection gets something to write and turns out to be dead.
+TEST_F(ServerTest, WhoDiesWhileItIsToldSomethingIsBuriedAndTheServerServesOn) {
+  Serving serving(options());
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("dying", 1, ConnectionUse::Delivery)));
+  ASSERT_TRUE(eventually([&] { return serving.readyPeer() != 0; }));
+  ConfigIF::ConfigChangedNtfy notice;
+  notice.mutable_value()->add_values(std::string(10000, 'x'));
+  serving.onServer([&](Server& server) {
+    server.after(std::chrono::milliseconds(0), [&] {
+      client.close();
+      server.notify(serving.readyPeer(), notice, 1, "key");
+    });
+  });
+  EXPECT_TRUE(eventually([&] { return serving.gone().size() == 1; }));
+  expectServed();
+}
+
 TEST_F(ServerTest, ASecondServerOfTheNameIsRefusedAndTheFirstServesOn) {
   Serving serving(dir.path());
   Server second(options(), serving);
