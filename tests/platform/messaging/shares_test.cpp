@@ -66,7 +66,8 @@ TEST_F(SharesTest, WhatIsGivenBackMayBeTakenAgain) {
   EXPECT_EQ(shares_.ofUser(1000), 1U);
   EXPECT_EQ(shares_.ofProcess(1), 1U);
   EXPECT_EQ(take({1000, 1}), 2U);
-  EXPECT_EQ(take({1001, 2}) + take({1001, 3}), 4U) << "the rest of what all ordinary users may have";
+  EXPECT_EQ(take({1001, 2}) + take({1001, 3}), 4U)
+      << "the rest of what all ordinary users may have";
 }
 
 TEST_F(SharesTest, AmountsAreHeldAgainstEachLimitAsAWhole) {
