@@ -90,9 +90,15 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
         requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
                    tap_, server_, providers_, audit_.get(), *store_, storeWorker(),
                    [this] { restart(); }}),
-        commits_(*store_, [this] {
-          server_.aside([this] { commits_.commit(); }, [this] { complete(commits_.take()); });
-        }) {
+        commits_(*store_,
+                 [this] {
+                   server_.aside([this] { commits_.commit(); },
+                                 [this] { complete(commits_.take()); });
+                 },
+                 {[this](std::chrono::milliseconds wait) {
+                    server_.after(wait, [this] { commits_.goOn(); });
+                  },
+                  ::geteuid()}) {
     model_.setEpoch(epoch_);
     log_.whenHeldBack([this] { server_.post([this] { sumUpLater(); }); });
     records_ = std::move(opened.records);
@@ -312,6 +318,7 @@ void Service::Impl::complete(const std::vector<Completion>& batch) {
 void Service::Impl::beginToStop() {
   stopping_ = true;
   changes_.stop();
+  commits_.hurry();
   leaveWhenIdle();
 }
 

@@ -4,11 +4,15 @@
 // Nearly always all that waits goes into one group, as it is. Only when that is too much is it sorted by
 // users, and each group takes one transaction of each user in turn.
 //
+// What is large and has to wait stays among what is left, passed over by turns; when nothing else is left,
+// take() asks for a goOn() at the time at which the first of it is due.
+//
 // Copying the log takes about as long as making a large value durable. Whoever waited while the one was
 // done should not wait for the other as well, so that small transactions go in between.
 #include "configsrv/store/commit_queue.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace ConfigSrv {
@@ -35,7 +39,11 @@ std::size_t bytesOf(const StoreTransaction& transaction) {
 
 }  // namespace
 
-CommitQueue::CommitQueue(Store& store, Start start) : store_(store), start_(std::move(start)) {}
+CommitQueue::CommitQueue(Store& store, Start start)
+    : CommitQueue(store, std::move(start), Pace()) {}
+
+CommitQueue::CommitQueue(Store& store, Start start, Pace pace)
+    : store_(store), start_(std::move(start)), pace_(std::move(pace)) {}
 
 void CommitQueue::submit(uid_t user, StoreTransaction transaction, CommitDone done) {
   const std::size_t bytes = bytesOf(transaction);
@@ -58,6 +66,26 @@ void CommitQueue::submitWork(Work work, std::function<void()> done) {
     wasBusy = std::exchange(busy_, true);
   }
   startIfIdle(wasBusy);
+}
+
+void CommitQueue::goOn() {
+  bool wasBusy = false;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    isToGoOn_ = false;
+    wasBusy = std::exchange(busy_, true);
+  }
+  startIfIdle(wasBusy);
+}
+
+void CommitQueue::hurry() {
+  bool isAnyWaiting = false;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    hurries_ = true;
+    isAnyWaiting = isToGoOn_;
+  }
+  if (isAnyWaiting) goOn();
 }
 
 void CommitQueue::commit() {
@@ -88,58 +116,94 @@ void CommitQueue::Group::add(Waiting one) {
 CommitQueue::Group CommitQueue::nextGroup(bool smallOnly) {
   std::vector<Waiting> come;
   std::size_t bytes = 0;
-  Works works;
+  Group group;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
     come = std::exchange(waiting_, {});
     bytes = std::exchange(waitingBytes_, 0);
-    works = std::exchange(works_, {});
+    group.works = std::exchange(works_, {});
+    waitsForNobody_ = hurries_ || !pace_.later;
   }
-  Group group;
   group.smallOnly = smallOnly;
-  group.works = std::move(works);
+  const Clock::time_point now = pace_.now();
   if (left_.empty() && bytes <= kGroupBytes) {
-    for (Waiting& one : come) group.add(std::move(one));
+    for (Waiting& one : come) addTo(group, std::move(one), now);
   } else {
     for (Waiting& one : come) left_[one.user].push_back(std::move(one));
-    takeTurns(group);
+    takeTurns(group, now);
   }
   return group;
 }
 
-void CommitQueue::takeTurns(Group& group) {
-  for (auto next = nextUser(group); next != left_.end(); next = nextUser(group)) {
+void CommitQueue::takeTurns(Group& group, Clock::time_point now) {
+  for (auto next = nextUser(group, now); next != left_.end(); next = nextUser(group, now)) {
     lastUser_ = next->first;
-    group.add(std::move(next->second.front()));
+    addTo(group, std::move(next->second.front()), now);
     next->second.pop_front();
     if (next->second.empty()) left_.erase(next);
   }
 }
 
-std::map<uid_t, std::deque<CommitQueue::Waiting>>::iterator CommitQueue::nextUser(
-    const Group& group) {
-  const auto hasRoom = [&group](const auto& user) { return group.hasRoomFor(user.second.front()); };
-  const auto afterLast = left_.upper_bound(lastUser_);
-  // Passing over one whose turn it is, for being large, is for a group of what is small alone.
-  const auto seek = [&](auto from, auto to) {
-    return group.smallOnly ? std::find_if(from, to, hasRoom) : from;
+void CommitQueue::addTo(Group& group, Waiting one, Clock::time_point now) {
+  if (isLarge(one)) {
+    lastLarge_ = now;
+  } else {
+    if (active_.user != one.user) activeBefore_ = active_;
+    active_ = {one.user, now};
+  }
+  group.add(std::move(one));
+}
+
+// Who has to wait is passed over. So is, in a group of what is small alone, whoever has something large;
+// in any other group, its end is where one does not fit any more.
+CommitQueue::Left::iterator CommitQueue::nextUser(const Group& group, Clock::time_point now) {
+  const auto isNext = [&](const Left::value_type& user) {
+    const Waiting& front = user.second.front();
+    if (dueAt(front, now) > now) return false;
+    return !group.smallOnly || group.hasRoomFor(front);
   };
-  auto next = seek(afterLast, left_.end());
+  const auto afterLast = left_.upper_bound(lastUser_);
+  auto next = std::find_if(afterLast, left_.end(), isNext);
   if (next == left_.end()) {
-    next = seek(left_.begin(), afterLast);
+    next = std::find_if(left_.begin(), afterLast, isNext);
     if (next == afterLast) return left_.end();
   }
-  return hasRoom(*next) ? next : left_.end();
+  return group.hasRoomFor(next->second.front()) ? next : left_.end();
+}
+
+CommitQueue::Clock::time_point CommitQueue::dueAt(const Waiting& one, Clock::time_point now) const {
+  const bool isOrdinary = one.user != 0 && one.user != pace_.own;
+  if (waitsForNobody_ || !isOrdinary || !isLarge(one)) return now;
+  Clock::time_point quiet = Clock::time_point::min();
+  for (const Active& other : {active_, activeBefore_})
+    if (other.user != one.user) quiet = std::max(quiet, other.at + kQuiet);
+  return std::min(quiet, lastLarge_ + kLargeEvery);
+}
+
+CommitQueue::Clock::time_point CommitQueue::nextDue(Clock::time_point now) const {
+  Clock::time_point next = Clock::time_point::max();
+  for (const auto& [user, waiting] : left_) next = std::min(next, dueAt(waiting.front(), now));
+  return next;
 }
 
 std::vector<Completion> CommitQueue::take() {
+  std::vector<Completion> committed = std::exchange(committed_, {});
+  bool more = store_.isCheckpointDue();
+  std::optional<Clock::duration> wait;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = !waiting_.empty() || !works_.empty() || !left_.empty() || store_.isCheckpointDue();
-    if (!busy_) return std::exchange(committed_, {});
+    more = more || !waiting_.empty() || !works_.empty();
+    if (!more && !left_.empty()) {
+      waitsForNobody_ = hurries_ || !pace_.later;
+      const Clock::time_point now = pace_.now();
+      const Clock::time_point due = nextDue(now);
+      more = due <= now;
+      if (!more && !std::exchange(isToGoOn_, true)) wait = due - now;
+    }
+    busy_ = more;
   }
-  std::vector<Completion> committed = std::exchange(committed_, {});
-  start_();
+  if (wait) pace_.later(std::chrono::ceil<std::chrono::milliseconds>(*wait));
+  if (more) start_();
   return committed;
 }
 

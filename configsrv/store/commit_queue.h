@@ -6,7 +6,10 @@
 // Fairness: a group ends at kGroupBytes and takes from each user in turn, so that the megabytes of one
 //           do not go before the few bytes of another. Those of one user keep their order. When the
 //           store's log is due to be copied, that is a turn like a group's, behind one of what is small.
-// Threads:  submit() from any. The queue has no thread: `start` is called, with no lock
+// Large:    a transaction of more than kGroupBytes takes the disk and a processor for some milliseconds,
+//           and nothing goes in between. While other users write, those of ordinary users therefore
+//           wait until nobody else has written for kQuiet, or kLargeEvery after the last such one.
+// Threads:  submit() and goOn() from any. The queue has no thread: `start` is called, with no lock
 //           held, by the submit() or take() that finds something to do and nobody doing it. It
 //           brings about one commit(), on a thread that may wait for the disk, and then one take(),
 //           wherever the `done` functions are to be called: the queue does not call them.
@@ -23,6 +26,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -51,10 +55,23 @@ class CommitQueue {
   // strings and this for each of its changes: a row, and the pages that it makes the disk write.
   static constexpr std::size_t kGroupBytes = std::size_t{256} * 1024;
   static constexpr std::size_t kChangeBytes = 256;
+  static constexpr std::chrono::milliseconds kQuiet{20};
+  static constexpr std::chrono::milliseconds kLargeEvery{500};
 
   using Start = std::function<void()>;
 
+  using Clock = std::chrono::steady_clock;
+  // What makes transactions wait. Without it, none does.
+  struct Pace {
+    // Brings about one goOn() after this time. Called where take() is.
+    std::function<void(std::chrono::milliseconds)> later;
+    // Whose transactions never wait, beside root's.
+    uid_t own = 0;
+    Clock::time_point (*now)() = Clock::now;
+  };
+
   CommitQueue(Store& store, Start start);
+  CommitQueue(Store& store, Start start, Pace pace);
   CommitQueue(const CommitQueue&) = delete;
   CommitQueue& operator=(const CommitQueue&) = delete;
 
@@ -64,6 +81,11 @@ class CommitQueue {
   // however much waits besides; `done` comes out of take() like that of a commit.
   using Work = std::function<void(Store& store)>;
   void submitWork(Work work, std::function<void()> done);
+
+  // Looks again at what had to wait.
+  void goOn();
+  // From now on nothing waits for others to be quiet: the end is near.
+  void hurry();
 
   // Makes the next group of what waits durable, once for each `start`.
   void commit();
@@ -77,6 +99,7 @@ class CommitQueue {
     CommitDone done;
     std::size_t bytes = 0;
   };
+  using Left = std::map<uid_t, std::deque<Waiting>>;
   using Works = std::vector<std::pair<Work, CommitDone>>;
   // Side by side, so that the transactions can be handed to the store as they are.
   struct Group {
@@ -97,25 +120,46 @@ class CommitQueue {
     if (!wasBusy) start_();
   }
 
+  static bool isLarge(const Waiting& one) { return one.bytes > kGroupBytes; }
+
+  // Who committed something small, and when.
+  struct Active {
+    uid_t user = 0;
+    Clock::time_point at = Clock::time_point::min();
+  };
+
+  // When the transaction may go; past or present: now.
+  Clock::time_point dueAt(const Waiting& one, Clock::time_point now) const;
+  // When the first of what is left may go.
+  Clock::time_point nextDue(Clock::time_point now) const;
   Group nextGroup(bool smallOnly);
-  void takeTurns(Group& group);
-  // Of the users with something that the group has room for, the one whose turn it is; or the end.
-  std::map<uid_t, std::deque<Waiting>>::iterator nextUser(const Group& group);
+  void takeTurns(Group& group, Clock::time_point now);
+  // The user whose turn it is, if the group has room for what that one has next; else the end.
+  Left::iterator nextUser(const Group& group, Clock::time_point now);
+  void addTo(Group& group, Waiting one, Clock::time_point now);
 
   Store& store_;
   const Start start_;
+  const Pace pace_;
   // From commit() to take().
   std::vector<Completion> committed_;
   // What did not go into a group yet, by user; commit()'s, and take()'s after it.
-  std::map<uid_t, std::deque<Waiting>> left_;
+  Left left_;
   uid_t lastUser_ = 0;
   bool checkpointIsNext_ = false;
+  // The last one, and the last one of another user.
+  Active active_;
+  Active activeBefore_;
+  Clock::time_point lastLarge_ = Clock::time_point::min();
+  bool waitsForNobody_ = false;  // As `hurries_` was last seen.
 
   // Guards the members below; nothing else is taken, and nothing called, while it is held.
   std::mutex mutex_;
   std::vector<Waiting> waiting_;
   std::size_t waitingBytes_ = 0;
   Works works_;
+  bool isToGoOn_ = false;  // A goOn() will come.
+  bool hurries_ = false;
   bool busy_ = false;  // From the call of start_ to the take() that finds nothing more.
 };
 

@@ -36,7 +36,7 @@ class AuditUpkeepTest : public testing::Test {
   void change() {
     const ConfigVar key = TestSupport::keyOf("net.mtu");
     StoreChange change{key, StoreChange::SetValue{{std::to_string(++value_)}}};
-    change.record = trail_.changeCommits({{}, change}, *model_.find(key));
+    change.record = trail_.changeCommits({}, change, *model_.find(key));
     const std::string record = change.record;
     const CommitResult result = store_->commit({{change}});
     ASSERT_TRUE(result.status.ok()) << result.status.text;

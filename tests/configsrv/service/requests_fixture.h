@@ -35,7 +35,7 @@ class RequestsFixture : public testing::Test {
   static Definitions definitions() {
     using TestSupport::defined;
     return Definitions({
-        defined("net.mtu").ofType(ValueType::kInt).between(68, 9000).withDefault({"1500"}),
+        defined("net.mtu").ofType(ValueType::Int).between(68, 9000).withDefault({"1500"}),
         defined("net.mode").withDefault({"auto"}).withOptions({"auto", "manual"}),
         defined("net.hidden").withDefault({"h"}).readBy(AppConfig::eRoleFactory),
         defined("net.guarded").withDefault({"g"}).writtenBy(AppConfig::eRoleInstaller),

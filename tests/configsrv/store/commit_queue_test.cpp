@@ -274,6 +274,110 @@ TEST_F(CommitQueueTest, AGroupHasAnEndAlsoForManySmallOnes) {
   EXPECT_EQ(batches_[2].size(), 1U);
 }
 
+// The queue on one thread and with a clock of its own: what it starts is done at once, what it wants
+// later is noted.
+class PacedCommitQueueTest : public StoreFixture {
+ protected:
+  using Clock = CommitQueue::Clock;
+  static constexpr uid_t kOwn = 997;
+
+  PacedCommitQueueTest() {
+    open();
+    now_ = Clock::time_point(std::chrono::hours(1));
+    CommitQueue::Pace pace{[this](std::chrono::milliseconds wait) { wanted_.push_back(wait); },
+                           kOwn, [] { return now_; }};
+    queue_ = std::make_unique<CommitQueue>(
+        store(), [this] { ++started_; }, std::move(pace));
+  }
+
+  void submit(uid_t user, const std::string& name, std::size_t bytes) {
+    queue_->submit(user, {setting(name, std::string(bytes, 'x'))},
+                   [this, name](const StoreStatus& status, std::uint64_t) {
+                     done_.push_back(status.ok() ? name : "failed " + name);
+                   });
+  }
+  void submitSmall(uid_t user, const std::string& name) { submit(user, name, 1); }
+  void submitLarge(uid_t user, const std::string& name) { submit(user, name, kLarge); }
+  // What is done until the queue has nothing more to do now.
+  std::vector<std::string> work() {
+    done_.clear();
+    for (; started_ > 0; --started_) {
+      queue_->commit();
+      for (Completion& completion : queue_->take())
+        completion.done(completion.status, completion.revision);
+    }
+    return done_;
+  }
+  std::vector<std::string> goOn(std::chrono::milliseconds later) {
+    now_ += later;
+    wanted_.clear();
+    queue_->goOn();
+    return work();
+  }
+
+  static constexpr std::size_t kLarge = CommitQueue::kGroupBytes + 1;
+  static inline Clock::time_point now_;
+  std::unique_ptr<CommitQueue> queue_;
+  int started_ = 0;
+  std::vector<std::chrono::milliseconds> wanted_;
+  std::vector<std::string> done_;
+};
+
+TEST_F(PacedCommitQueueTest, WhatIsLargeGoesAtOnceWhileNobodyElseWrites) {
+  submitSmall(1000, "a");
+  for (const char* name : {"b", "c", "d"}) submitLarge(1000, name);
+  EXPECT_THAT(work(), testing::ElementsAre("a", "b", "c", "d"));
+  EXPECT_THAT(wanted_, testing::IsEmpty());
+}
+
+TEST_F(PacedCommitQueueTest, WhatIsLargeWaitsUntilOthersAreQuiet) {
+  submitLarge(1000, "first");
+  EXPECT_THAT(work(), testing::ElementsAre("first"));
+  submitSmall(1001, "small");
+  submitLarge(1000, "large");
+  submitSmall(1000, "behind it");
+  EXPECT_THAT(work(), testing::ElementsAre("small"));
+  EXPECT_THAT(wanted_, testing::ElementsAre(CommitQueue::kQuiet));
+  submitSmall(1001, "another");
+  EXPECT_THAT(work(), testing::ElementsAre("another"));
+  EXPECT_THAT(goOn(CommitQueue::kQuiet - std::chrono::milliseconds(1)), testing::IsEmpty());
+  EXPECT_THAT(wanted_, testing::ElementsAre(std::chrono::milliseconds(1)));
+  EXPECT_THAT(goOn(std::chrono::milliseconds(1)), testing::ElementsAre("large", "behind it"));
+  EXPECT_THAT(wanted_, testing::IsEmpty());
+}
+
+TEST_F(PacedCommitQueueTest, WhatIsLargeGoesOnceInAWhileThoughOthersAreNeverQuiet) {
+  std::vector<std::string> large;
+  for (int i = 0; i < 4; ++i) submitLarge(1000, "large");
+  constexpr std::chrono::milliseconds kStep{5};
+  for (auto time = kStep; time <= 2 * CommitQueue::kLargeEvery; time += kStep) {
+    submitSmall(1001, "small");
+    for (const std::string& name : goOn(kStep))
+      if (name == "large") large.push_back(name);
+  }
+  EXPECT_EQ(large.size(), 2U) << "one at the start of each stretch of time";
+}
+
+TEST_F(PacedCommitQueueTest, RootAndTheServicesOwnUserWaitForNobody) {
+  submitLarge(1000, "first");
+  submitSmall(1001, "small");
+  EXPECT_EQ(work().size(), 2U);
+  submitLarge(0, "of root");
+  submitLarge(kOwn, "of the service");
+  submitLarge(1000, "of a user");
+  EXPECT_THAT(work(), testing::ElementsAre("of root", "of the service"));
+}
+
+TEST_F(PacedCommitQueueTest, AtTheEndNothingWaits) {
+  submitLarge(1000, "first");
+  submitSmall(1001, "small");
+  submitLarge(1000, "second");
+  submitLarge(1000, "third");
+  EXPECT_THAT(work(), testing::ElementsAre("first", "small"));
+  queue_->hurry();
+  EXPECT_THAT(work(), testing::ElementsAre("second", "third"));
+}
+
 TEST_F(CommitQueueTest, ManyThreadsGetOneDeliveryEachAndRevisionsWithoutGaps) {
   constexpr int kThreads = 8;
   constexpr int kEach = 50;
