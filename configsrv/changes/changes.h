@@ -142,9 +142,6 @@ class Changes {
   const Log& log_;
   ChangeObserver* const observer_;
 
-  // Each change by its number. Who is called back later holds the number, and finds the change gone
-  // when it has ended meanwhile.
-  std::unordered_map<Number, std::unique_ptr<PendingChange>> changes_;
   Number lastNumber_ = 0;
   const std::unique_ptr<ChangeQueues> queues_;
   const std::unique_ptr<ProviderRounds> rounds_;
@@ -157,6 +154,10 @@ class Changes {
   WrittenShares written_;
   HourlyLimits hourly_;
   ChangeCounters counters_;
+  // Each change by its number. Who is called back later holds the number, and finds the change gone
+  // when it has ended meanwhile. The last member: what a change's `done` holds may give a share back
+  // when it goes.
+  std::unordered_map<Number, std::unique_ptr<PendingChange>> changes_;
 };
 
 }  // namespace ConfigSrv
