@@ -3,7 +3,8 @@
 // Values and options that are not the definition's take memory and store for as long as they stand.
 // They count, with each of their strings, for whoever wrote them last: for the user, and for the
 // process as long as it lives. What was stored before the start of the service counts only for all
-// together, because nobody knows who wrote it. A write that takes no more than what it replaces is never refused.
+// together, because nobody knows who wrote it. A write that takes no more than what it replaces is
+// never refused.
 //
 //   plan = what a change would come to; refusal(plan); take(plan) when it is being made durable; then
 //   apply(plan) once it is, or drop(plan) when it failed.

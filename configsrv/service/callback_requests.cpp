@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "appconfig/core/key_notation.h"
+#include "appconfig/core/lower_case.h"
 #include "configsrv/service/internal/results.h"
 #include "platform/messaging/frame.h"
 #include "platform/schema/message_ids.h"
@@ -94,7 +95,7 @@ void CallbackRequests::registerCallback(const Call& call,
       with_.subscriptions, call,
       Registration{request.name(), request.type(), request.endpoint_name(), request.client_name(),
                    call.by.role},
-      with_.model.below(lowerCase(request.name())));
+      with_.model.below(AppConfig::lowerCase(request.name())));
   if (hasUnknownType(request))
     return refuseRegistration(*registering, eErrInvalidRequest, "unknown callback type");
   registering->provides = isProvider(request);

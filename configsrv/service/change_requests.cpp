@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "appconfig/core/key_notation.h"
+#include "appconfig/core/lower_case.h"
 #include "configsrv/changes/wire_forms.h"
 #include "configsrv/service/internal/results.h"
 #include "configsrv/service/internal/variable_lookup.h"
@@ -176,7 +177,7 @@ void ChangeRequests::submitOne(const Call& call, const ConfigIF::Inst& inst, Wan
 // What was never changed and is not this caller's to change needs no error.
 void ChangeRequests::submitBelow(const Call& call, const std::string& name, const Wanted& what,
                                  const ChangeBatch::Done& answer) {
-  const CoveredVariables covered = model_.below(lowerCase(name));
+  const CoveredVariables covered = model_.below(AppConfig::lowerCase(name));
   const auto nth = [covered, what, role = call.by.role](std::size_t n) {
     const Variable& variable = covered[n];
     const bool isTheirs = role >= variable.writeRole() && !variable.shape().readOnly;

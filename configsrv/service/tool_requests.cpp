@@ -10,6 +10,7 @@
 #include <iterator>
 #include <optional>
 
+#include "appconfig/core/lower_case.h"
 #include "configsrv/changes/wire_forms.h"
 #include "configsrv/service/internal/answer_size.h"
 #include "configsrv/service/internal/results.h"
@@ -97,7 +98,7 @@ bool ToolRequests::handle(const Incoming& incoming) {
 bool ToolRequests::findListed(const ConfigIF::ListReq& request,
                               std::vector<const Variable*>& listed,
                               ConfigIF::ReturnMessage& result) const {
-  listed = with_.model.covered(lowerCase(request.prefix()));
+  listed = with_.model.covered(AppConfig::lowerCase(request.prefix()));
   if (!request.has_after()) return true;
   const std::optional<ConfigVar> after = readInst(request.after());
   if (!after) {

@@ -1,8 +1,7 @@
 #include "configsrv/service/internal/variable_lookup.h"
 
-#include <algorithm>
-
 #include "appconfig/core/key_notation.h"
+#include "appconfig/core/lower_case.h"
 #include "appconfig/core/role_names.h"
 #include "configsrv/changes/wire_forms.h"
 #include "configsrv/service/internal/results.h"
@@ -10,14 +9,8 @@
 namespace ConfigSrv {
 
 using AppConfig::formatKey;
+using AppConfig::lowerCase;
 using AppConfig::roleName;
-
-std::string lowerCase(const std::string& name) {
-  std::string result = name;
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  std::transform(result.begin(), result.end(), result.begin(), lower);
-  return result;
-}
 
 const Variable* VariableLookup::find(const ConfigIF::Inst& inst,
                                      ConfigIF::ReturnMessage& result) const {

@@ -4,8 +4,8 @@
 // Nearly always all that waits goes into one group, as it is. Only when that is too much is it sorted by
 // users, and each group takes one transaction of each user in turn.
 //
-// What is large and has to wait stays among what is left, passed over by turns; when nothing else is left,
-// take() asks for a goOn() at the time at which the first of it is due.
+// What is large and has to wait stays among what is left, passed over by turns; when nothing else is
+// left, take() asks for a goOn() at the time at which the first of it is due.
 //
 // Copying the log takes about as long as making a large value durable. Whoever waited while the one was
 // done should not wait for the other as well, so that small transactions go in between.

@@ -4,8 +4,8 @@
 // Shape:   one file, with companions beside it while in use: FILE-wal (the log), FILE.lock, and
 //          FILE.snapshot (the last snapshot). Files get mode 0600; a missing directory is made,
 //          with mode 0700, its missing parents too.
-// Durable  what commit() acknowledged survives the loss of power.
-// Faults   a damaged file never keeps open() from succeeding: it is set aside as
+// Durable: what commit() acknowledged survives the loss of power.
+// Faults:  a damaged file never keeps open() from succeeding: it is set aside as
 //          FILE.damaged-<UTC time> with its companions (the newest kMaxSetAside are kept), the
 //          snapshot takes its place, or else an empty store, and OpenedStore::notice says so. The
 //          same goes for a file that may not be read, for one that is missing beside a snapshot, or
@@ -13,12 +13,12 @@
 //          behind it; it is said as well, unless it is in the last two or three of them.
 //          A file written by a newer version is refused and not touched; one of an older version
 //          is brought to the present format, in one transaction.
-// Restore  a copy under the name FILE.restore takes the store's place when it is opened next, with a
+// Restore: a copy under the name FILE.restore takes the store's place when it is opened next, with a
 //          new id; what was there is kept as FILE.replaced-<UTC time> (the newest kMaxSetAside), and
 //          the notice says so. One that is no good is set aside as FILE.restore.damaged-<UTC time>.
-// Records  a store that keeps them has a text beside a change, as durable as the change, until it is
+// Records: a store that keeps them has a text beside a change, as durable as the change, until it is
 //          told to forget it: for whoever writes it elsewhere too, and cannot do both at once.
-// Past     with a Witness, a store that is not the one that clients were told of last (an older copy
+// Past:    with a Witness, a store that is not the one that clients were told of last (an older copy
 //          that was put back, a log whose end is missing) gets a new id, and the notice says so.
 // Threads: one at a time; it may be opened on one thread and used on another. While a CommitQueue
 //          has it, it is the queue's.
@@ -115,12 +115,11 @@ class Store {
   // What only this state of the store has.
   StoreMark mark() const;
 
-  // Makes the transactions durable, all of them or none, by one write to the disk; none when they
-  // are empty. Takes a snapshot as well when it is time for one. Fails with
-  // kDiskFull or kIo: nothing of it is visible then, revision() is as before, and the store is
-  // usable again as soon as the disk is. After a kIo, a loss of power before the next successful
-  // commit may bring the failed transactions back, whole: the disk may have them despite its
-  // answer.
+  // Makes the transactions durable, all of them or none, by one write to the disk; none when they are
+  // empty. Takes a snapshot as well when it is time for one. Fails with kDiskFull or kIo: nothing of
+  // it is visible then, revision() is as before, and the store is usable again as soon as the disk
+  // is. After a kIo, a loss of power before the next successful commit may bring the failed
+  // transactions back, whole: the disk may have them despite its answer.
   CommitResult commit(const std::vector<StoreTransaction>& transactions);
 
   // Whether the next open() would take FILE.restore, and the revision that it has. Leaves that file

@@ -1,6 +1,6 @@
-// The SQL of the tables, and what becomes of a row on its way: columns that hold another type, numbers out
-// of range and a wrong checksum make the row damaged. Whatever stands in the file, nothing of it is
-// believed before that.
+// The SQL of the tables, and what becomes of a row on its way: columns that hold another type,
+// numbers out of range and a wrong checksum make the row damaged. Whatever stands in the file,
+// nothing of it is believed before that.
 #include "configsrv/store/internal/store_contents.h"
 
 #include <algorithm>

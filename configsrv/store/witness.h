@@ -10,9 +10,9 @@
 //          definitions, the store's id, what is committed, and what is about to be. It is written
 //          before a commit and once more behind it, before anybody hears of it: so whenever the
 //          process ends the store holds one of the two, and once somebody was told, that one.
-// Epoch    grows: a later one is a greater number, never 0. It stays as long as the store continues
+// Epoch:   grows: a later one is a greater number, never 0. It stays as long as the store continues
 //          the record and the definitions are the same.
-// Faults   a file that cannot be written stops nobody: it is said once, and the next start finds a
+// Faults:  a file that cannot be written stops nobody: it is said once, and the next start finds a
 //          store that does not continue it, or no record, and begins a new epoch. One that cannot
 //          be read, is half written, a symbolic link or another user's is not used and said.
 // Threads: one at a time; it may be begun on one thread and used on another.

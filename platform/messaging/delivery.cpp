@@ -2,9 +2,9 @@
 // tell it of new remotes and of what they ask for; between two polls it connects, repeats registrations,
 // writes what waits and reads what has come.
 //
-// It never waits for a socket to take bytes: the service may itself be waiting for this side to read. What
-// does not fit stands in Remote::outgoing until poll tells of room. Only connecting may wait, for a full
-// backlog, and for no longer than kConnectDeadline.
+// It never waits for a socket to take bytes: the service may itself be waiting for this side to read.
+// What does not fit stands in Remote::outgoing until poll tells of room. Only connecting may wait,
+// for a full backlog, and for no longer than kConnectDeadline.
 #include "platform/messaging/internal/delivery.h"
 
 #include <poll.h>

@@ -1,6 +1,6 @@
-// Most events leave one connection to flush: it is handed out as it is. Several are sorted and become a
-// batch, which is handed out one by one, while new ones gather for the next. The crowd knows connections by
-// their keys, because some may be gone by their turn.
+// Most events leave one connection to flush: it is handed out as it is. Several are sorted and become
+// a batch, which is handed out one by one, while new ones gather for the next. The crowd knows
+// connections by their keys, because some may be gone by their turn.
 #include "platform/messaging/internal/flush_queue.h"
 
 #include "platform/messaging/internal/peer_table.h"

@@ -1,5 +1,6 @@
-// Field by field, and by shifting, so that neither the machine's byte order nor a struct's padding matters.
-// Whatever stands in a fixed place is checked before anything relies on it; the lengths come first.
+// Field by field, and by shifting, so that neither the machine's byte order nor a struct's padding
+// matters. Whatever stands in a fixed place is checked before anything relies on it; the lengths come
+// first.
 #include "platform/messaging/frame.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
-// Three things go on at once: a caller sends a registration and waits for its answer, the delivery thread
-// repeats it on a new connection, and notices come that say how far the client has been told. They are
-// told apart by the number of the delivery connection: an answer to what was sent before the present one
-// began says nothing, because the service may have been restarted in between. On one connection,
-// `unanswered` counts how often a registration is on its way, and only with the last answer it is known to
-// be there.
+// Three things go on at once: a caller sends a registration and waits for its answer, the delivery
+// thread repeats it on a new connection, and notices come that say how far the client has been told.
+// They are told apart by the number of the delivery connection: an answer to what was sent before the
+// present one began says nothing, because the service may have been restarted in between. On one
+// connection, `unanswered` counts how often a registration is on its way, and only with the last
+// answer it is known to be there.
 #include "platform/messaging/internal/kept_registrations.h"
 
 #include <algorithm>

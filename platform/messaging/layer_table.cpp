@@ -1,5 +1,5 @@
-// One table for the process. Reads of variables ask it whether they may be kept, and almost always nothing
-// is refused: refusedInAll says so without the mutex.
+// One table for the process. Reads of variables ask it whether they may be kept, and almost always
+// nothing is refused: refusedInAll says so without the mutex.
 #include "platform/messaging/internal/layer_table.h"
 
 #include <pthread.h>

@@ -1,6 +1,7 @@
-// A name belongs to whoever holds the lock on its lock file. So the order is: directories, lock, then the
-// socket file, which may be removed and made anew because the lock says that nobody serves at it. The lock
-// file itself is never removed: another server may have opened it already and be waiting to lock it.
+// A name belongs to whoever holds the lock on its lock file. So the order is: directories, lock, then
+// the socket file, which may be removed and made anew because the lock says that nobody serves at it.
+// The lock file itself is never removed: another server may have opened it already and be waiting to
+// lock it.
 #include "platform/messaging/internal/listener.h"
 
 #include <fcntl.h>

@@ -1,6 +1,6 @@
-// Two places: bytes_ is what is being written and must leave as it is; messages_ is the queue behind it,
-// in which a newer message may still replace an older one. What the socket can take soon is moved from the
-// queue to the bytes (stage), and no more than that, so that the rest stays replaceable.
+// Two places: bytes_ is what is being written and must leave as it is; messages_ is the queue behind
+// it, in which a newer message may still replace an older one. What the socket can take soon is moved
+// from the queue to the bytes (stage), and no more than that, so that the rest stays replaceable.
 #include "platform/messaging/internal/outbox.h"
 
 #include <sys/socket.h>

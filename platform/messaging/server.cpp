@@ -1,7 +1,7 @@
 // The server is what is left to decide between rooms that keep what they know to themselves: the loop
-// tells what happened (EventLoop), a connection has frames and takes bytes (Connection), two tables know
-// who is there (ConnectionTable, PeerTable), and what goes out leaves in its order (Writer). Here is whose
-// turn it is, who has to wait for room, and what each frame means.
+// tells what happened (EventLoop), a connection has frames and takes bytes (Connection), two tables
+// know who is there (ConnectionTable, PeerTable), and what goes out leaves in its order (Writer).
+// Here is whose turn it is, who has to wait for room, and what each frame means.
 //
 // One event that comes alone is served at once. Of several, each connection stands in line behind the
 // others of its user, and each user has a turn (Turns, Slice); then epoll is asked again, for all that

@@ -1,6 +1,7 @@
-// The path is resolved first (realpath), so that its steps hold no symbolic link, and then walked from the
-// root. Between this look and connect(2) somebody might exchange a directory; but only a trusted user can,
-// or the walk had failed, and who really listens is looked at once more after connecting.
+// The path is resolved first (realpath), so that its steps hold no symbolic link, and then walked
+// from the root. Between this look and connect(2) somebody might exchange a directory; but only a
+// trusted user can, or the walk had failed, and who really listens is looked at once more after
+// connecting.
 #include "platform/messaging/internal/socket_trust.h"
 
 #include <sys/socket.h>

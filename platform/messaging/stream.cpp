@@ -1,6 +1,6 @@
-// Sending and connecting wait in the kernel, with the time-out of the socket; receiving waits in poll,
-// for a reason that waitForBytes gives. Each frame is read into one buffer, with one recv when it is short,
-// and the buffer is kept for the next.
+// Sending and connecting wait in the kernel, with the time-out of the socket; receiving waits in
+// poll, for a reason that waitForBytes gives. Each frame is read into one buffer, with one recv when
+// it is short, and the buffer is kept for the next.
 #include "platform/messaging/internal/stream.h"
 
 #include <poll.h>

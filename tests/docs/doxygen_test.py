@@ -20,16 +20,15 @@ ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/manager/fresh_read.
            "platform/messaging/registration_refusals.h")
 WITHOUT_A_PAGE = {"appconfig/core/export.h"}  # one macro
 MAIN_PAGE = "docs/mainpage.dox"
-# Whose members do not all have a comment of their own yet. Drop a header from here when they do.
-NOT_YET = {
+# Plain values and tables, whose small accessors one comment describes together; doxygen gives that to the
+# first of them alone.
+DESCRIBED_TOGETHER = {
     "appconfig/cache/config_cache.h",
     "appconfig/cache/config_value.h",
     "appconfig/core/config_result.h",
     "appconfig/core/config_var.h",
     "appconfig/core/error.h",
     "appconfig/core/security_role.h",
-    "appconfig/manager/app_cfg_manager.h",
-    "appconfig/registry/registration.h",
     "platform/messaging/msg.h",
     "platform/messaging/registration_refusals.h",
 }
@@ -78,11 +77,11 @@ class DoxygenTest(unittest.TestCase):
     def test_there_are_no_warnings(self):
         self.assertEqual(("", 0), (self.done.stderr, self.done.returncode))
 
-    def test_every_public_member_has_a_comment(self):
+    def test_every_public_operation_has_a_comment_of_its_own(self):
         with tempfile.TemporaryDirectory(dir=BUILD_DIR) as directory:
             done = run_doxygen(directory, undocumented="YES")
         left = [line for line in done.stderr.splitlines()
-                if not re.sub(r":\d+: .*", "", line.replace(SOURCE_DIR + "/", "")) in NOT_YET]
+                if re.sub(r":\d+: .*", "", line.replace(SOURCE_DIR + "/", "")) not in DESCRIBED_TOGETHER]
         self.assertEqual([], left)
 
     def test_a_member_without_a_comment_is_found(self):

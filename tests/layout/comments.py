@@ -34,26 +34,6 @@ PRODUCT_FOLDERS = ("appconfig/", "platform/", "configsrv/", "tools/")
 # Of a release that is out: never changed again. And bytes that look like text.
 NOT_OURS = ("tests/abi/v", "fuzz/corpus/")
 
-# Written before there was this check. Drop a folder from here when its comments are in form.
-NOT_YET = (
-    "appconfig/",
-    "configsrv/changes/",
-    "configsrv/configsrvd/",
-    "configsrv/monitor/",
-    "configsrv/providers/",
-    "configsrv/service/",
-    "configsrv/store/",
-    "platform/",
-    "tools/",
-)
-
-# Longer than a source may be. Drop each when it is split.
-TOO_LONG_YET = (
-    "platform/messaging/server.cpp",
-    "configsrv/changes/changes.cpp",
-    "configsrv/service/service.cpp",
-)
-
 # Words that may follow themselves: "so that that one", "what had had to wait".
 MAY_REPEAT = {"that", "had", "is", "long"}
 
@@ -305,19 +285,19 @@ def missing_openings(path, text):
 
 def long_sources(path, text):
     lines = text.count("\n")
-    if not path.endswith(".cpp") or not path.startswith(PRODUCT_FOLDERS) or path in TOO_LONG_YET:
+    if not path.endswith(".cpp") or not path.startswith(PRODUCT_FOLDERS):
         return []
     return [(1, f"has {lines} lines, more than {LONGEST_SOURCE}")] if lines > LONGEST_SOURCE else []
 
 
-CHECKS_OF_FORM = (broken_lines, joined_lines, joined_examples, wide_lines, bare_labels, doubled_words, missing_openings)
+CHECKS = (broken_lines, joined_lines, joined_examples, wide_lines, bare_labels, doubled_words, missing_openings,
+          long_sources)
 
 
-def problems_of(path, text, not_yet=NOT_YET):
-    found = long_sources(path, text)
-    if not path.startswith(not_yet):
-        for check in CHECKS_OF_FORM:
-            found += check(path, text)
+def problems_of(path, text):
+    found = []
+    for check in CHECKS:
+        found += check(path, text)
     return [f"{path}:{number}: {what}" for number, what in sorted(found)]
 
 
@@ -328,15 +308,12 @@ def project_files():
 
 
 def main(arguments):
-    not_yet = NOT_YET
-    if arguments[:1] == ["--everywhere"]:  # also in the folders that are not in form yet
-        arguments, not_yet = arguments[1:], ("/",)
     problems = []
     for path in arguments or project_files():
         if path.startswith(NOT_OURS) or not os.path.isfile(path):
             continue
         with open(path, encoding="utf-8", errors="replace") as file:
-            problems += problems_of(path, file.read(), not_yet)
+            problems += problems_of(path, file.read())
     for problem in problems:
         print(problem)
     return 1 if problems else 0

@@ -38,7 +38,7 @@ def lines(text):
 
 class FormTest(unittest.TestCase):
     def check(self, text, path="configsrv/log/log.h"):
-        return comments.problems_of(path, text, not_yet=("none/",))
+        return comments.problems_of(path, text)
 
     def expect_one(self, problems, *texts):
         self.assertEqual(1, len(problems), problems)
@@ -126,8 +126,8 @@ class FormTest(unittest.TestCase):
 class SourcesTest(unittest.TestCase):
     OPENING = "// Log: lines on standard error, one write each, so that those of threads do not mix.\n"
 
-    def check(self, path, text, not_yet=("none/",)):
-        return comments.problems_of(path, text, not_yet)
+    def check(self, path, text):
+        return comments.problems_of(path, text)
 
     def test_a_long_source_opens_with_what_it_is_for(self):
         body = '#include "x.h"\n' * 61
@@ -144,14 +144,6 @@ class SourcesTest(unittest.TestCase):
             text = self.OPENING + "int x;\n" * (count - 1)
             self.assertEqual(expected, len(self.check("tools/appcfg/get.cpp", text)))
             self.assertEqual(0, len(self.check("bench/processes/kill.cpp", text)))
-
-    def test_a_folder_that_is_not_in_form_yet_is_held_to_the_length_alone(self):
-        text = "// of the the variable\n" + "int x;\n" * 600
-        self.assertEqual(1, len(self.check("tools/appcfg/get.cpp", text, ("tools/",))))
-
-    def test_sources_that_are_being_split_may_be_long(self):
-        for path in comments.TOO_LONG_YET:
-            self.assertEqual([], self.check(path, self.OPENING + "int x;\n" * 600))
 
 
 if __name__ == "__main__":

@@ -29,7 +29,4 @@ class VariableLookup {
   const Model& model_;
 };
 
-// Lower case, as the names of all variables are.
-std::string lowerCase(const std::string& name);
-
 }  // namespace ConfigSrv
