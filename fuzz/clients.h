@@ -15,9 +15,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/messaging/frame.h"
-#include "platform/messaging/internal/unique_fd.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
+#include "platform/messaging/wire/frame.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace Fuzz {
 

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/message_ids.h"
 #include "platform/schema/registration_key.h"
 

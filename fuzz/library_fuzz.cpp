@@ -14,7 +14,7 @@
 #include "appconfig/service/platform_cfg_service.h"
 #include "fuzz/input.h"
 #include "fuzz/messages.h"
-#include "platform/messaging/internal/dispatch.h"
+#include "platform/messaging/client/internal/dispatch.h"
 #include "platform/messaging/pb_utils.h"
 
 namespace {

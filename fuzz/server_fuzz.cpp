@@ -12,7 +12,7 @@
 
 #include "fuzz/clients.h"
 #include "fuzz/input.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 #include "platform/schema/config_if.pb.h"
 
 namespace {

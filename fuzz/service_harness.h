@@ -28,7 +28,7 @@
 #include "configsrv/service/internal/requests.h"
 #include "configsrv/service/service.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace Fuzz {
 

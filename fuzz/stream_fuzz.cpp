@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "fuzz/input.h"
-#include "platform/messaging/internal/stream.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/client/internal/stream.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

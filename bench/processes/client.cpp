@@ -5,7 +5,7 @@
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "bench/processes/definitions.h"
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_ids.h"
 

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "configsrv/changes/wire_forms.h"
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/config_if.pb.h"
 
 namespace ConfigSrv {

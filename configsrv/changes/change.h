@@ -12,8 +12,8 @@
 #include "appconfig/core/error.h"
 #include "appconfig/core/security_role.h"
 #include "configsrv/store/stored_variable.h"
-#include "platform/messaging/peer.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/peer.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

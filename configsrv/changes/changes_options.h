@@ -10,7 +10,7 @@
 #include <cstdint>
 
 #include "configsrv/changes/hourly_limits.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "configsrv/store/commit_queue.h"
-#include "platform/messaging/peer.h"
+#include "platform/messaging/serving/peer.h"
 
 namespace google {
 namespace protobuf {

@@ -16,7 +16,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

@@ -19,7 +19,7 @@
 #include <unordered_map>
 
 #include "configsrv/model/model.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

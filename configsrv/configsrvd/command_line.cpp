@@ -6,7 +6,7 @@
 #include <map>
 
 #include "configsrv/configsrvd/exit_code.h"
-#include "platform/messaging/runtime_dir.h"
+#include "platform/messaging/wire/runtime_dir.h"
 
 namespace {
 

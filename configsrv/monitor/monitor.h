@@ -22,8 +22,8 @@
 
 #include "appconfig/core/security_role.h"
 #include "configsrv/model/model.h"
-#include "platform/messaging/server_handler.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/server_handler.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigIF {
 class MonitorNtfy;

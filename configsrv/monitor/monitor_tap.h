@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "configsrv/monitor/monitor.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace ConfigSrv {
 

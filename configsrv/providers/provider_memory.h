@@ -32,7 +32,7 @@
 #include "appconfig/core/security_role.h"
 #include "configsrv/log/log.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/peer.h"
+#include "platform/messaging/serving/peer.h"
 
 namespace ConfigSrv {
 

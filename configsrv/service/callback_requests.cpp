@@ -8,7 +8,7 @@
 #include "appconfig/core/key_notation.h"
 #include "appconfig/core/lower_case.h"
 #include "configsrv/service/internal/results.h"
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/message_ids.h"
 
 namespace ConfigSrv {

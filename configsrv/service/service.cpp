@@ -32,7 +32,7 @@
 #include "configsrv/store/store.h"
 #include "configsrv/store/witness.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace ConfigSrv {
 namespace {

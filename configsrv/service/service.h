@@ -24,7 +24,7 @@ namespace ConfigSrv {
 struct ServiceOptions {
   std::string definitionsDir;
   std::string storeFile;
-  // Where the socket stands. Empty: the default of platform/messaging/runtime_dir.h.
+  // Where the socket stands. Empty: the default of platform/messaging/wire/runtime_dir.h.
   std::string runtimeDir;
   // The endpoint is <prefix>/ConfigSrvc, or ConfigSrvc without a prefix.
   std::string endpointPrefix;

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "platform/messaging/runtime_dir.h"
+#include "platform/messaging/wire/runtime_dir.h"
 
 namespace ConfigSrv {
 namespace {

@@ -26,8 +26,8 @@
 #include <vector>
 
 #include "appconfig/core/security_role.h"
-#include "platform/messaging/peer.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/peer.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigIF {
 enum CallbackType : int;

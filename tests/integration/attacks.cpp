@@ -12,8 +12,8 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/messaging/internal/frame_bytes.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/wire/internal/frame_bytes.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/load.h"
 

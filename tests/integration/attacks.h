@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 
 namespace TestSupport {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/messaging/internal/frame_bytes.h"
+#include "platform/messaging/wire/internal/frame_bytes.h"
 #include "tests/integration/access_fixture.h"
 #include "tests/support/load.h"
 

@@ -3,7 +3,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "tests/integration/fixture.h"
 
 namespace TestSupport {

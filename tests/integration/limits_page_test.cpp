@@ -23,9 +23,9 @@
 #include "configsrv/subscriptions/subscriptions.h"
 #include "configsrv/toml/document.h"
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/frame.h"
-#include "platform/messaging/internal/listener.h"
-#include "platform/messaging/server_options.h"
+#include "platform/messaging/serving/internal/listener.h"
+#include "platform/messaging/serving/server_options.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/message_bounds.h"
 #include "tests/support/service_process.h"
 

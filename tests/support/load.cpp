@@ -12,7 +12,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "platform/messaging/internal/frame_bytes.h"
+#include "platform/messaging/wire/internal/frame_bytes.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/eventually.h"
 

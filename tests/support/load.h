@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/messaging/frame.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/wire/frame.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace google {
 namespace protobuf {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace TestSupport {
 

@@ -10,7 +10,7 @@
 #include "appconfig/core/role_names.h"
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/read_inst.h"
-#include "platform/messaging/runtime_dir.h"
+#include "platform/messaging/wire/runtime_dir.h"
 
 namespace AppCfgTool {
 namespace {

@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "configsrv/changes/change.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "configsrv/changes/change.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

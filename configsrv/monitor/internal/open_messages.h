@@ -15,8 +15,8 @@
 #include <tuple>
 
 #include "configsrv/monitor/internal/facts.h"
-#include "platform/messaging/peer.h"
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/peer.h"
+#include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
 

@@ -21,7 +21,7 @@
 #include "configsrv/service/internal/slices.h"
 #include "configsrv/service/internal/variable_lookup.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace ConfigSrv {
 

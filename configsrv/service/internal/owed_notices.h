@@ -18,7 +18,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "platform/messaging/peer.h"
+#include "platform/messaging/serving/peer.h"
 
 namespace ConfigSrv {
 

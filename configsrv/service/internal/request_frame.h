@@ -25,7 +25,7 @@
 #include "configsrv/log/log.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor_tap.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 #include "platform/schema/config_if.pb.h"
 
 namespace ConfigSrv {

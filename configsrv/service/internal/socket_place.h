@@ -8,7 +8,7 @@
 #include <string>
 
 #include "configsrv/service/service.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace ConfigSrv {
 

@@ -11,7 +11,7 @@
 #include "configsrv/model/model.h"
 #include "configsrv/service/internal/request_frame.h"
 #include "configsrv/store/commit_queue.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace ConfigSrv {
 

@@ -15,7 +15,7 @@
 #include "configsrv/service/service.h"
 #include "configsrv/store/store.h"
 #include "configsrv/subscriptions/subscriptions.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 namespace ConfigSrv {
 

@@ -1,6 +1,6 @@
 #include "configsrv/changes/announcer.h"
 
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "tests/configsrv/changes/changes_fixture.h"
 
 namespace ConfigSrv {

@@ -16,9 +16,9 @@
 #include <thread>
 
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/frame.h"
-#include "platform/messaging/internal/frame_bytes.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/wire/frame.h"
+#include "platform/messaging/wire/internal/frame_bytes.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/eventually.h"
 #include "tests/support/serving.h"

@@ -1,4 +1,4 @@
-#include "platform/messaging/internal/buffers.h"
+#include "platform/messaging/serving/internal/buffers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

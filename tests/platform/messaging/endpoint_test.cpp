@@ -6,8 +6,8 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/messaging/internal/listener.h"
 #include "platform/messaging/msg.h"
+#include "platform/messaging/serving/internal/listener.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/platform/messaging/raw_client.h"
 #include "tests/support/eventually.h"

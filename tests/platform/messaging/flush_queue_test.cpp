@@ -1,4 +1,4 @@
-#include "platform/messaging/internal/flush_queue.h"
+#include "platform/messaging/serving/internal/flush_queue.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/messaging/internal/connection.h"
-#include "platform/messaging/internal/peer_table.h"
+#include "platform/messaging/serving/internal/connection.h"
+#include "platform/messaging/serving/internal/peer_table.h"
 
 namespace PbUtility {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/messaging/internal/kept_registrations.h"
+#include "platform/messaging/client/internal/kept_registrations.h"
 
 #include <gtest/gtest.h>
 

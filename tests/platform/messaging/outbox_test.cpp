@@ -1,9 +1,9 @@
-#include "platform/messaging/internal/outbox.h"
+#include "platform/messaging/serving/internal/outbox.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace PbUtility {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_bounds.h"
 #include "tests/platform/messaging/raw_client.h"

@@ -4,7 +4,7 @@
 #include <map>
 #include <sstream>
 
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/platform/messaging/raw_client.h"
 

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "platform/messaging/frame.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/wire/frame.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace TestSupport {
 

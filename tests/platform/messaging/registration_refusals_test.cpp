@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/frame.h"
+#include "platform/messaging/wire/frame.h"
 #include "platform/schema/config_if.pb.h"
 #include "platform/schema/message_ids.h"
 #include "tests/support/eventually.h"

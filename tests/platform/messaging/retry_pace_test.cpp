@@ -1,4 +1,4 @@
-#include "platform/messaging/internal/retry_pace.h"
+#include "platform/messaging/client/internal/retry_pace.h"
 
 #include <gtest/gtest.h>
 

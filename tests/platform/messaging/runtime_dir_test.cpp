@@ -1,4 +1,4 @@
-#include "platform/messaging/runtime_dir.h"
+#include "platform/messaging/wire/runtime_dir.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/eventually.h"
 #include "tests/support/serving.h"

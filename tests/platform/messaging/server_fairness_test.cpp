@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/platform/messaging/raw_client.h"
 #include "tests/support/child.h"

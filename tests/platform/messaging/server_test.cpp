@@ -1,4 +1,4 @@
-#include "platform/messaging/server.h"
+#include "platform/messaging/serving/server.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/messaging/shares.h"
+#include "platform/messaging/serving/shares.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

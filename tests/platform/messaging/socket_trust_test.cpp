@@ -1,5 +1,5 @@
 // Whose socket a client uses: real directories, and services and clients of several users.
-#include "platform/messaging/internal/socket_trust.h"
+#include "platform/messaging/client/internal/socket_trust.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/internal/unique_fd.h"
+#include "platform/messaging/wire/internal/unique_fd.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/child.h"
 #include "tests/support/serving.h"

@@ -1,4 +1,4 @@
-#include "platform/messaging/internal/time_slice.h"
+#include "platform/messaging/client/internal/time_slice.h"
 
 #include <gtest/gtest.h>
 #include <linux/filter.h>

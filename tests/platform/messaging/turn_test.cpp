@@ -1,4 +1,4 @@
-#include "platform/messaging/internal/turn.h"
+#include "platform/messaging/serving/internal/turn.h"
 
 #include <gtest/gtest.h>
 

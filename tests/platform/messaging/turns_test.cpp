@@ -1,10 +1,10 @@
-#include "platform/messaging/internal/turns.h"
+#include "platform/messaging/serving/internal/turns.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "platform/messaging/internal/slice.h"
+#include "platform/messaging/serving/internal/slice.h"
 
 namespace PbUtility {
 namespace {

@@ -12,8 +12,8 @@
 #include <fstream>
 #include <type_traits>
 
-#include "platform/messaging/frame.h"
 #include "platform/messaging/msg.h"
+#include "platform/messaging/wire/frame.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

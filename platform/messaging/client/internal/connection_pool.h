@@ -1,0 +1,90 @@
+// ConnectionPool: the connections over which an endpoint sends requests to one remote.
+//
+// A request runs on its caller's thread: it takes a connection, writes one frame, reads one frame,
+// and gives the connection back. Connections are made when all are busy, up to a limit.
+//
+// Order:    requests that nobody answers must not overtake each other, nor be overtaken by their own
+//           thread's next request. So a thread whose last one-way request has not been followed by
+//           an answer on its connection goes on with that very connection.
+// Limit:    requests made inside receivers have a connection of their own, beyond it: all others may be
+//           waiting for an answer that the service has only once the receiver has returned.
+// Threads:  any.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/messaging/client/internal/stream.h"
+#include "platform/messaging/endpoint.h"
+
+namespace PbUtility {
+
+// What one exchange needs to know of its caller, and what it learns.
+struct Exchange {
+  std::uint32_t messageId = 0;
+  bool oneWay = false;
+  bool insideReceiver = false;
+  Clock::time_point deadline;
+  // Revision for the header when the connection's epoch is `knownEpoch`; else kRevisionNone is
+  // sent.
+  std::uint64_t revision = kRevisionNow;
+  std::uint64_t knownEpoch = 0;
+
+  std::uint32_t sequence = 0;
+  std::uint64_t epoch = 0;
+  std::uint64_t answerRevision = 0;
+  // A connection was made for this: the service is there.
+  bool opened = false;
+  std::string problem;
+};
+
+class ConnectionPool {
+ public:
+  ConnectionPool(std::string path, Hello hello, unsigned maxConnections);
+
+  // One request and, unless it is one-way, its response, which is parsed into `response`.
+  CallStatus call(const google::protobuf::MessageLite& request,
+                  google::protobuf::MessageLite* response, Exchange& exchange);
+
+ private:
+  struct Connection {
+    Stream stream;
+    std::string outgoing;
+    std::uint32_t lastSequence = 0;
+    std::uint64_t epoch = 0;
+    bool busy = false;
+    bool forReceivers = false;
+    // Thread whose one-way request may still be unread by the service; none: default id.
+    std::thread::id oneWayBy;
+  };
+  using Position = std::list<Connection>::iterator;
+  class Lease;
+
+  CallStatus take(Exchange& exchange, Position& connection);
+  bool findIdle(bool insideReceiver, Position& connection, bool& mustWait);
+  bool isFull() const;
+  void giveBack(Position connection, bool usable, std::thread::id oneWayBy);
+  void closeIdle();
+  CallStatus open(Connection& connection, Exchange& exchange);
+  CallStatus sendRequest(Connection& connection, const google::protobuf::MessageLite& request,
+                         Exchange& exchange, bool& stale);
+  CallStatus receiveResponse(Connection& connection, google::protobuf::MessageLite& response,
+                             Exchange& exchange);
+  CallStatus welcome(Connection& connection, Exchange& exchange);
+
+  const std::string path_;
+  const Hello hello_;
+  const unsigned maxConnections_;
+  // Guards connections_ and the busy, forReceivers and oneWayBy fields in it; nothing is taken while
+  // it is held, and no input or output happens.
+  std::mutex mutex_;
+  std::condition_variable freed_;
+  std::list<Connection> connections_;
+};
+
+}  // namespace PbUtility

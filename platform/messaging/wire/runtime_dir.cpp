@@ -1,0 +1,60 @@
+#include "platform/messaging/wire/runtime_dir.h"
+
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "platform/messaging/wire/frame.h"
+
+namespace PbUtility {
+namespace {
+
+constexpr std::size_t kMaxSocketPathBytes = sizeof(sockaddr_un::sun_path) - 1;
+
+bool leavesDirectory(std::string_view name) {
+  while (!name.empty()) {
+    const std::size_t slash = name.find('/');
+    const std::string_view step = name.substr(0, slash);
+    if (step == ".." || step == ".") return true;
+    if (slash == std::string_view::npos) return false;
+    name.remove_prefix(slash + 1);
+  }
+  return false;
+}
+
+std::string problemOf(std::string_view name) {
+  if (name.empty() || name.back() == '/') return "names no endpoint";
+  if (name.size() > kMaxEndpointNameBytes) {
+    return "is longer than " + std::to_string(kMaxEndpointNameBytes) + " bytes";
+  }
+  if (name.find('\0') != std::string_view::npos) return "holds a NUL byte";
+  if (leavesDirectory(name))
+    return "would leave the runtime directory: use no \".\" or \"..\" step";
+  return {};
+}
+
+}  // namespace
+
+std::string defaultRuntimeDir() {
+  const char* own = std::getenv("APPCONFIG_RUNTIME_DIR");
+  if (own != nullptr && *own != '\0') return own;
+  if (geteuid() == 0) return "/run/appconfig";
+  const char* user = std::getenv("XDG_RUNTIME_DIR");
+  if (user != nullptr && *user != '\0') return std::string(user) + "/appconfig";
+  return {};
+}
+
+std::string socketPath(std::string_view runtimeDir, std::string_view name, std::string& path) {
+  if (runtimeDir.empty()) return "no runtime directory: set APPCONFIG_RUNTIME_DIR";
+  const std::string problem = problemOf(name);
+  if (!problem.empty()) return "endpoint name \"" + std::string(name) + "\" " + problem;
+  path = runtimeDir;
+  if (name.front() != '/') path += '/';
+  path += name;
+  if (path.size() <= kMaxSocketPathBytes) return {};
+  return "socket path \"" + path + "\" is longer than the " + std::to_string(kMaxSocketPathBytes) +
+         " bytes that a Unix socket can have: choose a shorter runtime directory";
+}
+
+}  // namespace PbUtility
