@@ -127,6 +127,8 @@ Limits limitsOfRequests() {
       {"ChangeBatch::kAtOnce", number(ChangeBatch::kAtOnce)},
       {"HourlyLimits::kUsers", number(HourlyLimits::kUsers)},
       {"CommitQueue::kGroupBytes", number(CommitQueue::kGroupBytes)},
+      {"CommitQueue::kQuiet", number(CommitQueue::kQuiet.count())},
+      {"CommitQueue::kLargeEvery", number(CommitQueue::kLargeEvery.count())},
       {"ChangeBatch::kBegunInOneTurn", number(ChangeBatch::kBegunInOneTurn)},
       {"CallbackRequests::kVariablesAtOnce", number(CallbackRequests::kVariablesAtOnce)},
       {"ChangeBatch::kMaxMessages", number(ChangeBatch::kMaxMessages)},
