@@ -1,0 +1,262 @@
+"""The tests of a build, and how they are run here: quickly, up to the first one that fails.
+
+A program's cases run in one process, which is quicker than ctest's one for each. The trial that every run
+begins with, on the unchanged tree, finds out which cases need a process of their own, how long each takes,
+and how many processes a program is split into because it waits more than it works.
+
+A hang is a failure: each case has a limit, of ten times what it took in the trial and some seconds more.
+"""
+
+import json
+import os
+import re
+import resource
+import signal
+import subprocess
+import tempfile
+import time
+
+# Tests of texts, packages and what is made of them. A bug in the code is none of their business.
+NOT_ASKED = ("tests/abi", "tests/bench", "tests/consumer", "tests/docs", "tests/layout", "tests/man", "tests/model",
+             "tests/mutation", "tests/packaging", "tests/readme", "tests/appconfig/shared_object", "bench")
+# What tests start that are no programs of the build themselves.
+STARTED = ["configsrvd", "appcfg", "soak_worker", "gateway-app", "gateway-network"]
+# Measures, and fails at nothing that others do not fail at sooner.
+MEASURING = ("overload_figures_can_be_made", "overload_attacks_can_be_measured")
+
+# Seconds above the ten times of a case, or of a command, which is longer; and what the trial waits.
+PATIENCE, COMMAND_PATIENCE, TRIAL_PATIENCE = 10, 30, 300
+MOST_PROCESSES = 6
+_LINE = re.compile(r"^\[ *(RUN|OK|FAILED|SKIPPED) *\] ([\w/]+\.[\w/]+)(?:.*\((\d+) ms\))?")
+
+
+class Test:
+    """One program of gtest's, or one command of ctest's."""
+
+    def __init__(self, name, folder, command, cases=(), environment=()):
+        self.name = name
+        self.folder = folder
+        self.command = list(command)
+        self.cases = list(cases)
+        self.environment = dict(environment)
+        self.apart = []     # cases that fail when others run before them
+        self.left_out = []  # cases that fail although nothing is planted
+        self.seconds = {}   # by case; "" is all of it
+        self.processes = 1
+        self.patience = PATIENCE
+
+    def targets(self):
+        program = os.path.basename(self.command[0])
+        return [program] if self.cases or "/bin/" in self.command[0] else list(STARTED)
+
+    def expected(self):
+        return self.seconds.get("", 10)
+
+    def limit(self, case):
+        return self.patience + 10 * self.seconds.get(case, 1)
+
+
+def discover(build):
+    """All tests of a build that are asked here."""
+    command = ["ctest", "--test-dir", build, "--show-only=json-v1"]
+    listed = json.loads(subprocess.run(command, capture_output=True, check=True, text=True).stdout)
+    found = {}
+    for test in listed["tests"]:
+        properties = {p["name"]: p["value"] for p in test["properties"]}
+        folder = os.path.relpath(properties.get("WORKING_DIRECTORY", build), build)
+        if folder.startswith(NOT_ASKED) or test["name"] in MEASURING or properties.get("DISABLED"):
+            continue
+        command = test.get("command", [])
+        filtered = [w for w in command if w.startswith("--gtest_filter=")]
+        if filtered:
+            name = os.path.basename(command[0])
+            known = found.setdefault(name, Test(name, folder, command[:1]))
+            known.cases.append(filtered[0].split("=", 1)[1])
+        elif command:
+            variables = [v.split("=", 1) for v in properties.get("ENVIRONMENT", [])]
+            found[test["name"]] = Test(test["name"], folder, command, (), variables)
+    return list(found.values())
+
+
+def _limit_resources():
+    os.nice(5)
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    resource.setrlimit(resource.RLIMIT_FSIZE, (4 << 30, 4 << 30))
+    resource.setrlimit(resource.RLIMIT_AS, (16 << 30, 16 << 30))
+
+
+class _Process:
+    """A running test, its output followed in a file: a pipe would stay open as long as a child that it left."""
+
+    def __init__(self, test, arguments, environment, cwd):
+        self.test = test
+        written, path = tempfile.mkstemp()
+        self.out = open(path, encoding="utf-8", errors="replace")
+        os.unlink(path)
+        self.began = self.case_began = time.monotonic()
+        self.case, self.tail, self.seconds, self.failed = "", "", {}, []
+        self.busy = 0.0
+        self.process = subprocess.Popen(test.command + arguments, stdin=subprocess.DEVNULL, stdout=written,
+                                        stderr=subprocess.STDOUT, cwd=cwd, start_new_session=True,
+                                        env=environment, preexec_fn=_limit_resources)
+        os.close(written)
+        self._rest = ""
+
+    def is_over(self):
+        pid, status, usage = os.wait4(self.process.pid, os.WNOHANG)
+        self._follow()
+        if pid == 0:
+            return False
+        self.process.returncode = os.waitstatus_to_exitcode(status)
+        self.busy = usage.ru_utime + usage.ru_stime
+        self._end_group()
+        return True
+
+    def failure(self):
+        """The case that failed, or "" for one that cannot be named; None when all is well."""
+        if self.failed:
+            return self.failed[0]
+        return self.case if self.process.returncode != 0 else None
+
+    def is_stuck(self):
+        return time.monotonic() - self.case_began > self.test.limit(self.case)
+
+    def end(self):
+        if self.process.returncode is None:
+            self._end_group()
+            _, status = os.waitpid(self.process.pid, 0)
+            self.process.returncode = os.waitstatus_to_exitcode(status)
+        self.out.close()
+
+    def _end_group(self):
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+
+    def _follow(self):
+        lines = (self._rest + self.out.read()).split("\n")
+        self._rest = lines.pop()
+        self.tail = "\n".join((self.tail.splitlines() + lines)[-40:])
+        for line in lines:
+            self._note(_LINE.match(line))
+
+    def _note(self, match):
+        if match is None:
+            return
+        what, case, milliseconds = match.groups()
+        if what == "RUN":
+            self.case, self.case_began = case, time.monotonic()
+            return
+        if milliseconds is None:
+            return  # the summary's line
+        self.seconds[case] = int(milliseconds) / 1000
+        if what == "FAILED":
+            self.failed.append(case)
+        self.case, self.case_began = "", time.monotonic()
+
+
+class Result:
+    def __init__(self):
+        self.failed = None  # as _Process.failure()
+        self.all_failed = []
+        self.was_stuck = False
+        self.crashed = False
+        self.seconds = {}
+        self.busy = 0.0
+        self.tail = ""
+
+
+class Runner:
+    """Runs tests of one tree."""
+
+    def __init__(self, tree, scratch):
+        self.tree = tree
+        self.scratch = scratch  # for the tests' temporary files
+
+    def run(self, test):
+        """All cases, up to the first that fails."""
+        result = Result()
+        if not test.cases:
+            return self._run([(test, [], {})], 1, result)
+        together = len(test.cases) - len(test.apart) - len(test.left_out)
+        if together > 0:
+            out = test.apart + test.left_out
+            arguments = ["--gtest_fail_fast", "--gtest_color=no"] + (["--gtest_filter=-" + ":".join(out)] if out else [])
+            shards = [{"GTEST_TOTAL_SHARDS": str(test.processes), "GTEST_SHARD_INDEX": str(i)}
+                      for i in range(test.processes)] if test.processes > 1 else [{}]
+            self._run([(test, arguments, shard) for shard in shards], test.processes, result)
+        if result.failed is None and test.apart:
+            self._run([(test, self._alone(case), {}) for case in test.apart], 2, result)
+        return result
+
+    def run_case(self, test, case):
+        return self._run([(test, self._alone(case), {})], 1, Result())
+
+    def run_all(self, test):
+        """All cases in one process, failures or not."""
+        return self._run([(test, ["--gtest_color=no"], {})], 1, Result())
+
+    @staticmethod
+    def _alone(case):
+        return ["--gtest_color=no", "--gtest_filter=" + case]
+
+    def _run(self, waiting, at_once, result):
+        waiting, running = list(waiting)[::-1], []
+        try:
+            while (waiting or running) and result.failed is None:
+                while waiting and len(running) < at_once:
+                    running.append(self._start(*waiting.pop()))
+                for one in list(running):
+                    if one.is_over():
+                        running.remove(one)
+                        self._take(one, result)
+                    elif one.is_stuck():
+                        one.end()
+                        running.remove(one)
+                        result.was_stuck, result.failed, result.tail = True, one.case, one.tail
+                time.sleep(0.01)
+        finally:
+            for one in running:
+                one.end()
+        return result
+
+    def _start(self, test, arguments, variables):
+        environment = {**os.environ, "TMPDIR": self.scratch, **test.environment, **variables}
+        cwd = os.path.join(self.tree.build, test.folder)
+        return _Process(test, arguments, environment, cwd)
+
+    @staticmethod
+    def _take(one, result):
+        result.busy += one.busy
+        result.seconds.update(one.seconds)
+        result.seconds[""] = result.seconds.get("", 0) + time.monotonic() - one.began
+        failed = one.failure()
+        if failed is not None:
+            result.failed, result.tail = failed, one.tail
+            result.all_failed += one.failed
+            result.crashed = one.process.returncode < 0 or not one.failed
+        one.out.close()
+
+
+def try_out(runner, test):
+    """The trial: how a test is to be run, found on the tree as it is. False when it can only fail."""
+    test.patience = TRIAL_PATIENCE
+    result = runner.run_all(test) if test.cases else runner.run(test)
+    if result.failed is not None and not test.cases:
+        result = runner.run(test)
+        if result.failed is not None:
+            return False
+    if result.failed is not None:
+        test.apart = list(test.cases) if result.crashed or result.was_stuck else sorted(set(result.all_failed))
+        for case in list(test.apart):
+            alone = runner.run_case(test, case)
+            if alone.failed is not None and runner.run_case(test, case).failed is not None:
+                test.apart.remove(case)
+                test.left_out.append(case)
+            result.seconds.update({case: alone.seconds.get(case, 1)})
+    test.seconds, test.patience = result.seconds, PATIENCE if test.cases else COMMAND_PATIENCE
+    wall = result.seconds.get("", 1)
+    if test.cases and wall > 2:
+        test.processes = max(1, min(MOST_PROCESSES, round(wall / max(result.busy, 0.1))))
+    return True
