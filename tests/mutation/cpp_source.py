@@ -26,7 +26,7 @@ _TOKEN = re.compile(
   | (?P<char>(?:u8|[uUL])?'(?:\\.|[^'\\\n])+')
   | (?P<number>\.?\d(?:[eEpP][+-]|'\w|[\w.])*)
   | (?P<word>[A-Za-z_]\w*)
-  | (?P<mark_of>\.\.\.|->\*|<<=|>>=|::|->|\+\+|--|<<|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=|[^\s\w])
+  | (?P<mark_of>\.\.\.|->\*|<<=|>>=|::|->|\+\+|--|<<|>>|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=|[^\s\w])
     """,
     re.X | re.S,
 )
@@ -113,20 +113,20 @@ class Source:
 
     def closing_angle(self, index):
         """The partner of a template's '<', as clang-format writes it: without a blank before; or None."""
-        depth = 0
-        for i in range(index, min(index + 200, len(self.tokens))):
+        depth, i = 0, index
+        while i < min(index + 200, len(self.tokens)):
             text = self.word(i)
-            if text in ("(", "[", "{"):
-                if self.partner.get(i) is None:
-                    return None
+            if text in _OPENING:
+                i = self.partner[i]
             elif text == "<":
                 depth += 1
-            elif text == ">":
-                depth -= 1
-                if depth == 0:
-                    return i
-            elif text in (";", "&&", "||") and not (text == "&&" and self.word(i + 1) in (">", ",")):
+            elif text in (">", ">>"):
+                depth -= len(text)
+                if depth <= 0:
+                    return i if depth == 0 else None
+            elif text in (";", "||") or text == "&&" and self.word(i + 1) not in (">", ","):
                 return None
+            i += 1
         return None
 
     def has_blank_before(self, index):

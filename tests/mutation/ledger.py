@@ -27,7 +27,7 @@ def read(path):
         tables = tomllib.load(file).get("survivor", [])
     entries = []
     for table in tables:
-        if set(table) != set(Entry._fields) or not all(table.values()) and table["function"]:
+        if set(table) != set(Entry._fields) or not all(table[name] for name in ("file", "line", "becomes", "reason")):
             raise ValueError(f"{path}: an entry needs {', '.join(Entry._fields)}: {table}")
         if table["verdict"] not in (EQUIVALENT, KEPT):
             raise ValueError(f"{path}: a verdict is '{EQUIVALENT}' or '{KEPT}': {table}")
