@@ -97,6 +97,7 @@ class Worker:
         self.known = known
         self.tally = tally
         self.say = say
+        self.code_without = {}
         self.scratch = tempfile.mkdtemp(prefix="mu-")
         self.runner = suite.Runner(tree, self.scratch)
 
@@ -192,7 +193,9 @@ class Worker:
         code = self.tree.object_code(path)
         try:
             self.tree.write(path, source)
-            return code is not None and code == self.tree.object_code(path)
+            if path not in self.code_without:
+                self.code_without[path] = self.tree.object_code(path)
+            return code is not None and code == self.code_without[path]
         finally:
             self.tree.write(path, mutant)
             os.utime(where, ns=(planted.st_atime_ns, planted.st_mtime_ns))

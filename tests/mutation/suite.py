@@ -64,7 +64,7 @@ def discover(build):
     for test in listed["tests"]:
         properties = {p["name"]: p["value"] for p in test["properties"]}
         folder = os.path.relpath(properties.get("WORKING_DIRECTORY", build), build)
-        if folder.startswith(NOT_ASKED) or test["name"] in MEASURING or properties.get("DISABLED"):
+        if any((folder + "/").startswith(f + "/") for f in NOT_ASKED) or test["name"] in MEASURING or properties.get("DISABLED"):
             continue
         command = test.get("command", [])
         filtered = [w for w in command if w.startswith("--gtest_filter=")]

@@ -2,6 +2,7 @@
 
 import json
 import os
+import shlex
 import shutil
 import signal
 import subprocess
@@ -80,10 +81,9 @@ class Tree:
             entries = [e for e in json.load(file) if e["file"] == os.path.join(self.path, path)]
         if not entries:
             return None
-        words = entries[0]["command"].replace("-O0", "-O2").split()
+        command = shlex.split(entries[0]["command"].replace("-O0", "-O2"))
         made = os.path.join(self.build, "optimized.o")
-        words[words.index("-o") + 1] = made
-        command = [w.replace('\\"', '"') for w in words]
+        command[command.index("-o") + 1] = made
         code, _ = run_in_group(command, BUILD_SECONDS, cwd=entries[0]["directory"], env=self.environment)
         if code != 0:
             return None
