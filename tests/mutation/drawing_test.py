@@ -170,7 +170,7 @@ class ValueTest(unittest.TestCase):
         self.expect("return a + b(c);", ("a + b(c)", "{}"))
 
     def test_what_is_empty_already_stays(self):
-        self.expect("return; return {}; return 0; return nullptr;")
+        self.expect("return; return {}; return 0; return nullptr; return std::nullopt;")
 
 
 class OutOfBoundsTest(unittest.TestCase):

@@ -234,7 +234,7 @@ def values(source):
             continue
         value = source.span(first, last)
         new = {"true": "false", "false": "true"}.get(value, "{}")
-        if value not in ("nullptr", "0"):
+        if value not in ("nullptr", "0", "std::nullopt"):
             yield source.tokens[first].start, source.tokens[last - 1].end, new
 
 
