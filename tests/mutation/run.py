@@ -11,6 +11,7 @@ What comes out is kept below build/mutate, mutant by mutant, under what HEAD hol
 """
 
 import argparse
+import contextlib
 import difflib
 import hashlib
 import json
@@ -87,12 +88,33 @@ class State:
             write_json(self.path, self.places)
 
 
+class Trials:
+    """The tests, and what is known of each from its trial; kept in a file for as long as HEAD holds the same."""
+
+    def __init__(self, path, tree):
+        self.path = path
+        self.lock = threading.Lock()
+        if os.path.exists(path):
+            with open(path, "rb") as file:
+                self.tests = pickle.load(file)
+        else:
+            self.tests = suite.discover(tree.build, tree.path)
+        self.locks = {test.name: threading.Lock() for test in self.tests}
+
+    def keep(self):
+        with self.lock:
+            with open(self.path + ".new", "wb") as file:
+                pickle.dump(self.tests, file)
+            os.replace(self.path + ".new", self.path)
+
+
 class Worker:
     """Plants mutants in one tree."""
 
-    def __init__(self, tree, tests, sources, known, tally, say):
+    def __init__(self, tree, trials, sources, known, tally, say):
         self.tree = tree
-        self.tests = tests
+        self.trials = trials
+        self.tests = trials.tests
         self.sources = sources
         self.known = known
         self.tally = tally
@@ -136,13 +158,13 @@ class Worker:
 
     def _ask(self, folder, path, asked):
         first, others = self._order(folder, path)
-        verdict = self._ask_each(folder, first, asked)
+        verdict = self._ask_each(folder, path, first, asked)
         if verdict:
             return verdict
         if path.endswith(".cpp") and self._is_unchanged(path):
             return {"verdict": UNCHANGED}
         affected = [t for t in others if any(self.tree.is_affected(target, path) for target in t.targets())]
-        return self._ask_each(folder, affected, asked) or {"verdict": SURVIVED}
+        return self._ask_each(folder, path, affected, asked) or {"verdict": SURVIVED}
 
     def _order(self, folder, path):
         """The tests of the mutant's own folder, then all others; each by what they notice for their time."""
@@ -154,8 +176,10 @@ class Worker:
         others.sort(key=lambda t: not (t.folder + "/").startswith(near + "/") or t.expected() >= LONG_SECONDS)
         return first, others
 
-    def _ask_each(self, folder, tests, asked):
+    def _ask_each(self, folder, path, tests, asked):
         for test in tests:
+            if not self._is_usable(test, path):
+                continue
             built, output = self.tree.has_built(test.targets())
             if not built:
                 self.say(output[-3000:])
@@ -169,6 +193,32 @@ class Worker:
                 return {"verdict": NOTICED, "by": f"{test.name} {by}".strip()}
         return None
 
+    def _is_usable(self, test, path):
+        """Whether it succeeds without a bug. Tried when it is first needed, with the source as it was."""
+        with self.trials.locks[test.name]:
+            if test.usable is not None:
+                return test.usable
+            self.say(f"  trial of {test.name}")
+            with self._without_mutant(path):
+                built, output = self.tree.has_built(test.targets())
+                if not built:
+                    raise trees.CannotPrepare(output[-4000:])
+                test.usable = suite.try_out(self.runner, test)
+        for case in test.left_out if test.usable else [""]:
+            note(f"not asked, for it fails without a bug: {test.name} {case}")
+        self.trials.keep()
+        return test.usable
+
+    @contextlib.contextmanager
+    def _without_mutant(self, path):
+        with open(os.path.join(self.tree.path, path), encoding="utf-8") as file:
+            mutant = file.read()
+        self.tree.write(path, self.sources[path].text)
+        try:
+            yield
+        finally:
+            self.tree.write(path, mutant)
+
     def _failure_of(self, test, asked):
         """The case that failed, and failed again; None when nothing did."""
         result = self.runner.run(test)
@@ -176,7 +226,7 @@ class Worker:
             return None
         self.say(result.tail)
         what = result.failed + (" (no end)" if result.was_stuck else "")
-        if test.cases and result.failed and self.runner.run_case(test, result.failed).failed is not None:
+        if result.failed and self.runner.run_case(test, result.failed).failed is not None:
             return what
         if self.runner.run(test).failed is not None:
             return what
@@ -185,20 +235,14 @@ class Worker:
 
     def _is_unchanged(self, path):
         """Whether the optimizer makes the same of the source with the mutant and without."""
-        source = self.sources[path].text
-        where = os.path.join(self.tree.path, path)
-        with open(where, encoding="utf-8") as file:
-            mutant = file.read()
-        planted = os.stat(where)
+        planted = os.stat(os.path.join(self.tree.path, path))
         code = self.tree.object_code(path)
-        try:
-            self.tree.write(path, source)
-            if path not in self.code_without:
+        if path not in self.code_without:
+            with self._without_mutant(path):
                 self.code_without[path] = self.tree.object_code(path)
-            return code is not None and code == self.code_without[path]
-        finally:
-            self.tree.write(path, mutant)
-            os.utime(where, ns=(planted.st_atime_ns, planted.st_mtime_ns))
+            # Nothing was built meanwhile, so that nothing has to be built again.
+            os.utime(os.path.join(self.tree.path, path), ns=(planted.st_atime_ns, planted.st_mtime_ns))
+        return code is not None and code == self.code_without[path]
 
 
 def diff_of(source, mutation):
@@ -231,13 +275,11 @@ class Run:
         self.stopped = threading.Event()
 
     def prepare(self):
-        """The trees and their builds, the second after the first: by then the compiler's cache has it all."""
+        """The trees, with nothing built: each program is when it is first asked."""
         commit = git("rev-parse", "HEAD").strip()
         made = [trees.Tree(ROOT, number) for number in range(1, self.options.jobs + 1)]
         for tree in made:
             tree.prepare(commit)
-            note(f"building {os.path.relpath(tree.path, ROOT)}")
-            tree.build_all()
         return made
 
     def draw(self, root):
@@ -247,42 +289,7 @@ class Run:
         return [p for p in places if self.options.only in (None, p.folder)
                 and self.options.one in (None, p.number)]
 
-    def tests_of(self, made):
-        """The tests as the trial found them, tried out anew when HEAD holds something else."""
-        path = os.path.join(self.where, f"trial-{self.key}.pickle")
-        if os.path.exists(path):
-            with open(path, "rb") as file:
-                return pickle.load(file)
-        note("trying the tests without a bug")
-        tests = self._try_out(made)
-        with open(path, "wb") as file:
-            pickle.dump(tests, file)
-        return tests
-
-    def _try_out(self, made):
-        waiting, good = queue.SimpleQueue(), []
-        for test in suite.discover(made[0].build):
-            waiting.put(test)
-
-        def work(tree):
-            scratch = tempfile.mkdtemp(prefix="mu-")
-            runner = suite.Runner(tree, scratch)
-            while not self.stopped.is_set():
-                try:
-                    test = waiting.get_nowait()
-                except queue.Empty:
-                    break
-                is_good = suite.try_out(runner, test)
-                if is_good:
-                    good.append(test)
-                for case in test.left_out if is_good else [""]:
-                    note(f"not asked, for it fails without a bug: {test.name} {case}")
-            shutil.rmtree(scratch, ignore_errors=True)
-
-        self._in_threads([lambda tree=tree: work(tree) for tree in made])
-        return good
-
-    def plant_all(self, made, tests, places):
+    def plant_all(self, made, places):
         path = os.path.join(self.where, f"state-{self.key}-{self.options.seed}-{self.options.count}.json")
         keeps = self.options.one is None
         state = State(path, self.options.resume and keeps)
@@ -293,10 +300,11 @@ class Run:
         for place in places:
             if place.number not in state.places:
                 waiting.put(place)
+        trials = Trials(os.path.join(self.where, f"trials-{self.key}.pickle"), made[0])
         tally = Tally(os.path.join(self.where, "tally.json"))
 
         def work(tree):
-            worker = Worker(tree, tests, self.sources, self.known, tally, self._say)
+            worker = Worker(tree, trials, self.sources, self.known, tally, self._say)
             try:
                 while not self.stopped.is_set():
                     place = waiting.get_nowait()
@@ -453,9 +461,8 @@ def main(arguments):
     began = time.monotonic()
     made = run.prepare()
     places = run.draw(made[0].path)
-    tests = run.tests_of(made)
     note(f"ready after {time.monotonic() - began:.0f} s; {len(places)} mutants")
-    outcomes = run.plant_all(made, tests, places)
+    outcomes = run.plant_all(made, places)
     note(f"took {time.monotonic() - began:.0f} s")
     return run.report(outcomes)
 

@@ -1,13 +1,12 @@
 """The tests of a build, and how they are run here: quickly, up to the first one that fails.
 
-A program's cases run in one process, which is quicker than ctest's one for each. The trial that every run
-begins with, on the unchanged tree, finds out which cases need a process of their own, how long each takes,
-and how many processes a program is split into because it waits more than it works.
+A program's cases run in one process, which is quicker than ctest's one for each. A trial without a bug, when
+the program is first needed, finds out which cases need a process of their own, how long each takes, and
+how many processes a program is split into because it waits more than it works.
 
 A hang is a failure: each case has a limit, of ten times what it took in the trial and some seconds more.
 """
 
-import json
 import os
 import re
 import resource
@@ -30,24 +29,28 @@ MOST_PROCESSES = 6
 _LINE = re.compile(r"^\[ *(RUN|OK|FAILED|SKIPPED) *\] ([\w/]+\.[\w/]+)(?:.*\((\d+) ms\))?")
 
 
-class Test:
-    """One program of gtest's, or one command of ctest's."""
+# Stands in a command for the tree, since each worker has its own.
+TREE = "@TREE@"
 
-    def __init__(self, name, folder, command, cases=(), environment=()):
+
+class Test:
+    """One program of gtest's, which says what its cases do, or one command of ctest's, which only ends."""
+
+    def __init__(self, name, folder, command, has_cases):
         self.name = name
         self.folder = folder
         self.command = list(command)
-        self.cases = list(cases)
-        self.environment = dict(environment)
-        self.apart = []     # cases that fail when others run before them
-        self.left_out = []  # cases that fail although nothing is planted
+        self.has_cases = has_cases
+        self.cases = []     # all of them; known from the trial on, as is what follows
+        self.apart = []     # those that fail when others run before them
+        self.left_out = []  # those that fail although nothing is planted
         self.seconds = {}   # by case; "" is all of it
         self.processes = 1
         self.patience = PATIENCE
+        self.usable = None  # until it was tried
 
     def targets(self):
-        program = os.path.basename(self.command[0])
-        return [program] if self.cases or "/bin/" in self.command[0] else list(STARTED)
+        return [os.path.basename(self.command[0])] if self.command[0].startswith(TREE + "/build/") else list(STARTED)
 
     def expected(self):
         return self.seconds.get("", 10)
@@ -56,26 +59,29 @@ class Test:
         return self.patience + 10 * self.seconds.get(case, 1)
 
 
-def discover(build):
-    """All tests of a build that are asked here."""
-    command = ["ctest", "--test-dir", build, "--show-only=json-v1"]
-    listed = json.loads(subprocess.run(command, capture_output=True, check=True, text=True).stdout)
-    found = {}
-    for test in listed["tests"]:
-        properties = {p["name"]: p["value"] for p in test["properties"]}
-        folder = os.path.relpath(properties.get("WORKING_DIRECTORY", build), build)
-        if any((folder + "/").startswith(f + "/") for f in NOT_ASKED) or test["name"] in MEASURING or properties.get("DISABLED"):
-            continue
-        command = test.get("command", [])
-        filtered = [w for w in command if w.startswith("--gtest_filter=")]
-        if filtered:
-            name = os.path.basename(command[0])
-            known = found.setdefault(name, Test(name, folder, command[:1]))
-            known.cases.append(filtered[0].split("=", 1)[1])
-        elif command:
-            variables = [v.split("=", 1) for v in properties.get("ENVIRONMENT", [])]
-            found[test["name"]] = Test(test["name"], folder, command, (), variables)
-    return list(found.values())
+def discover(build, root):
+    """All tests of a build that are asked here. Nothing has to be built: what is never needed never is."""
+    found = []
+    for directory, folders, names in os.walk(build):
+        folders[:] = sorted(f for f in folders if f != "CMakeFiles")
+        folder = os.path.relpath(directory, build)
+        if "CTestTestfile.cmake" in names and not any((folder + "/").startswith(f + "/") for f in NOT_ASKED):
+            with open(os.path.join(directory, "CTestTestfile.cmake"), encoding="utf-8") as file:
+                found += _tests_in(file.read(), folder, root)
+    return [test for test in found if test.name not in MEASURING]
+
+
+def _tests_in(text, folder, root):
+    for match in re.finditer(r'^include\("(.*/([^/"]+)\[1\]_include\.cmake)"\)|^add_test\(\[=*\[(.*?)\]=*\] (".*")\)$',
+                             text, re.M):
+        described, program, name, command = match.groups()
+        if program:
+            with open(described, encoding="utf-8") as file:
+                executable = re.search(r"TEST_EXECUTABLE \[==\[(.*?)\]==\]", file.read())
+            words = [executable.group(1)]
+        else:
+            words = re.findall(r'"((?:[^"\\]|\\.)*)"', command)
+        yield Test(program or name, folder, [w.replace(root, TREE) for w in words], bool(program))
 
 
 def _limit_resources():
@@ -88,7 +94,7 @@ def _limit_resources():
 class _Process:
     """A running test, its output followed in a file: a pipe would stay open as long as a child that it left."""
 
-    def __init__(self, test, arguments, environment, cwd):
+    def __init__(self, test, command, environment, cwd):
         self.test = test
         written, path = tempfile.mkstemp()
         self.out = open(path, encoding="utf-8", errors="replace")
@@ -96,7 +102,7 @@ class _Process:
         self.began = self.case_began = time.monotonic()
         self.case, self.tail, self.seconds, self.failed = "", "", {}, []
         self.busy = 0.0
-        self.process = subprocess.Popen(test.command + arguments, stdin=subprocess.DEVNULL, stdout=written,
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=written,
                                         stderr=subprocess.STDOUT, cwd=cwd, start_new_session=True,
                                         env=environment, preexec_fn=_limit_resources)
         os.close(written)
@@ -177,7 +183,7 @@ class Runner:
     def run(self, test):
         """All cases, up to the first that fails."""
         result = Result()
-        if not test.cases:
+        if not test.has_cases:
             return self._run([(test, [], {})], 1, result)
         together = len(test.cases) - len(test.apart) - len(test.left_out)
         if together > 0:
@@ -189,6 +195,18 @@ class Runner:
         if result.failed is None and test.apart:
             self._run([(test, self._alone(case), {}) for case in test.apart], 2, result)
         return result
+
+    def cases_of(self, test):
+        command = self._command(test) + ["--gtest_list_tests"]
+        listed = subprocess.run(command, capture_output=True, check=True, text=True, timeout=TRIAL_PATIENCE).stdout
+        cases, suite = [], ""
+        for line in listed.splitlines():
+            name = line.split("#")[0].rstrip()
+            if not name.startswith(" "):
+                suite = name if name.endswith(".") else ""
+            elif suite and "DISABLED_" not in suite + name:
+                cases.append(suite + name.strip())
+        return cases
 
     def run_case(self, test, case):
         return self._run([(test, self._alone(case), {})], 1, Result())
@@ -222,9 +240,13 @@ class Runner:
         return result
 
     def _start(self, test, arguments, variables):
-        environment = {**os.environ, "TMPDIR": self.scratch, **test.environment, **variables}
+        environment = {**os.environ, "TMPDIR": self.scratch, **variables}
         cwd = os.path.join(self.tree.build, test.folder)
-        return _Process(test, arguments, environment, cwd)
+        os.makedirs(cwd, exist_ok=True)
+        return _Process(test, self._command(test) + arguments, environment, cwd)
+
+    def _command(self, test):
+        return [word.replace(TREE, self.tree.path) for word in test.command]
 
     @staticmethod
     def _take(one, result):
@@ -242,11 +264,10 @@ class Runner:
 def try_out(runner, test):
     """The trial: how a test is to be run, found on the tree as it is. False when it can only fail."""
     test.patience = TRIAL_PATIENCE
-    result = runner.run_all(test) if test.cases else runner.run(test)
-    if result.failed is not None and not test.cases:
-        result = runner.run(test)
-        if result.failed is not None:
-            return False
+    if not test.has_cases:
+        return _try_out_command(runner, test)
+    test.cases = runner.cases_of(test)
+    result = runner.run_all(test)
     if result.failed is not None:
         test.apart = list(test.cases) if result.crashed or result.was_stuck else sorted(set(result.all_failed))
         for case in list(test.apart):
@@ -255,8 +276,17 @@ def try_out(runner, test):
                 test.apart.remove(case)
                 test.left_out.append(case)
             result.seconds.update({case: alone.seconds.get(case, 1)})
-    test.seconds, test.patience = result.seconds, PATIENCE if test.cases else COMMAND_PATIENCE
+    test.seconds, test.patience = result.seconds, PATIENCE
     wall = result.seconds.get("", 1)
-    if test.cases and wall > 2:
+    if wall > 2:
         test.processes = max(1, min(MOST_PROCESSES, round(wall / max(result.busy, 0.1))))
     return True
+
+
+def _try_out_command(runner, test):
+    for _ in range(2):
+        result = runner.run(test)
+        if result.failed is None:
+            test.seconds, test.patience = result.seconds, COMMAND_PATIENCE
+            return True
+    return False

@@ -23,6 +23,9 @@ import os, subprocess, sys, time
 ran = []
 {cases}
 names = [n[5:] for n in list(globals()) if n.startswith("case_")]
+if "--gtest_list_tests" in sys.argv:
+    print("S.", *names, sep="\\n  ")
+    sys.exit()
 for argument in sys.argv[1:]:
     if argument.startswith("--gtest_filter=-"):
         names = [n for n in names if "S." + n not in argument[16:].split(":")]
@@ -46,7 +49,7 @@ class RunnerTest(unittest.TestCase):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
         self.dir = directory.name
-        self.runner = suite.Runner(types.SimpleNamespace(build=self.dir), self.dir)
+        self.runner = suite.Runner(types.SimpleNamespace(build=self.dir, path=self.dir), self.dir)
 
     def program(self, **cases):
         text = "".join(f"def case_{name}():\n{textwrap.indent(body, '    ')}\n" for name, body in cases.items())
@@ -54,8 +57,8 @@ class RunnerTest(unittest.TestCase):
         with open(path, "w", encoding="utf-8") as file:
             file.write(PROGRAM.format(python=sys.executable, cases=text))
         os.chmod(path, stat.S_IRWXU)
-        test = suite.Test("program", ".", [path], [f"S.{name}" for name in cases])
-        test.patience = 60
+        test = suite.Test("program", ".", [path], True)
+        test.cases, test.patience = [f"S.{name}" for name in cases], 60
         return test
 
     def test_a_program_without_a_failure_noticed_nothing(self):
@@ -79,8 +82,8 @@ class RunnerTest(unittest.TestCase):
         self.assertEqual(("S.b", True), (result.failed, result.was_stuck))
 
     def test_a_command_that_ends_badly_has_no_case_to_name(self):
-        self.assertEqual("", self.runner.run(suite.Test("no", ".", ["false"])).failed)
-        self.assertIsNone(self.runner.run(suite.Test("yes", ".", ["true"])).failed)
+        self.assertEqual("", self.runner.run(suite.Test("no", ".", ["false"], False)).failed)
+        self.assertIsNone(self.runner.run(suite.Test("yes", ".", ["true"], False)).failed)
 
     def test_what_a_test_leaves_running_is_ended(self):
         number = os.path.join(self.dir, "number")
@@ -102,12 +105,30 @@ class RunnerTest(unittest.TestCase):
         self.assertIsNone(self.runner.run(test).failed)
 
     def test_a_command_that_fails_anyway_is_not_asked(self):
-        self.assertFalse(suite.try_out(self.runner, suite.Test("no", ".", ["false"])))
+        self.assertFalse(suite.try_out(self.runner, suite.Test("no", ".", ["false"], False)))
 
     def test_the_trial_says_how_long_each_case_may_take(self):
         test = self.program(a="pass")
         suite.try_out(self.runner, test)
         self.assertAlmostEqual(suite.PATIENCE + 10 * 0.001, test.limit("S.a"))
+
+
+class DiscoveryTest(unittest.TestCase):
+    def test_programs_and_commands_are_found_before_anything_is_built(self):
+        with tempfile.TemporaryDirectory() as root:
+            def write(path, text):
+                os.makedirs(os.path.dirname(os.path.join(root, path)), exist_ok=True)
+                with open(os.path.join(root, path), "w", encoding="utf-8") as file:
+                    file.write(text)
+            write("build/tests/a/CTestTestfile.cmake", f'include("{root}/build/tests/a/b_test[1]_include.cmake")\n')
+            write("build/tests/a/b_test[1]_include.cmake", f"  TEST_EXECUTABLE [==[{root}/build/bin/b_test]==]\n")
+            write("build/tests/c/CTestTestfile.cmake", f'add_test([=[d]=] "{root}/scripts/d" "--seed" "1")\n')
+            write("build/tests/docs/CTestTestfile.cmake", 'add_test([=[pages]=] "python3" "pages.py")\n')
+            found = suite.discover(os.path.join(root, "build"), root)
+        self.assertEqual([("b_test", "tests/a", ["@TREE@/build/bin/b_test"], True),
+                          ("d", "tests/c", ["@TREE@/scripts/d", "--seed", "1"], False)],
+                         [(t.name, t.folder, t.command, t.has_cases) for t in found])
+        self.assertEqual([["b_test"], suite.STARTED], [t.targets() for t in found])
 
 
 def ends(pid):
@@ -138,11 +159,12 @@ class WorkerTest(unittest.TestCase):
             return types.SimpleNamespace(failed=left.pop(0) if left else None, was_stuck=False, tail="")
 
         worker.runner = types.SimpleNamespace(run=lambda test: result(), run_case=lambda test, case: result())
-        worker.tests = [suite.Test("own", "tests/a", ["bin/own"], ["S.a"]),
-                        suite.Test("elsewhere", "tests/b", ["bin/elsewhere"], ["S.b"]),
-                        suite.Test("whole", "tests/c", ["bin/whole"], ["S.c"])]
+        worker.tests = [suite.Test("own", "tests/a", [suite.TREE + "/build/bin/own"], True),
+                        suite.Test("elsewhere", "tests/b", [suite.TREE + "/build/bin/elsewhere"], True),
+                        suite.Test("whole", "tests/c", [suite.TREE + "/build/bin/whole"], True)]
         worker.tally = types.SimpleNamespace(note=lambda *_: None, score=lambda *_: 0)
         worker.say = lambda text: None
+        worker._is_usable = lambda test, path: True
         worker._is_unchanged = lambda path: unchanged
         return worker
 

@@ -55,9 +55,6 @@ class Tree:
             options += [f"-DCMAKE_{kind}_LINKER_FLAGS=-fuse-ld=lld" for kind in ("EXE", "SHARED", "MODULE")]
         self._must(["cmake", "-S", self.path, "-B", self.build, *options], 300)
 
-    def build_all(self):
-        self._must(["ninja", "-C", self.build], BUILD_SECONDS)
-
     def has_built(self, targets):
         """Whether these could be built, and what the compiler said if not."""
         code, output = run_in_group(["ninja", "-C", self.build, *targets], BUILD_SECONDS, env=self.environment)
@@ -71,9 +68,9 @@ class Tree:
         """Whether the target is built from the file, by way of whatever it is linked with or needs to run."""
         inputs = self._inputs_of(target)
         if path.endswith(".cpp"):
-            return os.path.relpath(os.path.join(self.path, path), self.build) in inputs or (
-                os.path.join(self.path, path) in inputs)
-        return bool(inputs & self._objects_with(path))
+            return os.path.join(self.path, path) in inputs
+        includes = self._includes()
+        return any(includes[o] is None or path in includes[o] for o in inputs if o in includes)
 
     def object_code(self, path):
         """What the optimizer makes of a source, as bytes; None when that cannot be told."""
@@ -92,21 +89,25 @@ class Tree:
 
     def _inputs_of(self, target):
         if target not in self._inputs:
-            _, listed = run_in_group(["ninja", "-C", self.build, "-t", "inputs", target], 60)
-            self._inputs[target] = set(listed.splitlines())
+            self._inputs[target] = set(self._ninja("inputs", target))
         return self._inputs[target]
 
-    def _objects_with(self, header):
-        """The objects whose sources include a header, as the last build found out."""
-        _, listed = run_in_group(["ninja", "-C", self.build, "-t", "deps"], 60)
-        wanted = {os.path.join(self.path, header), os.path.relpath(os.path.join(self.path, header), self.build)}
-        found, current = set(), ""
-        for line in listed.splitlines():
+    def _includes(self):
+        """The project's files that each object is made of, as its last compilation found; None before that."""
+        found = {}
+        for line in self._ninja("targets", "all"):
+            target = line.rsplit(": ", 1)[0]
+            if target.endswith(".o"):
+                found[target] = None
+        for line in self._ninja("deps"):
             if line and not line[0].isspace():
-                current = line.split(":")[0]
-            elif line.strip() in wanted:
-                found.add(current)
+                included = found[line.split(": ")[0]] = set()
+            elif line:
+                included.add(os.path.relpath(os.path.join(self.build, line.strip()), self.path))
         return found
+
+    def _ninja(self, *tool):
+        return run_in_group(["ninja", "-C", self.build, "-t", *tool], 60)[1].splitlines()
 
     def _git(self, where, *arguments):
         self._must(["git", "-C", where, *arguments], 300)
