@@ -19,6 +19,7 @@ import os
 import pickle
 import queue
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -33,7 +34,8 @@ import suite  # noqa: E402
 import trees  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-LEDGER = "tests/mutation/survivors.toml"
+HERE = "tests/mutation/"
+LEDGER = HERE + "survivors.toml"
 MOST_PERCENT = 3
 
 # A program of the mutant's folder that takes longer than this waits for its turn among the others.
@@ -111,8 +113,9 @@ class Trials:
 class Worker:
     """Plants mutants in one tree."""
 
-    def __init__(self, tree, trials, sources, known, tally, say):
+    def __init__(self, tree, trials, sources, known, tally, stopped, say, near):
         self.tree = tree
+        self.near = near
         self.trials = trials
         self.tests = trials.tests
         self.sources = sources
@@ -121,7 +124,8 @@ class Worker:
         self.say = say
         self.code_without = {}
         self.scratch = tempfile.mkdtemp(prefix="mu-")
-        self.runner = suite.Runner(tree, self.scratch)
+        os.chmod(self.scratch, 0o755)  # some tests do a part of their work as another user
+        self.runner = suite.Runner(tree, self.scratch, stopped)
 
     def close(self):
         shutil.rmtree(self.scratch, ignore_errors=True)
@@ -163,6 +167,8 @@ class Worker:
             return verdict
         if path.endswith(".cpp") and self._is_unchanged(path):
             return {"verdict": UNCHANGED}
+        if self.near:
+            return {"verdict": SURVIVED}
         affected = [t for t in others if any(self.tree.is_affected(target, path) for target in t.targets())]
         return self._ask_each(folder, path, affected, asked) or {"verdict": SURVIVED}
 
@@ -258,10 +264,11 @@ def git(*arguments):
     return subprocess.run(["git", "-C", ROOT, *arguments], capture_output=True, check=True, text=True).stdout
 
 
-def key_of_head():
-    """What HEAD holds, the ledger aside: what is learned of a survivor does not change the others."""
-    rows = [row for row in git("ls-tree", "-r", "HEAD").splitlines() if not row.endswith("\t" + LEDGER)]
-    return hashlib.sha256("\n".join(rows).encode()).hexdigest()[:12]
+def key_of_head(*left_out):
+    """What HEAD holds, but for files whose paths start so."""
+    rows = git("ls-tree", "-r", "HEAD").splitlines()
+    kept = [row for row in rows if not row.split("\t")[1].startswith(left_out)]
+    return hashlib.sha256("\n".join(kept).encode()).hexdigest()[:12]
 
 
 class Run:
@@ -269,7 +276,6 @@ class Run:
         self.options = options
         self.where = os.path.join(ROOT, "build", "mutate")
         os.makedirs(self.where, exist_ok=True)
-        self.key = key_of_head()
         self.known = ledger.read(os.path.join(ROOT, LEDGER))
         self.lock = threading.Lock()
         self.stopped = threading.Event()
@@ -290,9 +296,8 @@ class Run:
                 and self.options.one in (None, p.number)]
 
     def plant_all(self, made, places):
-        path = os.path.join(self.where, f"state-{self.key}-{self.options.seed}-{self.options.count}.json")
         keeps = self.options.one is None
-        state = State(path, self.options.resume and keeps)
+        state = State(self._path_of_state(), self.options.resume and keeps)
         for number, outcome in list(state.places.items()):
             if self._is_known(outcome):
                 del state.places[number]  # found out since
@@ -300,11 +305,12 @@ class Run:
         for place in places:
             if place.number not in state.places:
                 waiting.put(place)
-        trials = Trials(os.path.join(self.where, f"trials-{self.key}.pickle"), made[0])
+        trials = Trials(os.path.join(self.where, f"trials-{key_of_head(HERE)}.pickle"), made[0])
         tally = Tally(os.path.join(self.where, "tally.json"))
 
         def work(tree):
-            worker = Worker(tree, trials, self.sources, self.known, tally, self._say)
+            worker = Worker(tree, trials, self.sources, self.known, tally, self.stopped, self._say,
+                            self.options.near)
             try:
                 while not self.stopped.is_set():
                     place = waiting.get_nowait()
@@ -314,13 +320,19 @@ class Run:
                     else:
                         state.places[place.number] = outcome
                     self._tell(place, outcome)
-            except queue.Empty:
+            except (queue.Empty, suite.Stopped):
                 pass
             finally:
                 worker.close()
 
         self._in_threads([lambda tree=tree: work(tree) for tree in made])
         return [state.places[p.number] for p in places if state.places.get(p.number)]
+
+    def _path_of_state(self):
+        """What is learned of a survivor and written down does not change the others."""
+        options = self.options
+        near = "-near" if options.near else ""
+        return os.path.join(self.where, f"state-{key_of_head(LEDGER)}-{options.seed}-{options.count}{near}.json")
 
     def _in_threads(self, works):
         failures = []
@@ -340,7 +352,7 @@ class Run:
                 while thread.is_alive():
                     thread.join(0.2)
         except KeyboardInterrupt:
-            note("stops when the mutants that are planted have been tried; --resume goes on")
+            note("stops; --resume goes on")
             self.stopped.set()
             for thread in threads:
                 thread.join()
@@ -443,6 +455,7 @@ nothing could be tried.""")
     parser.add_argument("--count", type=int, default=200, help="how many mutants (200)")
     parser.add_argument("--seed", type=int, default=1, help="which ones (1)")
     parser.add_argument("--only", choices=list(drawing.FOLDERS), help="of these only those of one folder")
+    parser.add_argument("--near", action="store_true", help="ask the tests of the bug's own folder alone: a first look")
     parser.add_argument("--one", type=int, metavar="N", help="only the one with this number, and tell all about it")
     parser.add_argument("--list", action="store_true", help="print the first choice of each number, and try nothing")
     parser.add_argument("--resume", action="store_true", help="go on with a run of these options that was interrupted")
@@ -467,7 +480,12 @@ def main(arguments):
     return run.report(outcomes)
 
 
+def interrupt(*_):
+    raise KeyboardInterrupt
+
+
 if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, interrupt)
     try:
         sys.exit(main(sys.argv[1:]))
     except (trees.CannotPrepare, ValueError) as problem:

@@ -6,6 +6,7 @@ import stat
 import sys
 import tempfile
 import textwrap
+import threading
 import time
 import types
 import unittest
@@ -49,7 +50,8 @@ class RunnerTest(unittest.TestCase):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
         self.dir = directory.name
-        self.runner = suite.Runner(types.SimpleNamespace(build=self.dir, path=self.dir), self.dir)
+        self.runner = suite.Runner(types.SimpleNamespace(build=self.dir, path=self.dir), self.dir,
+                                   threading.Event())
 
     def program(self, **cases):
         text = "".join(f"def case_{name}():\n{textwrap.indent(body, '    ')}\n" for name, body in cases.items())
@@ -80,6 +82,11 @@ class RunnerTest(unittest.TestCase):
         test.patience, test.seconds = 2, {"S.b": 0.0, "S.a": 60}
         result = self.runner.run(test)
         self.assertEqual(("S.b", True), (result.failed, result.was_stuck))
+
+    def test_a_run_that_is_stopped_waits_for_nothing(self):
+        threading.Timer(1, self.runner.stopped.set).start()
+        with self.assertRaises(suite.Stopped):
+            self.runner.run(self.program(a="time.sleep(600)"))
 
     def test_a_command_that_ends_badly_has_no_case_to_name(self):
         self.assertEqual("", self.runner.run(suite.Test("no", ".", ["false"], False)).failed)
@@ -163,6 +170,7 @@ class WorkerTest(unittest.TestCase):
                         suite.Test("elsewhere", "tests/b", [suite.TREE + "/build/bin/elsewhere"], True),
                         suite.Test("whole", "tests/c", [suite.TREE + "/build/bin/whole"], True)]
         worker.tally = types.SimpleNamespace(note=lambda *_: None, score=lambda *_: 0)
+        worker.near = False
         worker.say = lambda text: None
         worker._is_usable = lambda test, path: True
         worker._is_unchanged = lambda path: unchanged
@@ -184,6 +192,11 @@ class WorkerTest(unittest.TestCase):
 
     def test_what_no_test_notices_has_survived_all_that_it_is_in(self):
         self.assertEqual(({"verdict": run.SURVIVED}, ["own", "whole"]), self.verdict(self.worker()))
+
+    def test_a_first_look_asks_its_own_folder_alone(self):
+        worker = self.worker()
+        worker.near = True
+        self.assertEqual(({"verdict": run.SURVIVED}, ["own"]), self.verdict(worker))
 
     def test_what_does_not_compile_asks_nobody(self):
         self.assertEqual(({"verdict": run.UNBUILT}, []), self.verdict(self.worker(built=False)))
