@@ -26,6 +26,7 @@ MEASURING = ("overload_figures_can_be_made", "overload_attacks_can_be_measured")
 # Seconds above the ten times of a case, or of a command, which is longer; and what the trial waits.
 PATIENCE, COMMAND_PATIENCE, TRIAL_PATIENCE = 10, 30, 120
 MOST_PROCESSES = 6
+MOST_ATTEMPTS = 8
 _LINE = re.compile(r"^\[ *(RUN|OK|FAILED|SKIPPED) *\] ([\w/]+\.[\w/]+)(?:.*\((\d+) ms\))?")
 
 
@@ -191,8 +192,7 @@ class Runner:
             return self._run([(test, [], {})], 1, result)
         together = len(test.cases) - len(test.apart) - len(test.left_out)
         if together > 0:
-            out = test.apart + test.left_out
-            arguments = ["--gtest_fail_fast", "--gtest_color=no"] + (["--gtest_filter=-" + ":".join(out)] if out else [])
+            arguments = ["--gtest_fail_fast", "--gtest_color=no"] + self._without(test.apart + test.left_out)
             shards = [{"GTEST_TOTAL_SHARDS": str(test.processes), "GTEST_SHARD_INDEX": str(i)}
                       for i in range(test.processes)] if test.processes > 1 else [{}]
             self._run([(test, arguments, shard) for shard in shards], test.processes, result)
@@ -216,8 +216,12 @@ class Runner:
         return self._run([(test, self._alone(case), {})], 1, Result())
 
     def run_all(self, test):
-        """All cases in one process, failures or not."""
-        return self._run([(test, ["--gtest_color=no"], {})], 1, Result())
+        """All cases but those apart, in one process, failures or not."""
+        return self._run([(test, ["--gtest_color=no"] + self._without(test.apart), {})], 1, Result())
+
+    @staticmethod
+    def _without(cases):
+        return ["--gtest_filter=-" + ":".join(cases)] if cases else []
 
     @staticmethod
     def _alone(case):
@@ -273,20 +277,32 @@ def try_out(runner, test):
     if not test.has_cases:
         return _try_out_command(runner, test)
     test.cases = runner.cases_of(test)
-    result = runner.run_all(test)
-    if result.failed is not None:
-        test.apart = list(test.cases) if result.crashed or result.was_stuck else sorted(set(result.all_failed))
-        for case in list(test.apart):
-            alone = runner.run_case(test, case)
-            if alone.failed is not None and runner.run_case(test, case).failed is not None:
-                test.apart.remove(case)
-                test.left_out.append(case)
-            result.seconds.update({case: alone.seconds.get(case, 1)})
+    result = _try_together(runner, test)
+    for case in list(test.apart):
+        alone = runner.run_case(test, case)
+        if alone.failed is not None and runner.run_case(test, case).failed is not None:
+            test.apart.remove(case)
+            test.left_out.append(case)
+        result.seconds[case] = alone.seconds.get(case, 1)
+        result.seconds[""] = result.seconds.get("", 0) + alone.seconds.get("", 1)
     test.seconds, test.patience = result.seconds, PATIENCE
     wall = result.seconds.get("", 1)
     if wall > 2:
         test.processes = max(1, min(MOST_PROCESSES, round(wall / max(result.busy, 0.1))))
     return True
+
+
+def _try_together(runner, test):
+    """Takes those apart that fail or end the process, until the others get along."""
+    for _ in range(MOST_ATTEMPTS):
+        result = runner.run_all(test)
+        failed = set(result.all_failed) | {result.failed} - {None, ""}
+        if not failed:
+            break
+        test.apart += sorted(failed)
+    if result.failed is not None:
+        test.apart = list(test.cases)
+    return result
 
 
 def _try_out_command(runner, test):
