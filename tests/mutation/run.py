@@ -177,7 +177,9 @@ class Worker:
         own = "tests/" + os.path.dirname(path).removesuffix("/internal")
         near = "tests/" + drawing.FOLDERS[folder]
         ranked = sorted(self.tests, key=lambda t: self.tally.score(folder, t), reverse=True)
-        first = [t for t in ranked if t.folder == own and t.expected() < LONG_SECONDS]
+        of_own = [t for t in ranked if t.folder == own]
+        quickest = min((t.expected() for t in of_own), default=0)
+        first = [t for t in of_own if self.near or t.expected() <= max(quickest, LONG_SECONDS)]
         others = [t for t in ranked if t not in first]
         others.sort(key=lambda t: not (t.folder + "/").startswith(near + "/") or t.expected() >= LONG_SECONDS)
         return first, others
@@ -293,10 +295,10 @@ class Run:
         self.sources = {s.path: s for sources in listed.values() for s in sources}
         places = drawing.draw(listed, self.options.count, self.options.seed)
         return [p for p in places if self.options.only in (None, p.folder)
-                and self.options.one in (None, p.number)]
+                and (not self.options.one or p.number in self.options.one)]
 
     def plant_all(self, made, places):
-        keeps = self.options.one is None
+        keeps = not self.options.one
         state = State(self._path_of_state(), self.options.resume and keeps)
         for number, outcome in list(state.places.items()):
             if self._is_known(outcome):
@@ -368,7 +370,7 @@ class Run:
         return self.known.entry_of(outcome["file"], outcome["function"], outcome["line"], outcome["becomes"])
 
     def _say(self, text):
-        if self.options.one is not None:
+        if self.options.one and len(self.options.one) == 1:
             print(text, flush=True)
 
     def _tell(self, place, outcome):
@@ -456,7 +458,8 @@ nothing could be tried.""")
     parser.add_argument("--seed", type=int, default=1, help="which ones (1)")
     parser.add_argument("--only", choices=list(drawing.FOLDERS), help="of these only those of one folder")
     parser.add_argument("--near", action="store_true", help="ask the tests of the bug's own folder alone: a first look")
-    parser.add_argument("--one", type=int, metavar="N", help="only the one with this number, and tell all about it")
+    parser.add_argument("--one", type=int, nargs="+", metavar="N",
+                        help="only those with these numbers; of a single one, tell all about it")
     parser.add_argument("--list", action="store_true", help="print the first choice of each number, and try nothing")
     parser.add_argument("--resume", action="store_true", help="go on with a run of these options that was interrupted")
     parser.add_argument("--jobs", type=int, default=2, help="how many at a time, each in a worktree of its own (2)")
@@ -465,8 +468,7 @@ nothing could be tried.""")
 
 def main(arguments):
     options = options_of(arguments)
-    if options.one is not None:
-        options.jobs = 1
+    options.jobs = min(options.jobs, len(options.one or range(options.count)))
     run = Run(options)
     if options.list:
         list_places(run.draw(ROOT), run.sources)
