@@ -87,7 +87,6 @@ def _tests_in(text, folder, root):
 
 def _limit_resources():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    resource.setrlimit(resource.RLIMIT_FSIZE, (4 << 30, 4 << 30))
     resource.setrlimit(resource.RLIMIT_AS, (16 << 30, 16 << 30))
 
 
