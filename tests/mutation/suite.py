@@ -292,13 +292,16 @@ def try_out(runner, test):
 
 
 def _try_together(runner, test):
-    """Takes those apart that fail or end the process, until the others get along."""
+    """Takes those apart that fail, and the suites of those that end the process, until the others get along."""
     for _ in range(MOST_ATTEMPTS):
         result = runner.run_all(test)
-        failed = set(result.all_failed) | {result.failed} - {None, ""}
+        failed = set(result.all_failed)
+        if result.crashed or result.was_stuck:
+            suite = result.failed.split(".")[0] + "."
+            failed |= {case for case in test.cases if case.startswith(suite)}
         if not failed:
             break
-        test.apart += sorted(failed)
+        test.apart += sorted(failed - set(test.apart))
     if result.failed is not None:
         test.apart = list(test.cases)
     return result

@@ -105,10 +105,11 @@ class RunnerTest(unittest.TestCase):
         self.assertEqual((["S.b"], []), (test.apart, test.left_out))
         self.assertIsNone(self.runner.run(test).failed)
 
-    def test_what_ends_the_process_has_one_of_its_own_and_the_others_share_theirs(self):
+    def test_a_suite_that_ends_the_process_has_one_for_each_case(self):
         test = self.program(a="pass", b="'a' in ran and os.abort()", c="pass")
         suite.try_out(self.runner, test)
-        self.assertEqual(["S.b"], test.apart)
+        self.assertEqual((["S.a", "S.b", "S.c"], []), (test.apart, test.left_out))
+        self.assertIsNone(self.runner.run(test).failed)
 
     def test_the_trial_leaves_out_what_fails_anyway(self):
         test = self.program(a="pass", b="return False")
