@@ -24,7 +24,7 @@ STARTED = ["configsrvd", "appcfg", "soak_worker", "gateway-app", "gateway-networ
 MEASURING = ("overload_figures_can_be_made", "overload_attacks_can_be_measured")
 
 # Seconds above the ten times of a case, or of a command, which is longer; and what the trial waits.
-PATIENCE, COMMAND_PATIENCE, TRIAL_PATIENCE = 10, 30, 120
+PATIENCE, COMMAND_PATIENCE, TRIAL_PATIENCE = 10, 30, 60
 MOST_PROCESSES = 6
 MOST_ATTEMPTS = 8
 _LINE = re.compile(r"^\[ *(RUN|OK|FAILED|SKIPPED) *\] ([\w/]+\.[\w/]+)(?:.*\((\d+) ms\))?")
@@ -164,9 +164,7 @@ class _Process:
 class Result:
     def __init__(self):
         self.failed = None  # as _Process.failure()
-        self.all_failed = []
         self.was_stuck = False
-        self.crashed = False
         self.seconds = {}
         self.busy = 0.0
         self.tail = ""
@@ -214,9 +212,10 @@ class Runner:
     def run_case(self, test, case):
         return self._run([(test, self._alone(case), {})], 1, Result())
 
-    def run_all(self, test):
-        """All cases but those apart, in one process, failures or not."""
-        return self._run([(test, ["--gtest_color=no"] + self._without(test.apart), {})], 1, Result())
+    def run_together(self, test):
+        """All cases but those apart, in one process, up to the first that fails."""
+        arguments = ["--gtest_fail_fast", "--gtest_color=no"] + self._without(test.apart)
+        return self._run([(test, arguments, {})], 1, Result())
 
     @staticmethod
     def _without(cases):
@@ -265,8 +264,6 @@ class Runner:
         failed = one.failure()
         if failed is not None:
             result.failed, result.tail = failed, one.tail
-            result.all_failed += one.failed
-            result.crashed = one.process.returncode < 0 or not one.failed
         one.out.close()
 
 
@@ -292,16 +289,14 @@ def try_out(runner, test):
 
 
 def _try_together(runner, test):
-    """Takes those apart that fail, and the suites of those that end the process, until the others get along."""
+    """Takes the suite apart of each case that fails, until the others get along. Up to the first failure: where
+    nothing works any more, each further case would wait for its deadline."""
     for _ in range(MOST_ATTEMPTS):
-        result = runner.run_all(test)
-        failed = set(result.all_failed)
-        if result.crashed or result.was_stuck:
-            suite = result.failed.split(".")[0] + "."
-            failed |= {case for case in test.cases if case.startswith(suite)}
-        if not failed:
+        result = runner.run_together(test)
+        if not result.failed:
             break
-        test.apart += sorted(failed - set(test.apart))
+        suite = result.failed.split(".")[0] + "."
+        test.apart += [case for case in test.cases if case.startswith(suite) and case not in test.apart]
     if result.failed is not None:
         test.apart = list(test.cases)
     return result
