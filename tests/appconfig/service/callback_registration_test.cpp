@@ -129,6 +129,18 @@ TEST_F(CallbackRegistrationTest, TheLibrarysOwnInterestIsAMarkerAndNoHandler) {
   EXPECT_TRUE(registeredTypes().empty());
 }
 
+// Who sees a marker relies on notices, and there are none before the service knows.
+TEST_F(CallbackRegistrationTest, AMarkerIsNotThereBeforeTheServiceHasAnswered) {
+  bool wasThere = true;
+  pb.answer<ConfigIF::RegisterClientCallbackReq, ConfigIF::RegisterClientCallbackRsp>(
+      [&](const auto&, auto&) {
+        wasThere = link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged);
+      });
+  link->registerHandlerProactively(mtu, ConfigRegistrar::eValueChanged);
+  EXPECT_FALSE(wasThere);
+  EXPECT_TRUE(link->isHandlerRegistered(mtu, ConfigRegistrar::eValueChanged));
+}
+
 TEST_F(CallbackRegistrationTest, AGroupsHandlerSparesTheVariableItsRegistration) {
   link->registerHandler("net", "", &consumer);
   pb.takeSent();
