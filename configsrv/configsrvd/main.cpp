@@ -78,16 +78,12 @@ int reportFailedStart(const StartedService& started, const Log& log) {
 // Free memory is of more use to the device than to this allocator. Small blocks are joined with what
 // is free beside them at once, rather than kept for the next of their size: they would be all that
 // keeps the heap in which the definitions were read from being given back.
-//
-// A value of a megabyte, though, is copied several times on its way, and memory that is new to the
-// process costs the kernel more than the copy does. So enough for a few such copies is kept, until the
-// service looks at what is free (giveBackFreeMemory).
+// One heap serves both threads, which seldom want it at once: what the one gave back the other can have.
 void keepLittleFreeMemory() {
 #ifdef __GLIBC__
   mallopt(M_MXFAST, 0);
   mallopt(M_ARENA_MAX, 1);
-  mallopt(M_MMAP_THRESHOLD, 4 << 20);
-  mallopt(M_TRIM_THRESHOLD, 8 << 20);
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
 #endif
 }
 
