@@ -25,7 +25,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using TestSupport::TestClient;
 
-constexpr PeerId kWatcher = 100;
+constexpr PeerId kTapped = 100;
 
 // What happens, in its order, from the server's thread and the test's.
 class Events {
@@ -85,7 +85,7 @@ class NotingService : public PbUtility::ServerHandler {
 class MonitorTapTest : public testing::Test {
  protected:
   MonitorTapTest() { service_.tap = &tap_; }
-  void watch() { EXPECT_EQ(monitor_.add(kWatcher, {0, 1}, AppConfig::eRoleFactory, ""), ""); }
+  void watch() { EXPECT_EQ(monitor_.add(kTapped, {0, 1}, AppConfig::eRoleFactory, ""), ""); }
   void watchedRequest(std::uint32_t sequence) {
     tap_.onRequest({{1, sequence, false}, peer_, PlatformSchema::kReadReq, false, 0, ""});
   }
@@ -155,7 +155,7 @@ TEST_F(MonitorTapTest, APeerIsToldOfOnceTheServiceKnowsThatItCameOrWent) {
 
 TEST_F(MonitorTapTest, AWatcherThatGoesWatchesNoLonger) {
   watch();
-  tap_.onPeerGone({kWatcher, "watcher", 0, 0, 43});
+  tap_.onPeerGone({kTapped, "watcher", 0, 0, 43});
   EXPECT_FALSE(monitor_.isActive());
   EXPECT_THAT(events_.all(), ElementsAre("gone"));
 }

@@ -44,7 +44,7 @@ class RequestsTest : public RequestsFixture {
   }
 
   TestSupport::TempDir directory_;
-  const ServiceOptions options_;
+  const ServiceOptions options_{};
   const std::unique_ptr<Store> store_ = openStore(directory_.file("store.db"));
   ProviderMemory providers_{"", log_};
 };

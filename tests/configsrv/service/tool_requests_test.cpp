@@ -18,7 +18,7 @@ class ToolRequestsTest : public RequestsFixture {
   }
 
   TestSupport::TempDir directory_;
-  const ServiceOptions options_;
+  const ServiceOptions options_{};
   const std::unique_ptr<Store> store_ = openStore(directory_.file("store.db"));
   ReadRequests reads_{frame_, model_, subscriptions_};
   ToolRequests requests_{
