@@ -43,8 +43,8 @@ int Listening::handOver() const {
   return copy;
 }
 
-PbUtility::UniqueFd Listening::connect() const {
-  PbUtility::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+Base::UniqueFd Listening::connect() const {
+  Base::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const auto* generic = reinterpret_cast<const sockaddr*>(&address_);
   // A full backlog is the client's bad luck: what it sends goes nowhere.
   if (::connect(fd.get(), generic, addressBytes_) != 0) fd.reset();

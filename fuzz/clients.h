@@ -15,9 +15,9 @@
 #include <string_view>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/serving/server.h"
 #include "platform/messaging/wire/frame.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace Fuzz {
 
@@ -26,12 +26,12 @@ class Listening {
  public:
   Listening();
   // A new connection, not blocking.
-  PbUtility::UniqueFd connect() const;
+  Base::UniqueFd connect() const;
   // For ServerOptions::listenFd: the server closes it.
   int handOver() const;
 
  private:
-  PbUtility::UniqueFd fd_;
+  Base::UniqueFd fd_;
   sockaddr_un address_{};
   socklen_t addressBytes_ = sizeof address_;
 };
@@ -59,7 +59,7 @@ class Client {
  private:
   void readBytes();
 
-  PbUtility::UniqueFd fd_;
+  Base::UniqueFd fd_;
   std::string incoming_;
   bool closedByService_ = false;
 };

@@ -11,18 +11,18 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/unique_fd.h"
 #include "fuzz/input.h"
 #include "platform/messaging/client/internal/stream.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
+using Base::UniqueFd;
 using Fuzz::Input;
 using Fuzz::require;
 using PbUtility::FrameHeader;
 using PbUtility::StreamStatus;
-using PbUtility::UniqueFd;
 
 // What recv is to give next, and all that it has given.
 Input* source = nullptr;

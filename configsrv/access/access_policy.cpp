@@ -22,6 +22,7 @@
 #include <utility>
 
 #include "appconfig/core/role_names.h"
+#include "base/unique_fd.h"
 #include "configsrv/access/name_form.h"
 #include "configsrv/toml/document.h"
 #include "configsrv/toml/nearest_name.h"
@@ -95,24 +96,19 @@ class OpenFile {
  public:
   explicit OpenFile(const std::string& path)
       : descriptor_(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK)),
-        error_(descriptor_ < 0 ? errno : 0) {}
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  ~OpenFile() {
-    if (descriptor_ >= 0) ::close(descriptor_);
-  }
+        error_(descriptor_ ? 0 : errno) {}
 
-  int descriptor() const { return descriptor_; }
+  int descriptor() const { return descriptor_.get(); }
   int error() const { return error_; }
   std::string whyNotTrusted(uid_t ownUid) const {
     if (error_ == ELOOP) return "is a symbolic link";
     struct stat status = {};
-    if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) return {};
+    if (!descriptor_ || ::fstat(descriptor_.get(), &status) != 0) return {};
     return ConfigSrv::whyNotTrusted(status.st_uid, status.st_mode, ownUid);
   }
 
  private:
-  int descriptor_;
+  const Base::UniqueFd descriptor_;
   int error_;
 };
 

@@ -19,6 +19,8 @@
 namespace ConfigSrv {
 namespace {
 
+using Base::UniqueFd;
+
 std::string because(int error) { return std::strerror(error); }
 
 // Why what was opened is not to be written.
@@ -29,19 +31,18 @@ std::string objectionTo(const struct stat& status) {
   return {};
 }
 
-int openDirectory(const std::string& path) {
+UniqueFd openDirectory(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  return UniqueFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 // True when the file cannot be read: a service may be allowed to write it and no more.
 bool endsWithLineBreak(const std::string& path, off_t bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return true;
+  const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) return true;
   char last = '\n';
-  const ssize_t got = ::pread(fd, &last, 1, bytes - 1);
-  ::close(fd);
+  const ssize_t got = ::pread(fd.get(), &last, 1, bytes - 1);
   return got != 1 || last == '\n';
 }
 
@@ -56,7 +57,6 @@ AuditFile::AuditFile(std::string path, const Log& log, LostLine lostLine)
 
 AuditFile::~AuditFile() {
   if (lost_ > 0) log_.error(path_ + ": " + records(lost_) + " of changes were lost");
-  if (fd_ >= 0) ::close(fd_);
 }
 
 void AuditFile::open() {
@@ -66,20 +66,21 @@ void AuditFile::open() {
 
 bool AuditFile::isStillThere() const {
   struct stat status {};
-  return fd_ >= 0 && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
+  return fd_ && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
          status.st_ino == inode_;
 }
 
 std::string AuditFile::reopen() {
-  if (fd_ >= 0) unsynced_ ? before_->add(fd_) : static_cast<void>(::close(fd_));
+  if (unsynced_) before_->add(std::move(fd_));
   unsynced_ = false;
   torn_ = false;
-  fd_ =
-      ::open(path_.c_str(),
-             O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
-  if (fd_ < 0) return errno == ELOOP ? "it is a symbolic link" : because(errno);
+  fd_.reset();
+  fd_.reset(::open(path_.c_str(),
+                   O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                   0600));
+  if (!fd_) return errno == ELOOP ? "it is a symbolic link" : because(errno);
   struct stat status {};
-  std::string objection = ::fstat(fd_, &status) == 0 ? objectionTo(status) : because(errno);
+  std::string objection = ::fstat(fd_.get(), &status) == 0 ? objectionTo(status) : because(errno);
   device_ = status.st_dev;
   inode_ = status.st_ino;
   if (objection.empty()) {
@@ -87,8 +88,7 @@ std::string AuditFile::reopen() {
     torn_ = status.st_size > 0 && !endsWithLineBreak(path_, status.st_size);
     return {};
   }
-  ::close(fd_);
-  fd_ = -1;
+  fd_.reset();
   return objection;
 }
 
@@ -101,15 +101,15 @@ std::string AuditFile::write(const std::string& line) {
   const std::string text = (torn_ ? "\n" : "") + line + '\n';
   ssize_t wrote = -1;
   do {
-    wrote = ::write(fd_, text.data(), text.size());
+    wrote = ::write(fd_.get(), text.data(), text.size());
   } while (wrote < 0 && errno == EINTR);
   if (wrote == static_cast<ssize_t>(text.size())) {
     torn_ = false;
     return {};
   }
   if (wrote < 0) return because(errno);
-  const off_t end = ::lseek(fd_, 0, SEEK_CUR);
-  if (end < wrote || ::ftruncate(fd_, end - wrote) != 0) torn_ = true;
+  const off_t end = ::lseek(fd_.get(), 0, SEEK_CUR);
+  if (end < wrote || ::ftruncate(fd_.get(), end - wrote) != 0) torn_ = true;
   return because(ENOSPC);
 }
 
@@ -137,13 +137,13 @@ bool AuditFile::append(const std::string& line) {
 }
 
 std::string AuditFile::syncNow() {
-  unsynced_ = fd_ >= 0;
+  unsynced_ = static_cast<bool>(fd_);
   return takeUnsynced()->wait();
 }
 
 std::shared_ptr<AuditSync> AuditFile::takeUnsynced() {
   std::shared_ptr<AuditSync> taken = std::exchange(before_, std::make_shared<AuditSync>());
-  if (std::exchange(unsynced_, false)) taken->add(::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
+  if (std::exchange(unsynced_, false)) taken->add(UniqueFd(::fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0)));
   return taken;
 }
 

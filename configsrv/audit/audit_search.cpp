@@ -13,6 +13,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "base/unique_fd.h"
+
 namespace ConfigSrv {
 namespace {
 
@@ -79,12 +81,12 @@ void searchBackwards(int fd, std::uint64_t fileBytes, std::uint64_t maxBytes, Se
 std::vector<bool> linesInFile(const std::string& path, const std::vector<std::string>& lines,
                               std::size_t maxBytes) {
   Search search(lines);
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return search.found();
+  const Base::UniqueFd fd(
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd) return search.found();
   struct stat status {};
-  if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
-    searchBackwards(fd, static_cast<std::uint64_t>(status.st_size), maxBytes, search);
-  ::close(fd);
+  if (::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode))
+    searchBackwards(fd.get(), static_cast<std::uint64_t>(status.st_size), maxBytes, search);
   return search.found();
 }
 

@@ -4,23 +4,20 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace ConfigSrv {
 
-AuditSync::~AuditSync() {
-  for (const int fd : fds_) ::close(fd);
-}
-
-void AuditSync::add(int fd) {
-  if (fd >= 0) fds_.push_back(fd);
+void AuditSync::add(Base::UniqueFd fd) {
+  if (fd) fds_.push_back(std::move(fd));
 }
 
 std::string AuditSync::wait() const {
   std::string problem;
-  for (const int fd : fds_) {
+  for (const Base::UniqueFd& fd : fds_) {
     // Some sorts of files cannot be forced to a disk at all; nothing of them can be lost then
     // either.
-    if (::fsync(fd) != 0 && errno != EINVAL && errno != EROFS) problem = std::strerror(errno);
+    if (::fsync(fd.get()) != 0 && errno != EINVAL && errno != EROFS) problem = std::strerror(errno);
   }
   return problem;
 }

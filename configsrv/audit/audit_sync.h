@@ -11,25 +11,26 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
+
 namespace ConfigSrv {
 
 class AuditSync {
  public:
   AuditSync() = default;
-  ~AuditSync();
   AuditSync(const AuditSync&) = delete;
   AuditSync& operator=(const AuditSync&) = delete;
 
   // The newest change among the lines; 0 when they tell of no change.
   std::uint64_t revision = 0;
 
-  // Takes ownership of a descriptor. A negative one is ignored.
-  void add(int fd);
+  // One that owns nothing is ignored.
+  void add(Base::UniqueFd fd);
   // Waits until all is on the disk. Empty on success; else the system's reason.
   [[nodiscard]] std::string wait() const;
 
  private:
-  std::vector<int> fds_;
+  std::vector<Base::UniqueFd> fds_;
 };
 
 }  // namespace ConfigSrv

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/unique_fd.h"
+
 namespace {
 
 constexpr int kFirstPassedSocket = 3;
@@ -38,13 +40,11 @@ std::string notifyManager(const std::string& state) {
   if ((name[0] != '/' && name[0] != '@') || name.size() >= sizeof address.sun_path)
     return "NOTIFY_SOCKET is no usable address";
   const socklen_t size = fillAddress(name, address);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return failed("reach");
+  const Base::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd) return failed("reach");
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  const ssize_t sent = sendto(fd, state.data(), state.size(), MSG_NOSIGNAL, generic, size);
-  std::string problem = sent < 0 ? failed("notify") : std::string();
-  close(fd);
-  return problem;
+  const ssize_t sent = sendto(fd.get(), state.data(), state.size(), MSG_NOSIGNAL, generic, size);
+  return sent < 0 ? failed("notify") : std::string();
 }
 
 int takeListeningSocket(std::string& problem) {

@@ -13,6 +13,8 @@
 #include <optional>
 #include <sstream>
 
+#include "base/unique_fd.h"
+
 namespace ConfigSrv {
 namespace {
 
@@ -134,26 +136,21 @@ std::size_t countOf(const ProviderFile::Contents& contents) {
 
 }  // namespace
 
-ProviderFile::~ProviderFile() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 std::set<KnownProvider> ProviderFile::read() const {
   std::set<KnownProvider> all;
   if (path_.empty()) return all;
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
+  const Base::UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) {
     if (errno != ENOENT)
       log_.warning(path_ + ": the providers of before cannot be read: " + std::strerror(errno));
     return all;
   }
-  if (isOurs(fd)) {
-    for (const auto& [peer, providers] : parse(readAll(fd)))
+  if (isOurs(fd.get())) {
+    for (const auto& [peer, providers] : parse(readAll(fd.get())))
       all.insert(providers.begin(), providers.end());
   } else {
     log_.warning(path_ + ": not read, for others than this service could have written it");
   }
-  ::close(fd);
   return all;
 }
 
@@ -173,34 +170,34 @@ void ProviderFile::fail(const char* what) {
     log_.warning(path_ + ": cannot be " + what + ": " + std::strerror(errno) +
                  "; a change that comes right after a restart may not be put to its provider");
   failed_ = true;
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  fd_.reset();
 }
 
 void ProviderFile::rewrite() {
   if (path_.empty()) return;
-  if (fd_ >= 0) ::close(fd_);
   const std::string temporary = path_ + ".new";
   ::unlink(temporary.c_str());
-  fd_ = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
-               0600);
-  if (fd_ < 0) return fail("made");
+  fd_.reset();
+  fd_.reset(::open(temporary.c_str(),
+                   O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd_) return fail("made");
   const Contents contents = contents_();
   std::string text = std::string(kFirstLine) + '\n';
   for (const auto& [peer, providers] : contents) {
     for (const KnownProvider& provider : providers) text += lineOf(peer, provider);
   }
-  if (!write(fd_, text) || ::rename(temporary.c_str(), path_.c_str()) != 0) return fail("written");
+  if (!write(fd_.get(), text) || ::rename(temporary.c_str(), path_.c_str()) != 0)
+    return fail("written");
   linesLeft_ = countOf(contents) + kSpareLines;
   failed_ = false;
 }
 
 void ProviderFile::append(const std::string& line) {
   if (path_.empty()) return;
-  if (fd_ < 0 || linesLeft_ == 0) return rewrite();
+  if (!fd_ || linesLeft_ == 0) return rewrite();
   --linesLeft_;
   // What is half written would spoil the next line.
-  if (!write(fd_, line)) rewrite();
+  if (!write(fd_.get(), line)) rewrite();
 }
 
 void ProviderFile::add(PbUtility::PeerId peer, const KnownProvider& provider) {

@@ -18,34 +18,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-  bool isOpen() const { return fd_ >= 0; }
+using Base::UniqueFd;
 
- private:
-  int fd_;
-};
-
-int openAgain(const std::string& path, int flags, mode_t mode = 0) {
+UniqueFd openAgain(const std::string& path, int flags, mode_t mode = 0) {
   int fd = -1;
   do {
     fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
   } while (fd < 0 && errno == EINTR);
-  return fd;
+  return UniqueFd(fd);
 }
 
 int errnoOf(int result) { return result == 0 ? 0 : errno; }
 
 int syncPath(const std::string& path, int flags) {
-  const Descriptor fd(openAgain(path, flags));
-  return fd.isOpen() ? errnoOf(::fsync(fd.get())) : errno;
+  const UniqueFd fd = openAgain(path, flags);
+  return fd ? errnoOf(::fsync(fd.get())) : errno;
 }
 
 int writeAll(int fd, const char* data, std::size_t size) {
@@ -100,20 +87,21 @@ class PosixFileSystem final : public FileSystem {
   }
 
   int lock(const std::string& path, FileLock* lock) override {
-    const int fd = openAgain(path, O_RDWR | O_CREAT, 0600);
-    if (fd < 0) return errno;
-    *lock = FileLock(fd);
-    return errnoOf(::flock(fd, LOCK_EX | LOCK_NB));
+    UniqueFd fd = openAgain(path, O_RDWR | O_CREAT, 0600);
+    if (!fd) return errno;
+    const int error = errnoOf(::flock(fd.get(), LOCK_EX | LOCK_NB));
+    *lock = FileLock(std::move(fd));
+    return error;
   }
 
   int probe(const std::string& path) override {
-    const Descriptor fd(openAgain(path, O_RDWR));
-    return fd.isOpen() ? 0 : errno;
+    const UniqueFd fd = openAgain(path, O_RDWR);
+    return fd ? 0 : errno;
   }
 
   int create(const std::string& path) override {
-    const Descriptor fd(openAgain(path, O_RDWR | O_CREAT | O_EXCL, 0600));
-    return fd.isOpen() ? 0 : errno;
+    const UniqueFd fd = openAgain(path, O_RDWR | O_CREAT | O_EXCL, 0600);
+    return fd ? 0 : errno;
   }
 
   int remove(const std::string& path) override { return errnoOf(::unlink(path.c_str())); }
@@ -124,13 +112,13 @@ class PosixFileSystem final : public FileSystem {
 
   int read(const std::string& path, std::uint64_t offset, std::size_t size,
            std::string* bytes) override {
-    const Descriptor fd(openAgain(path, O_RDONLY));
-    return fd.isOpen() ? readAll(fd.get(), offset, size, bytes) : errno;
+    const UniqueFd fd = openAgain(path, O_RDONLY);
+    return fd ? readAll(fd.get(), offset, size, bytes) : errno;
   }
 
   int append(const std::string& path, const std::string& bytes) override {
-    const Descriptor fd(openAgain(path, O_WRONLY | O_APPEND));
-    return fd.isOpen() ? writeAll(fd.get(), bytes.data(), bytes.size()) : errno;
+    const UniqueFd fd = openAgain(path, O_WRONLY | O_APPEND);
+    return fd ? writeAll(fd.get(), bytes.data(), bytes.size()) : errno;
   }
 
   int sync(const std::string& path) override { return syncPath(path, O_RDONLY); }
@@ -140,17 +128,6 @@ class PosixFileSystem final : public FileSystem {
 };
 
 }  // namespace
-
-FileLock::FileLock(FileLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-FileLock& FileLock::operator=(FileLock&& other) noexcept {
-  std::swap(fd_, other.fd_);
-  return *this;
-}
-
-FileLock::~FileLock() {
-  if (fd_ >= 0) ::close(fd_);
-}
 
 FileSystem& posixFileSystem() {
   static PosixFileSystem system;

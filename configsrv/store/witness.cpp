@@ -15,6 +15,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/unique_fd.h"
+
 namespace ConfigSrv {
 namespace {
 
@@ -47,10 +49,6 @@ std::string text(const StoreMark& mark) { return "revision " + std::to_string(ma
 
 Witness::Witness(std::string file, Warn warn) : file_(std::move(file)), warn_(std::move(warn)) {}
 
-Witness::~Witness() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 std::uint64_t Witness::checkOf(const Record& record) {
   std::uint64_t sum = 0;
   for (const std::uint64_t word :
@@ -70,18 +68,18 @@ void Witness::read() {
 }
 
 std::string Witness::readRecord() {
-  const int fd = ::open(file_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) {
+  const Base::UniqueFd fd(
+      ::open(file_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd) {
     if (errno == ENOENT || errno == ENOTDIR) return {};
     return errno == ELOOP ? "it is a symbolic link" : because(errno);
   }
   struct stat status {};
   std::string problem =
-      ::fstat(fd, &status) == 0 ? objectionToFile(status, sizeof last_) : because(errno);
+      ::fstat(fd.get(), &status) == 0 ? objectionToFile(status, sizeof last_) : because(errno);
   Record record;
-  if (problem.empty() && ::pread(fd, &record, sizeof record, 0) != sizeof record)
+  if (problem.empty() && ::pread(fd.get(), &record, sizeof record, 0) != sizeof record)
     problem = "it cannot be read";
-  ::close(fd);
   if (!problem.empty()) return problem;
   if (record.kind != kKind || record.check != checkOf(record)) return "it is damaged";
   last_ = record;
@@ -118,21 +116,21 @@ void Witness::begin(const Epoch& epoch, const StoreMark& committed) {
 std::string Witness::makeFile() {
   const std::string fresh = file_ + ".new";
   ::unlink(fresh.c_str());
-  fd_ = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd_ < 0) return because(errno);
+  fd_.reset(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd_) return because(errno);
   if (!writeRecord() || ::rename(fresh.c_str(), file_.c_str()) != 0) return because(errno);
   return {};
 }
 
 bool Witness::writeRecord() {
   record_.check = checkOf(record_);
-  const ssize_t wrote = ::pwrite(fd_, &record_, sizeof record_, 0);
+  const ssize_t wrote = ::pwrite(fd_.get(), &record_, sizeof record_, 0);
   if (wrote >= 0 && wrote != sizeof record_) errno = ENOSPC;
   return wrote == sizeof record_;
 }
 
 void Witness::expect(const StoreMark& committed, const StoreMark& pending) {
-  if (fd_ < 0) return;
+  if (!fd_) return;
   record_.committed = committed;
   record_.pending = pending;
   if (!writeRecord()) fail(because(errno));
@@ -141,8 +139,7 @@ void Witness::expect(const StoreMark& committed, const StoreMark& pending) {
 // What stands there now must not be taken for the truth by the next start.
 void Witness::fail(const std::string& problem) {
   ::unlink(file_.c_str());
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  fd_.reset();
   warn_(file_ + ": cannot be written: " + problem +
         "; after the next start, clients read everything again");
 }

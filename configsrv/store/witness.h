@@ -29,6 +29,8 @@
 #include <functional>
 #include <string>
 
+#include "base/unique_fd.h"
+
 namespace ConfigSrv {
 
 // What only one state of a store has: its newest revision, and a digest of all of its rows, the
@@ -55,7 +57,6 @@ class Witness {
 
   // An empty path: nothing is witnessed, and each start begins a new epoch.
   Witness(std::string file, Warn warn);
-  ~Witness();
   Witness(const Witness&) = delete;
   Witness& operator=(const Witness&) = delete;
 
@@ -100,7 +101,7 @@ class Witness {
   std::string whyUnusable_;
   Record last_;  // As found by read().
   Record record_;
-  int fd_ = -1;
+  Base::UniqueFd fd_;
 };
 
 }  // namespace ConfigSrv

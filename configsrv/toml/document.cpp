@@ -36,6 +36,8 @@
 #define TOML_UNREACHABLE __builtin_unreachable()
 #include <toml++/toml.h>
 
+#include "base/unique_fd.h"
+
 namespace ConfigSrv {
 namespace {
 
@@ -44,15 +46,10 @@ class OpenFile {
   // Opened without blocking, so that a named pipe is refused rather than waited for.
   explicit OpenFile(const std::string& path)
       : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  ~OpenFile() {
-    if (descriptor_ >= 0) ::close(descriptor_);
-  }
-  int descriptor() const { return descriptor_; }
+  int descriptor() const { return descriptor_.get(); }
 
  private:
-  int descriptor_;
+  const Base::UniqueFd descriptor_;
 };
 
 TomlDocument mistaken(const std::string& file, unsigned line, unsigned column, std::string text) {

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/wire/internal/frame_bytes.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/load.h"
 
@@ -186,7 +186,7 @@ class Attacker {
   const std::string& socket_;
   const Volley volley_;
   const int number_;
-  PbUtility::UniqueFd fd_;
+  Base::UniqueFd fd_;
   std::string outgoing_;
   std::size_t sent_ = 0;
 };

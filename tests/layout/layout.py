@@ -12,6 +12,7 @@ import subprocess
 
 # What each folder may depend on. docs/architecture.md shows the same table to people.
 FOLDERS = {
+    "base": (),
     "appconfig/core": (),
     "appconfig/cache": ("appconfig/core",),
     "appconfig/wire": ("appconfig/core", "platform/schema"),
@@ -25,12 +26,12 @@ FOLDERS = {
     ),
     "appconfig/manager": ("appconfig/core", "appconfig/cache", "appconfig/service"),
     "platform/schema": ("appconfig/core",),
-    "platform/messaging": ("platform/schema",),
+    "platform/messaging": ("base", "platform/schema"),
     "configsrv/log": (),
-    "configsrv/toml": (),
+    "configsrv/toml": ("base",),
     "configsrv/definitions": ("appconfig/core", "configsrv/toml"),
-    "configsrv/access": ("appconfig/core", "configsrv/toml"),
-    "configsrv/store": ("appconfig/core",),
+    "configsrv/access": ("base", "appconfig/core", "configsrv/toml"),
+    "configsrv/store": ("base", "appconfig/core"),
     "configsrv/model": ("appconfig/core", "configsrv/definitions", "configsrv/store"),
     "configsrv/subscriptions": ("appconfig/core", "platform/messaging"),
     "configsrv/monitor": (
@@ -50,8 +51,9 @@ FOLDERS = {
         "configsrv/store",
         "configsrv/subscriptions",
     ),
-    "configsrv/audit": ("appconfig/core", "configsrv/changes", "configsrv/log", "configsrv/model"),
+    "configsrv/audit": ("base", "appconfig/core", "configsrv/changes", "configsrv/log", "configsrv/model"),
     "configsrv/providers": (
+        "base",
         "appconfig/core",
         "platform/messaging",
         "configsrv/log",
@@ -73,8 +75,9 @@ FOLDERS = {
         "configsrv/store",
         "configsrv/subscriptions",
     ),
-    "configsrv/configsrvd": ("platform/messaging", "configsrv/log", "configsrv/service"),
+    "configsrv/configsrvd": ("base", "platform/messaging", "configsrv/log", "configsrv/service"),
     "tools/appcfg": (
+        "base",
         "appconfig/core",
         "appconfig/cache",
         "appconfig/wire",

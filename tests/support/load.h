@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/wire/frame.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace google {
 namespace protobuf {
@@ -53,7 +53,7 @@ class LoadConnection {
   bool isClosed() const { return closed_; }
 
  private:
-  PbUtility::UniqueFd fd_;
+  Base::UniqueFd fd_;
   std::string outgoing_;
   std::string incoming_;
   std::uint32_t lastSequence_ = 0;

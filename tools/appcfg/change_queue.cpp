@@ -19,14 +19,10 @@ bool isSame(const ConfigVar& a, const ConfigVar& b) {
 ChangeQueue::ChangeQueue(std::int32_t nameSpace)
     : nameSpace_(nameSpace), wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-ChangeQueue::~ChangeQueue() {
-  if (wakeFd_ >= 0) ::close(wakeFd_);
-}
-
 std::deque<Change> ChangeQueue::take() {
   std::uint64_t wakeUps = 0;
   // Emptied before the queue is, so that a change that comes in between wakes again.
-  static_cast<void>(!::read(wakeFd_, &wakeUps, sizeof wakeUps));
+  static_cast<void>(!::read(wakeFd_.get(), &wakeUps, sizeof wakeUps));
   const std::lock_guard<std::mutex> guard(mutex_);
   return std::exchange(changes_, {});
 }
@@ -44,7 +40,7 @@ void ChangeQueue::configChanged(const std::string& group, int groupInstance,
   }
   const std::uint64_t one = 1;
   // It fails only when the counter is full, and then the reader wakes anyway.
-  static_cast<void>(!::write(wakeFd_, &one, sizeof one));
+  static_cast<void>(!::write(wakeFd_.get(), &one, sizeof one));
 }
 
 void ChangeQueue::makeRoomFor(const ConfigVar& var) {

@@ -19,6 +19,7 @@
 
 #include "appconfig/core/config_var.h"
 #include "appconfig/registry/consumer_config_handler.h"
+#include "base/unique_fd.h"
 
 namespace AppCfgTool {
 
@@ -33,12 +34,11 @@ class ChangeQueue final : public ConsumerConfigHandler {
 
   // The namespace that the handler's link serves: notices do not repeat it.
   explicit ChangeQueue(std::int32_t nameSpace);
-  ~ChangeQueue() override;
   ChangeQueue(const ChangeQueue&) = delete;
   ChangeQueue& operator=(const ChangeQueue&) = delete;
 
   // Readable while changes wait.
-  int wakeFd() const { return wakeFd_; }
+  int wakeFd() const { return wakeFd_.get(); }
   // All that wait, in the order in which they happened.
   std::deque<Change> take();
 
@@ -57,7 +57,7 @@ class ChangeQueue final : public ConsumerConfigHandler {
   void makeRoomFor(const ConfigVar& var);
 
   const std::int32_t nameSpace_;
-  const int wakeFd_;
+  const Base::UniqueFd wakeFd_;
   // Guards changes_. Nothing is called while it is held but the wake-up.
   std::mutex mutex_;
   std::deque<Change> changes_;

@@ -41,17 +41,17 @@ bool isPast(const Deadline& deadline) {
 StopSignals::StopSignals() {
   const sigset_t set = stopSet();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  fd_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  if (fd_ < 0) pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  fd_.reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!fd_) pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 StopSignals::~StopSignals() {
-  if (fd_ < 0) return;
+  if (!fd_) return;
   // What is pending has been seen as an event; unblocking it would kill the process after all.
   signalfd_siginfo info;
-  while (::read(fd_, &info, sizeof info) > 0) {
+  while (::read(fd_.get(), &info, sizeof info) > 0) {
   }
-  ::close(fd_);
+  fd_.reset();
   const sigset_t set = stopSet();
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <optional>
 
+#include "base/unique_fd.h"
 #include "tools/appcfg/change_queue.h"
 
 namespace AppCfgTool {
@@ -25,10 +26,10 @@ class StopSignals {
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
   // Readable once one has come; -1 when the system has no descriptor to spare.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
 
  private:
-  int fd_;
+  Base::UniqueFd fd_;
 };
 
 // -1 for a descriptor stands for nothing to wait for. Without a deadline it waits for ever.

@@ -18,6 +18,7 @@
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "base/unique_fd.h"
 #include "tools/appcfg/document.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
@@ -29,6 +30,7 @@ namespace {
 
 using AppConfig::formatKey;
 using AppConfig::ProtobufMessageHelper;
+using Base::UniqueFd;
 
 // More than any set of variables comes to, and little enough to hold.
 constexpr std::size_t kMaxBytes = std::size_t{64} << 20;
@@ -37,20 +39,6 @@ constexpr std::size_t kReadAtOnce = 128;
 
 // --- Files ---
 
-class File {
- public:
-  explicit File(int fd) : fd_(fd) {}
-  ~File() {
-    if (fd_ > STDERR_FILENO) ::close(fd_);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  const int fd_;
-};
-
 Outcome fileFailure(const char* action, const std::string& name) {
   return failure(kExitFailed,
                  std::string("cannot ") + action + ' ' + name + ": " + std::strerror(errno));
@@ -58,10 +46,12 @@ Outcome fileFailure(const char* action, const std::string& name) {
 
 Outcome readText(const std::string& name, std::string& text) {
   const bool standardInput = name == "-";
-  const File file(standardInput ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  // Of standard input, a copy: what it owns is closed.
+  const UniqueFd file(standardInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                    : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   std::string buffer(std::size_t{64} << 10, '\0');
   for (;;) {
-    const ssize_t got = ::read(file.fd(), buffer.data(), buffer.size());
+    const ssize_t got = ::read(file.get(), buffer.data(), buffer.size());
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return fileFailure("read", standardInput ? "standard input" : name);
     if (got == 0) return {};
@@ -72,10 +62,10 @@ Outcome readText(const std::string& name, std::string& text) {
 
 // For its owner alone: values of an unknown variable may be anything.
 Outcome writeText(const std::string& name, std::string_view text) {
-  const File file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (file.fd() < 0) return fileFailure("write", name);
+  const UniqueFd file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (!file) return fileFailure("write", name);
   while (!text.empty()) {
-    const ssize_t written = ::write(file.fd(), text.data(), text.size());
+    const ssize_t written = ::write(file.get(), text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) return fileFailure("write", name);
     text.remove_prefix(static_cast<std::size_t>(written));

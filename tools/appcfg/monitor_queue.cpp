@@ -12,10 +12,6 @@ namespace AppCfgTool {
 
 MonitorQueue::MonitorQueue() : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-MonitorQueue::~MonitorQueue() {
-  if (wakeFd_ >= 0) ::close(wakeFd_);
-}
-
 // An event that cannot be read counts as one that was lost.
 void MonitorQueue::receive(void* self, const MSG_Message* message) {
   auto* queue = static_cast<MonitorQueue*>(self);
@@ -41,13 +37,13 @@ void MonitorQueue::add(ConfigIF::MonitorNtfy event) {
   }
   const std::uint64_t one = 1;
   // It fails only when the counter is full, and then the reader wakes anyway.
-  static_cast<void>(!::write(wakeFd_, &one, sizeof one));
+  static_cast<void>(!::write(wakeFd_.get(), &one, sizeof one));
 }
 
 MonitorQueue::Taken MonitorQueue::take() {
   std::uint64_t wakeUps = 0;
   // Emptied before the queue is, so that an event that comes in between wakes again.
-  static_cast<void>(!::read(wakeFd_, &wakeUps, sizeof wakeUps));
+  static_cast<void>(!::read(wakeFd_.get(), &wakeUps, sizeof wakeUps));
   const std::lock_guard<std::mutex> guard(mutex_);
   return std::exchange(taken_, {});
 }

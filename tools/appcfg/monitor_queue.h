@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/msg.h"
 #include "platform/schema/config_if.pb.h"
 
@@ -22,7 +23,6 @@ class MonitorQueue {
   static constexpr std::size_t kMaxWaiting = 65536;
 
   MonitorQueue();
-  ~MonitorQueue();
   MonitorQueue(const MonitorQueue&) = delete;
   MonitorQueue& operator=(const MonitorQueue&) = delete;
 
@@ -31,7 +31,7 @@ class MonitorQueue {
   void add(ConfigIF::MonitorNtfy event);
 
   // Readable while events wait.
-  int wakeFd() const { return wakeFd_; }
+  int wakeFd() const { return wakeFd_.get(); }
 
   struct Taken {
     std::deque<ConfigIF::MonitorNtfy> events;
@@ -42,7 +42,7 @@ class MonitorQueue {
   Taken take();
 
  private:
-  const int wakeFd_;
+  const Base::UniqueFd wakeFd_;
   // Guards taken_. Nothing is called while it is held.
   std::mutex mutex_;
   Taken taken_;

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/unique_fd.h"
+
 namespace AppCfgTool {
 namespace {
 
@@ -41,12 +43,10 @@ const char* adviceFor(int error) {
 }
 
 int syncDirectory(const std::string& directory) {
-  const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return errno;
+  const Base::UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return errno;
   // A file system that cannot sync a directory says EINVAL, and has no more to offer.
-  const int error = ::fsync(fd) == 0 || errno == EINVAL ? 0 : errno;
-  ::close(fd);
-  return error;
+  return ::fsync(fd.get()) == 0 || errno == EINVAL ? 0 : errno;
 }
 
 }  // namespace
@@ -62,20 +62,18 @@ NewFile::NewFile(std::string path, Existing existing)
     : path_(std::move(path)), written_(existing == Existing::Keep ? path_ : path_ + ".new") {}
 
 NewFile::~NewFile() {
-  if (fd_ < 0) return;
-  ::close(fd_);
-  ::unlink(written_.c_str());
+  if (fd_) ::unlink(written_.c_str());
 }
 
 Outcome NewFile::open() {
   if (written_ != path_) ::unlink(written_.c_str());
-  fd_ = ::open(written_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  return fd_ >= 0 ? Outcome() : fileFailure("make", written_, errno);
+  fd_.reset(::open(written_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  return fd_ ? Outcome() : fileFailure("make", written_, errno);
 }
 
 Outcome NewFile::write(const char* bytes, std::size_t size) {
   while (size > 0) {
-    const ssize_t wrote = ::write(fd_, bytes, size);
+    const ssize_t wrote = ::write(fd_.get(), bytes, size);
     if (wrote < 0 && errno == EINTR) continue;
     if (wrote < 0) return fileFailure("write", written_, errno);
     bytes += wrote;
@@ -98,16 +96,15 @@ Outcome NewFile::take(int from, const std::string& fromPath) {
 }
 
 Outcome NewFile::giveTo(uid_t uid, gid_t gid) {
-  if (::geteuid() != 0 || ::fchown(fd_, uid, gid) == 0) return {};
+  if (::geteuid() != 0 || ::fchown(fd_.get(), uid, gid) == 0) return {};
   return fileFailure("give to user " + std::to_string(uid), written_, errno);
 }
 
 Outcome NewFile::finish() {
-  if (::fsync(fd_) != 0) return fileFailure("write", written_, errno);
+  if (::fsync(fd_.get()) != 0) return fileFailure("write", written_, errno);
   if (written_ != path_ && std::rename(written_.c_str(), path_.c_str()) != 0)
     return fileFailure("replace", path_, errno);
-  ::close(fd_);
-  fd_ = -1;
+  fd_.reset();
   const int error = syncDirectory(directoryOf(path_));
   return error == 0 ? Outcome() : fileFailure("sync the directory of", path_, error);
 }

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "tools/appcfg/outcome.h"
 
 namespace AppCfgTool {
@@ -45,7 +46,7 @@ class NewFile {
   const std::string path_;
   // What is written; another than path_ when that one is to be replaced.
   const std::string written_;
-  int fd_ = -1;
+  Base::UniqueFd fd_;
   std::uint64_t bytes_ = 0;
 };
 

@@ -15,6 +15,7 @@
 #include <set>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "tools/appcfg/new_file.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
@@ -198,11 +199,9 @@ Outcome restoreRunning(Context& context, const std::string& copy) {
 // Two that write one directory would be in each other's way.
 Outcome checkNotInUse(const std::string& store) {
   const std::string lock = store + ".lock";
-  const int fd = ::open(lock.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT ? Outcome() : fileFailure("open", lock, errno);
-  const bool free = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
-  ::close(fd);
-  if (free) return {};
+  const Base::UniqueFd fd(::open(lock.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) return errno == ENOENT ? Outcome() : fileFailure("open", lock, errno);
+  if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return {};
   return failure(kExitConflict, "cannot restore " + store + ": a service has it open",
                  "leave out --store, so that the service is told; or stop it first");
 }

@@ -41,18 +41,14 @@ Outcome noCopy(const std::string& path, const std::string& why, const std::strin
 
 }  // namespace
 
-StoreFile::~StoreFile() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 Outcome StoreFile::open() {
-  fd_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd_ < 0) return fileFailure("open", path_, errno);
+  fd_.reset(::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd_) return fileFailure("open", path_, errno);
   struct stat status {};
-  if (::fstat(fd_, &status) != 0) return fileFailure("open", path_, errno);
+  if (::fstat(fd_.get(), &status) != 0) return fileFailure("open", path_, errno);
   if (!S_ISREG(status.st_mode)) return noCopy(path_, "it is not a regular file", "");
   if (status.st_size == 0) return noCopy(path_, "it is empty", "");
-  if (!isStore(fd_))
+  if (!isStore(fd_.get()))
     return noCopy(path_, "it is no copy of a store", "'appcfg store copy' makes one");
   const std::string log = path_ + "-wal";
   if (!hasBytes(log)) return {};

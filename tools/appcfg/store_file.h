@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "base/unique_fd.h"
 #include "tools/appcfg/outcome.h"
 
 namespace AppCfgTool {
@@ -15,17 +16,16 @@ namespace AppCfgTool {
 class StoreFile {
  public:
   explicit StoreFile(std::string path) : path_(std::move(path)) {}
-  ~StoreFile();
   StoreFile(const StoreFile&) = delete;
   StoreFile& operator=(const StoreFile&) = delete;
 
   Outcome open();
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   const std::string& path() const { return path_; }
 
  private:
   const std::string path_;
-  int fd_ = -1;
+  Base::UniqueFd fd_;
 };
 
 }  // namespace AppCfgTool

@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "configsrv/audit/audit_sync.h"
 #include "configsrv/log/log.h"
 
@@ -55,7 +56,7 @@ class AuditFile {
   const std::string path_;
   const Log& log_;
   const LostLine lostLine_;
-  int fd_ = -1;
+  Base::UniqueFd fd_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
   // True when half a line stands at the end of the file and could not be cut off.

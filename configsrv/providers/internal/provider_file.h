@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "configsrv/log/log.h"
 #include "configsrv/providers/provider_memory.h"
 
@@ -38,7 +39,6 @@ class ProviderFile {
   // An empty path: nothing is remembered.
   ProviderFile(std::string path, const Log& log, GetContents contents)
       : path_(std::move(path)), log_(log), contents_(std::move(contents)) {}
-  ~ProviderFile();
   ProviderFile(const ProviderFile&) = delete;
   ProviderFile& operator=(const ProviderFile&) = delete;
 
@@ -58,7 +58,7 @@ class ProviderFile {
   const std::string path_;
   const Log& log_;
   const GetContents contents_;
-  int fd_ = -1;
+  Base::UniqueFd fd_;
   // Lines that may still be appended before the file is written as a whole.
   std::size_t linesLeft_ = 0;
   bool failed_ = false;

@@ -8,7 +8,10 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "base/unique_fd.h"
 
 namespace ConfigSrv {
 
@@ -17,13 +20,10 @@ namespace ConfigSrv {
 class FileLock {
  public:
   FileLock() = default;
-  explicit FileLock(int fd) : fd_(fd) {}
-  FileLock(FileLock&& other) noexcept;
-  FileLock& operator=(FileLock&& other) noexcept;
-  ~FileLock();
+  explicit FileLock(Base::UniqueFd fd) : fd_(std::move(fd)) {}
 
  private:
-  int fd_ = -1;
+  Base::UniqueFd fd_;
 };
 
 struct FileFacts {

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/messaging/wire/internal/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace PbUtility {
 namespace {
@@ -34,7 +34,7 @@ static_assert(sizeof(Attributes) == 48, "the first published size, which every k
 // it was not expected to make, and systemd's `SystemCallFilter=~@resources` is one of them. What cannot
 // be found out is taken for one.
 bool isFiltered() {
-  const UniqueFd file(::open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC));
+  const Base::UniqueFd file(::open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC));
   char status[8192];
   const ssize_t length = file ? ::read(file.get(), status, sizeof status) : -1;
   if (length <= 0) return true;

@@ -36,7 +36,7 @@ void growFor(std::string& bytes, std::size_t more, std::size_t whole) {
 
 }  // namespace
 
-Connection::Connection(std::uint64_t number, UniqueFd fd, ucred credentials)
+Connection::Connection(std::uint64_t number, Base::UniqueFd fd, ucred credentials)
     : key(number), who(credentials), fd_(std::move(fd)), events_(EPOLLIN) {
   buffered.owner = owner();
   buffered.connection = key;

@@ -55,7 +55,7 @@ bool ConnectionTable::watchListener() { return loop_.watch(listener_.fd(), kList
 void ConnectionTable::acceptSome() {
   for (int i = 0; i < kAcceptsAtOnce; ++i) {
     bool exhausted = false;
-    UniqueFd fd = listener_.accept(exhausted);
+    Base::UniqueFd fd = listener_.accept(exhausted);
     if (!fd) return;
     if (exhausted) {
       refuse(fd.get(), peerOf(fd.get()), "the service is out of file descriptors");
@@ -76,7 +76,7 @@ void ConnectionTable::refuse(int fd, const ucred& who, const std::string& text) 
                                        ", uid " + std::to_string(who.uid) + ": " + text);
 }
 
-void ConnectionTable::begin(UniqueFd fd) {
+void ConnectionTable::begin(Base::UniqueFd fd) {
   const ucred who = peerOf(fd.get());
   const std::string refusal = shares_.refusal({who.uid, who.pid});
   if (!refusal.empty()) return refuse(fd.get(), who, refusal);

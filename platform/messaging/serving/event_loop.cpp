@@ -43,7 +43,7 @@ void drainEvent(int fd) {
   static_cast<void>(!::read(fd, &count, sizeof count));
 }
 
-bool control(const UniqueFd& epoll, int operation, int fd, std::uint64_t key,
+bool control(const Base::UniqueFd& epoll, int operation, int fd, std::uint64_t key,
              std::uint32_t events) {
   epoll_event event{};
   event.events = events;

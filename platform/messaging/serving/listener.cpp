@@ -97,17 +97,18 @@ std::string Listener::adopt(int fd) {
   return {};
 }
 
-UniqueFd Listener::accept(bool& exhausted) {
+Base::UniqueFd Listener::accept(bool& exhausted) {
   exhausted = false;
   if (!spare_) spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   for (;;) {
-    UniqueFd connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    Base::UniqueFd connection(
+        ::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (connection) return connection;
     if (errno == EINTR || errno == ECONNABORTED) continue;
     if ((errno != EMFILE && errno != ENFILE) || !spare_) return {};
     exhausted = true;
     spare_.reset();
-    return UniqueFd(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    return Base::UniqueFd(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   }
 }
 

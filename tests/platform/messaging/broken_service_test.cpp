@@ -15,10 +15,10 @@
 #include <ostream>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/endpoint.h"
 #include "platform/messaging/wire/frame.h"
 #include "platform/messaging/wire/internal/frame_bytes.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/eventually.h"
 #include "tests/support/serving.h"
@@ -108,7 +108,7 @@ class BadService {
     over_ = true;
     ::shutdown(listener_.get(), SHUT_RDWR);
     thread_.join();
-    for (const UniqueFd& connection : connections_) ::shutdown(connection.get(), SHUT_RDWR);
+    for (const Base::UniqueFd& connection : connections_) ::shutdown(connection.get(), SHUT_RDWR);
     for (std::thread& peer : peers_) peer.join();
   }
 
@@ -127,9 +127,9 @@ class BadService {
   }
 
   const std::function<void(Peer&)> script_;
-  UniqueFd listener_;
+  Base::UniqueFd listener_;
   std::atomic<bool> over_{false};
-  std::vector<UniqueFd> connections_;
+  std::vector<Base::UniqueFd> connections_;
   std::vector<std::thread> peers_;
   std::thread thread_;
 };
@@ -333,7 +333,7 @@ class NoServiceTest : public BrokenServiceTest {};
 
 // Nobody takes the connections off the backlog, and it is full.
 TEST_F(NoServiceTest, AFullBacklogEndsACallAtItsDeadline) {
-  const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const Base::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string path = dir_.path() + "/" + kServiceName;
@@ -341,7 +341,7 @@ TEST_F(NoServiceTest, AFullBacklogEndsACallAtItsDeadline) {
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   ASSERT_EQ(::bind(listener.get(), generic, sizeof address), 0);
   ASSERT_EQ(::listen(listener.get(), 0), 0);
-  std::vector<UniqueFd> waiting;
+  std::vector<Base::UniqueFd> waiting;
   for (int error = 0; error == 0;) {
     waiting.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     error = ::connect(waiting.back().get(), generic, sizeof address) == 0 ? 0 : errno;
@@ -375,7 +375,7 @@ class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t more) {
     ::getrlimit(RLIMIT_NOFILE, &before_);
-    const UniqueFd next(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const Base::UniqueFd next(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     const rlimit few{static_cast<rlim_t>(next.get()) + more, before_.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &few);
   }

@@ -17,7 +17,7 @@ class FlushQueueTest : public ::testing::Test {
   // A connection of a peer of its own, or of one that is there already.
   Connection& connection(ConnectionUse use) { return connection(use, peers.emplace_back()); }
   Connection& connection(ConnectionUse use, PeerState& peer) {
-    Connection& added = connections.emplace_back(connections.size() + 1, UniqueFd(), ucred{});
+    Connection& added = connections.emplace_back(connections.size() + 1, Base::UniqueFd(), ucred{});
     added.use = use;
     added.peer = &peer;
     return added;

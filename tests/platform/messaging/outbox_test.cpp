@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "platform/messaging/wire/internal/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace PbUtility {
 namespace {
@@ -43,8 +43,8 @@ class OutboxTest : public ::testing::Test {
     }
   }
 
-  UniqueFd writer;
-  UniqueFd reader;
+  Base::UniqueFd writer;
+  Base::UniqueFd reader;
   Outbox outbox;
 };
 

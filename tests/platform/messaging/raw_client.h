@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/wire/frame.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace TestSupport {
 
@@ -76,7 +76,7 @@ class RawClient {
 
  private:
   std::string path_;
-  PbUtility::UniqueFd fd_;
+  Base::UniqueFd fd_;
   bool connected_ = false;
 };
 

@@ -299,7 +299,7 @@ TEST_F(ServerTest, WithoutDescriptorsConnectionsAreToldSoAndServedAgainLater) {
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   RawClient unlucky(socketFile(), RawClient::Connect::Later);
-  std::vector<UniqueFd> taken;
+  std::vector<Base::UniqueFd> taken;
   const rlimit few{static_cast<rlim_t>(unlucky.fd()) + 8, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
   while (taken.empty() || taken.back()) taken.emplace_back(::open("/dev/null", O_RDONLY));
@@ -616,7 +616,7 @@ TEST_F(ServerTest, ASecondServerOfTheNameIsRefusedAndTheFirstServesOn) {
 TEST_F(ServerTest, ASocketFileThatADeadServerLeftIsReplaced) {
   {
     // What a killed server leaves: a socket file that nobody listens at.
-    UniqueFd dead(::socket(AF_UNIX, SOCK_STREAM, 0));
+    Base::UniqueFd dead(::socket(AF_UNIX, SOCK_STREAM, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     socketFile().copy(address.sun_path, sizeof address.sun_path - 1);

@@ -10,8 +10,8 @@
 
 #include <cstring>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/endpoint.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 #include "platform/schema/config_if.pb.h"
 #include "tests/support/child.h"
 #include "tests/support/serving.h"
@@ -163,7 +163,7 @@ TEST_F(SocketTrustTest, ASymbolicLinkCountsAsWhatItLeadsTo) {
 
 // The file is root's, as one that was checked a moment before it was replaced.
 TEST_F(SocketTrustTest, WhoListensCountsToo) {
-  UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  Base::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string path = dir.path() + "/ConfigSrvc";

@@ -29,11 +29,11 @@
 #include <string_view>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/serving/internal/buffers.h"
 #include "platform/messaging/serving/internal/outbox.h"
 #include "platform/messaging/serving/server_handler.h"
 #include "platform/messaging/wire/frame.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace PbUtility {
 
@@ -70,7 +70,7 @@ class Connection {
     std::size_t bytes = 0;
   };
 
-  Connection(std::uint64_t key, UniqueFd fd, ucred who);
+  Connection(std::uint64_t key, Base::UniqueFd fd, ucred who);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -147,7 +147,7 @@ class Connection {
   bool keepUntaken();
   void dropRefused(std::size_t bytes);
 
-  UniqueFd fd_;
+  Base::UniqueFd fd_;
   // What was kept, and how long the frame is that it begins with, if that is known and not all of it is
   // there.
   std::string incoming_;

@@ -76,7 +76,7 @@ class ConnectionTable {
   bool fits(Connection& connection, std::size_t bytes);
 
  private:
-  void begin(UniqueFd fd);
+  void begin(Base::UniqueFd fd);
   void refuse(int fd, const ucred& who, const std::string& text);
   void closePast();
   void closePast(Connection& connection, const std::string& limit);

@@ -21,9 +21,9 @@
 #include <string>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "platform/messaging/serving/internal/timers.h"
 #include "platform/messaging/serving/internal/turn.h"
-#include "platform/messaging/wire/internal/unique_fd.h"
 
 namespace PbUtility {
 
@@ -95,13 +95,13 @@ class EventLoop {
   void runDueTimers();
 
   LoopClient& client_;
-  UniqueFd epoll_;
-  UniqueFd offers_;
+  Base::UniqueFd epoll_;
+  Base::UniqueFd offers_;
   // Makes the leader look for work that was put aside by a thread that does not lead.
-  UniqueFd wakeUp_;
+  Base::UniqueFd wakeUp_;
   // Readable once and for all when the loop is to end.
-  UniqueFd stop_;
-  UniqueFd timer_;
+  Base::UniqueFd stop_;
+  Base::UniqueFd timer_;
   std::atomic<bool> stopping_{false};
   std::thread standIn_;
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "platform/messaging/wire/internal/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace PbUtility {
 
@@ -29,17 +29,17 @@ class Listener {
   // The next connection, non-blocking; empty when none waits. When the process is out of
   // descriptors, the one it returns is the spare one's, as `exhausted` tells: it has to be closed
   // again before the next call.
-  UniqueFd accept(bool& exhausted);
+  Base::UniqueFd accept(bool& exhausted);
 
  private:
   std::string lock();
   std::string bindAndListen();
 
   std::string path_;
-  UniqueFd lock_;
-  UniqueFd socket_;
+  Base::UniqueFd lock_;
+  Base::UniqueFd socket_;
   // Given up for a moment when descriptors run out, so that the waiting connection can be ended.
-  UniqueFd spare_;
+  Base::UniqueFd spare_;
 };
 
 }  // namespace PbUtility

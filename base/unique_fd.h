@@ -1,11 +1,14 @@
 // UniqueFd: a file descriptor that is closed when its owner goes.
+//
+// Shape:    -1 is none.
+// Threads:  a plain value, moved and not copied.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace PbUtility {
+namespace Base {
 
 class UniqueFd {
  public:
@@ -30,4 +33,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace PbUtility
+}  // namespace Base
