@@ -99,6 +99,11 @@ TEST_F(EndpointTest, ARequestIsAnsweredOnTheCallersThread) {
   EXPECT_EQ(serving.requests()[0].peer.name, "ui");
 }
 
+TEST_F(EndpointTest, TellsTheNameThatItWasGiven) {
+  const Endpoint endpoint("me", options());
+  EXPECT_EQ(endpoint.localEndpoint(), "me");
+}
+
 TEST_F(EndpointTest, WithoutAServiceACallFailsAtOnce) {
   Endpoint endpoint("ui", options());
   EXPECT_EQ(read(endpoint), kCallNoService);
