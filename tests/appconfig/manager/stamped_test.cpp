@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "appconfig/manager/app_cfg_manager.h"
@@ -297,6 +298,21 @@ TEST_F(StampedTest, AFreshReadWithoutAFacadeAsksThePrimaryOne) {
   Value value;
   EXPECT_TRUE(AppConfig::readFresh(mtu, value));
   EXPECT_EQ(value, Value{"1500"});
+}
+
+// What one facade has been told is no reason for another to take less, also where its cache stood.
+TEST_F(StampedTest, AFacadeThatTakesTheMemoryOfAnEndedOneKnowsNothingOfWhatThatWasTold) {
+  std::optional<AppCfgManager> facade(AppConfig::PlatformCfgService::getLocalCfgService());
+  const AppCfgManager* const place = &*facade;
+  hold({"1400", 11});
+  EXPECT_EQ(facade->getConfigVar(mtu), "1400");
+  facade.emplace(AppConfig::PlatformCfgService::getLocalCfgService());
+  ASSERT_EQ(&*facade, place);
+  hold({"1300", 9});
+  EXPECT_EQ(facade->getConfigVar(mtu), "1300");
+  const std::size_t before = reads();
+  EXPECT_EQ(facade->getConfigVar(mtu), "1300");
+  EXPECT_EQ(reads(), before) << "what is older than the ended one's was not cached";
 }
 
 // --- Options and roles ---

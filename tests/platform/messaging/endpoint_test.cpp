@@ -99,6 +99,11 @@ TEST_F(EndpointTest, ARequestIsAnsweredOnTheCallersThread) {
   EXPECT_EQ(serving.requests()[0].peer.name, "ui");
 }
 
+TEST_F(EndpointTest, TellsTheNameThatItWasGiven) {
+  const Endpoint endpoint("me", options());
+  EXPECT_EQ(endpoint.localEndpoint(), "me");
+}
+
 TEST_F(EndpointTest, WithoutAServiceACallFailsAtOnce) {
   Endpoint endpoint("ui", options());
   EXPECT_EQ(read(endpoint), kCallNoService);
@@ -112,6 +117,14 @@ TEST_F(EndpointTest, AfterARestartOfTheServiceTheNextCallSimplyWorks) {
     EXPECT_EQ(read(endpoint), kCallOk);
   }
   EXPECT_EQ(read(endpoint), kCallNoService);
+}
+
+TEST_F(EndpointTest, WhoAllowsNoConnectionHasOne) {
+  const Serving serving(dir.path());
+  EndpointOptions none = options();
+  none.maxConnections = 0;
+  Endpoint endpoint("ui", none);
+  EXPECT_EQ(read(endpoint), kCallOk);
 }
 
 TEST_F(EndpointTest, AServiceThatDiesMidAnswerFailsTheCallAtOnce) {
@@ -173,6 +186,18 @@ TEST_F(EndpointTest, ARefusalReachesTheCallerWithItsText) {
   Endpoint endpoint("ui", options());
   EXPECT_EQ(read(endpoint), kCallRefused);
   EXPECT_EQ(endpoint.lastRefusal(), "too old for that");
+}
+
+TEST_F(EndpointTest, AnAnswerThatNoFrameHoldsBecomesARefusalThatSaysSo) {
+  Serving serving(dir.path());
+  serving.onRequestDo = [](Server& server, const Serving::Request& request) {
+    ConfigIF::ReadRsp response;
+    response.add_values(std::string(std::size_t{17} << 20, 'x'));
+    server.respond(request.id, response, 1);
+  };
+  Endpoint endpoint("ui", options());
+  EXPECT_EQ(read(endpoint), kCallRefused);
+  EXPECT_EQ(endpoint.lastRefusal(), "the answer is larger than 16 MiB");
 }
 
 TEST_F(EndpointTest, AnAnswerOfAnotherTypeIsBroken) {

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -393,6 +395,28 @@ TEST_F(ServerTest, WhoseAnswersPileUpIsClosedAtTheLimit) {
     for (const Serving::Request& read : serving.requests()) answerAtLength(server, read);
   });
   EXPECT_TRUE(eventually([&] { return linesAbout(serving, "does not read its answers") == 1; }));
+}
+
+// A header is cheap: who says that much will come takes no more than what came.
+TEST_F(ServerTest, AnUnfinishedFrameCountsForWhatHasComeOfIt) {
+  ServerOptions limited = options();
+  limited.bufferedBytes.perProcess = 1 << 20;
+  Serving serving(limited);
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("promising")));
+  ASSERT_FALSE(client.receive().empty());
+  const std::string frame = request(0x1A0140, std::string(std::size_t{2} << 20, 'x'));
+  const auto isRead = [&] {
+    int unread = -1;
+    return ::ioctl(client.fd(), SIOCOUTQ, &unread) == 0 && unread == 0;
+  };
+  for (std::size_t at = 0; at < 100'000; at += 20'000) {
+    ASSERT_TRUE(client.send(frame.substr(at, 20'000)));
+    ASSERT_TRUE(eventually(isRead));
+  }
+  serving.onServer([](Server&) {});
+  EXPECT_EQ(linesAbout(serving, "\"promising\""), 0U);
+  ASSERT_TRUE(client.send("x"));
 }
 
 TEST_F(ServerTest, OfAllThatWaitsTheGreediestConnectionIsClosedAndTheOthersAreNot) {

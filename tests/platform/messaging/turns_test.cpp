@@ -1,6 +1,7 @@
 #include "platform/messaging/serving/internal/turns.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <string>
 
@@ -126,6 +127,24 @@ TEST(SliceTest, HasNoTimeUntilSomebodyBeginsIt) {
   slice.take();
   EXPECT_TRUE(slice.isOver());
 }
+
+// The allocator of a sanitizer does not tell what is taken of it.
+#if !defined(APPCONFIG_SANITIZE_ADDRESS) && !defined(APPCONFIG_SANITIZE_THREAD)
+std::size_t allocatedBytes() {
+  const struct mallinfo2 all = mallinfo2();
+  return all.uordblks + all.hblkhd;
+}
+
+TEST_F(TurnsTest, WhoNeverHasNothingWaitingTakesNoMoreMemoryWithTime) {
+  add(kOne, 1, 3);
+  again = true;
+  turn(100);
+  const std::size_t before = allocatedBytes();
+  turn(100'000);
+  // Items of so many turns would be 4 MB.
+  EXPECT_LT(allocatedBytes(), before + 100'000);
+}
+#endif
 
 }  // namespace
 }  // namespace PbUtility
