@@ -28,6 +28,10 @@ add_library(appconfig_flags INTERFACE)
 target_compile_options(appconfig_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
   -Wold-style-cast -Woverloaded-virtual -Wnull-dereference -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # What a lock guards is touched only where it is held: base/mutex.h.
+  target_compile_options(appconfig_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
   # Notes that GCC before 7.1 passed some arguments in other registers: no such code is about.
   target_compile_options(appconfig_flags INTERFACE -Wno-psabi)

@@ -8,11 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <set>
 #include <utility>
 
 #include "appconfig/core/internal/fork_lock.h"
+#include "base/mutex.h"
 
 namespace AppConfig {
 
@@ -41,30 +41,31 @@ class Guard {
 // The locks of all caches, for the sake of fork alone: a cache's own size is part of the binary
 // interface. The set goes with its last cache, so that nothing is left to be destroyed at exit,
 // when threads may still be running.
-std::mutex cachesMutex;
-std::set<pthread_mutex_t*>* cacheLocks = nullptr;
+Base::Mutex cachesMutex;
+std::set<pthread_mutex_t*>* cacheLocks APPCONFIG_GUARDED_BY(cachesMutex)
+    APPCONFIG_PT_GUARDED_BY(cachesMutex) = nullptr;
 
 void note(pthread_mutex_t& lock) {
-  const std::lock_guard<std::mutex> guard(cachesMutex);
+  const Base::MutexLock guard(cachesMutex);
   if (!cacheLocks) cacheLocks = new std::set<pthread_mutex_t*>;
   cacheLocks->insert(&lock);
 }
 
 void forget(pthread_mutex_t& lock) {
-  const std::lock_guard<std::mutex> guard(cachesMutex);
+  const Base::MutexLock guard(cachesMutex);
   cacheLocks->erase(&lock);
   if (!cacheLocks->empty()) return;
   delete cacheLocks;
   cacheLocks = nullptr;
 }
 
-void holdAll() {
+void holdAll() APPCONFIG_ACQUIRE(cachesMutex) {
   cachesMutex.lock();
   if (!cacheLocks) return;
   for (pthread_mutex_t* lock : *cacheLocks) check(pthread_mutex_lock(lock), "pthread_mutex_lock");
 }
 
-void releaseAll() {
+void releaseAll() APPCONFIG_RELEASE(cachesMutex) {
   if (cacheLocks) {
     for (pthread_mutex_t* lock : *cacheLocks)
       check(pthread_mutex_unlock(lock), "pthread_mutex_unlock");

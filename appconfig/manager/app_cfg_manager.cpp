@@ -4,11 +4,10 @@
 
 #include "appconfig/manager/app_cfg_manager.h"
 
-#include <mutex>
-
 #include "appconfig/core/internal/fork_lock.h"
 #include "appconfig/manager/internal/in_flight.h"
 #include "appconfig/service/platform_cfg_service.h"
+#include "base/mutex.h"
 
 namespace AppConfig {
 
@@ -16,10 +15,12 @@ namespace {
 
 // Guards the making of the instances and the replacing of the primary. The link's mutex of the same
 // purpose is taken while it is held; the message layer is not called under it.
-std::mutex instancesMutex;
-const ForkLock atFork(ForkLock::Place::Facades,
-                      {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
-                       [] { instancesMutex.unlock(); }});
+Base::Mutex instancesMutex;
+
+void hold() APPCONFIG_ACQUIRE(instancesMutex) { instancesMutex.lock(); }
+void release() APPCONFIG_RELEASE(instancesMutex) { instancesMutex.unlock(); }
+
+const ForkLock atFork(ForkLock::Place::Facades, {hold, release, release});
 
 }  // namespace
 
@@ -32,7 +33,7 @@ AppCfgManager::~AppCfgManager() { forgetStamps(cache_); }
 
 AppCfgManager* AppCfgManager::getLocalCfgManager() {
   if (AppCfgManager* local = ms_localInstance) return local;
-  const std::lock_guard<std::mutex> guard(instancesMutex);
+  const Base::MutexLock guard(instancesMutex);
   if (!ms_localInstance)
     ms_localInstance = new AppCfgManager(PlatformCfgService::getLocalCfgService());
   return ms_localInstance;
@@ -41,7 +42,7 @@ AppCfgManager* AppCfgManager::getLocalCfgManager() {
 AppCfgManager* AppCfgManager::getInstance() {
   if (AppCfgManager* primary = ms_instance) return primary;
   AppCfgManager* const local = getLocalCfgManager();
-  const std::lock_guard<std::mutex> guard(instancesMutex);
+  const Base::MutexLock guard(instancesMutex);
   if (!ms_instance) ms_instance = local;
   return ms_instance;
 }
@@ -55,7 +56,7 @@ bool AppCfgManager::changePrimaryConfigService(int nameSpace, const std::string&
   PlatformCfgService* const link =
       PlatformCfgService::changePrimaryConfigService(nameSpace, serviceLink, selfLink, pb);
   if (!link) return false;
-  const std::lock_guard<std::mutex> guard(instancesMutex);
+  const Base::MutexLock guard(instancesMutex);
   ms_instance = new AppCfgManager(link);
   return true;
 }

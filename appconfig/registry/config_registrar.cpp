@@ -13,21 +13,25 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
 #include "appconfig/core/internal/fork_lock.h"
 
+Base::Mutex ConfigRegistrar::mutex_;
+
+struct RegistrarAtFork {
+  static void hold() APPCONFIG_ACQUIRE(ConfigRegistrar::mutex_) { ConfigRegistrar::mutex_.lock(); }
+  static void release() APPCONFIG_RELEASE(ConfigRegistrar::mutex_) {
+    ConfigRegistrar::mutex_.unlock();
+  }
+};
+
 namespace {
 
-// Serialises every operation of every registrar. One for the process and no member, so that it is
-// no part of a registrar's layout; registrations are rare and lookups are short. Held for work on
-// the maps alone: no handler is called and no other lock is taken while it is held.
-std::mutex guard;
 const AppConfig::ForkLock atFork(AppConfig::ForkLock::Place::Registry,
-                                 {[] { guard.lock(); }, [] { guard.unlock(); },
-                                  [] { guard.unlock(); }});
+                                 {RegistrarAtFork::hold, RegistrarAtFork::release,
+                                  RegistrarAtFork::release});
 
 // How often a handler was taken out of any registrar.
 std::atomic<unsigned> removals{0};
@@ -102,7 +106,7 @@ class Collector {
   std::list<T*> found_;
 };
 
-// The lookup itself, for callers that hold the guard.
+// The lookup itself.
 template <typename T>
 std::list<T*> collect(const ConfigVar& var, const HandlerMap<T>& handlers, bool includeMarkers) {
   Collector<T> collector(handlers, includeMarkers);
@@ -124,36 +128,36 @@ bool removeAll(std::list<T*>& handlers, T* handler) {
 }  // namespace
 
 void ConfigRegistrar::registerHandler(const ConfigVar& var, ProviderConfigHandler* handler) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   providerHandlers_[var].push_back(handler);
 }
 
 void ConfigRegistrar::registerHandler(const ConfigVar& var, ConsumerConfigHandler* handler,
                                       ConsumerCallbackType type) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   consumerHandlers_[type][var].push_back(handler);
 }
 
 bool ConfigRegistrar::unregisterHandler(const ConfigVar& var, ConsumerConfigHandler* handler,
                                         ConsumerCallbackType type) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return removeAll(consumerHandlers_[type][var], handler);
 }
 
 bool ConfigRegistrar::unregisterHandler(const ConfigVar& var, ProviderConfigHandler* handler) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return removeAll(providerHandlers_[var], handler);
 }
 
 unsigned ConfigRegistrar::unregistrations() { return removals; }
 
 bool ConfigRegistrar::isHandlerRegistered(const ConfigVar& var, ConsumerCallbackType type) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return !collect(var, consumerHandlers_[type], true).empty();
 }
 
 bool ConfigRegistrar::isProviderHandlerRegistered(const ConfigVar& var) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return !collect(var, providerHandlers_, true).empty();
 }
 
@@ -161,21 +165,21 @@ std::list<ConsumerConfigHandler*> ConfigRegistrar::getHandlers(const std::string
                                                                const std::string& name,
                                                                ConsumerCallbackType type) {
   const ConfigVar var(group, 0, name, 0);
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return collect(var, consumerHandlers_[type], false);
 }
 
 std::list<ProviderConfigHandler*> ConfigRegistrar::getProviderHandlers(const std::string& group,
                                                                        const std::string& name) {
   const ConfigVar var(group, 0, name, 0);
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return collect(var, providerHandlers_, false);
 }
 
 template <typename T>
 std::list<T*> ConfigRegistrar::getHandlers(const ConfigVar& var, HandlerMap<T>& handlers,
                                            bool includeMarkers) {
-  const std::lock_guard<std::mutex> lock(guard);
+  const Base::MutexLock lock(mutex_);
   return collect(var, handlers, includeMarkers);
 }
 

@@ -29,6 +29,7 @@
 #include <string>
 
 #include "appconfig/core/config_var.h"
+#include "base/mutex.h"
 
 class ConsumerConfigHandler;
 class ProviderConfigHandler;
@@ -86,8 +87,15 @@ class ConfigRegistrar {
   std::list<T*> getHandlers(const ConfigVar& var, HandlerMap<T>& handlers, bool includeMarkers);
 
  private:
-  std::map<ConsumerCallbackType, HandlerMap<ConsumerConfigHandler>> consumerHandlers_;
-  HandlerMap<ProviderConfigHandler> providerHandlers_;
+  friend struct RegistrarAtFork;
+
+  // Serialises every operation of every registrar. One for the process, so that it is no part of a
+  // registrar's layout; registrations are rare and lookups are short. Held for work on the maps alone:
+  // no handler is called and no other lock is taken while it is held.
+  static Base::Mutex mutex_;
+  std::map<ConsumerCallbackType, HandlerMap<ConsumerConfigHandler>> consumerHandlers_
+      APPCONFIG_GUARDED_BY(mutex_);
+  HandlerMap<ProviderConfigHandler> providerHandlers_ APPCONFIG_GUARDED_BY(mutex_);
 };
 
 extern template std::list<ConsumerConfigHandler*> ConfigRegistrar::getHandlers(

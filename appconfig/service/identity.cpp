@@ -8,12 +8,12 @@
 #include <algorithm>
 #include <iterator>
 #include <map>
-#include <mutex>
 #include <set>
 
 #include "appconfig/core/internal/fork_lock.h"
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "base/mutex.h"
 #include "platform/messaging/msg.h"
 #include "platform/messaging/pb_utils.h"
 #include "platform/schema/config_if.pb.h"
@@ -27,23 +27,26 @@ constexpr int kTheOnlyInstance = -1;
 // Guards the making and replacing of the two instances, and which receivers are installed. The
 // facade has a mutex of the same purpose, which is taken before this one; while this one is held,
 // no other is taken and nothing outside this file is called.
-std::mutex instancesMutex;
-const ForkLock atFork(ForkLock::Place::Links,
-                      {[] { instancesMutex.lock(); }, [] { instancesMutex.unlock(); },
-                       [] { instancesMutex.unlock(); }});
+Base::Mutex instancesMutex;
+
+void hold() APPCONFIG_ACQUIRE(instancesMutex) { instancesMutex.lock(); }
+void release() APPCONFIG_RELEASE(instancesMutex) { instancesMutex.unlock(); }
+
+const ForkLock atFork(ForkLock::Place::Links, {hold, release, release});
 
 // The numbers of the message layers on which a link has installed its receivers: a second time,
 // each message would be told twice. Numbers, because an endpoint that takes a destroyed one's
 // address has none of the receivers. Here rather than in the link, whose fields are laid down.
 // Never destroyed, for links are not either.
-std::map<const PlatformCfgService*, std::set<std::uint64_t>>& installedOn() {
+std::map<const PlatformCfgService*, std::set<std::uint64_t>>& installedOn()
+    APPCONFIG_REQUIRES(instancesMutex) {
   static auto* const installed = new std::map<const PlatformCfgService*, std::set<std::uint64_t>>;
   return *installed;
 }
 
 // Whether the receivers have yet to be installed there, which the caller then does.
 bool takeInstalling(const PlatformCfgService* link, std::uint64_t layer) {
-  const std::lock_guard<std::mutex> guard(instancesMutex);
+  const Base::MutexLock guard(instancesMutex);
   return installedOn()[link].insert(layer).second;
 }
 
@@ -76,14 +79,14 @@ PlatformCfgService::PlatformCfgService(int nameSpace, const std::string& linkToC
 PlatformCfgService* PlatformCfgService::getInstance() {
   if (PlatformCfgService* primary = ms_instance) return primary;
   PlatformCfgService* const local = getLocalCfgService();
-  const std::lock_guard<std::mutex> guard(instancesMutex);
+  const Base::MutexLock guard(instancesMutex);
   if (!ms_instance) ms_instance = local;
   return ms_instance;
 }
 
 PlatformCfgService* PlatformCfgService::getLocalCfgService() {
   if (PlatformCfgService* local = ms_localInstance) return local;
-  const std::lock_guard<std::mutex> guard(instancesMutex);
+  const Base::MutexLock guard(instancesMutex);
   if (!ms_localInstance) ms_localInstance = new PlatformCfgService(0, "", "");
   return ms_localInstance;
 }
@@ -94,7 +97,7 @@ PlatformCfgService* PlatformCfgService::changePrimaryConfigService(int nameSpace
                                                                    PbUtility::PbUtils* pb) {
   PlatformCfgService* primary = nullptr;
   {
-    const std::lock_guard<std::mutex> guard(instancesMutex);
+    const Base::MutexLock guard(instancesMutex);
     if (ms_instance && ms_instance != ms_localInstance) return nullptr;
     primary = new PlatformCfgService(nameSpace, linkToConfig, linkToSelf);
     ms_instance = primary;

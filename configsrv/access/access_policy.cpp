@@ -15,13 +15,13 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <set>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "appconfig/core/role_names.h"
+#include "base/mutex.h"
 #include "base/unique_fd.h"
 #include "configsrv/access/name_form.h"
 #include "configsrv/toml/document.h"
@@ -49,15 +49,15 @@ class AccessPolicy::Groups {
   void remember(uid_t uid, gid_t gid, const std::vector<gid_t>& groups, Clock::time_point now);
 
   const UserDatabase& users_;
-  // Guards remembered_. Not held during a look-up, which may take long.
-  std::mutex mutex_;
-  std::map<std::pair<uid_t, gid_t>, Remembered> remembered_;
+  // Not held during a look-up, which may take long.
+  Base::Mutex mutex_;
+  std::map<std::pair<uid_t, gid_t>, Remembered> remembered_ APPCONFIG_GUARDED_BY(mutex_);
 };
 
 std::vector<gid_t> AccessPolicy::Groups::of(uid_t uid, gid_t gid) {
   const Clock::time_point now = Clock::now();
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     const auto found = remembered_.find({uid, gid});
     if (found != remembered_.end() && now < found->second.until) return found->second.groups;
   }
@@ -68,7 +68,7 @@ std::vector<gid_t> AccessPolicy::Groups::of(uid_t uid, gid_t gid) {
 
 void AccessPolicy::Groups::remember(uid_t uid, gid_t gid, const std::vector<gid_t>& groups,
                                     Clock::time_point now) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   if (remembered_.size() >= kMaxRemembered) remembered_.clear();
   remembered_[{uid, gid}] = {groups, now + kGroupsRemembered};
 }

@@ -12,9 +12,9 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <utility>
 
+#include "base/mutex.h"
 #include "configsrv/log/flood_guard.h"
 
 namespace ConfigSrv {
@@ -88,10 +88,10 @@ Log::Sink Log::toStandardError() {
 }
 
 struct Log::Repeats {
-  // Guards guard and tell. Neither a sink nor a function is called while it is held.
-  std::mutex mutex;
-  FloodGuard guard;
-  std::function<void()> tell;
+  // Neither a sink nor a function is called while it is held.
+  Base::Mutex mutex;
+  FloodGuard guard APPCONFIG_GUARDED_BY(mutex);
+  std::function<void()> tell APPCONFIG_GUARDED_BY(mutex);
 };
 
 Log::Log(LogLevel mostDetailed, Sink sink)
@@ -103,7 +103,7 @@ void Log::repeatable(LogLevel level, std::string_view kind, std::string_view lin
   bool isWritten = false;
   std::function<void()> tell;
   {
-    const std::lock_guard<std::mutex> guard(repeats_->mutex);
+    const Base::MutexLock guard(repeats_->mutex);
     const bool heldBackBefore = repeats_->guard.holdsBack();
     isWritten = repeats_->guard.admit(level, kind, line, FloodGuard::Clock::now());
     if (!isWritten && !heldBackBefore) tell = repeats_->tell;
@@ -115,19 +115,19 @@ void Log::repeatable(LogLevel level, std::string_view kind, std::string_view lin
 void Log::sumUp(bool all) const {
   std::vector<FloodGuard::Summary> summaries;
   {
-    const std::lock_guard<std::mutex> guard(repeats_->mutex);
+    const Base::MutexLock guard(repeats_->mutex);
     summaries = all ? repeats_->guard.all() : repeats_->guard.ended(FloodGuard::Clock::now());
   }
   for (const FloodGuard::Summary& summary : summaries) write(summary.level, summary.line);
 }
 
 void Log::whenHeldBack(std::function<void()> tell) const {
-  const std::lock_guard<std::mutex> guard(repeats_->mutex);
+  const Base::MutexLock guard(repeats_->mutex);
   repeats_->tell = std::move(tell);
 }
 
 bool Log::holdsBack() const {
-  const std::lock_guard<std::mutex> guard(repeats_->mutex);
+  const Base::MutexLock guard(repeats_->mutex);
   return repeats_->guard.holdsBack();
 }
 

@@ -49,7 +49,7 @@ void CommitQueue::submit(uid_t user, StoreTransaction transaction, CommitDone do
   const std::size_t bytes = bytesOf(transaction);
   bool wasBusy = false;
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     waiting_.push_back({user, std::move(transaction), std::move(done), bytes});
     waitingBytes_ += bytes;
     wasBusy = std::exchange(busy_, true);
@@ -60,7 +60,7 @@ void CommitQueue::submit(uid_t user, StoreTransaction transaction, CommitDone do
 void CommitQueue::submitWork(Work work, std::function<void()> done) {
   bool wasBusy = false;
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     works_.emplace_back(std::move(work),
                         [done = std::move(done)](const StoreStatus&, std::uint64_t) { done(); });
     wasBusy = std::exchange(busy_, true);
@@ -71,7 +71,7 @@ void CommitQueue::submitWork(Work work, std::function<void()> done) {
 void CommitQueue::goOn() {
   bool wasBusy = false;
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     isToGoOn_ = false;
     wasBusy = std::exchange(busy_, true);
   }
@@ -81,7 +81,7 @@ void CommitQueue::goOn() {
 void CommitQueue::hurry() {
   bool isAnyWaiting = false;
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     hurries_ = true;
     isAnyWaiting = isToGoOn_;
   }
@@ -118,7 +118,7 @@ CommitQueue::Group CommitQueue::nextGroup(bool smallOnly) {
   std::size_t bytes = 0;
   Group group;
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     come = std::exchange(waiting_, {});
     bytes = std::exchange(waitingBytes_, 0);
     group.works = std::exchange(works_, {});
@@ -191,7 +191,7 @@ std::vector<Completion> CommitQueue::take() {
   bool more = store_.isCheckpointDue();
   std::optional<Clock::duration> wait;
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     more = more || !waiting_.empty() || !works_.empty();
     if (!more && !left_.empty()) {
       waitsForNobody_ = hurries_ || !pace_.later;

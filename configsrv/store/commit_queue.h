@@ -32,10 +32,10 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "base/mutex.h"
 #include "configsrv/store/store.h"
 
 namespace ConfigSrv {
@@ -153,14 +153,16 @@ class CommitQueue {
   Clock::time_point lastLarge_ = Clock::time_point::min();
   bool waitsForNobody_ = false;  // As `hurries_` was last seen.
 
-  // Guards the members below; nothing else is taken, and nothing called, while it is held.
-  std::mutex mutex_;
-  std::vector<Waiting> waiting_;
-  std::size_t waitingBytes_ = 0;
-  Works works_;
-  bool isToGoOn_ = false;  // A goOn() will come.
-  bool hurries_ = false;
-  bool busy_ = false;  // From the call of start_ to the take() that finds nothing more.
+  // Nothing else is taken, and nothing called, while it is held.
+  Base::Mutex mutex_;
+  std::vector<Waiting> waiting_ APPCONFIG_GUARDED_BY(mutex_);
+  std::size_t waitingBytes_ APPCONFIG_GUARDED_BY(mutex_) = 0;
+  Works works_ APPCONFIG_GUARDED_BY(mutex_);
+  // A goOn() will come.
+  bool isToGoOn_ APPCONFIG_GUARDED_BY(mutex_) = false;
+  bool hurries_ APPCONFIG_GUARDED_BY(mutex_) = false;
+  // From the call of start_ to the take() that finds nothing more.
+  bool busy_ APPCONFIG_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ConfigSrv

@@ -6,9 +6,9 @@
 
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <utility>
 
+#include "base/mutex.h"
 #include "platform/messaging/pb_utils.h"
 
 namespace PbUtility {
@@ -22,9 +22,9 @@ struct Layer {
 
 // Never destroyed: layers of static storage end after it would have been.
 struct Table {
-  std::mutex mutex;
-  std::uint64_t lastNumber = 0;
-  std::map<const PbUtils*, Layer> layers;
+  Base::Mutex mutex;
+  std::uint64_t lastNumber APPCONFIG_GUARDED_BY(mutex) = 0;
+  std::map<const PbUtils*, Layer> layers APPCONFIG_GUARDED_BY(mutex);
 };
 
 Table& table() {
@@ -34,13 +34,13 @@ Table& table() {
 
 std::atomic<std::size_t> refusedInAll{0};
 
-// The layer's record; null when there is none. The mutex is held.
-Layer* find(const PbUtils* layer) {
+// The layer's record; null when there is none.
+Layer* find(const PbUtils* layer) APPCONFIG_REQUIRES(table().mutex) {
   const auto found = table().layers.find(layer);
   return found == table().layers.end() ? nullptr : &found->second;
 }
 
-Layer& recordOf(const PbUtils* layer) {
+Layer& recordOf(const PbUtils* layer) APPCONFIG_REQUIRES(table().mutex) {
   Layer& record = table().layers[layer];
   if (record.number == 0) record.number = ++table().lastNumber;
   return record;
@@ -51,19 +51,20 @@ Layer& recordOf(const PbUtils* layer) {
 void LayerTable::watchForks() {
   static pthread_once_t once = PTHREAD_ONCE_INIT;
   pthread_once(&once, [] {
-    const auto release = [] { table().mutex.unlock(); };
-    pthread_atfork([] { table().mutex.lock(); }, release, release);
+    const auto hold = []() APPCONFIG_ACQUIRE(table().mutex) { table().mutex.lock(); };
+    const auto release = []() APPCONFIG_RELEASE(table().mutex) { table().mutex.unlock(); };
+    pthread_atfork(hold, release, release);
   });
 }
 
 std::uint64_t LayerTable::numberOf(const PbUtils* layer) {
   watchForks();
-  const std::lock_guard<std::mutex> guard(table().mutex);
+  const Base::MutexLock guard(table().mutex);
   return recordOf(layer).number;
 }
 
 void LayerTable::forget(const PbUtils* layer) {
-  const std::lock_guard<std::mutex> guard(table().mutex);
+  const Base::MutexLock guard(table().mutex);
   const auto found = table().layers.find(layer);
   if (found == table().layers.end()) return;
   refusedInAll -= found->second.refused.size();
@@ -74,13 +75,13 @@ bool LayerTable::anyRefused() { return refusedInAll != 0; }
 
 bool LayerTable::isRefused(const PbUtils* layer, const std::string& endpointName,
                            const std::string& key) {
-  const std::lock_guard<std::mutex> guard(table().mutex);
+  const Base::MutexLock guard(table().mutex);
   const Layer* const record = find(layer);
   return record != nullptr && record->refused.count({endpointName, key}) != 0;
 }
 
 std::string LayerTable::reasonOfAny(const PbUtils* layer, const std::string& endpointName) {
-  const std::lock_guard<std::mutex> guard(table().mutex);
+  const Base::MutexLock guard(table().mutex);
   const Layer* const record = find(layer);
   if (record == nullptr) return {};
   const auto first = record->refused.lower_bound({endpointName, ""});
@@ -91,7 +92,7 @@ std::string LayerTable::reasonOfAny(const PbUtils* layer, const std::string& end
 void LayerTable::noteRefused(const PbUtils* layer, const std::string& endpointName,
                              const std::string& key, const std::string& reason) {
   watchForks();
-  const std::lock_guard<std::mutex> guard(table().mutex);
+  const Base::MutexLock guard(table().mutex);
   auto& refused = recordOf(layer).refused;
   const std::size_t before = refused.size();
   refused[{endpointName, key}] = reason;
@@ -100,7 +101,7 @@ void LayerTable::noteRefused(const PbUtils* layer, const std::string& endpointNa
 
 void LayerTable::noteAccepted(const PbUtils* layer, const std::string& endpointName,
                               const std::string& key) {
-  const std::lock_guard<std::mutex> guard(table().mutex);
+  const Base::MutexLock guard(table().mutex);
   Layer* const record = find(layer);
   if (record != nullptr) refusedInAll -= record->refused.erase({endpointName, key});
 }

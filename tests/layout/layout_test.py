@@ -257,7 +257,7 @@ class RuleTest(MadeUpTreeTest):
         self.expect_one(layout.application_header_problems(tree), "appconfig/cache/cache.h", "config_if.pb.h")
 
     def test_a_row_that_the_architecture_page_tells_otherwise_is_found(self):
-        text = GOOD["docs/architecture.md"].replace("`appconfig/cache` | text | `appconfig/core`",
+        text = GOOD["docs/architecture.md"].replace("`appconfig/cache` | text | `base`, `appconfig/core`",
                                                     "`appconfig/cache` | text | `platform/schema`")
         self.expect_one(layout.document_problems(self.tree(files={"docs/architecture.md": text})),
                         "row appconfig/cache")

@@ -23,7 +23,7 @@ std::deque<Change> ChangeQueue::take() {
   std::uint64_t wakeUps = 0;
   // Emptied before the queue is, so that a change that comes in between wakes again.
   static_cast<void>(!::read(wakeFd_.get(), &wakeUps, sizeof wakeUps));
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   return std::exchange(changes_, {});
 }
 
@@ -34,7 +34,7 @@ void ChangeQueue::configChanged(const std::string& group, int groupInstance,
   Change change{ConfigVar(nameSpace_, group, groupInstance, name, nameInstance),
                 {value.begin(), value.end()}};
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     makeRoomFor(change.var);
     changes_.push_back(std::move(change));
   }

@@ -13,12 +13,12 @@
 #include <cstdint>
 #include <deque>
 #include <list>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "appconfig/core/config_var.h"
 #include "appconfig/registry/consumer_config_handler.h"
+#include "base/mutex.h"
 #include "base/unique_fd.h"
 
 namespace AppCfgTool {
@@ -54,13 +54,13 @@ class ChangeQueue final : public ConsumerConfigHandler {
   }
 
  private:
-  void makeRoomFor(const ConfigVar& var);
+  void makeRoomFor(const ConfigVar& var) APPCONFIG_REQUIRES(mutex_);
 
   const std::int32_t nameSpace_;
   const Base::UniqueFd wakeFd_;
-  // Guards changes_. Nothing is called while it is held but the wake-up.
-  std::mutex mutex_;
-  std::deque<Change> changes_;
+  // Nothing is called while it is held but the wake-up.
+  Base::Mutex mutex_;
+  std::deque<Change> changes_ APPCONFIG_GUARDED_BY(mutex_);
 };
 
 }  // namespace AppCfgTool

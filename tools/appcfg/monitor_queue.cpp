@@ -19,7 +19,7 @@ void MonitorQueue::receive(void* self, const MSG_Message* message) {
   const std::string_view bytes(static_cast<const char*>(MSG_GetPayload(message)),
                                static_cast<std::size_t>(MSG_GetPayloadBytes(message)));
   if (!PlatformSchema::readMessage(MSG_GetMessageId(message), bytes, event)) {
-    const std::lock_guard<std::mutex> guard(queue->mutex_);
+    const Base::MutexLock guard(queue->mutex_);
     ++queue->taken_.dropped;
     return;
   }
@@ -28,7 +28,7 @@ void MonitorQueue::receive(void* self, const MSG_Message* message) {
 
 void MonitorQueue::add(ConfigIF::MonitorNtfy event) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     if (taken_.events.size() < kMaxWaiting) {
       taken_.events.push_back(std::move(event));
     } else {
@@ -44,7 +44,7 @@ MonitorQueue::Taken MonitorQueue::take() {
   std::uint64_t wakeUps = 0;
   // Emptied before the queue is, so that an event that comes in between wakes again.
   static_cast<void>(!::read(wakeFd_.get(), &wakeUps, sizeof wakeUps));
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   return std::exchange(taken_, {});
 }
 

@@ -10,8 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 
+#include "base/mutex.h"
 #include "base/unique_fd.h"
 #include "platform/messaging/msg.h"
 #include "platform/schema/config_if.pb.h"
@@ -43,9 +43,9 @@ class MonitorQueue {
 
  private:
   const Base::UniqueFd wakeFd_;
-  // Guards taken_. Nothing is called while it is held.
-  std::mutex mutex_;
-  Taken taken_;
+  // Nothing is called while it is held.
+  Base::Mutex mutex_;
+  Taken taken_ APPCONFIG_GUARDED_BY(mutex_);
 };
 
 }  // namespace AppCfgTool

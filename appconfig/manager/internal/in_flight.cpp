@@ -10,25 +10,22 @@
 
 namespace AppConfig {
 
-namespace {
+Base::Mutex flightsMutex;
 
-// Guards the list and what its flights know. The cache's own mutex is taken while it is held, never
-// the other way round; no request is made and no handler called under it. Both are constant
-// initialised and never destroyed, so threads that outlive main may still use them.
-std::mutex flightsMutex;
+namespace {
 
 // One list rather than a map by key: it holds as many flights as threads are waiting for the
 // service at this moment, and an entry of it costs no allocation.
-Flight* openFlights = nullptr;
+Flight* openFlights APPCONFIG_GUARDED_BY(flightsMutex) = nullptr;
 
 }  // namespace
 
 // Before the fork the list is put in order, own flights first; the child then has only to cut it,
 // and looks at nothing that lies on a stack which it does not have.
 struct FlightsAtFork {
-  static inline Flight* lastOwn = nullptr;
+  static inline Flight* lastOwn APPCONFIG_GUARDED_BY(flightsMutex) = nullptr;
 
-  static void hold() {
+  static void hold() APPCONFIG_ACQUIRE(flightsMutex) {
     flightsMutex.lock();
     lastOwn = nullptr;
     for (Flight* flight = openFlights; flight != nullptr;) {
@@ -37,14 +34,14 @@ struct FlightsAtFork {
       flight = next;
     }
   }
-  static void release() { flightsMutex.unlock(); }
-  static void enter() {
+  static void release() APPCONFIG_RELEASE(flightsMutex) { flightsMutex.unlock(); }
+  static void enter() APPCONFIG_RELEASE(flightsMutex) {
     (lastOwn != nullptr ? lastOwn->next_ : openFlights) = nullptr;
     flightsMutex.unlock();
   }
 
  private:
-  static void moveBehindOwn(Flight& flight) {
+  static void moveBehindOwn(Flight& flight) APPCONFIG_REQUIRES(flightsMutex) {
     flight.leaveList();
     flight.joinList(lastOwn);
     lastOwn = &flight;
@@ -55,12 +52,12 @@ static const ForkLock atFork(ForkLock::Place::Flights,
                              {FlightsAtFork::hold, FlightsAtFork::release, FlightsAtFork::enter});
 
 Flight::Flight(ConfigCache& cache, ConfigVar key) : cache_(cache), key_(std::move(key)) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   joinList(nullptr);
 }
 
 Flight::~Flight() {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   leaveList();
 }
 
@@ -117,20 +114,20 @@ bool Flight::storeValue(const std::list<std::string>& value, const StateStamp& s
 
 void Flight::storeRead(const std::list<std::string>& value, bool isDefault,
                        const StateStamp& stamp) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   Stamps* const stamps = stampsFor(stamp);
   if (!storeValue(value, stamp, stamps, false)) return;
   if (takesPlace(kDefaultFlagPart, stamp, stamps)) cache_.storeIsDefault(key_, isDefault);
 }
 
 void Flight::storeWritten(const std::list<std::string>& value, const StateStamp& stamp) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   storeValue(value, stamp, stampsFor(stamp), true);
 }
 
 void Flight::storeOptions(const std::vector<std::string>& options, unsigned int defaultIndex,
                           const StateStamp& stamp) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   Stamps* const stamps = stampsFor(stamp);
   if (takesPlace(kOptionsPart, stamp, stamps)) cache_.updateOptions(key_, options);
   if (takesPlace(kDefaultIndexPart, stamp, stamps))
@@ -138,14 +135,14 @@ void Flight::storeOptions(const std::vector<std::string>& options, unsigned int 
 }
 
 void Flight::storeDefaultIndex(unsigned int defaultIndex, const StateStamp& stamp) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   if (takesPlace(kDefaultIndexPart, stamp, stampsFor(stamp)))
     cache_.updateOptionDefaultIndex(key_, defaultIndex);
 }
 
 // Half of the levels may have been announced meanwhile; the other half is still good.
 void Flight::storeAccessLevels(ConfigAccessLevels levels, const StateStamp& stamp) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   Stamps* const stamps = stampsFor(stamp);
   levels.readRoleSet = levels.readRoleSet && takesPlace(kReadRolePart, stamp, stamps);
   levels.writeRoleSet = levels.writeRoleSet && takesPlace(kWriteRolePart, stamp, stamps);
@@ -212,7 +209,7 @@ bool NoticeStore::admits(Parts part, const StateStamp& stamp) {
 bool NoticeStore::admitsTentative(const StateStamp& held) { return admits(kValuePart, held); }
 
 void forgetStamps(const ConfigCache& cache) {
-  const std::lock_guard<std::mutex> guard(flightsMutex);
+  const Base::MutexLock guard(flightsMutex);
   Stamps::forget(cache);
 }
 

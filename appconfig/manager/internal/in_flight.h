@@ -42,7 +42,6 @@
 #pragma once
 
 #include <list>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,8 +49,10 @@
 #include "appconfig/cache/config_cache.h"
 #include "appconfig/core/config_var.h"
 #include "appconfig/core/state_stamp.h"
+#include "appconfig/manager/internal/flights_mutex.h"
 #include "appconfig/manager/internal/parts.h"
 #include "appconfig/manager/internal/stamps.h"
+#include "base/mutex.h"
 
 namespace AppConfig {
 
@@ -77,56 +78,61 @@ class Flight {
   friend class NoticeStore;
   friend struct FlightsAtFork;
 
-  bool isOvertakenIn(Parts part) const { return (overtaken_ & part) != 0; }
+  bool isOvertakenIn(Parts part) const APPCONFIG_REQUIRES(flightsMutex) {
+    return (overtaken_ & part) != 0;
+  }
   bool isSameEntryAs(const ConfigCache& cache, const ConfigVar& key) const;
-  Stamps* stampsFor(const StateStamp& stamp) const;
-  // Whether this part of the answer is to be stored; if so it is what the entry now holds. The
-  // mutex is held for this and the rest.
-  bool takesPlace(Parts part, const StateStamp& stamp, Stamps* stamps) const;
-  void storeByAge(Age age, const std::list<std::string>& value);
+  Stamps* stampsFor(const StateStamp& stamp) const APPCONFIG_REQUIRES(flightsMutex);
+  // Whether this part of the answer is to be stored; if so it is what the entry now holds.
+  bool takesPlace(Parts part, const StateStamp& stamp, Stamps* stamps) const
+      APPCONFIG_REQUIRES(flightsMutex);
+  void storeByAge(Age age, const std::list<std::string>& value) APPCONFIG_REQUIRES(flightsMutex);
   // Whether what the answer tells of the value's flag is worth storing, too.
   bool storeValue(const std::list<std::string>& value, const StateStamp& stamp, Stamps* stamps,
-                  bool isWritten);
-  // Whether the value now stands in the cache. The mutex is held.
-  bool landValue(const std::list<std::string>& value);
-  // Empties the cached value when it is another; whether it stands. The mutex is held.
-  bool distrustUnlessEqual(const std::list<std::string>& value);
-  void contestOthers() const;
-  // The mutex is held. Joins behind another flight, or as the first.
-  void joinList(Flight* before);
-  void leaveList();
+                  bool isWritten) APPCONFIG_REQUIRES(flightsMutex);
+  // Whether the value now stands in the cache.
+  bool landValue(const std::list<std::string>& value) APPCONFIG_REQUIRES(flightsMutex);
+  // Empties the cached value when it is another; whether it stands.
+  bool distrustUnlessEqual(const std::list<std::string>& value) APPCONFIG_REQUIRES(flightsMutex);
+  void contestOthers() const APPCONFIG_REQUIRES(flightsMutex);
+  // Joins behind another flight, or as the first.
+  void joinList(Flight* before) APPCONFIG_REQUIRES(flightsMutex);
+  void leaveList() APPCONFIG_REQUIRES(flightsMutex);
 
   ConfigCache& cache_;
   const ConfigVar key_;
   const std::thread::id thread_ = std::this_thread::get_id();
-  // All below is guarded by the mutex of the list.
-  Parts overtaken_ = 0;     // parts that a notice has stored since this flight began
-  bool contested_ = false;  // whether another flight has landed a value since then
-  Flight* previous_ = nullptr;
-  Flight* next_ = nullptr;
+  // Parts that a notice has stored since this flight began.
+  Parts overtaken_ APPCONFIG_GUARDED_BY(flightsMutex) = 0;
+  // Whether another flight has landed a value since then.
+  bool contested_ APPCONFIG_GUARDED_BY(flightsMutex) = false;
+  Flight* previous_ APPCONFIG_GUARDED_BY(flightsMutex) = nullptr;
+  Flight* next_ APPCONFIG_GUARDED_BY(flightsMutex) = nullptr;
 };
 
 // While it lives, the holder may store into an entry what admits() lets in. Holds the mutex of the
 // list: store and let go.
-class NoticeStore {
+class APPCONFIG_LOCK_HOLDER NoticeStore {
  public:
-  NoticeStore(const ConfigCache& cache, const ConfigVar& key);
+  NoticeStore(const ConfigCache& cache, const ConfigVar& key) APPCONFIG_ACQUIRE(flightsMutex);
   // For stores that no stamp comes with: these parts are admitted.
-  NoticeStore(const ConfigCache& cache, const ConfigVar& key, Parts parts);
+  NoticeStore(const ConfigCache& cache, const ConfigVar& key, Parts parts)
+      APPCONFIG_ACQUIRE(flightsMutex);
+  ~NoticeStore() APPCONFIG_RELEASE() = default;
   NoticeStore(const NoticeStore&) = delete;
   NoticeStore& operator=(const NoticeStore&) = delete;
 
   // Whether this part may be stored: unless it is older than what the entry holds. Every flight of
   // the entry that is open now has been overtaken in it then.
-  [[nodiscard]] bool admits(Parts part, const StateStamp& stamp);
+  [[nodiscard]] bool admits(Parts part, const StateStamp& stamp) APPCONFIG_REQUIRES(flightsMutex);
   // A value that is not committed yet, told while the state of the stamp holds: it may be stored
   // unless the entry holds something newer than that.
-  [[nodiscard]] bool admitsTentative(const StateStamp& held);
+  [[nodiscard]] bool admitsTentative(const StateStamp& held) APPCONFIG_REQUIRES(flightsMutex);
 
  private:
-  void overtake(Parts parts) const;
+  void overtake(Parts parts) const APPCONFIG_REQUIRES(flightsMutex);
 
-  const std::lock_guard<std::mutex> guard_;
+  const Base::MutexLock guard_;
   const ConfigCache& cache_;
   const ConfigVar& key_;
   // Looked up once there is a stamp to compare.

@@ -39,9 +39,10 @@ struct CacheRecords {
 
 // Made when the first stamp is told, and never destroyed, so that threads which outlive main may
 // still use it.
-std::vector<CacheRecords>* allRecords = nullptr;
+std::vector<CacheRecords>* allRecords APPCONFIG_GUARDED_BY(flightsMutex)
+    APPCONFIG_PT_GUARDED_BY(flightsMutex) = nullptr;
 
-Records& recordsOf(const ConfigCache& cache) {
+Records& recordsOf(const ConfigCache& cache) APPCONFIG_REQUIRES(flightsMutex) {
   if (allRecords == nullptr) allRecords = new std::vector<CacheRecords>;
   for (CacheRecords& each : *allRecords) {
     if (each.cache == &cache) return each.records;

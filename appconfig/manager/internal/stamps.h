@@ -7,7 +7,7 @@
 // Shape:   one record for each variable that a stamp was ever told of: its epoch, and a revision
 //          for each part. A part of which nothing was told in the record's epoch is older than
 //          anything of that epoch.
-// Threads: none of its own: the mutex of in_flight.cpp is held for every call.
+// Threads: any; the mutex of the flights is held for every call.
 // Owns:    its records, until forget().
 #pragma once
 
@@ -16,7 +16,9 @@
 #include "appconfig/cache/config_cache.h"
 #include "appconfig/core/config_var.h"
 #include "appconfig/core/state_stamp.h"
+#include "appconfig/manager/internal/flights_mutex.h"
 #include "appconfig/manager/internal/parts.h"
+#include "base/mutex.h"
 
 namespace AppConfig {
 
@@ -27,19 +29,20 @@ enum class Age { Unknown, Older, Same, Newer };
 class Stamps {
  public:
   // Those of the entry, made when there are none; they stay where they are until forget().
-  static Stamps& of(const ConfigCache& cache, const ConfigVar& key);
+  static Stamps& of(const ConfigCache& cache, const ConfigVar& key)
+      APPCONFIG_REQUIRES(flightsMutex);
   // The cache is gone.
-  static void forget(const ConfigCache& cache);
+  static void forget(const ConfigCache& cache) APPCONFIG_REQUIRES(flightsMutex);
 
   // Of one part. Unknown when the stamp says nothing, and when nothing was told of the entry yet.
-  Age ageOf(Parts part, const StateStamp& stamp) const;
+  Age ageOf(Parts part, const StateStamp& stamp) const APPCONFIG_REQUIRES(flightsMutex);
   // The cache now holds this state of this part. A stamp that says nothing changes nothing.
-  void set(Parts part, const StateStamp& stamp);
+  void set(Parts part, const StateStamp& stamp) APPCONFIG_REQUIRES(flightsMutex);
 
  private:
-  std::uint64_t epoch_ = 0;
+  std::uint64_t epoch_ APPCONFIG_GUARDED_BY(flightsMutex) = 0;
   // One more than the revision of each part; 0: nothing was told in this epoch.
-  std::uint64_t toldBefore_[kPartCount] = {};
+  std::uint64_t toldBefore_[kPartCount] APPCONFIG_GUARDED_BY(flightsMutex) = {};
 };
 
 }  // namespace AppConfig

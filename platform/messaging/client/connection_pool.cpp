@@ -6,6 +6,7 @@
 
 #include <google/protobuf/message_lite.h>
 
+#include <iterator>
 #include <utility>
 
 #include "platform/messaging/wire/internal/frame_bytes.h"
@@ -77,9 +78,9 @@ ConnectionPool::ConnectionPool(std::string path, Hello hello, unsigned maxConnec
       hello_(std::move(hello)),
       maxConnections_(maxConnections == 0 ? 1 : maxConnections) {}
 
-bool ConnectionPool::isFull() const {
+bool ConnectionPool::isFull() {
   std::size_t limited = 0;
-  for (const Connection& connection : connections_) limited += connection.forReceivers ? 0 : 1;
+  for (Connection& connection : connections_) limited += useOf(connection).forReceivers ? 0U : 1U;
   return limited >= maxConnections_;
 }
 
@@ -90,43 +91,44 @@ bool ConnectionPool::findIdle(bool insideReceiver, Position& connection, bool& m
   const bool full = !insideReceiver && isFull();
   Position found = connections_.end();
   for (auto position = connections_.begin(); position != connections_.end(); ++position) {
-    if (position->forReceivers != insideReceiver) continue;
-    if (position->oneWayBy == caller) {
-      mustWait = position->busy;
+    const Use& use = useOf(*position);
+    if (use.forReceivers != insideReceiver) continue;
+    if (use.oneWayBy == caller) {
+      mustWait = use.busy;
       connection = position;
-      return !position->busy;
+      return !use.busy;
     }
-    if (position->busy || found != connections_.end()) continue;
-    if (position->oneWayBy == nobody || full) found = position;
+    if (use.busy || found != connections_.end()) continue;
+    if (use.oneWayBy == nobody || full) found = position;
   }
   connection = found;
   return found != connections_.end();
 }
 
 CallStatus ConnectionPool::take(Exchange& exchange, Position& connection) {
-  std::unique_lock<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   for (;;) {
     bool mustWait = false;
     if (findIdle(exchange.insideReceiver, connection, mustWait)) break;
     if (!mustWait && (exchange.insideReceiver || !isFull())) {
       connection = connections_.emplace(connections_.begin());
-      connection->forReceivers = exchange.insideReceiver;
+      useOf(*connection).forReceivers = exchange.insideReceiver;
       break;
     }
-    if (freed_.wait_until(guard, exchange.deadline) == std::cv_status::timeout) {
+    if (!freed_.waitUntil(guard, exchange.deadline)) {
       exchange.problem = "all connections to the service were busy";
       return kCallTimedOut;
     }
   }
-  connection->busy = true;
+  useOf(*connection).busy = true;
   return kCallOk;
 }
 
 void ConnectionPool::giveBack(Position connection, bool usable, std::thread::id oneWayBy) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    connection->busy = false;
-    connection->oneWayBy = oneWayBy;
+    const Base::MutexLock guard(mutex_);
+    useOf(*connection).busy = false;
+    useOf(*connection).oneWayBy = oneWayBy;
     // The one used last is the next to be used: its buffers are warm, and the others may go idle.
     if (usable) {
       connections_.splice(connections_.begin(), connections_, connection);
@@ -134,12 +136,13 @@ void ConnectionPool::giveBack(Position connection, bool usable, std::thread::id 
       connections_.erase(connection);
     }
   }
-  freed_.notify_all();
+  freed_.notifyAll();
 }
 
 void ConnectionPool::closeIdle() {
-  const std::lock_guard<std::mutex> guard(mutex_);
-  connections_.remove_if([](const Connection& connection) { return !connection.busy; });
+  const Base::MutexLock guard(mutex_);
+  for (auto each = connections_.begin(); each != connections_.end();)
+    each = useOf(*each).busy ? std::next(each) : connections_.erase(each);
 }
 
 CallStatus ConnectionPool::welcome(Connection& connection, Exchange& exchange) {

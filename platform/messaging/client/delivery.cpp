@@ -56,7 +56,8 @@ std::optional<std::string> refusalForRoom(const FrameHeader& header, std::string
 
 }  // namespace
 
-struct Delivery::Remote {
+class Delivery::Remote {
+ public:
   std::string name;
   std::string path;
   KeptRegistrations* registrations = nullptr;
@@ -80,13 +81,12 @@ struct Delivery::Remote {
   std::unordered_map<std::uint32_t, Awaited> awaited;
   RetryPace pace;
 
-  // Behind Delivery::mutex_.
-  Condition condition = Condition::Away;
-  std::uint64_t attemptsBegun = 0;
-  std::uint64_t attemptsEnded = 0;
-  bool kicked = false;
-  bool abandoned = false;
+ private:
+  friend Asked& Delivery::asked(Remote& remote);
+  Asked asked_;
 };
+
+inline Delivery::Asked& Delivery::asked(Remote& remote) { return remote.asked_; }
 
 Delivery::Delivery(Hello hello, std::function<std::vector<MSG_Callback>()> receivers)
     : hello_([&hello] {
@@ -113,7 +113,7 @@ void Delivery::wake() {
 void Delivery::add(const std::string& name, const std::string& path,
                    KeptRegistrations& registrations) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     std::unique_ptr<Remote>& remote = remotes_[name];
     if (remote) return;
     remote = std::make_unique<Remote>();
@@ -157,7 +157,7 @@ void Delivery::runOnThread() {
 bool Delivery::isOnItsThread() const { return deliveryOfThisThread == this; }
 
 void Delivery::endByItself(std::function<void()> after) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   afterEnd_ = std::move(after);
   stopping_ = true;
   thread_.detach();
@@ -165,10 +165,11 @@ void Delivery::endByItself(std::function<void()> after) {
 
 void Delivery::kick(const std::string& name) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     const auto found = remotes_.find(name);
-    if (found == remotes_.end() || found->second->condition != Condition::Away) return;
-    if (std::exchange(found->second->kicked, true)) return;
+    if (found == remotes_.end()) return;
+    Asked& asked = this->asked(*found->second);
+    if (asked.condition != Condition::Away || std::exchange(asked.kicked, true)) return;
   }
   wake();
 }
@@ -177,35 +178,36 @@ bool Delivery::waitForAttempt(const std::string& name, Clock::time_point deadlin
   // The delivery thread itself cannot wait for what it alone brings about.
   if (isOnItsThread()) return true;
   kick(name);
-  std::unique_lock<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   const auto found = remotes_.find(name);
   if (found == remotes_.end() || !startThread()) return false;
-  const Remote& remote = *found->second;
-  const std::uint64_t begun = remote.attemptsBegun;
-  changed_.wait_until(guard, deadline, [&remote, begun] {
+  const Asked& asked = this->asked(*found->second);
+  const std::uint64_t begun = asked.attemptsBegun;
+  const auto isOver = [&asked, begun] {
     const bool connected =
-        remote.condition == Condition::Repeating || remote.condition == Condition::Standing;
-    return connected || remote.attemptsEnded > begun;
-  });
+        asked.condition == Condition::Repeating || asked.condition == Condition::Standing;
+    return connected || asked.attemptsEnded > begun;
+  };
+  while (!isOver() && changed_.waitUntil(guard, deadline)) continue;
   return true;
 }
 
 bool Delivery::waitUntilStanding(const std::string& name, Clock::time_point deadline) {
   kick(name);
-  std::unique_lock<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   const auto found = remotes_.find(name);
   if (found == remotes_.end() || isOnItsThread() || !startThread()) return false;
-  const Remote& remote = *found->second;
-  return changed_.wait_until(guard, deadline,
-                             [&remote] { return remote.condition == Condition::Standing; });
+  const Condition& condition = asked(*found->second).condition;
+  while (condition != Condition::Standing && changed_.waitUntil(guard, deadline)) continue;
+  return condition == Condition::Standing;
 }
 
 void Delivery::setCondition(Remote& remote, Condition condition) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    remote.condition = condition;
+    const Base::MutexLock guard(mutex_);
+    asked(remote).condition = condition;
   }
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 std::string Delivery::greeting() const {
@@ -218,17 +220,17 @@ std::string Delivery::greeting() const {
 
 void Delivery::endAttempt(Remote& remote) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    remote.attemptsEnded = remote.attemptsBegun;
+    const Base::MutexLock guard(mutex_);
+    asked(remote).attemptsEnded = asked(remote).attemptsBegun;
   }
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 void Delivery::tryConnect(Remote& remote) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    ++remote.attemptsBegun;
-    remote.kicked = false;
+    const Base::MutexLock guard(mutex_);
+    ++asked(remote).attemptsBegun;
+    asked(remote).kicked = false;
   }
   remote.greeted = false;
   const StreamStatus status = remote.stream.connect(remote.path, Clock::now() + kConnectDeadline);
@@ -267,17 +269,17 @@ void Delivery::repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> rep
 
 void Delivery::repeatAbandoned(const std::string& name) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     const auto found = remotes_.find(name);
     if (found == remotes_.end()) return;
-    found->second->abandoned = true;
+    asked(*found->second).abandoned = true;
   }
   wake();
 }
 
 bool Delivery::takeAbandonedMark(Remote& remote) {
-  const std::lock_guard<std::mutex> guard(mutex_);
-  return std::exchange(remote.abandoned, false);
+  const Base::MutexLock guard(mutex_);
+  return std::exchange(asked(remote).abandoned, false);
 }
 
 void Delivery::retryRefused(Remote& remote) {
@@ -389,11 +391,11 @@ void Delivery::readFrom(Remote& remote) {
 }
 
 std::vector<Delivery::Remote*> Delivery::remotes() {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   std::vector<Remote*> all;
   all.reserve(remotes_.size());
   for (const auto& [name, remote] : remotes_) {
-    if (remote->kicked) remote->nextAttempt = Clock::time_point();
+    if (asked(*remote).kicked) remote->nextAttempt = Clock::time_point();
     all.push_back(remote.get());
   }
   return all;

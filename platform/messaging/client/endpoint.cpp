@@ -11,10 +11,10 @@
 #include <sys/random.h>
 
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "base/mutex.h"
 #include "platform/messaging/client/internal/connection_pool.h"
 #include "platform/messaging/client/internal/delivery.h"
 #include "platform/messaging/client/internal/dispatch.h"
@@ -31,9 +31,9 @@ namespace {
 std::atomic<unsigned> forkGeneration{0};
 
 // Held while a child replaces a state that it has of its parent. The next is taken while it is held.
-std::mutex remakeMutex;
-// Guards the list of all states. The locks of the states are taken while it is held, by fork alone.
-std::mutex statesMutex;
+Base::Mutex remakeMutex;
+// Guards the list of all states. Their locks are taken while it is held, by fork alone.
+Base::Mutex statesMutex;
 
 // What this thread was told last: the revision of the answer, and by whom. A registration that
 // follows a read carries it, so that a change between the two is told.
@@ -120,7 +120,7 @@ class Endpoint::State {
       Remote* own = this->remote(name);
       if (own == nullptr) continue;
       remote->registrations.copyTo(own->registrations);
-      if (remote->hasDelivery) deliverFrom(*own);
+      if (hasDelivery(*remote)) deliverFrom(*own);
     }
   }
 
@@ -146,7 +146,7 @@ class Endpoint::State {
   const std::string& name() const { return hello_.name; }
 
   void addHandlers(const MSG_Callback* table) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     for (; table->receiver != nullptr; ++table) tables_.push_back(*table);
   }
 
@@ -183,7 +183,11 @@ class Endpoint::State {
   }
 
  private:
-  struct Remote {
+  class Remote;
+  // The one way to it, so that nobody gets there without the mutex.
+  bool& hasDelivery(Remote& remote) APPCONFIG_REQUIRES(mutex_) { return remote.hasDelivery_; }
+  class Remote {
+   public:
     Remote(std::string remoteName, std::string socketPath, std::string problemText,
            const Hello& hello, unsigned maxConnections, const PbUtils* layer)
         : name(std::move(remoteName)),
@@ -198,34 +202,38 @@ class Endpoint::State {
     const std::string problem;
     ConnectionPool pool;
     KeptRegistrations registrations;
-    bool hasDelivery = false;
+
+   private:
+    friend bool& State::hasDelivery(Remote& remote);
+    bool hasDelivery_ = false;
   };
 
   void joinList() {
-    const std::lock_guard<std::mutex> guard(statesMutex);
+    const Base::MutexLock guard(statesMutex);
     next_ = first_;
     if (next_ != nullptr) next_->previous_ = this;
     first_ = this;
   }
   void leaveList() {
-    const std::lock_guard<std::mutex> guard(statesMutex);
+    const Base::MutexLock guard(statesMutex);
     (previous_ != nullptr ? previous_->next_ : first_) = next_;
     if (next_ != nullptr) next_->previous_ = previous_;
   }
 
-  static void holdAllForFork() {
+  // Each takes or lets go of as many locks as there are states, which the compiler cannot count.
+  static void holdAllForFork() APPCONFIG_NO_THREAD_CHECK {
     remakeMutex.lock();
     statesMutex.lock();
     for (State* state = first_; state != nullptr; state = state->next_) state->holdForFork();
     PrivateFd::holdForFork();
   }
-  static void releaseAllInParent() {
+  static void releaseAllInParent() APPCONFIG_NO_THREAD_CHECK {
     PrivateFd::releaseInParent();
     for (State* state = first_; state != nullptr; state = state->next_) state->releaseAfterFork();
     statesMutex.unlock();
     remakeMutex.unlock();
   }
-  static void leaveAllToParent() {
+  static void leaveAllToParent() APPCONFIG_NO_THREAD_CHECK {
     ++forkGeneration;
     PrivateFd::closeAllInChild();
     forgetDispatch();
@@ -236,18 +244,19 @@ class Endpoint::State {
     statesMutex.unlock();
     remakeMutex.unlock();
   }
-  // What a child copies is neither half changed nor locked when it does.
-  void holdForFork() {
+  // What a child copies is neither half changed nor locked when it does. The locks of the remotes are
+  // not counted either.
+  void holdForFork() APPCONFIG_NO_THREAD_CHECK {
     mutex_.lock();
     for (const auto& [name, remote] : remotes_) remote->registrations.holdForFork();
   }
-  void releaseAfterFork() {
+  void releaseAfterFork() APPCONFIG_NO_THREAD_CHECK {
     for (const auto& [name, remote] : remotes_) remote->registrations.releaseAfterFork();
     mutex_.unlock();
   }
 
   std::vector<MSG_Callback> receivers() {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     return tables_;
   }
 
@@ -257,7 +266,7 @@ class Endpoint::State {
 
   // Null when it would be one too many.
   Remote* remote(const std::string& name) {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     const auto found = remotes_.find(name);
     if (found != remotes_.end()) return found->second.get();
     if (remotes_.size() >= kMaxRemotes) return nullptr;
@@ -272,8 +281,8 @@ class Endpoint::State {
   void deliverFrom(Remote& remote) {
     if (!remote.problem.empty()) return;
     {
-      const std::lock_guard<std::mutex> guard(mutex_);
-      remote.hasDelivery = true;
+      const Base::MutexLock guard(mutex_);
+      hasDelivery(remote) = true;
     }
     // Not only by the thread that set hasDelivery: the other must not go on before this is done either.
     delivery_.add(remote.name, remote.path, remote.registrations);
@@ -346,19 +355,19 @@ class Endpoint::State {
   }
 
   // All states of the process, and in a child those of its parent too.
-  static State* first_;
-  State* previous_ = nullptr;
-  State* next_ = nullptr;
+  static State* first_ APPCONFIG_GUARDED_BY(statesMutex);
+  State* previous_ APPCONFIG_GUARDED_BY(statesMutex) = nullptr;
+  State* next_ APPCONFIG_GUARDED_BY(statesMutex) = nullptr;
   // The endpoint, as others know it.
   const PbUtils* const layer_;
   unsigned generation_;
   EndpointOptions options_;
   const Hello hello_;
   const std::string nameProblem_;
-  // Guards tables_, remotes_ (the map alone) and hasDelivery. Nothing is taken while it is held.
-  std::mutex mutex_;
-  std::vector<MSG_Callback> tables_;
-  std::map<std::string, std::unique_ptr<Remote>> remotes_;
+  // Of the remotes it guards the map and hasDelivery. Nothing is taken while it is held.
+  Base::Mutex mutex_;
+  std::vector<MSG_Callback> tables_ APPCONFIG_GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Remote>> remotes_ APPCONFIG_GUARDED_BY(mutex_);
   Delivery delivery_;
 };
 
@@ -377,7 +386,7 @@ Endpoint::~Endpoint() {
 Endpoint::State& Endpoint::state() const {
   State* state = state_.load(std::memory_order_acquire);
   if (state->isOfThisProcess()) return *state;
-  const std::lock_guard<std::mutex> guard(remakeMutex);
+  const Base::MutexLock guard(remakeMutex);
   state = state_;
   if (state->isOfThisProcess()) return *state;
   state_ = new State(*state, forkGeneration);

@@ -37,7 +37,7 @@ KeptRegistrations::KeptRegistrations(const PbUtils* layer, std::string remoteNam
 KeptRegistrations::Connection KeptRegistrations::keep(const std::string& key,
                                                       std::uint32_t messageId, std::string payload,
                                                       std::uint64_t epoch, std::uint64_t revision) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   // Another epoch's revision means nothing here: the service is asked for everything.
   if (epoch_ != 0 && epoch != epoch_ && isNumber(revision)) revision = kRevisionNone;
   const auto [position, isNew] = registrations_.try_emplace(key);
@@ -69,7 +69,7 @@ KeptRegistrations::Registration* KeptRegistrations::answeredOne(const std::strin
 
 void KeptRegistrations::acknowledge(const std::string& key, Connection connection,
                                     std::uint64_t epoch, std::uint64_t revision) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   Registration* const registration = answeredOne(key, connection);
   if (registration == nullptr || (epoch_ != 0 && epoch != epoch_)) return;
   registration->acknowledgedAt = std::max(registration->acknowledgedAt, revision);
@@ -82,7 +82,7 @@ void KeptRegistrations::acknowledge(const std::string& key, Connection connectio
 
 void KeptRegistrations::refuse(const std::string& key, Connection connection,
                                const std::string& reason) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   Registration* const registration = answeredOne(key, connection);
   if (registration == nullptr) return;
   registration->refused = true;
@@ -109,18 +109,18 @@ KeptRegistrations::Registrations::iterator KeptRegistrations::erase(
 }
 
 void KeptRegistrations::abandon(const std::string& key, Connection connection) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   answeredOne(key, connection);
 }
 
 void KeptRegistrations::withdraw(const std::string& key) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   const auto found = registrations_.find(key);
   if (found != registrations_.end()) erase(found);
 }
 
 void KeptRegistrations::withdrawAll(const std::string& keyPrefix) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   auto position = registrations_.lower_bound(keyPrefix);
   while (position != registrations_.end() &&
          position->first.compare(0, keyPrefix.size(), keyPrefix) == 0) {
@@ -129,18 +129,18 @@ void KeptRegistrations::withdrawAll(const std::string& keyPrefix) {
 }
 
 void KeptRegistrations::delivered(std::uint64_t revision) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   anyDelivered_ = true;
   if (revision > delivered_) delivered_ = revision;
 }
 
 void KeptRegistrations::questioned() {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   questioned_ = true;
 }
 
 void KeptRegistrations::answered(std::uint64_t epoch) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   if (epoch_ != 0 && epoch != epoch_) otherEpochAnswered_ = true;
 }
 
@@ -173,7 +173,7 @@ KeptRegistrations::Repeat KeptRegistrations::repeat(const std::string& key,
 }
 
 std::vector<KeptRegistrations::Repeat> KeptRegistrations::beginConnection(std::uint64_t epoch) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   std::vector<Repeat> repeats;
   repeats.reserve(registrations_.size());
   for (auto& [key, registration] : registrations_) {
@@ -192,7 +192,7 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::beginConnection(std::u
 }
 
 std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeAbandoned() {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   std::vector<Repeat> repeats;
   for (auto& [key, registration] : registrations_) {
     if (registration.acknowledged || registration.unanswered > 0) continue;
@@ -203,7 +203,7 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeAbandoned() {
 }
 
 std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeRefused(std::size_t atMost) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   std::vector<Repeat> repeats;
   while (repeats.size() < atMost && !refused_.empty()) {
     const std::string key = refused_.begin()->second;
@@ -217,17 +217,18 @@ std::vector<KeptRegistrations::Repeat> KeptRegistrations::takeRefused(std::size_
 }
 
 bool KeptRegistrations::anyRefused() const {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   return !refused_.empty();
 }
 
 KeptRegistrations::Connection KeptRegistrations::connection() const {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
   return connection_;
 }
 
 void KeptRegistrations::copyTo(KeptRegistrations& other) const {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const Base::MutexLock guard(mutex_);
+  const Base::MutexLock otherGuard(other.mutex_);
   for (const auto& [key, registration] : registrations_) {
     Registration& copy = other.registrations_[key];
     copy = registration;

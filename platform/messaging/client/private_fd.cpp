@@ -2,49 +2,43 @@
 
 #include <unistd.h>
 
-#include <mutex>
-
 namespace PbUtility {
-namespace {
 
-// Never destroyed: threads that outlive main may still open and close.
-std::mutex openMutex;
-PrivateFd* firstOpen = nullptr;
-
-}  // namespace
+Base::Mutex PrivateFd::openMutex_;
+PrivateFd* PrivateFd::firstOpen_ = nullptr;
 
 PrivateFd::Change::Change(PrivateFd& owner) {
-  openMutex.lock();
+  openMutex_.lock();
   owner.close();
 }
 
-PrivateFd::Change::~Change() { openMutex.unlock(); }
+PrivateFd::Change::~Change() { openMutex_.unlock(); }
 
 void PrivateFd::keep(int fd) {
   if (fd < 0) return;
   fd_ = fd;
   previous_ = nullptr;
-  next_ = firstOpen;
+  next_ = firstOpen_;
   if (next_ != nullptr) next_->previous_ = this;
-  firstOpen = this;
+  firstOpen_ = this;
 }
 
 void PrivateFd::close() {
   if (fd_ < 0) return;
-  (previous_ != nullptr ? previous_->next_ : firstOpen) = next_;
+  (previous_ != nullptr ? previous_->next_ : firstOpen_) = next_;
   if (next_ != nullptr) next_->previous_ = previous_;
   // EINTR from close leaves the descriptor closed on Linux: trying again could close another's.
   ::close(fd_);
   fd_ = -1;
 }
 
-void PrivateFd::holdForFork() { openMutex.lock(); }
+void PrivateFd::holdForFork() { openMutex_.lock(); }
 
-void PrivateFd::releaseInParent() { openMutex.unlock(); }
+void PrivateFd::releaseInParent() { openMutex_.unlock(); }
 
 void PrivateFd::closeAllInChild() {
-  while (firstOpen != nullptr) firstOpen->close();
-  openMutex.unlock();
+  while (firstOpen_ != nullptr) firstOpen_->close();
+  openMutex_.unlock();
 }
 
 }  // namespace PbUtility

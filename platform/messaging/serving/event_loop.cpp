@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 
 namespace PbUtility {
@@ -128,19 +127,24 @@ void EventLoop::handleEvent(const epoll_event& event) {
 void EventLoop::standBy(Seat seat) {
   epoll_event event;
   ::epoll_wait(offers_.get(), &event, 1, -1);
-  const std::lock_guard<Turn> turn(turn_);
-  if (!leadIsOffered_) return;
+  turn_.lock();
+  if (leadIsOffered_) takeLead(seat);
+  turn_.unlock();
+}
+
+void EventLoop::takeLead(Seat seat) {
   withdrawOffer();
   leader_ = seat;
   leadingThread_ = std::this_thread::get_id();
 }
 
 void EventLoop::aside(std::function<void()> work, std::function<void()> done) {
+  turn_.assertHeld();
   aside_.push_back({std::move(work), std::move(done)});
 }
 
-// Called with the turn held; releases it before returning. A thread that still leads afterwards looks
-// for events before it steps aside once more, so that jobs which these bring are done together.
+// A thread that still leads afterwards looks for events before it steps aside once more, so that jobs
+// which these bring are done together.
 //
 // The end of a job needs the turn. If the other thread has it, that thread is left the rest: it takes
 // the turn over and over, and to wait for it here could take long.
@@ -183,6 +187,7 @@ void EventLoop::startStandIn() {
 }
 
 void EventLoop::settle() {
+  turn_.assertHeld();
   const bool hasWaiting = client_.settle();
   hasMore_ = hasWaiting || !aside_.empty();
   if (hasMore_ && leadingThread_ != std::this_thread::get_id()) signalEvent(wakeUp_.get());
@@ -191,6 +196,7 @@ void EventLoop::settle() {
 // --- Timers ---
 
 std::uint64_t EventLoop::after(std::chrono::milliseconds delay, std::function<void()> task) {
+  turn_.assertHeld();
   const std::uint64_t number = timers_.add(Timers::Clock::now() + delay, std::move(task));
   if (timers_.next() < timerArmedFor_) armTimer();
   return number;

@@ -10,7 +10,7 @@ void Turn::lock() {
 }
 
 bool Turn::tryLock() {
-  if (!turn_.try_lock()) return false;
+  if (!turn_.tryLock()) return false;
   holder_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   return true;
 }
@@ -29,7 +29,7 @@ void Turn::unlock() {
 
 void Turn::post(std::function<void()> task) {
   {
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const Base::MutexLock guard(mutex_);
     posted_.push_back(std::move(task));
     hasPosted_.exchange(1);
   }
@@ -41,7 +41,7 @@ void Turn::runPosted() {
   while (hasPosted_.load(std::memory_order_relaxed) != 0) {
     std::vector<std::function<void()>> tasks;
     {
-      const std::lock_guard<std::mutex> guard(mutex_);
+      const Base::MutexLock guard(mutex_);
       tasks.swap(posted_);
       hasPosted_.store(0, std::memory_order_relaxed);
     }

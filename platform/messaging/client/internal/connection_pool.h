@@ -12,13 +12,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "base/mutex.h"
 #include "platform/messaging/client/internal/stream.h"
 #include "platform/messaging/endpoint.h"
 
@@ -52,22 +51,35 @@ class ConnectionPool {
                   google::protobuf::MessageLite* response, Exchange& exchange);
 
  private:
-  struct Connection {
-    Stream stream;
-    std::string outgoing;
-    std::uint32_t lastSequence = 0;
-    std::uint64_t epoch = 0;
+  // Who has a connection, and who may have it next.
+  struct Use {
     bool busy = false;
     bool forReceivers = false;
     // Thread whose one-way request may still be unread by the service; none: default id.
     std::thread::id oneWayBy;
   };
+  class Connection;
+  // The one way to it, so that nobody gets there without the mutex.
+  Use& useOf(Connection& connection) APPCONFIG_REQUIRES(mutex_);
+  // All but its use is its caller's alone.
+  class Connection {
+   public:
+    Stream stream;
+    std::string outgoing;
+    std::uint32_t lastSequence = 0;
+    std::uint64_t epoch = 0;
+
+   private:
+    friend Use& ConnectionPool::useOf(Connection& connection);
+    Use use_;
+  };
   using Position = std::list<Connection>::iterator;
   class Lease;
 
   CallStatus take(Exchange& exchange, Position& connection);
-  bool findIdle(bool insideReceiver, Position& connection, bool& mustWait);
-  bool isFull() const;
+  bool findIdle(bool insideReceiver, Position& connection, bool& mustWait)
+      APPCONFIG_REQUIRES(mutex_);
+  bool isFull() APPCONFIG_REQUIRES(mutex_);
   void giveBack(Position connection, bool usable, std::thread::id oneWayBy);
   void closeIdle();
   CallStatus open(Connection& connection, Exchange& exchange);
@@ -80,11 +92,14 @@ class ConnectionPool {
   const std::string path_;
   const Hello hello_;
   const unsigned maxConnections_;
-  // Guards connections_ and the busy, forReceivers and oneWayBy fields in it; nothing is taken while
-  // it is held, and no input or output happens.
-  std::mutex mutex_;
-  std::condition_variable freed_;
-  std::list<Connection> connections_;
+  // Nothing is taken while it is held, and no input or output happens.
+  Base::Mutex mutex_;
+  Base::Condition freed_;
+  std::list<Connection> connections_ APPCONFIG_GUARDED_BY(mutex_);
 };
+
+inline ConnectionPool::Use& ConnectionPool::useOf(Connection& connection) {
+  return connection.use_;
+}
 
 }  // namespace PbUtility

@@ -17,17 +17,16 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include "base/mutex.h"
 #include "platform/messaging/client/internal/kept_registrations.h"
 #include "platform/messaging/client/internal/private_fd.h"
 #include "platform/messaging/client/internal/stream.h"
@@ -72,9 +71,19 @@ class Delivery {
 
  private:
   enum class Condition { Away, Greeting, Repeating, Standing };
-  struct Remote;
+  // What others ask about a remote, and what they ask for.
+  struct Asked {
+    Condition condition = Condition::Away;
+    std::uint64_t attemptsBegun = 0;
+    std::uint64_t attemptsEnded = 0;
+    bool kicked = false;
+    bool abandoned = false;
+  };
+  class Remote;
 
-  bool startThread();
+  // The one way to it, so that nobody gets there without the mutex.
+  Asked& asked(Remote& remote) APPCONFIG_REQUIRES(mutex_);
+  bool startThread() APPCONFIG_REQUIRES(mutex_);
   void runOnThread();
   void run();
   void wake();
@@ -100,16 +109,15 @@ class Delivery {
   PrivateFd wakeUp_;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> abandoned_{false};
-  // Guards remotes_ (the map, not what the delivery thread owns in a Remote) and the conditions,
-  // attempt counts and kicks in it.
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::map<std::string, std::unique_ptr<Remote>> remotes_;
+  // Of the remotes it guards the map and what is asked of each, not what the delivery thread owns.
+  Base::Mutex mutex_;
+  Base::Condition changed_;
+  std::map<std::string, std::unique_ptr<Remote>> remotes_ APPCONFIG_GUARDED_BY(mutex_);
   // The delivery thread's own.
   std::vector<char> readBuffer_;
   std::function<void()> afterEnd_;
-  // Behind the mutex, except in the destructor.
-  std::thread thread_;
+  // In the destructor nobody else is left to start it.
+  std::thread thread_ APPCONFIG_GUARDED_BY(mutex_);
 };
 
 }  // namespace PbUtility

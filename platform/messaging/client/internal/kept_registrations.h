@@ -25,10 +25,10 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "platform/messaging/wire/frame.h"
 
 namespace PbUtility {
@@ -87,8 +87,8 @@ class KeptRegistrations {
   void copyTo(KeptRegistrations& other) const;
 
   // Around fork: what is copied must not be half of a change.
-  void holdForFork() const { mutex_.lock(); }
-  void releaseAfterFork() const { mutex_.unlock(); }
+  void holdForFork() const APPCONFIG_ACQUIRE(mutex_) { mutex_.lock(); }
+  void releaseAfterFork() const APPCONFIG_RELEASE(mutex_) { mutex_.unlock(); }
 
  private:
   struct Registration {
@@ -108,29 +108,30 @@ class KeptRegistrations {
     std::uint64_t place = 0;
   };
   using Registrations = std::map<std::string, Registration>;
-  // The mutex is held for all of these.
-  std::uint64_t knownBy(const Registration& registration) const;
-  std::uint64_t repeatedWith(const Registration& registration, std::uint64_t epoch) const;
+  std::uint64_t knownBy(const Registration& registration) const APPCONFIG_REQUIRES(mutex_);
+  std::uint64_t repeatedWith(const Registration& registration, std::uint64_t epoch) const
+      APPCONFIG_REQUIRES(mutex_);
   static Repeat repeat(const std::string& key, Registration& registration, std::uint64_t revision,
                        std::uint64_t epoch);
-  Registration* answeredOne(const std::string& key, Connection connection);
-  void leaveQueue(Registration& registration);
-  void noteAccepted(const std::string& key, Registration& registration);
-  Registrations::iterator erase(Registrations::iterator position);
+  Registration* answeredOne(const std::string& key, Connection connection)
+      APPCONFIG_REQUIRES(mutex_);
+  void leaveQueue(Registration& registration) APPCONFIG_REQUIRES(mutex_);
+  void noteAccepted(const std::string& key, Registration& registration) APPCONFIG_REQUIRES(mutex_);
+  Registrations::iterator erase(Registrations::iterator position) APPCONFIG_REQUIRES(mutex_);
 
   const PbUtils* const layer_;
   const std::string remoteName_;
-  mutable std::mutex mutex_;
-  Registrations registrations_;
+  mutable Base::Mutex mutex_;
+  Registrations registrations_ APPCONFIG_GUARDED_BY(mutex_);
   // Keys of those that wait to be asked for again, by place.
-  std::map<std::uint64_t, std::string> refused_;
-  std::uint64_t lastPlace_ = 0;
-  Connection connection_ = 0;
-  std::uint64_t epoch_ = 0;
-  bool otherEpochAnswered_ = false;
-  bool questioned_ = false;
-  bool anyDelivered_ = false;
-  std::uint64_t delivered_ = 0;
+  std::map<std::uint64_t, std::string> refused_ APPCONFIG_GUARDED_BY(mutex_);
+  std::uint64_t lastPlace_ APPCONFIG_GUARDED_BY(mutex_) = 0;
+  Connection connection_ APPCONFIG_GUARDED_BY(mutex_) = 0;
+  std::uint64_t epoch_ APPCONFIG_GUARDED_BY(mutex_) = 0;
+  bool otherEpochAnswered_ APPCONFIG_GUARDED_BY(mutex_) = false;
+  bool questioned_ APPCONFIG_GUARDED_BY(mutex_) = false;
+  bool anyDelivered_ APPCONFIG_GUARDED_BY(mutex_) = false;
+  std::uint64_t delivered_ APPCONFIG_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace PbUtility

@@ -9,6 +9,8 @@
 //           is held, and what open does must not wait.
 #pragma once
 
+#include "base/mutex.h"
+
 namespace PbUtility {
 
 class PrivateFd {
@@ -34,25 +36,30 @@ class PrivateFd {
   explicit operator bool() const { return fd_ >= 0; }
 
   // Around fork: what no other thread may be changing while it happens.
-  static void holdForFork();
-  static void releaseInParent();
-  static void closeAllInChild();
+  static void holdForFork() APPCONFIG_ACQUIRE(openMutex_);
+  static void releaseInParent() APPCONFIG_RELEASE(openMutex_);
+  static void closeAllInChild() APPCONFIG_RELEASE(openMutex_);
 
  private:
   // Holds the mutex, and closes what was there.
-  class Change {
+  class APPCONFIG_LOCK_HOLDER Change {
    public:
-    explicit Change(PrivateFd& owner);
-    ~Change();
+    explicit Change(PrivateFd& owner) APPCONFIG_ACQUIRE(openMutex_);
+    ~Change() APPCONFIG_RELEASE();
     Change(const Change&) = delete;
     Change& operator=(const Change&) = delete;
   };
-  void keep(int fd);
-  void close();
+  void keep(int fd) APPCONFIG_REQUIRES(openMutex_);
+  void close() APPCONFIG_REQUIRES(openMutex_);
 
+  // Never destroyed: threads that outlive main may still open and close.
+  static Base::Mutex openMutex_;
+  static PrivateFd* firstOpen_ APPCONFIG_GUARDED_BY(openMutex_);
+
+  // Changed with the mutex, and by its owner alone, which reads it without.
   int fd_ = -1;
-  PrivateFd* previous_ = nullptr;
-  PrivateFd* next_ = nullptr;
+  PrivateFd* previous_ APPCONFIG_GUARDED_BY(openMutex_) = nullptr;
+  PrivateFd* next_ APPCONFIG_GUARDED_BY(openMutex_) = nullptr;
 };
 
 }  // namespace PbUtility

@@ -21,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include "base/mutex.h"
 #include "base/unique_fd.h"
 #include "platform/messaging/serving/internal/timers.h"
 #include "platform/messaging/serving/internal/turn.h"
@@ -70,7 +71,10 @@ class EventLoop {
   void aside(std::function<void()> work, std::function<void()> done);
   // Runs a task in the loop at a time. The number, never 0, cancels it.
   std::uint64_t after(std::chrono::milliseconds delay, std::function<void()> task);
-  void cancel(std::uint64_t timer) { timers_.cancel(timer); }
+  void cancel(std::uint64_t timer) {
+    turn_.assertHeld();
+    timers_.cancel(timer);
+  }
 
  private:
   // The two threads that can lead the loop.
@@ -83,16 +87,17 @@ class EventLoop {
 
   void serve(Seat seat);
   void lead(Seat seat);
-  bool handleEvents(Seat seat, const epoll_event* events, int count);
-  void handleEvent(const epoll_event& event);
+  bool handleEvents(Seat seat, const epoll_event* events, int count) APPCONFIG_REQUIRES(turn_);
+  void handleEvent(const epoll_event& event) APPCONFIG_REQUIRES(turn_);
   void standBy(Seat seat);
-  void stepAside(Seat seat);
-  void offerLead();
-  void withdrawOffer();
-  void startStandIn();
+  void stepAside(Seat seat) APPCONFIG_RELEASE(turn_);
+  void takeLead(Seat seat) APPCONFIG_REQUIRES(turn_);
+  void offerLead() APPCONFIG_REQUIRES(turn_);
+  void withdrawOffer() APPCONFIG_REQUIRES(turn_);
+  void startStandIn() APPCONFIG_REQUIRES(turn_);
   void settle();
-  void armTimer();
-  void runDueTimers();
+  void armTimer() APPCONFIG_REQUIRES(turn_);
+  void runDueTimers() APPCONFIG_REQUIRES(turn_);
 
   LoopClient& client_;
   Base::UniqueFd epoll_;
@@ -105,17 +110,17 @@ class EventLoop {
   std::atomic<bool> stopping_{false};
   std::thread standIn_;
 
-  // Held by whoever is in the loop. Guards all that follows, and all that is the client's.
+  // Held by whoever is in the loop. Guards what follows, and all that is the client's.
   Turn turn_;
   // Changed with the turn; each thread compares it with its own seat without.
   std::atomic<Seat> leader_{Seat::Caller};
-  bool leadIsOffered_ = false;
-  std::thread::id leadingThread_;
-  std::deque<Aside> aside_;
+  bool leadIsOffered_ APPCONFIG_GUARDED_BY(turn_) = false;
+  std::thread::id leadingThread_ APPCONFIG_GUARDED_BY(turn_);
+  std::deque<Aside> aside_ APPCONFIG_GUARDED_BY(turn_);
   // Whether there is work aside, or some of the client's; the leader looks before it waits.
   std::atomic<bool> hasMore_{false};
-  Timers timers_;
-  Timers::Clock::time_point timerArmedFor_ = Timers::kNever;
+  Timers timers_ APPCONFIG_GUARDED_BY(turn_);
+  Timers::Clock::time_point timerArmedFor_ APPCONFIG_GUARDED_BY(turn_) = Timers::kNever;
 };
 
 }  // namespace PbUtility

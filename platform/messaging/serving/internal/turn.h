@@ -11,34 +11,37 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "base/mutex.h"
+
 namespace PbUtility {
 
-class Turn {
+class APPCONFIG_LOCK Turn {
  public:
   // `beforeUnlock` runs each time the turn is about to be given back, by whoever has it.
   explicit Turn(std::function<void()> beforeUnlock) : beforeUnlock_(std::move(beforeUnlock)) {}
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
-  void lock();
-  bool tryLock();
-  void unlock();
+  void lock() APPCONFIG_ACQUIRE();
+  bool tryLock() APPCONFIG_TRY_ACQUIRE(true);
+  void unlock() APPCONFIG_RELEASE();
+  // For what is called by tasks and by what they call: whoever runs these has the turn.
+  void assertHeld() const APPCONFIG_ASSERTS() {}
   void post(std::function<void()> task);
 
  private:
-  void runPosted();
+  void runPosted() APPCONFIG_REQUIRES(this);
 
   const std::function<void()> beforeUnlock_;
-  std::mutex turn_;
+  Base::Mutex turn_;
   // Only compared with the asking thread's own id, so it need not be exact for other threads.
   std::atomic<std::thread::id> holder_{};
 
-  std::mutex mutex_;  // Guards posted_; taken last.
-  std::vector<std::function<void()>> posted_;
+  Base::Mutex mutex_;  // Taken last.
+  std::vector<std::function<void()>> posted_ APPCONFIG_GUARDED_BY(mutex_);
   std::atomic<int> hasPosted_{0};
 };
 
