@@ -13,7 +13,7 @@ import subprocess
 # What each folder may depend on. docs/architecture.md shows the same table to people.
 FOLDERS = {
     "base": (),
-    "appconfig/core": (),
+    "appconfig/core": ("base",),
     "appconfig/cache": ("appconfig/core",),
     "appconfig/wire": ("appconfig/core", "platform/schema"),
     "appconfig/registry": ("appconfig/core",),
