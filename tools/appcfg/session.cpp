@@ -89,9 +89,9 @@ Session::Session(const Settings& settings)
 
 Outcome Session::checkName(const Purpose& purpose) const {
   std::string path;
-  const std::string mistake = PbUtility::socketPath(runtimeDir_, serviceName_, path);
-  if (mistake.empty()) return {};
-  return usageMistake(cannot(purpose) + mistake,
+  const Base::Status<> named = PbUtility::socketPath(runtimeDir_, serviceName_, path);
+  if (named.ok()) return {};
+  return usageMistake(cannot(purpose) + named.text,
                       "name the service with --service, its directory with --runtime-dir or "
                       "APPCONFIG_RUNTIME_DIR");
 }
@@ -128,7 +128,7 @@ std::string Session::reasonOf(PbUtility::CallStatus status) const {
   const std::string details = endpoint_.lastRefusal();
   if (!details.empty()) return reason + ": " + details;
   std::string path;
-  const bool named = PbUtility::socketPath(runtimeDir_, serviceName_, path).empty();
+  const bool named = PbUtility::socketPath(runtimeDir_, serviceName_, path).ok();
   return named ? reason + " (" + path + ')' : reason;
 }
 
