@@ -28,8 +28,8 @@ namespace AppConfig {
 inline constexpr std::size_t kMaxNameBytes = 255;
 
 // Sets var; or fails, leaves var alone and says what is wrong and where, in one line that may be
-// shown to people: "\"network..mtu\" is no key: a part of the name
-// is empty (at character 9)". Any bytes may be given.
+// shown to people: "\"network..mtu\" is no key: a part of the name is empty (at character 9)". Any
+// bytes may be given.
 Base::Status<> parseKey(std::string_view text, ConfigVar& var);
 
 // The shortest text that parseKey reads as this key. Keys that it would refuse (they can be built,

@@ -1,3 +1,6 @@
+// Either side says what it has to say once: the service in a datagram for each notice, the manager in
+// variables of the environment. These are for this process alone, so they are taken away at once, for a
+// child must not believe that it was meant.
 #include "configsrv/configsrvd/notify_manager.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// A name comes from an application or a command line and becomes a part of a path: it is checked as a
+// whole before anything is made of it.
 #include "platform/messaging/wire/runtime_dir.h"
 
 #include <sys/un.h>
