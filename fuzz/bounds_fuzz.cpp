@@ -87,14 +87,13 @@ std::size_t allowed(const PlatformSchema::Shape& shape, std::size_t bytes) {
 void readBounded(std::uint32_t messageId, const std::string& payload,
                  const PlatformSchema::Shape& shape) {
   const auto message = Fuzz::newMessage(messageId);
-  std::string problem;
   const Fuzz::HeapPeak peak;
-  const Reading reading = PlatformSchema::readMessage(messageId, payload, *message, problem);
+  const Base::Status<Reading> read = PlatformSchema::readMessage(messageId, payload, *message);
   require(peak.bytes() <= allowed(shape, payload.size()), "what is read takes no more than allowed",
           PlatformSchema::messageName(messageId));
-  if (reading != Reading::TooMuch) return;
+  if (read.code != Reading::TooMuch) return;
   require(peak.bytes() <= kOther, "what is too much is not parsed");
-  require(problem.find(PlatformSchema::messageName(messageId)) != std::string::npos,
+  require(read.text.find(PlatformSchema::messageName(messageId)) != std::string::npos,
           "a problem names the message");
 }
 

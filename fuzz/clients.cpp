@@ -81,8 +81,8 @@ std::vector<Received> Client::receive() {
   while (incoming_.size() - at >= PbUtility::kFrameHeaderBytes) {
     Received frame;
     const auto* bytes = reinterpret_cast<const unsigned char*>(incoming_.data()) + at;
-    const std::string problem = decodeHeader(bytes, frame.header);
-    require(problem.empty(), "a service sends frames", problem);
+    const Base::Status<> decoded = decodeHeader(bytes, frame.header);
+    require(decoded.ok(), "a service sends frames", decoded.text);
     require(isOfService(frame.header.kind), "a service sends its own kinds of frames");
     const std::size_t whole = PbUtility::kFrameHeaderBytes + frame.header.payloadBytes;
     if (incoming_.size() - at < whole) break;

@@ -18,10 +18,10 @@ void checkDefinition(const Definitions& definitions, const VariableDefinition& v
   require(definitions.find(variable.key) == &variable, "a defined variable is found");
   const std::string text = AppConfig::formatKey(variable.key);
   ConfigVar key("", 0, "", 0);
-  require(AppConfig::parseKey(text, key).empty(), "a defined key can be typed", text);
+  require(AppConfig::parseKey(text, key).ok(), "a defined key can be typed", text);
   require(definitions.find(key) == &variable, "a typed key finds its variable", text);
   const VariableShape& shape = *variable.shape;
-  require(checkValue(variable, shape.options, shape.defaultValue).empty(),
+  require(checkValue(variable, shape.options, shape.defaultValue).ok(),
           "a default is a value of its variable", text);
   require(shape.options.empty() || shape.defaultIndex < shape.options.size(),
           "a default index is one of an option", text);

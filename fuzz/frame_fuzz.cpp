@@ -27,8 +27,8 @@ void readHeader(std::string_view bytes) {
   const std::vector<unsigned char> exactly(bytes.begin(),
                                            bytes.begin() + PbUtility::kFrameHeaderBytes);
   FrameHeader header;
-  const std::string problem = decodeHeader(exactly.data(), header);
-  if (!problem.empty()) return require(isLogLine(problem), "a problem is one line", problem);
+  const Base::Status<> decoded = decodeHeader(exactly.data(), header);
+  if (!decoded.ok()) return require(isLogLine(decoded.text), "a problem is one line", decoded.text);
   require(header.payloadBytes <= PbUtility::kMaxPayloadBytes, "no payload is too long");
   PbUtility::FrameHeaderBytes again;
   encodeHeader(header, again.data());
@@ -40,8 +40,8 @@ void readHeader(std::string_view bytes) {
 template <typename Payload>
 void readPayload(std::string_view bytes) {
   Payload payload;
-  const std::string problem = decode(bytes, payload);
-  if (!problem.empty()) return require(isLogLine(problem), "a problem is one line", problem);
+  const Base::Status<> decoded = decode(bytes, payload);
+  if (!decoded.ok()) return require(isLogLine(decoded.text), "a problem is one line", decoded.text);
   require(encode(payload) == bytes, "a payload that was read is written as it stood");
 }
 

@@ -24,7 +24,7 @@ bool same(const DocumentEntry& a, const DocumentEntry& b) {
 void readBack(const std::string& text, DocumentFormat format, const Document& document) {
   Document again;
   const Outcome read = readDocument(text, "written", format, again);
-  require(read.ok(), "a written document is read", read.message + '\n' + text);
+  require(read.ok(), "a written document is read", read.text + '\n' + text);
   require(std::equal(document.begin(), document.end(), again.begin(), again.end(), same),
           "a written document reads as what was written", text);
 }
@@ -33,9 +33,9 @@ void readText(std::string_view text, DocumentFormat format) {
   Document document;
   const Outcome read = readDocument(text, "some.file", format, document);
   if (!read.ok()) {
-    const bool tells = read.message.compare(0, 10, "some.file:") == 0 &&
-                       read.message.find('\n') == std::string::npos;
-    return require(tells, "a refusal is one line that begins with the file", read.message);
+    const bool tells =
+        read.text.compare(0, 10, "some.file:") == 0 && read.text.find('\n') == std::string::npos;
+    return require(tells, "a refusal is one line that begins with the file", read.text);
   }
   // An entry whose value no variable can have is reported and not written.
   document.erase(std::remove_if(document.begin(), document.end(),
@@ -62,7 +62,7 @@ void import(const Fuzz::Files& files, const Verb& verb) {
   Arguments arguments;
   arguments.put("FILE", {files.path("file")});
   const Outcome outcome = verb.run(context, arguments);
-  require(outcome.ok() || !outcome.message.empty(), "a failure says what happened");
+  require(outcome.ok() || !outcome.text.empty(), "a failure says what happened");
 }
 
 }  // namespace

@@ -26,28 +26,27 @@ bool isOneLine(std::string_view text) {
 void readText(std::string_view text) {
   ConfigVar key("untouched", 1, "key", 2);
   const ConfigVar before = key;
-  const std::string mistake = parseKey(text, key);
-  if (!mistake.empty()) {
+  const Base::Status<> read = parseKey(text, key);
+  if (!read.ok()) {
     require(same(key, before), "a refused text leaves the key alone");
-    return require(isOneLine(mistake), "a refusal is one line", mistake);
+    return require(isOneLine(read.text), "a refusal is one line", read.text);
   }
   const std::string written = formatKey(key);
   ConfigVar again("", 0, "", 0);
-  require(parseKey(written, again).empty(), "what formatKey writes of a read key is read", written);
+  require(parseKey(written, again).ok(), "what formatKey writes of a read key is read", written);
   require(same(key, again), "written and read again it is the same key", written);
   require(formatKey(again) == written, "the same key has the same text", written);
 }
 
 void readName(std::string_view text) {
   std::string name = "untouched";
-  const std::string mistake = parseDottedName(text, name);
-  if (!mistake.empty()) {
+  const Base::Status<> read = parseDottedName(text, name);
+  if (!read.ok()) {
     require(name == "untouched", "a refused text leaves the name alone");
-    return require(isOneLine(mistake), "a refusal is one line", mistake);
+    return require(isOneLine(read.text), "a refusal is one line", read.text);
   }
   std::string again;
-  require(parseDottedName(name, again).empty() && again == name, "a read name reads as itself",
-          name);
+  require(parseDottedName(name, again).ok() && again == name, "a read name reads as itself", name);
 }
 
 // Keys that nobody could type: they arrive in messages.
@@ -64,7 +63,7 @@ void writeAnyKey(Fuzz::Input& input) {
   require(isOneLine(text), "any key is written on one line", text);
   require(same(key, other) == (formatKey(other) == text), "two keys never share a text", text);
   ConfigVar again("", 0, "", 0);
-  if (parseKey(text, again).empty()) {
+  if (parseKey(text, again).ok()) {
     require(same(key, again), "a text reads as the key that it was written from", text);
   }
 }

@@ -166,7 +166,7 @@ void Library::checkReplies(const FrameHeader& question, std::string_view replies
   FrameHeader header;
   while (replies.size() >= PbUtility::kFrameHeaderBytes) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(replies.data());
-    require(decodeHeader(bytes, header).empty(), "a reply is a frame");
+    require(decodeHeader(bytes, header).ok(), "a reply is a frame");
     require(header.sequence == question.sequence, "a reply is one to its question");
     replies.remove_prefix(PbUtility::kFrameHeaderBytes);
     if (header.kind == FrameKind::Answer) {

@@ -55,9 +55,9 @@ class Handler final : public PbUtility::ServerHandler {
       require(id != peer.id, "the questions of a peer end before it goes");
     }
   }
-  std::string onGreeting(const PbUtility::Peer& peer) override {
+  Base::Status<> onGreeting(const PbUtility::Peer& peer) override {
     require(peer.id == 0, "who greets is no peer yet");
-    return peer.name == kUnwanted ? "not you" : "";
+    return peer.name == kUnwanted ? Base::failed("not you") : Base::Status<>();
   }
   void onDeliveryReady(const PbUtility::Peer& peer) override {
     require(present_.count(peer.id) == 1, "delivery is ready once the peer has come");
@@ -109,7 +109,7 @@ PbUtility::ServerOptions optionsOf(const Fuzz::Listening& listening) {
 class Run {
  public:
   explicit Run(Input& input) : input_(input), server_(optionsOf(listening_), handler_) {
-    require(server_.open().empty(), "a server adopts a listening socket");
+    require(server_.open().ok(), "a server adopts a listening socket");
   }
 
   void run() {

@@ -122,7 +122,7 @@ ServiceHarness::ServiceHarness(int listenFd)
                  [] {}}) {
   for (StoredVariable& variable : leftovers()) kept_.emplace(variable.key, variable);
   model_.restore(leftovers(), revision_);
-  require(server_.open().empty(), "a server adopts a listening socket");
+  require(server_.open().ok(), "a server adopts a listening socket");
 }
 
 ServiceHarness::~ServiceHarness() = default;
@@ -136,9 +136,9 @@ void ServiceHarness::onQuestionDone(PeerId peer, std::uint32_t question, bool pe
   changes_.onQuestionDone(peer, question, peerGone);
 }
 
-std::string ServiceHarness::onGreeting(const PbUtility::Peer& peer) {
+Base::Status<> ServiceHarness::onGreeting(const PbUtility::Peer& peer) {
   const NameClaims::Answer answer = names_.ask(peer.name, peer.uid, peer.gid);
-  return answer.accepted ? std::string() : answer.text;
+  return answer.accepted ? Base::Status<>() : Base::failed(answer.text);
 }
 
 void ServiceHarness::onPeerCame(const PbUtility::Peer& peer) {
@@ -231,9 +231,9 @@ void ServiceHarness::checkState() const {
   restarted.restore(std::move(stored), revision_);
   require(model_.revision() == revision_, "the model is at the revision of the last commit");
   for (const Variable* variable : model_.covered("")) {
-    const std::string mistake =
+    const Base::Status<> fits =
         checkValue(variable->definition(), variable->options(), variable->value());
-    require(mistake.empty(), "a variable holds what it may hold", mistake);
+    require(fits.ok(), "a variable holds what it may hold", fits.text);
     const Variable& again = *restarted.find(variable->key());
     requireSame(*variable, again);
     // All that this run kept has to be usable at a start.

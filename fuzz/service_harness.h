@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "base/status.h"
 #include "configsrv/access/access_policy.h"
 #include "configsrv/access/name_claims.h"
 #include "configsrv/audit/audit_trail.h"
@@ -64,7 +65,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   void onAnswer(PbUtility::PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload) override;
   void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone) override;
-  std::string onGreeting(const PbUtility::Peer& peer) override;
+  Base::Status<> onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override;
   void onDeliveryReady(const PbUtility::Peer& peer) override { changes_.onDeliveryReady(peer.id); }
   void onPeerGone(const PbUtility::Peer& peer) override;

@@ -128,9 +128,9 @@ void restore(std::vector<StoredVariable> stored, std::uint64_t revision) {
   const std::vector<std::string> lines = model.restore(std::move(stored), revision);
   require(lines.size() <= 5 * records, "each part of a record is told of once");
   for (const Variable* variable : model.covered("")) {
-    const std::string mistake =
+    const Base::Status<> fits =
         checkValue(variable->definition(), variable->options(), variable->value());
-    require(mistake.empty(), "a variable holds what it may hold", mistake);
+    require(fits.ok(), "a variable holds what it may hold", fits.text);
     const std::size_t count = std::max<std::size_t>(1, variable->options().size());
     require(variable->defaultIndex() < count, "a default index is one of an option");
   }

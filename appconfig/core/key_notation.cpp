@@ -189,9 +189,10 @@ void appendInstance(std::string& out, std::int32_t instance) {
 
 }  // namespace
 
-std::string parseKey(std::string_view text, ConfigVar& var) {
+Base::Status<> parseKey(std::string_view text, ConfigVar& var) {
   KeyReader reader(text);
-  return reader.readKey(var) ? std::string() : reader.complaint("key");
+  if (!reader.readKey(var)) return Base::failed(reader.complaint("key"));
+  return {};
 }
 
 std::string formatKey(const ConfigVar& var) {
@@ -205,11 +206,11 @@ std::string formatKey(const ConfigVar& var) {
   return out;
 }
 
-std::string parseDottedName(std::string_view text, std::string& name) {
+Base::Status<> parseDottedName(std::string_view text, std::string& name) {
   KeyReader reader(text);
-  if (!reader.readDottedName()) return reader.complaint("name");
+  if (!reader.readDottedName()) return Base::failed(reader.complaint("name"));
   name = lowerCase(std::string(text));
-  return std::string();
+  return {};
 }
 
 }  // namespace AppConfig

@@ -20,16 +20,17 @@
 #include <string_view>
 
 #include "appconfig/core/config_var.h"
+#include "base/status.h"
 
 namespace AppConfig {
 
 // Longest group and longest name, each, in bytes.
 inline constexpr std::size_t kMaxNameBytes = 255;
 
-// Sets var and returns an empty string; otherwise leaves var alone and returns what is wrong and
-// where, in one line that may be shown to people: "\"network..mtu\" is no key: a part of the name
-// is empty (at character 9)". Any bytes may be given.
-[[nodiscard]] std::string parseKey(std::string_view text, ConfigVar& var);
+// Sets var; or fails, leaves var alone and says what is wrong and where, in one line that may be
+// shown to people: "\"network..mtu\" is no key: a part of the name is empty (at character 9)". Any
+// bytes may be given.
+Base::Status<> parseKey(std::string_view text, ConfigVar& var);
 
 // The shortest text that parseKey reads as this key. Keys that it would refuse (they can be built,
 // and arrive from outside) get a text all the same, one that is safe in a log line: bytes that no
@@ -37,7 +38,7 @@ inline constexpr std::size_t kMaxNameBytes = 255;
 std::string formatKey(const ConfigVar& var);
 
 // Checks a dotted name without namespace and instances, of a variable or of a group ("network",
-// "network.eth.mtu"), and sets name to it in lower case. Returns as parseKey does.
-[[nodiscard]] std::string parseDottedName(std::string_view text, std::string& name);
+// "network.eth.mtu"), and sets name to it in lower case. Fails as parseKey does.
+Base::Status<> parseDottedName(std::string_view text, std::string& name);
 
 }  // namespace AppConfig

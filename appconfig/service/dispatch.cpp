@@ -60,7 +60,7 @@ void receive(void* userData, const MSG_Message* message) {
   Payload payload;
   const std::string_view bytes(static_cast<const char*>(MSG_GetPayload(message)),
                                static_cast<std::size_t>(MSG_GetPayloadBytes(message)));
-  if (!PlatformSchema::readMessage(messageId, bytes, payload)) {
+  if (!PlatformSchema::readMessage(messageId, bytes, payload).ok()) {
     std::printf("Parse Error\n");
     return;
   }

@@ -30,7 +30,7 @@ void registerAll(benchmark::State& state, Subscriptions& subscriptions) {
   for (std::int64_t n = 0; n < state.range(0); ++n) {
     const Registration registration{nthName(n), ConfigIF::CALLBACK_VALUE_CHANGED, "PlatCfgSvc0-1-0",
                                     "thermostat-ui"};
-    if (!subscriptions.add(kPeer, {}, registration).empty()) state.SkipWithError("not registered");
+    if (!subscriptions.add(kPeer, {}, registration).ok()) state.SkipWithError("not registered");
   }
 }
 

@@ -19,15 +19,17 @@
 namespace ConfigSrv {
 namespace {
 
+using Base::failed;
+using Base::Status;
 using Base::UniqueFd;
 
-std::string because(int error) { return std::strerror(error); }
+Status<> because(int error) { return failed(std::strerror(error)); }
 
-// Why what was opened is not to be written.
-std::string objectionTo(const struct stat& status) {
-  if (!S_ISREG(status.st_mode)) return "it is no regular file";
+// Whether what was opened is to be written.
+Status<> checkFile(const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) return failed("it is no regular file");
   if (status.st_uid != 0 && status.st_uid != ::geteuid())
-    return "it belongs to user " + std::to_string(status.st_uid);
+    return failed("it belongs to user " + std::to_string(status.st_uid));
   return {};
 }
 
@@ -60,8 +62,8 @@ AuditFile::~AuditFile() {
 }
 
 void AuditFile::open() {
-  const std::string problem = reopen();
-  if (!problem.empty()) lose(problem, 0);
+  const Status<> opened = reopen();
+  if (!opened.ok()) lose(opened.text, 0);
 }
 
 bool AuditFile::isStillThere() const {
@@ -70,7 +72,7 @@ bool AuditFile::isStillThere() const {
          status.st_ino == inode_;
 }
 
-std::string AuditFile::reopen() {
+Status<> AuditFile::reopen() {
   if (unsynced_) before_->add(std::move(fd_));
   unsynced_ = false;
   torn_ = false;
@@ -78,25 +80,25 @@ std::string AuditFile::reopen() {
   fd_.reset(::open(path_.c_str(),
                    O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                    0600));
-  if (!fd_) return errno == ELOOP ? "it is a symbolic link" : because(errno);
+  if (!fd_) return errno == ELOOP ? failed("it is a symbolic link") : because(errno);
   struct stat status {};
-  std::string objection = ::fstat(fd_.get(), &status) == 0 ? objectionTo(status) : because(errno);
+  Status<> opened = ::fstat(fd_.get(), &status) == 0 ? checkFile(status) : because(errno);
   device_ = status.st_dev;
   inode_ = status.st_ino;
-  if (objection.empty()) {
+  if (opened.ok()) {
     before_->add(openDirectory(path_));  // Of a new file, the name has to get to the disk as well.
     torn_ = status.st_size > 0 && !endsWithLineBreak(path_, status.st_size);
-    return {};
+    return opened;
   }
   fd_.reset();
-  return objection;
+  return opened;
 }
 
-// Empty on success. When the disk takes only a part of the line, that part is cut off again.
-std::string AuditFile::write(const std::string& line) {
+// When the disk takes only a part of the line, that part is cut off again.
+Status<> AuditFile::write(const std::string& line) {
   if (!isStillThere()) {
-    std::string problem = reopen();
-    if (!problem.empty()) return problem;
+    Status<> opened = reopen();
+    if (!opened.ok()) return opened;
   }
   const std::string text = (torn_ ? "\n" : "") + line + '\n';
   ssize_t wrote = -1;
@@ -123,9 +125,9 @@ void AuditFile::lose(const std::string& why, std::uint64_t lines) {
 // The line that tells of lost records goes out in one write with the next record. If it went alone
 // where only it fits, the next record would be lost again, and such lines would fill the file.
 bool AuditFile::append(const std::string& line) {
-  const std::string problem = write(lost_ > 0 ? lostLine_(lost_) + '\n' + line : line);
-  if (!problem.empty()) {
-    lose(problem, 1);
+  const Status<> written = write(lost_ > 0 ? lostLine_(lost_) + '\n' + line : line);
+  if (!written.ok()) {
+    lose(written.text, 1);
     return false;
   }
   unsynced_ = true;
@@ -136,7 +138,7 @@ bool AuditFile::append(const std::string& line) {
   return true;
 }
 
-std::string AuditFile::syncNow() {
+Status<> AuditFile::syncNow() {
   unsynced_ = static_cast<bool>(fd_);
   return takeUnsynced()->wait();
 }

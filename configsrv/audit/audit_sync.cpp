@@ -12,14 +12,15 @@ void AuditSync::add(Base::UniqueFd fd) {
   if (fd) fds_.push_back(std::move(fd));
 }
 
-std::string AuditSync::wait() const {
-  std::string problem;
+Base::Status<> AuditSync::wait() const {
+  Base::Status<> synced;
   for (const Base::UniqueFd& fd : fds_) {
     // Some sorts of files cannot be forced to a disk at all; nothing of them can be lost then
     // either.
-    if (::fsync(fd.get()) != 0 && errno != EINVAL && errno != EROFS) problem = std::strerror(errno);
+    if (::fsync(fd.get()) != 0 && errno != EINVAL && errno != EROFS)
+      synced = Base::failed(std::strerror(errno));
   }
-  return problem;
+  return synced;
 }
 
 }  // namespace ConfigSrv

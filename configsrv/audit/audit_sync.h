@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/status.h"
 #include "base/unique_fd.h"
 
 namespace ConfigSrv {
@@ -26,8 +27,8 @@ class AuditSync {
 
   // One that owns nothing is ignored.
   void add(Base::UniqueFd fd);
-  // Waits until all is on the disk. Empty on success; else the system's reason.
-  [[nodiscard]] std::string wait() const;
+  // Waits until all is on the disk; a failure tells the system's reason.
+  Base::Status<> wait() const;
 
  private:
   std::vector<Base::UniqueFd> fds_;

@@ -40,7 +40,7 @@ std::string now() {
 }
 
 const char* outcomeName(const ChangeOutcome& outcome) {
-  switch (outcome.error) {
+  switch (outcome.code) {
     case eErrNone:
       return outcome.unchanged ? "unchanged" : "changed";
     case eErrDenied:
@@ -172,9 +172,8 @@ void addWho(JsonObject& record, const Requester& by) {
 void addOutcome(JsonObject& record, const ChangeOutcome& outcome, bool mayBeQuoted) {
   record.add("outcome", outcomeName(outcome));
   if (outcome.revision != 0) record.add("revision", outcome.revision);
-  if (outcome.error == eErrNone || outcome.messages.empty() || !mayBeQuoted) return;
-  record.add("reason",
-             std::string_view(outcome.messages.front()).substr(0, AuditTrail::kMaxValueBytes));
+  if (outcome.ok() || !mayBeQuoted) return;
+  record.add("reason", std::string_view(outcome.text).substr(0, AuditTrail::kMaxValueBytes));
 }
 
 std::string withRevision(const std::string& record, std::uint64_t revision) {
@@ -235,9 +234,9 @@ bool AuditTrail::repair(const std::vector<StoredRecord>& records) {
                  " of changes that the last end of the service left out are appended now");
   // Lines that are in the file may be in the system's memory alone, so they are forced to the disk
   // too.
-  const std::string problem = file_->syncNow();
-  synced(problem);
-  return all && problem.empty();
+  const Base::Status<> outcome = file_->syncNow();
+  synced(outcome);
+  return all && outcome.ok();
 }
 
 std::shared_ptr<AuditSync> AuditTrail::takeUnsynced() {
@@ -248,10 +247,10 @@ std::shared_ptr<AuditSync> AuditTrail::takeUnsynced() {
   return taken;
 }
 
-void AuditTrail::synced(const std::string& problem) {
-  if (problem.empty()) return;
+void AuditTrail::synced(const Base::Status<>& outcome) {
+  if (outcome.ok()) return;
   log_.repeatable(LogLevel::Error, "audit sync",
-                  path_ + ": the audit record cannot be forced to the disk: " + problem +
+                  path_ + ": the audit record cannot be forced to the disk: " + outcome.text +
                       "; a loss of power may cost the last records: check the disk");
 }
 
@@ -263,7 +262,7 @@ void AuditTrail::changeEnds(const Requester& by, const StoreChange& wanted,
   std::visit(Fields(record, variable), wanted.what);
   // The reason of a denial may be recorded even for a secret variable: it quotes no value.
   const bool isOpen = variable == nullptr || !variable->shape().secret;
-  addOutcome(record, outcome, isOpen || outcome.error == eErrDenied);
+  addOutcome(record, outcome, isOpen || outcome.code == eErrDenied);
   file_->append(record.text());
 }
 

@@ -22,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/status.h"
 #include "configsrv/audit/audit_sync.h"
 #include "configsrv/changes/change.h"
 #include "configsrv/log/log.h"
@@ -66,7 +67,7 @@ class AuditTrail final : public ChangeObserver {
   // What was written since the last call. Its `revision` is that of the newest change among it.
   std::shared_ptr<AuditSync> takeUnsynced();
   // To be called with the result of its wait(); a failure goes to the log.
-  void synced(const std::string& problem);
+  void synced(const Base::Status<>& outcome);
 
  private:
   const std::string path_;

@@ -11,6 +11,7 @@
 
 #include "appconfig/core/error.h"
 #include "appconfig/core/security_role.h"
+#include "base/status.h"
 #include "configsrv/store/stored_variable.h"
 #include "platform/messaging/serving/peer.h"
 #include "platform/messaging/serving/shares.h"
@@ -36,12 +37,12 @@ struct ChangeRequest {
   StoreChange what;
 };
 
-struct ChangeOutcome {
-  eErrorT error = eErrNone;
+// The text says why it failed; of a provider's reasons it is the first.
+struct [[nodiscard]] ChangeOutcome : Base::Status<eErrorT> {
   // The variable was so already; nothing was committed.
   bool unchanged = false;
-  // For people: why it failed, or a provider's reasons.
-  std::vector<std::string> messages;
+  // A provider's further reasons.
+  std::vector<std::string> reasons{};
   // Revision of the commit; 0 when there was none.
   std::uint64_t revision = 0;
   // After a success: revision at which what was to be changed last changed, by this or before it.

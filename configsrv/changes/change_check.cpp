@@ -37,25 +37,27 @@ std::string moreThan(std::size_t count, const char* what, std::size_t limit) {
 // Checks one change of one variable; each step returns success or the reason.
 class Check {
  public:
+  using Verdict = Base::Status<eErrorT>;
+
   Check(const Variable& variable, SecurityRole role) : variable_(variable), role_(role) {}
 
-  ChangeOutcome run(const StoreChange& change) const {
+  Verdict run(const StoreChange& change) const {
     return std::visit([this](const auto& what) { return check(what); }, change.what);
   }
 
  private:
-  ChangeOutcome check(const StoreChange::SetValue& change) const {
+  Verdict check(const StoreChange::SetValue& change) const {
     return firstFailure([&] { return mayWrite(); }, [&] { return canBeWritten(); },
                         [&] { return sizeFits(change.value); },
                         [&] { return valueFits(change.value); });
   }
 
-  ChangeOutcome check(const StoreChange::ResetValue&) const {
+  Verdict check(const StoreChange::ResetValue&) const {
     return firstFailure([&] { return mayWrite(); }, [&] { return canBeWritten(); },
                         [&] { return valueFits(shape().defaultValue); });
   }
 
-  ChangeOutcome check(const StoreChange::SetOptions& change) const {
+  Verdict check(const StoreChange::SetOptions& change) const {
     const std::vector<std::string>& options =
         change.options ? *change.options : variable_.options();
     const std::uint32_t index = change.defaultIndex.value_or(variable_.defaultIndex());
@@ -66,21 +68,21 @@ class Check {
                         [&] { return valueIsAmong(options); });
   }
 
-  ChangeOutcome check(const StoreChange::SetAccess& change) const {
+  Verdict check(const StoreChange::SetAccess& change) const {
     const auto mayDemandIfGiven = [&](const std::optional<int>& role) {
-      return role ? mayDemand(static_cast<SecurityRole>(*role)) : ChangeOutcome{};
+      return role ? mayDemand(static_cast<SecurityRole>(*role)) : Verdict{};
     };
     return firstFailure([&] { return mayChangeAccess(); },
                         [&] { return mayDemandIfGiven(change.readRole); },
                         [&] { return mayDemandIfGiven(change.writeRole); });
   }
 
-  ChangeOutcome check(const StoreChange::ResetAttributes&) const {
+  Verdict check(const StoreChange::ResetAttributes&) const {
     return firstFailure([&] { return mayChangeAccess(); },
                         [&] { return valueIsAmong(shape().options); });
   }
 
-  ChangeOutcome mayWrite() const {
+  Verdict mayWrite() const {
     if (role_ >= variable_.writeRole()) return {};
     return fail(eErrDenied,
                 "writing needs the role " + text(variable_.writeRole()) + ", not " + text(role_));
@@ -88,14 +90,14 @@ class Check {
 
   // Whether new options fit tells whether the value is among them, and so, asked often enough, what
   // the value is.
-  ChangeOutcome mayReadOptions() const {
+  Verdict mayReadOptions() const {
     if (role_ >= variable_.readRole()) return {};
     return fail(eErrDenied, "changing its options needs the role " + text(variable_.readRole()) +
                                 ", for that tells of its value, not " + text(role_));
   }
 
   // Who may only write must not give themselves the right to read.
-  ChangeOutcome mayChangeAccess() const {
+  Verdict mayChangeAccess() const {
     const SecurityRole needed = std::max(variable_.readRole(), variable_.writeRole());
     if (role_ >= needed) return {};
     return fail(eErrDenied,
@@ -103,16 +105,16 @@ class Check {
   }
 
   // Nobody locks themselves out.
-  ChangeOutcome mayDemand(SecurityRole wanted) const {
+  Verdict mayDemand(SecurityRole wanted) const {
     if (wanted <= role_) return {};
     return fail(eErrDenied, "the role " + text(role_) + " cannot demand the role " + text(wanted));
   }
 
-  ChangeOutcome canBeWritten() const {
-    return shape().readOnly ? fail(eErrReadOnly, "the variable is read-only") : ChangeOutcome{};
+  Verdict canBeWritten() const {
+    return shape().readOnly ? fail(eErrReadOnly, "the variable is read-only") : Verdict{};
   }
 
-  ChangeOutcome sizeFits(const std::list<std::string>& value) const {
+  Verdict sizeFits(const std::list<std::string>& value) const {
     if (value.size() > kMaxElements)
       return fail(eErrLimit, moreThan(value.size(), "elements", kMaxElements));
     if (bytesOfAll(value) > kMaxValueBytes)
@@ -120,7 +122,7 @@ class Check {
     return {};
   }
 
-  ChangeOutcome sizeFits(const std::vector<std::string>& options) const {
+  Verdict sizeFits(const std::vector<std::string>& options) const {
     if (options.size() > kMaxOptions)
       return fail(eErrLimit, moreThan(options.size(), "options", kMaxOptions));
     if (bytesOfAll(options) > kMaxValueBytes)
@@ -128,52 +130,54 @@ class Check {
     return {};
   }
 
-  ChangeOutcome valueFits(const std::list<std::string>& value) const {
-    std::string why = checkValue(shape(), variable_.options(), value);
-    if (why.empty()) return {};
+  Verdict valueFits(const std::list<std::string>& value) const {
+    const Base::Status<> fits = checkValue(shape(), variable_.options(), value);
+    if (fits.ok()) return {};
     if (role_ < variable_.readRole() && isAboutOptions(value))
-      why = "the value is none of its options";
-    return fail(eErrInvalidValue, why);
+      return fail(eErrInvalidValue, "the value is none of its options");
+    return fail(eErrInvalidValue, fits.text);
   }
 
   // Whether a value that does not fit would, were it among the options. The reason then names the
   // options, which are for readers alone.
   bool isAboutOptions(const std::list<std::string>& value) const {
-    return checkValue(shape(), {value.begin(), value.end()}, value).empty();
+    return checkValue(shape(), {value.begin(), value.end()}, value).ok();
   }
 
-  ChangeOutcome optionsFit(const std::vector<std::string>& options) const {
+  Verdict optionsFit(const std::vector<std::string>& options) const {
     if (options.empty() && shape().type == ValueType::Enumeration)
       return fail(eErrInvalidValue, "an enumeration needs options");
     for (const std::string& option : options) {
-      const std::string why = checkValue(shape(), {option}, {option});
-      if (!why.empty()) return fail(eErrInvalidValue, why);
+      const Base::Status<> fits = checkValue(shape(), {option}, {option});
+      if (!fits.ok()) return fail(eErrInvalidValue, fits.text);
     }
     return {};
   }
 
-  ChangeOutcome indexFits(std::uint32_t index, const std::vector<std::string>& options) const {
+  Verdict indexFits(std::uint32_t index, const std::vector<std::string>& options) const {
     if (index < std::max<std::size_t>(1, options.size())) return {};
     return fail(eErrInvalidValue, "the default index " + std::to_string(index) + " is past the " +
                                       std::to_string(options.size()) + " options");
   }
 
   // Does not quote the value: the requester need not be allowed to read it.
-  ChangeOutcome valueIsAmong(const std::vector<std::string>& options) const {
-    if (checkValue(shape(), options, variable_.value()).empty()) return {};
+  Verdict valueIsAmong(const std::vector<std::string>& options) const {
+    if (checkValue(shape(), options, variable_.value()).ok()) return {};
     return fail(eErrInvalidValue, "the present value is not among the options");
   }
 
   // Later steps may rely on earlier ones, so none runs after a failure.
-  template <typename... Steps>
-  static ChangeOutcome firstFailure(const Steps&... steps) {
-    ChangeOutcome outcome;
-    static_cast<void>(((outcome = steps(), outcome.error == eErrNone) && ...));
-    return outcome;
+  template <typename Step, typename... Later>
+  static Verdict firstFailure(const Step& step, const Later&... later) {
+    Verdict verdict = step();
+    if constexpr (sizeof...(later) > 0) {
+      if (verdict.ok()) return firstFailure(later...);
+    }
+    return verdict;
   }
 
-  ChangeOutcome fail(eErrorT error, const std::string& reason) const {
-    return failure(variable_.key(), error, reason);
+  Verdict fail(eErrorT error, const std::string& reason) const {
+    return {error, AppConfig::formatKey(variable_.key()) + ": " + reason};
   }
   static std::string text(SecurityRole role) { return std::string(roleName(role)); }
   const VariableShape& shape() const { return variable_.shape(); }
@@ -189,7 +193,7 @@ bool sameRole(const std::optional<int>& wanted, SecurityRole present) {
 }  // namespace
 
 ChangeOutcome checkChange(const Variable& variable, const StoreChange& change, SecurityRole role) {
-  return Check(variable, role).run(change);
+  return {Check(variable, role).run(change)};
 }
 
 bool changesNothing(const Variable& variable, const StoreChange& change) {
@@ -274,7 +278,7 @@ std::size_t stringsOf(const StoreChange& change) {
 }
 
 ChangeOutcome failure(const ConfigVar& key, eErrorT error, const std::string& text) {
-  return {error, false, {AppConfig::formatKey(key) + ": " + text}, 0};
+  return {{error, AppConfig::formatKey(key) + ": " + text}};
 }
 
 }  // namespace ConfigSrv

@@ -47,8 +47,8 @@ ChangeOutcome ChangeQueues::wait(PendingChange& change) {
   if (isAskedAbout(queue.atTurn, change.by.peer))
     return failure(change.key(), eErrConflict,
                    "this process is being asked about a change of it right now");
-  const std::string refusal = refusalToWait(queue, change);
-  if (!refusal.empty()) return failure(change.key(), eErrLimit, refusal);
+  const Base::Status<> room = roomToWait(queue, change);
+  if (!room.ok()) return failure(change.key(), eErrLimit, room.text);
   if (waitsForItself(change))
     return failure(change.key(), eErrConflict, "the change before it waits for this process");
   queue.waiting.push_back(&change);
@@ -57,14 +57,15 @@ ChangeOutcome ChangeQueues::wait(PendingChange& change) {
 
 // Counted only where so many wait that somebody may have their share: all but rarely one change is
 // alone.
-std::string ChangeQueues::refusalToWait(const Queue& queue, const PendingChange& change) const {
+Base::Status<> ChangeQueues::roomToWait(const Queue& queue, const PendingChange& change) const {
   const std::size_t least =
       std::min({limits_.all, limits_.ordinary, limits_.perUser, limits_.perProcess});
   if (queue.waiting.size() < least) return {};
   Shares waiting("changes that wait for their turn at one variable", limits_, own_);
   for (const PendingChange* other : queue.waiting) waiting.add(other->by.owner);
-  const std::string refusal = waiting.refusal(change.by.owner);
-  return refusal.empty() ? refusal : refusal + ": write less often";
+  Base::Status<> room = waiting.room(change.by.owner);
+  if (!room.ok()) room.text += ": write less often";
+  return room;
 }
 
 PendingChange* ChangeQueues::atTurn(const Variable& variable) const {

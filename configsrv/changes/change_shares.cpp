@@ -1,5 +1,7 @@
 #include "configsrv/changes/internal/change_shares.h"
 
+#include <utility>
+
 #include "configsrv/changes/changes_options.h"
 #include "configsrv/changes/internal/change_check.h"
 
@@ -9,8 +11,9 @@ using PbUtility::Owner;
 
 namespace {
 
-std::string withAdvice(const std::string& refusal) {
-  return refusal.empty() ? refusal : refusal + ": try again when some of them have ended";
+Base::Status<> withAdvice(Base::Status<> room) {
+  if (!room.ok()) room.text += ": try again when some of them have ended";
+  return room;
 }
 
 }  // namespace
@@ -25,15 +28,15 @@ std::size_t ChangeShares::bytesOf(const ChangeRequest& request) {
          stringsOf(request.what) * kStringBytes;
 }
 
-std::string ChangeShares::refusal(Owner owner, std::size_t bytes) const {
-  const std::string refusal = count_.refusal(owner);
-  return withAdvice(refusal.empty() ? bytes_.refusal(owner, bytes) : refusal);
+Base::Status<> ChangeShares::room(Owner owner, std::size_t bytes) const {
+  Base::Status<> room = count_.room(owner);
+  return withAdvice(room.ok() ? bytes_.room(owner, bytes) : std::move(room));
 }
 
-std::string ChangeShares::reserve(Owner owner, std::size_t bytes) {
-  const std::string refusal = bytes_.refusal(owner, bytes);
-  if (refusal.empty()) bytes_.add(owner, bytes);
-  return withAdvice(refusal);
+Base::Status<> ChangeShares::reserve(Owner owner, std::size_t bytes) {
+  Base::Status<> room = bytes_.room(owner, bytes);
+  if (room.ok()) bytes_.add(owner, bytes);
+  return withAdvice(std::move(room));
 }
 
 void ChangeShares::add(Owner owner, std::size_t bytes) {

@@ -113,7 +113,7 @@ void Changes::validate(ChangeRequest request, ChangeDone done) {
   beginNextTurns();
 }
 
-std::string Changes::reserve(Owner owner, std::size_t bytes) {
+Base::Status<> Changes::reserve(Owner owner, std::size_t bytes) {
   return shares_->reserve(owner, bytes);
 }
 
@@ -123,7 +123,7 @@ void Changes::admit(ChangeRequest&& request, ChangeDone&& done, bool validateOnl
   const Variable* variable = model_.find(request.what.key);
   const std::size_t bytes = ChangeShares::bytesOf(request);
   const ChangeOutcome refusal = refusalOf(variable, request, bytes);
-  if (refusal.error != eErrNone) {
+  if (!refusal.ok()) {
     if (!validateOnly) ++counters_.refused;
     if (!validateOnly && observer_ != nullptr)
       observer_->changeEnds(request.by, request.what, variable, refusal);
@@ -143,9 +143,9 @@ ChangeOutcome Changes::refusalOf(const Variable* variable, const ChangeRequest& 
   if (variable == nullptr) return failure(request.what.key, eErrNotFound, "no such variable");
   if (stopped_) return failure(variable->key(), eErrUnavailable, "the service is stopping");
   ChangeOutcome outcome = checkChange(*variable, request.what, request.by.role);
-  if (outcome.error != eErrNone) return outcome;
-  const std::string refusal = shares_->refusal(request.by.owner, bytes);
-  return refusal.empty() ? ChangeOutcome{} : failure(variable->key(), eErrLimit, refusal);
+  if (!outcome.ok()) return outcome;
+  const Base::Status<> room = shares_->room(request.by.owner, bytes);
+  return room.ok() ? ChangeOutcome{} : failure(variable->key(), eErrLimit, room.text);
 }
 
 // A device writes what it has again and again; with no change before it, nothing of such a write has
@@ -181,7 +181,7 @@ PendingChange& Changes::remember(const Variable& variable, ChangeRequest&& reque
 void Changes::enqueue(PendingChange& change) {
   if (queues_->takeTurn(change)) return begin(change);
   const ChangeOutcome refusal = queues_->wait(change);
-  if (refusal.error != eErrNone) end(change, refusal);
+  if (!refusal.ok()) end(change, refusal);
 }
 
 // --- The phases ---
@@ -196,13 +196,13 @@ void Changes::setState(PendingChange& change, ChangeState state) {
 
 void Changes::begin(PendingChange& change) {
   const ChangeOutcome outcome = checkAgain(change);
-  if (outcome.error != eErrNone) return end(change, outcome);
+  if (!outcome.ok()) return end(change, outcome);
   if (changesNothing(change)) return end(change, unchangedAt(changedAt(change)));
   for (ChangePart& part : change.parts)
     part.written = written_.planOf(*part.variable, part.wanted, change.by.owner);
   // Before anybody is asked about it.
-  const std::string refusal = refusalToKeep(change);
-  if (!refusal.empty()) return fail(change, eErrLimit, refusal);
+  const Base::Status<> room = roomToKeep(change);
+  if (!room.ok()) return fail(change, eErrLimit, room.text);
   if (changesAnyValue(change))
     beginToValidate(change);
   else
@@ -214,7 +214,7 @@ ChangeOutcome Changes::checkAgain(const PendingChange& change) const {
   ChangeOutcome outcome;
   for (const ChangePart& part : change.parts) {
     outcome = checkChange(*part.variable, part.wanted, change.by.role);
-    if (outcome.error != eErrNone) break;
+    if (!outcome.ok()) break;
   }
   return outcome;
 }
@@ -261,7 +261,7 @@ void Changes::askNext(PendingChange& change) {
       queues_->waitsForItself(change)
           ? rounds_->failed(change, eErrConflict, "waits for this change and cannot be asked")
           : rounds_->ask(change);
-  if (outcome.error != eErrNone) end(change, outcome);
+  if (!outcome.ok()) end(change, outcome);
 }
 
 void Changes::onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messageId,
@@ -269,7 +269,7 @@ void Changes::onAnswer(PeerId peer, std::uint32_t question, std::uint32_t messag
   PendingChange* change = rounds_->asking(peer, question);
   if (change == nullptr) return;
   const ChangeOutcome outcome = rounds_->answered(*change, messageId, payload);
-  if (outcome.error == eErrNone) return;
+  if (outcome.ok()) return;
   end(*change, outcome);
   beginNextTurns();
 }
@@ -278,7 +278,7 @@ void Changes::onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone)
   PendingChange* change = rounds_->asking(peer, question);
   if (change == nullptr) return;
   const ChangeOutcome outcome = rounds_->answeredByAll(*change, peerGone);
-  if (outcome.error == eErrNone)
+  if (outcome.ok())
     askNext(*change);
   else
     end(*change, outcome);
@@ -310,21 +310,21 @@ void Changes::endPhase(PendingChange& change) {
   commit(change);
 }
 
-// Why what the change comes to cannot be kept; empty when it can.
-std::string Changes::refusalToKeep(const PendingChange& change) const {
+// For what the change comes to.
+Base::Status<> Changes::roomToKeep(const PendingChange& change) const {
   for (const ChangePart& part : change.parts) {
-    std::string refusal = written_.refusal(part.written);
-    if (!refusal.empty()) return refusal;
+    Base::Status<> room = written_.room(part.written);
+    if (!room.ok()) return room;
   }
   const Owner owner = change.by.owner;
   if (!hourly_.limits(owner)) return {};
-  return hourly_.refusal(owner, bytesOf(change), host_.now());
+  return hourly_.room(owner, bytesOf(change), host_.now());
 }
 
 void Changes::commit(PendingChange& change) {
   // Others of the same user's may have come before it, while providers were asked.
-  const std::string refusal = refusalToKeep(change);
-  if (!refusal.empty()) return fail(change, eErrLimit, refusal);
+  const Base::Status<> room = roomToKeep(change);
+  if (!room.ok()) return fail(change, eErrLimit, room.text);
   const Owner owner = change.by.owner;
   if (hourly_.limits(owner)) hourly_.add(owner, bytesOf(change), host_.now());
   setState(change, ChangeState::Committing);
@@ -413,7 +413,7 @@ std::unique_ptr<PendingChange> Changes::finish(PendingChange& change,
   shares_->remove(ended->by.owner, ended->bytes);
   for (const ChangePart& part : ended->parts) written_.drop(part.written);
   ended->done(outcome);
-  if (outcome.error == eErrNone) return ended;
+  if (outcome.ok()) return ended;
   for (const PeerId peer : ended->told) {
     for (const ChangePart& part : ended->parts) announcer_.repeatValue(*part.variable, peer);
   }
@@ -422,7 +422,7 @@ std::unique_ptr<PendingChange> Changes::finish(PendingChange& change,
 
 void Changes::count(const PendingChange& change, const ChangeOutcome& outcome) {
   if (change.validateOnly) return;
-  if (outcome.error != eErrNone)
+  if (!outcome.ok())
     ++counters_.refused;
   else if (outcome.unchanged)
     ++counters_.unchanged;

@@ -32,6 +32,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/status.h"
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/change.h"
 #include "configsrv/changes/changes_options.h"
@@ -71,8 +72,8 @@ class Changes {
   void validate(ChangeRequest request, ChangeDone done);
 
   // Takes bytes of the owner's share of what is under way, for a request that makes many changes,
-  // until they are released. Empty on success, else which limit they would pass, and whose.
-  [[nodiscard]] std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  // until they are released. A failure says which limit they would pass, and whose.
+  Base::Status<> reserve(PbUtility::Owner owner, std::size_t bytes);
   void release(PbUtility::Owner owner, std::size_t bytes);
 
   // A provider that was expected is back, or is not expected any more.
@@ -121,7 +122,7 @@ class Changes {
   void askNext(PendingChange& change);
   void endPhase(PendingChange& change);
   void onDeadline(Number number);
-  std::string refusalToKeep(const PendingChange& change) const;
+  Base::Status<> roomToKeep(const PendingChange& change) const;
   void commit(PendingChange& change);
   void onCommitted(Number number, const StoreStatus& status, std::uint64_t revision);
   void applyAndAnnounce(PendingChange& change, std::uint64_t revision);

@@ -8,7 +8,7 @@ bool HourlyLimits::limits(Owner owner) const {
   return (options_.commits > 0 || options_.bytes > 0) && owner.uid != 0 && owner.uid != own_;
 }
 
-std::string HourlyLimits::refusal(Owner owner, std::size_t carried, Clock::time_point now) const {
+Base::Status<> HourlyLimits::room(Owner owner, std::size_t carried, Clock::time_point now) const {
   const auto found = hours_.find(owner.uid);
   const bool isNew = found == hours_.end() || now - found->second.begin >= kHour;
   const Hour hour = isNew ? Hour{now} : found->second;
@@ -18,12 +18,13 @@ std::string HourlyLimits::refusal(Owner owner, std::size_t carried, Clock::time_
   const std::string limit = isCommits ? std::to_string(options_.commits) + " durable changes"
                                       : std::to_string(options_.bytes) + " bytes made durable";
   if (isBytes && !isCommits && isNew)
-    return "no more than " + limit + " in an hour for one user, and this change alone has " +
-           std::to_string(kCommitBytes + carried) + ": make the value smaller";
+    return Base::failed("no more than " + limit +
+                        " in an hour for one user, and this change alone has " +
+                        std::to_string(kCommitBytes + carried) + ": make the value smaller");
   const auto left = std::chrono::ceil<std::chrono::seconds>(hour.begin + kHour - now);
-  return "no more than " + limit + " in an hour for one user, and user " +
-         std::to_string(owner.uid) + " has its share: there is room again in " +
-         std::to_string(left.count()) + " s";
+  return Base::failed("no more than " + limit + " in an hour for one user, and user " +
+                      std::to_string(owner.uid) + " has its share: there is room again in " +
+                      std::to_string(left.count()) + " s");
 }
 
 void HourlyLimits::add(Owner owner, std::size_t carried, Clock::time_point now) {

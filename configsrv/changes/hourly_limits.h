@@ -4,7 +4,7 @@
 // commit and ends 60 minutes later; the next one begins with the commit after that. Root and the
 // service's own user have no such limit: what they do is the device's own business.
 //
-// Errors:   a refusal names the limit, the user, and when there is room again.
+// Errors:   a failure names the limit, the user, and when there is room again.
 // Threads:  one.
 #pragma once
 
@@ -16,6 +16,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/status.h"
 #include "platform/messaging/serving/shares.h"
 
 namespace ConfigSrv {
@@ -38,8 +39,8 @@ class HourlyLimits {
   HourlyLimits(HourlyOptions options, uid_t own) : options_(options), own_(own) {}
 
   bool limits(PbUtility::Owner owner) const;
-  // Of a commit that carries so many bytes. Empty when there is room for it.
-  std::string refusal(PbUtility::Owner owner, std::size_t carried, Clock::time_point now) const;
+  // For a commit that carries so many bytes.
+  Base::Status<> room(PbUtility::Owner owner, std::size_t carried, Clock::time_point now) const;
   void add(PbUtility::Owner owner, std::size_t carried, Clock::time_point now);
 
  private:

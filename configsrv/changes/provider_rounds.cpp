@@ -103,9 +103,8 @@ ChangeOutcome ProviderRounds::answered(PendingChange& change, std::uint32_t mess
     return failure(
         change.key(), eErrVetoed,
         "provider " + change.round.asked.clientName + " refused the value without a reason");
-  ChangeOutcome vetoed;
-  vetoed.error = eErrVetoed;
-  vetoed.messages = answer.messages;
+  ChangeOutcome vetoed{{eErrVetoed, answer.messages.front()}};
+  vetoed.reasons.assign(answer.messages.begin() + 1, answer.messages.end());
   return vetoed;
 }
 
@@ -125,7 +124,7 @@ ChangeOutcome ProviderRounds::failed(const PendingChange& change, eErrorT error,
                                      const std::string& why) const {
   ChangeOutcome outcome =
       failure(change.key(), error, "provider " + change.round.asked.clientName + " " + why);
-  log_.repeatable(LogLevel::Warning, "provider", outcome.messages.front());
+  log_.repeatable(LogLevel::Warning, "provider", outcome.text);
   return outcome;
 }
 

@@ -65,12 +65,12 @@ Answer parsed(std::uint32_t messageId, std::string_view payload) {
   Answer answer;
   answer.broken = true;
   if (messageId != PlatformSchema::messageIdOf(response)) return answer;
-  std::string problem;
-  switch (PlatformSchema::readMessage(messageId, payload, response, problem)) {
+  const Base::Status<Reading> read = PlatformSchema::readMessage(messageId, payload, response);
+  switch (read.code) {
     case Reading::Done:
       return verdictOf(response.result());
     case Reading::TooMuch:
-      return tooMuch(problem);
+      return tooMuch(read.text);
     case Reading::NoMessage:
       break;
   }

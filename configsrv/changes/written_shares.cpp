@@ -99,16 +99,16 @@ std::size_t WrittenShares::growth(const Plan& plan) const {
   return plan.bytes - (isOwn ? std::min(found->second.bytes, plan.bytes) : 0);
 }
 
-std::string WrittenShares::refusal(const Plan& plan) const {
+Base::Status<> WrittenShares::room(const Plan& plan) const {
   if (!plan.isAny || plan.bytes <= bytesAt(plan.part)) return {};
-  const std::string advice = ": reset or shorten others first";
+  constexpr const char* kAdvice = ": reset or shorten others first";
   const std::size_t more = growth(plan);
-  const std::string refusal = shares_.refusal(userOf(plan.owner), more);
-  if (!refusal.empty()) return refusal + advice;
+  const Base::Status<> ofUser = shares_.room(userOf(plan.owner), more);
+  if (!ofUser.ok()) return Base::failed(ofUser.text + kAdvice);
   if (ofProcess(plan.owner.pid) + more <= perProcess_) return {};
-  return "no more than " + std::to_string(perProcess_) + " " + shares_.name() +
-         " for one process, and process " + std::to_string(plan.owner.pid) + " has its share" +
-         advice;
+  return Base::failed("no more than " + std::to_string(perProcess_) + " " + shares_.name() +
+                      " for one process, and process " + std::to_string(plan.owner.pid) +
+                      " has its share" + kAdvice);
 }
 
 void WrittenShares::add(Owner owner, std::uint64_t life, std::size_t bytes) {

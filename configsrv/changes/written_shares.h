@@ -6,10 +6,10 @@
 // together, because nobody knows who wrote it. A write that takes no more than what it replaces is
 // never refused.
 //
-//   plan = what a change would come to; refusal(plan); take(plan) when it is being made durable; then
+//   plan = what a change would come to; room(plan); take(plan) when it is being made durable; then
 //   apply(plan) once it is, or drop(plan) when it failed.
 //
-// Errors:   a refusal names the limit, whose it is, and what to do.
+// Errors:   a failure names the limit, whose it is, and what to do.
 // Threads:  one. The model outlives it.
 #pragma once
 
@@ -18,6 +18,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/status.h"
 #include "configsrv/model/model.h"
 #include "platform/messaging/serving/shares.h"
 
@@ -49,7 +50,7 @@ class WrittenShares {
   void went(pid_t process);
 
   Plan planOf(const Variable& variable, const StoreChange& change, PbUtility::Owner owner) const;
-  std::string refusal(const Plan& plan) const;
+  Base::Status<> room(const Plan& plan) const;
   void take(Plan& plan);
   void apply(const Plan& plan);
   void drop(const Plan& plan);

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <map>
 
+#include "base/status.h"
 #include "configsrv/configsrvd/exit_code.h"
 #include "platform/messaging/wire/runtime_dir.h"
 
@@ -84,14 +85,15 @@ void addLogLevel(CLI::App& app, LogLevel& level) {
       ->check(CLI::IsMember({"error", "warning", "info", "debug"}));
 }
 
-// What the options alone cannot say. Empty when all is well.
-std::string missing(const CommandLine& line, bool socketIsGiven) {
+// What the options alone cannot say.
+Base::Status<> checkTogether(const CommandLine& line, bool socketIsGiven) {
   if (!line.checkDir.empty()) return {};
-  if (line.service.definitionsDir.empty()) return "--definitions is required";
-  if (line.service.storeFile.empty()) return "--store is required";
+  if (line.service.definitionsDir.empty()) return Base::failed("--definitions is required");
+  if (line.service.storeFile.empty()) return Base::failed("--store is required");
   const bool needsDir = line.service.runtimeDir.empty() && !socketIsGiven;
   if (needsDir && PbUtility::defaultRuntimeDir().empty())
-    return "no directory for the socket: give --runtime-dir or set APPCONFIG_RUNTIME_DIR";
+    return Base::failed(
+        "no directory for the socket: give --runtime-dir or set APPCONFIG_RUNTIME_DIR");
   return {};
 }
 
@@ -120,8 +122,8 @@ ParsedCommandLine parseCommandLine(int argc, char** argv) {
   }
   line.service.providerDeadline = std::chrono::milliseconds(times.deadline);
   line.service.providerGrace = std::chrono::milliseconds(times.grace);
-  const std::string problem = missing(line, std::getenv("LISTEN_FDS") != nullptr);
-  if (problem.empty()) return {line, kExitOk};
-  std::cerr << problem << "\nRun with --help for more information.\n";
+  const Base::Status<> together = checkTogether(line, std::getenv("LISTEN_FDS") != nullptr);
+  if (together.ok()) return {line, kExitOk};
+  std::cerr << together.text << "\nRun with --help for more information.\n";
   return ended(kExitUsage);
 }

@@ -46,8 +46,8 @@ int check(const std::string& directory) {
 }
 
 void tellManager(const Log& log, const std::string& state) {
-  const std::string problem = notifyManager(state);
-  if (!problem.empty()) log.warning(problem);
+  const Base::Status<> told = notifyManager(state);
+  if (!told.ok()) log.warning(told.text);
 }
 
 int exitCodeOf(StartStatus status) {
@@ -158,10 +158,9 @@ int main(int argc, char** argv) {
   umask(S_IWGRP | S_IWOTH);
   StopSignals signals;
   const Log log(line.logLevel, Log::toStandardError());
-  std::string problem;
-  line.service.listenFd = takeListeningSocket(problem);
-  if (!problem.empty()) {
-    log.error(problem);
+  const Base::Status<> taken = takeListeningSocket(line.service.listenFd);
+  if (!taken.ok()) {
+    log.error(taken.text);
     return kExitBadSocket;
   }
   raiseDescriptorLimit(log);

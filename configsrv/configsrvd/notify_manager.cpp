@@ -1,3 +1,6 @@
+// Either side says what it has to say once: the service in a datagram for each notice, the manager in
+// variables of the environment. These are for this process alone, so they are taken away at once, for a
+// child must not believe that it was meant.
 #include "configsrv/configsrvd/notify_manager.h"
 
 #include <fcntl.h>
@@ -14,10 +17,13 @@
 
 namespace {
 
+using Base::failed;
+using Base::Status;
+
 constexpr int kFirstPassedSocket = 3;
 
-std::string failed(const char* what) {
-  return std::string("cannot ") + what + " the service manager: " + std::strerror(errno);
+Status<> cannot(const char* what) {
+  return failed(std::string("cannot ") + what + " the service manager: " + std::strerror(errno));
 }
 
 // A name that begins with "@" is one of the abstract namespace: its first byte is zero.
@@ -32,29 +38,31 @@ bool isMine(const char* pid) { return pid != nullptr && pid == std::to_string(ge
 
 }  // namespace
 
-std::string notifyManager(const std::string& state) {
+Base::Status<> notifyManager(const std::string& state) {
   const char* variable = std::getenv("NOTIFY_SOCKET");
   const std::string name = variable == nullptr ? "" : variable;
   if (name.empty()) return {};
   sockaddr_un address{};
   if ((name[0] != '/' && name[0] != '@') || name.size() >= sizeof address.sun_path)
-    return "NOTIFY_SOCKET is no usable address";
+    return failed("NOTIFY_SOCKET is no usable address");
   const socklen_t size = fillAddress(name, address);
   const Base::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!fd) return failed("reach");
+  if (!fd) return cannot("reach");
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   const ssize_t sent = sendto(fd.get(), state.data(), state.size(), MSG_NOSIGNAL, generic, size);
-  return sent < 0 ? failed("notify") : std::string();
+  return sent < 0 ? cannot("notify") : Status<>();
 }
 
-int takeListeningSocket(std::string& problem) {
+Base::Status<> takeListeningSocket(int& socket) {
+  socket = -1;
   const char* count = std::getenv("LISTEN_FDS");
   const bool isForUs = count != nullptr && isMine(std::getenv("LISTEN_PID"));
   const std::string sockets = isForUs ? count : "0";
   for (const char* name : {"LISTEN_FDS", "LISTEN_PID", "LISTEN_FDNAMES"}) unsetenv(name);
-  if (sockets == "0") return -1;
-  if (sockets != "1") problem = "the service manager passed " + sockets + " sockets instead of one";
-  if (sockets == "1" && fcntl(kFirstPassedSocket, F_SETFD, FD_CLOEXEC) != 0)
-    problem = failed("take the socket of");
-  return problem.empty() ? kFirstPassedSocket : -1;
+  if (sockets == "0") return {};
+  if (sockets != "1")
+    return failed("the service manager passed " + sockets + " sockets instead of one");
+  if (fcntl(kFirstPassedSocket, F_SETFD, FD_CLOEXEC) != 0) return cannot("take the socket of");
+  socket = kFirstPassedSocket;
+  return {};
 }

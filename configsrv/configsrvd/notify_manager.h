@@ -5,10 +5,12 @@
 
 #include <string>
 
-// Tells the manager something, "READY=1" for instance. Does nothing without a manager. Empty on
-// success, else what went wrong: worth a line in the log and nothing more.
-[[nodiscard]] std::string notifyManager(const std::string& state);
+#include "base/status.h"
 
-// The listening socket that the manager hands over, closed on exec; -1: none. The problem is empty
-// unless there is one that cannot be used. Takes the variables out of the environment.
-int takeListeningSocket(std::string& problem);
+// Tells the manager something, "READY=1" for instance. Does nothing without a manager. A failure is
+// worth a line in the log and nothing more.
+Base::Status<> notifyManager(const std::string& state);
+
+// The listening socket that the manager hands over, closed on exec; -1: none. Fails when there is one
+// that cannot be used. Takes the variables out of the environment.
+Base::Status<> takeListeningSocket(int& socket);

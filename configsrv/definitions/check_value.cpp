@@ -13,6 +13,9 @@
 namespace ConfigSrv {
 namespace {
 
+using Base::failed;
+using Base::Status;
+
 // As much of a value, and as many options, as a reason repeats.
 constexpr std::size_t kMaxQuotedBytes = 80;
 constexpr std::size_t kMaxQuotedOptions = 20;
@@ -52,45 +55,48 @@ std::string allowedOptions(const std::vector<std::string>& options) {
   return more == 0 ? out : out + " and " + std::to_string(more) + " more";
 }
 
-std::string checkSize(const VariableShape& shape, const std::list<std::string>& value) {
+Status<> checkSize(const VariableShape& shape, const std::list<std::string>& value) {
   const std::size_t count = value.size();
   if (shape.type != ValueType::List && count != 1) {
-    return "a value of type " + std::string(valueTypeName(shape.type)) +
-           " has exactly one element, not " + std::to_string(count);
+    return failed("a value of type " + std::string(valueTypeName(shape.type)) +
+                  " has exactly one element, not " + std::to_string(count));
   }
   const std::size_t most = shape.maxElements.value_or(kMaxElements);
   if (count > most)
-    return "the list has " + elements(count) + ", and " + elements(most) + " at most are allowed";
+    return failed("the list has " + elements(count) + ", and " + elements(most) +
+                  " at most are allowed");
   std::size_t sum = 0;
   for (const std::string& element : value) sum += element.size();
-  if (sum <= kMaxValueBytes) return std::string();
-  return "the value has " + bytes(sum) + ", and " + bytes(kMaxValueBytes) + " at most are allowed";
+  if (sum <= kMaxValueBytes) return {};
+  return failed("the value has " + bytes(sum) + ", and " + bytes(kMaxValueBytes) +
+                " at most are allowed");
 }
 
-std::string checkInt(const VariableShape& shape, const std::string& element) {
+Status<> checkInt(const VariableShape& shape, const std::string& element) {
   std::int64_t number = 0;
   switch (readInt(element, number)) {
     case IntReading::Number:
       break;
     case IntReading::NotANumber:
-      return named(shape, element) +
-             " is no whole number: digits with an optional sign, or 0x and hexadecimal digits, or "
-             "0 "
-             "and octal digits";
+      return failed(
+          named(shape, element) +
+          " is no whole number: digits with an optional sign, or 0x and hexadecimal digits, or "
+          "0 "
+          "and octal digits");
     case IntReading::TooLong:
-      return named(shape, element) + " is outside 64 bits";
+      return failed(named(shape, element) + " is outside 64 bits");
   }
   const std::int64_t least = lowestAllowed(shape);
   const std::int64_t most = highestAllowed(shape);
   if (number < least) {
-    return named(shape, element) + " is less than " + std::to_string(least) +
-           ", the smallest value allowed";
+    return failed(named(shape, element) + " is less than " + std::to_string(least) +
+                  ", the smallest value allowed");
   }
   if (number > most) {
-    return named(shape, element) + " is more than " + std::to_string(most) +
-           ", the largest value allowed";
+    return failed(named(shape, element) + " is more than " + std::to_string(most) +
+                  ", the largest value allowed");
   }
-  return std::string();
+  return {};
 }
 
 bool equalsIgnoringCase(std::string_view value, std::string_view lowerCase) {
@@ -99,42 +105,43 @@ bool equalsIgnoringCase(std::string_view value, std::string_view lowerCase) {
                     [](char a, char b) { return AppConfig::lowerCase(a) == b; });
 }
 
-std::string checkBool(const VariableShape& shape, const std::string& element) {
+Status<> checkBool(const VariableShape& shape, const std::string& element) {
   if (equalsIgnoringCase(element, "true") || equalsIgnoringCase(element, "false")) {
-    return std::string();
+    return {};
   }
-  return named(shape, element) + " is neither true nor false";
+  return failed(named(shape, element) + " is neither true nor false");
 }
 
-std::string checkLength(const VariableShape& shape, const std::string& element) {
-  if (!shape.maxLength || element.size() <= *shape.maxLength) return std::string();
-  return named(shape, element) + " has " + bytes(element.size()) + ", and " +
-         bytes(*shape.maxLength) + " at most are allowed";
+Status<> checkLength(const VariableShape& shape, const std::string& element) {
+  if (!shape.maxLength || element.size() <= *shape.maxLength) return {};
+  return failed(named(shape, element) + " has " + bytes(element.size()) + ", and " +
+                bytes(*shape.maxLength) + " at most are allowed");
 }
 
-std::string checkPattern(const VariableShape& shape, const std::string& element,
-                         PatternMatcher& matcher) {
-  if (matcher.matches(element)) return std::string();
+Status<> checkPattern(const VariableShape& shape, const std::string& element,
+                      PatternMatcher& matcher) {
+  if (matcher.matches(element)) return {};
   if (element.size() > kMaxMatchedBytes) {
-    return named(shape, element) + " has " + bytes(element.size()) + ", and with a pattern " +
-           bytes(kMaxMatchedBytes) + " at most are allowed";
+    return failed(named(shape, element) + " has " + bytes(element.size()) +
+                  ", and with a pattern " + bytes(kMaxMatchedBytes) + " at most are allowed");
   }
-  return named(shape, element) + " does not match the pattern " + quoted(shape.pattern->text());
+  return failed(named(shape, element) + " does not match the pattern " +
+                quoted(shape.pattern->text()));
 }
 
-std::string checkText(const VariableShape& shape, const std::list<std::string>& value) {
-  std::string reason;
+Status<> checkText(const VariableShape& shape, const std::list<std::string>& value) {
+  Status<> fits;
   std::optional<PatternMatcher> matcher;
   if (shape.pattern) matcher.emplace(*shape.pattern);
   for (const std::string& element : value) {
-    reason = checkLength(shape, element);
-    if (reason.empty() && matcher) reason = checkPattern(shape, element, *matcher);
-    if (!reason.empty()) break;
+    fits = checkLength(shape, element);
+    if (fits.ok() && matcher) fits = checkPattern(shape, element, *matcher);
+    if (!fits.ok()) break;
   }
-  return reason;
+  return fits;
 }
 
-std::string checkType(const VariableShape& shape, const std::list<std::string>& value) {
+Status<> checkType(const VariableShape& shape, const std::list<std::string>& value) {
   switch (shape.type) {
     case ValueType::Int:
       return checkInt(shape, value.front());
@@ -146,35 +153,33 @@ std::string checkType(const VariableShape& shape, const std::list<std::string>& 
     case ValueType::Enumeration:
       break;
   }
-  return std::string();
+  return {};
 }
 
-std::string checkOptions(const VariableShape& shape, const std::vector<std::string>& options,
-                         const std::list<std::string>& value) {
-  if (options.empty()) {
-    return shape.type == ValueType::Enumeration ? "the variable has no options at present"
-                                                : std::string();
-  }
+Status<> checkOptions(const VariableShape& shape, const std::vector<std::string>& options,
+                      const std::list<std::string>& value) {
+  if (options.empty() && shape.type == ValueType::Enumeration)
+    return failed("the variable has no options at present");
+  if (options.empty()) return {};
   for (const std::string& element : value) {
     if (std::find(options.begin(), options.end(), element) != options.end()) continue;
-    return named(shape, element) + " is none of the options: " + allowedOptions(options);
+    return failed(named(shape, element) + " is none of the options: " + allowedOptions(options));
   }
-  return std::string();
+  return {};
 }
 
 }  // namespace
 
-std::string checkValue(const VariableShape& shape, const std::vector<std::string>& options,
-                       const std::list<std::string>& value) {
-  std::string reason = checkSize(shape, value);
-  if (reason.empty()) reason = checkType(shape, value);
-  if (reason.empty()) reason = checkOptions(shape, options, value);
-  return reason;
+Base::Status<> checkValue(const VariableShape& shape, const std::vector<std::string>& options,
+                          const std::list<std::string>& value) {
+  if (Base::Status<> size = checkSize(shape, value); !size.ok()) return size;
+  if (Base::Status<> type = checkType(shape, value); !type.ok()) return type;
+  return checkOptions(shape, options, value);
 }
 
-std::string checkValue(const VariableDefinition& definition,
-                       const std::vector<std::string>& options,
-                       const std::list<std::string>& value) {
+Base::Status<> checkValue(const VariableDefinition& definition,
+                          const std::vector<std::string>& options,
+                          const std::list<std::string>& value) {
   return checkValue(*definition.shape, options, value);
 }
 

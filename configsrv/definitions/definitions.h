@@ -30,6 +30,7 @@
 
 #include "appconfig/core/config_var.h"
 #include "appconfig/core/security_role.h"
+#include "base/status.h"
 #include "configsrv/toml/mistake.h"
 
 namespace ConfigSrv {
@@ -122,21 +123,19 @@ struct LoadResult {
 // variables serves nobody, and is most likely looking in the wrong place.
 LoadResult loadDefinitions(const std::string& directory);
 
-// Whether the variable may hold the value: empty when it may, otherwise the reason, which names the
-// limit and what is allowed: "\"70000\" is more than 9000, the largest value allowed". options are
-// the present ones, which need not be those of the definition; an empty list allows anything that
-// the type allows, save that an enumeration without options allows nothing. The reason of a secret
-// variable does not quote the value.
+// Whether the variable may hold the value; a failure names the limit and what is allowed:
+// "\"70000\" is more than 9000, the largest value allowed". options are the present ones, which need
+// not be those of the definition; an empty list allows anything that the type allows, save that an
+// enumeration without options allows nothing. The text of a secret variable does not quote the value.
 //
 //   int    optional sign and decimal digits, or 0x and hexadecimal, or 0 and octal digits, with
 //          nothing before or behind: what strtol reads with base 0
 //   bool   true or false, in any case
 //   list   any number of elements; every other type has exactly one
-[[nodiscard]] std::string checkValue(const VariableShape& shape,
-                                     const std::vector<std::string>& options,
-                                     const std::list<std::string>& value);
-[[nodiscard]] std::string checkValue(const VariableDefinition& definition,
-                                     const std::vector<std::string>& options,
-                                     const std::list<std::string>& value);
+Base::Status<> checkValue(const VariableShape& shape, const std::vector<std::string>& options,
+                          const std::list<std::string>& value);
+Base::Status<> checkValue(const VariableDefinition& definition,
+                          const std::vector<std::string>& options,
+                          const std::list<std::string>& value);
 
 }  // namespace ConfigSrv

@@ -192,11 +192,12 @@ bool LayerReader::readKey(const TomlEntry& entry, WrittenDefinition& definition)
                       std::string(kindName(entry.value.kind)));
     return false;
   }
-  const std::string wrong = AppConfig::parseKey(entry.name, definition.key);
-  if (!wrong.empty()) {
+  const Base::Status<> read = AppConfig::parseKey(entry.name, definition.key);
+  if (!read.ok()) {
     // [variable.network.hostname] is three tables within each other to TOML.
     const bool unquoted = entry.name.find('.') == std::string::npos;
-    report(entry, wrong + (unquoted ? "; quote all of it: [variable.\"network.hostname\"]" : ""));
+    report(entry,
+           read.text + (unquoted ? "; quote all of it: [variable.\"network.hostname\"]" : ""));
     return false;
   }
   noteWrittenInstances(entry.name, definition);

@@ -318,19 +318,19 @@ void ShapeReader::readDefault() {
 void ShapeReader::checkDefault() {
   if (shape_.type != ValueType::List) {
     for (const std::string& option : shape_.options) {
-      const std::string reason = checkValue(shape_, {option}, {option});
-      if (!reason.empty())
-        report({"options", "min", "max", "max-length", "pattern"}, "\"options\": " + reason);
+      const Base::Status<> fits = checkValue(shape_, {option}, {option});
+      if (!fits.ok())
+        report({"options", "min", "max", "max-length", "pattern"}, "\"options\": " + fits.text);
     }
   }
-  const std::string reason = checkValue(shape_, shape_.options, shape_.defaultValue);
-  if (reason.empty()) return agreeOnDefaultIndex();
+  const Base::Status<> fits = checkValue(shape_, shape_.options, shape_.defaultValue);
+  if (fits.ok()) return agreeOnDefaultIndex();
   const bool written = value("default") != nullptr;
   report(
       {"default", "default-index", "options", "min", "max", "max-length", "max-elements",
        "pattern"},
       (written ? "\"default\": " : "\"default\" is missing, and what stands in for it is wrong: ") +
-          reason);
+          fits.text);
 }
 
 void ShapeReader::agreeOnDefaultIndex() {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "appconfig/core/key_notation.h"
+#include "base/status.h"
 #include "configsrv/model/internal/key_index.h"
 #include "configsrv/model/internal/name_index.h"
 
@@ -36,39 +37,41 @@ std::uint32_t defaultIndexOf(const StoredVariable& stored, const VariableShape& 
   return stored.defaultIndex ? *stored.defaultIndex : shape.defaultIndex;
 }
 
-// Why the stored value cannot be used under the present definition; empty when it can.
-std::string refusalOfValue(const StoredVariable& stored, const VariableShape& shape) {
-  if (shape.readOnly) return "the variable is read-only";
+// Whether the stored value can be used under the present definition.
+Base::Status<> valueFits(const StoredVariable& stored, const VariableShape& shape) {
+  if (shape.readOnly) return Base::failed("the variable is read-only");
   return checkValue(shape, optionsOf(stored, shape), *stored.value);
 }
 
 // Whether the variable can have a value that is one of its options: the stored one, or the default.
 bool canHoldAnOption(const StoredVariable& stored, const VariableShape& shape) {
-  if (stored.value && refusalOfValue(stored, shape).empty()) return true;
-  return checkValue(shape, optionsOf(stored, shape), shape.defaultValue).empty();
+  if (stored.value && valueFits(stored, shape).ok()) return true;
+  return checkValue(shape, optionsOf(stored, shape), shape.defaultValue).ok();
 }
 
-// Why the stored options cannot be used; empty when they can.
-std::string refusalOfOptions(const StoredVariable& stored, const VariableShape& shape) {
-  if (shape.readOnly) return "the variable is read-only";
+// Whether the stored options can be used.
+Base::Status<> optionsFit(const StoredVariable& stored, const VariableShape& shape) {
+  if (shape.readOnly) return Base::failed("the variable is read-only");
   if (shape.type == ValueType::Enumeration && optionsOf(stored, shape).empty())
-    return "an enumeration needs options";
+    return Base::failed("an enumeration needs options");
   for (const std::string& option : optionsOf(stored, shape)) {
-    std::string why = checkValue(shape, {option}, {option});
-    if (!why.empty()) return why;
+    Base::Status<> fits = checkValue(shape, {option}, {option});
+    if (!fits.ok()) return fits;
   }
   const std::size_t count = std::max<std::size_t>(1, optionsOf(stored, shape).size());
-  if (defaultIndexOf(stored, shape) >= count) return "the default index is past the options";
-  return canHoldAnOption(stored, shape) ? "" : "the default is none of the options";
+  if (defaultIndexOf(stored, shape) >= count)
+    return Base::failed("the default index is past the options");
+  if (!canHoldAnOption(stored, shape)) return Base::failed("the default is none of the options");
+  return {};
 }
 
 // True when there were options and they had to be left out.
 bool leaveOutOptions(StoredVariable& stored, const VariableShape& shape,
                      std::vector<std::string>& lines) {
   if (!stored.options && !stored.defaultIndex) return false;
-  const std::string why = refusalOfOptions(stored, shape);
-  if (why.empty()) return false;
-  lines.push_back(left(stored.key, "option list", why));
+  const Base::Status<> fit = optionsFit(stored, shape);
+  if (fit.ok()) return false;
+  lines.push_back(left(stored.key, "option list", fit.text));
   stored.options.reset();
   stored.defaultIndex.reset();
   return true;
@@ -87,9 +90,9 @@ bool leaveOutRole(const ConfigVar& key, const char* what, std::optional<int>& ro
 bool leaveOutValue(StoredVariable& stored, const VariableShape& shape,
                    std::vector<std::string>& lines) {
   if (!stored.value) return false;
-  const std::string why = refusalOfValue(stored, shape);
-  if (why.empty()) return false;
-  lines.push_back(left(stored.key, "value", why));
+  const Base::Status<> fits = valueFits(stored, shape);
+  if (fits.ok()) return false;
+  lines.push_back(left(stored.key, "value", fits.text));
   stored.value.reset();
   return true;
 }

@@ -92,7 +92,7 @@ void readResult(const Message&, Facts&, long) {}
 template <class Message>
 std::optional<Facts> read(std::uint32_t messageId, std::string_view payload) {
   Message message;
-  if (!PlatformSchema::readMessage(messageId, payload, message)) return {};
+  if (!PlatformSchema::readMessage(messageId, payload, message).ok()) return {};
   Facts facts;
   readInst(message, facts, 0);
   readValue(message, facts, 0);

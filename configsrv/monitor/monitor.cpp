@@ -74,15 +74,15 @@ Monitor::Monitor(const Model& model, Send send, MonitorLimits limits, uid_t own)
       open_(std::make_unique<OpenMessages>(limits.openBytes, own)) {}
 Monitor::~Monitor() = default;
 
-std::string Monitor::add(PeerId peer, PbUtility::Owner owner, SecurityRole role,
-                         const std::string& prefix) {
+Base::Status<> Monitor::add(PeerId peer, PbUtility::Owner owner, SecurityRole role,
+                            const std::string& prefix) {
   if (prefix.size() > kMaxPrefixBytes) {
-    return "a name of " + std::to_string(prefix.size()) + " bytes is longer than the limit of " +
-           std::to_string(kMaxPrefixBytes);
+    return Base::failed("a name of " + std::to_string(prefix.size()) +
+                        " bytes is longer than the limit of " + std::to_string(kMaxPrefixBytes));
   }
   if (watchers_.count(peer) == 0) {
-    const std::string refusal = watcherShares_.refusal(owner);
-    if (!refusal.empty()) return refusal + ": end one of them first";
+    const Base::Status<> room = watcherShares_.room(owner);
+    if (!room.ok()) return Base::failed(room.text + ": end one of them first");
     watcherShares_.add(owner);
   }
   watchers_[peer] = {owner, role, lowerCase(prefix)};

@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "appconfig/core/security_role.h"
+#include "base/status.h"
 #include "configsrv/model/model.h"
 #include "platform/messaging/serving/server_handler.h"
 #include "platform/messaging/serving/shares.h"
@@ -68,9 +69,9 @@ class Monitor {
   bool isActive() const { return !watchers_.empty(); }
 
   // The peer watches all that concerns this dotted name, in any case; empty: everything. What it
-  // watched before, it no longer does. Empty on success, else which limit it would pass, and whose.
-  [[nodiscard]] std::string add(PbUtility::PeerId peer, PbUtility::Owner owner,
-                                AppConfig::SecurityRole role, const std::string& prefix);
+  // watched before, it no longer does. A failure says which limit it would pass, and whose.
+  Base::Status<> add(PbUtility::PeerId peer, PbUtility::Owner owner, AppConfig::SecurityRole role,
+                     const std::string& prefix);
   // It watches no longer; that it did not is fine.
   void remove(PbUtility::PeerId peer);
 

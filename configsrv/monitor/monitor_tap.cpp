@@ -22,7 +22,7 @@ void MonitorTap::onQuestionDone(PeerId peer, std::uint32_t question, bool peerGo
   service_.onQuestionDone(peer, question, peerGone);
 }
 
-std::string MonitorTap::onGreeting(const Peer& peer) { return service_.onGreeting(peer); }
+Base::Status<> MonitorTap::onGreeting(const Peer& peer) { return service_.onGreeting(peer); }
 
 void MonitorTap::onPeerCame(const Peer& peer) {
   service_.onPeerCame(peer);

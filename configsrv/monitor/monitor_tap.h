@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/status.h"
 #include "configsrv/monitor/monitor.h"
 #include "platform/messaging/serving/server.h"
 
@@ -51,7 +52,7 @@ class MonitorTap final : public PbUtility::ServerHandler {
   void onAnswer(PbUtility::PeerId peer, std::uint32_t question, std::uint32_t messageId,
                 std::string_view payload) override;
   void onQuestionDone(PbUtility::PeerId peer, std::uint32_t question, bool peerGone) override;
-  std::string onGreeting(const PbUtility::Peer& peer) override;
+  Base::Status<> onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override;
   void onPeerGone(const PbUtility::Peer& peer) override;
   void onDeliveryReady(const PbUtility::Peer& peer) override;

@@ -27,7 +27,7 @@ void OpenMessages::remember(const Key& key, const PbUtility::Peer& peer, const F
   open.facts.variables = facts.variables;
   open.facts.name = facts.name;
   const std::size_t bytes = bytesOf(open);
-  if (!bytes_.refusal(ownerOf(peer), bytes).empty()) return;
+  if (!bytes_.room(ownerOf(peer), bytes).ok()) return;
   bytes_.add(ownerOf(peer), bytes);
   open_.emplace(key, std::move(open));
 }

@@ -18,24 +18,24 @@ void AuditUpkeep::syncIfWorthIt() {
   if (audit_ == nullptr || isSyncing_ || !audit_->isWorthSyncing()) return;
   isSyncing_ = true;
   const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
-  const auto problem = std::make_shared<std::string>();
+  const auto outcome = std::make_shared<Base::Status<>>();
   withStore_(
-      [lines, problem](Store& store) {
-        *problem = lines->wait();
+      [lines, outcome](Store& store) {
+        *outcome = lines->wait();
         store.forgetRecords(lines->revision);
       },
-      [this, problem] {
+      [this, outcome] {
         isSyncing_ = false;
-        audit_->synced(*problem);
+        audit_->synced(*outcome);
       });
 }
 
 void AuditUpkeep::end() {
   if (audit_ == nullptr) return;
   const std::shared_ptr<AuditSync> lines = audit_->takeUnsynced();
-  const std::string problem = lines->wait();
-  audit_->synced(problem);
-  if (lines->revision == 0 || !problem.empty()) return;
+  const Base::Status<> outcome = lines->wait();
+  audit_->synced(outcome);
+  if (lines->revision == 0 || !outcome.ok()) return;
   const StoreStatus status = store_.forgetRecordsNow(lines->revision);
   if (!status.ok()) log_.warning(status.text);
 }

@@ -101,8 +101,8 @@ void CallbackRequests::registerCallback(const Call& call,
   registering->provides = isProvider(request);
   const bool walks = registering->provides || call.knownRevision != PbUtility::kRevisionNow;
   if (walks && registering->covered.size() > kVariablesAtOnce) {
-    const std::string refusal = with_.subscriptions.reserve(call.by.owner, registering->bytes());
-    if (!refusal.empty()) return refuseRegistration(*registering, eErrLimit, refusal);
+    const Base::Status<> room = with_.subscriptions.reserve(call.by.owner, registering->bytes());
+    if (!room.ok()) return refuseRegistration(*registering, eErrLimit, room.text);
     registering->reserved = registering->bytes();
   }
   if (!registering->provides) return takeRegistration(registering);
@@ -169,8 +169,8 @@ void CallbackRequests::refuseProvider(const Call& call, const Registration& regi
 void CallbackRequests::takeRegistration(const RegisteringPtr& registering) {
   const Call& call = registering->call;
   const Registration& registration = registering->registration;
-  const std::string refusal = with_.subscriptions.add(call.by.peer, call.by.owner, registration);
-  if (!refusal.empty()) return refuseRegistration(*registering, eErrLimit, refusal);
+  const Base::Status<> added = with_.subscriptions.add(call.by.peer, call.by.owner, registration);
+  if (!added.ok()) return refuseRegistration(*registering, eErrLimit, added.text);
   const PbUtility::Peer* peer = with_.server.peer(call.by.peer);
   registering->isBack =
       registering->provides && peer != nullptr && with_.providers.registered(*peer, registration);

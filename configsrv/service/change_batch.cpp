@@ -27,12 +27,12 @@ ChangeBatch::~ChangeBatch() { changes_.release(by_.owner, taken_); }
 
 bool ChangeBatch::take() {
   const std::size_t bytes = sizeof(ChangeBatch) + wanted_.bytes;
-  const std::string refusal = changes_.reserve(by_.owner, bytes);
-  if (refusal.empty()) taken_ = bytes;
-  if (!refusal.empty()) result_.error = eErrLimit;
-  if (!refusal.empty()) result_.messages = {refusal};
-  if (wanted_.tellsOfEach) result_.errors.resize(wanted_.count, result_.error);
-  return refusal.empty();
+  const Base::Status<> room = changes_.reserve(by_.owner, bytes);
+  if (room.ok()) taken_ = bytes;
+  if (!room.ok()) result_.code = eErrLimit;
+  result_.text = room.text;
+  if (wanted_.tellsOfEach) result_.errors.resize(wanted_.count, result_.code);
+  return room.ok();
 }
 
 // A change may end before submit() returns; then the loop goes on, and nothing nests.
@@ -69,17 +69,25 @@ void ChangeBatch::submit(std::size_t index, StoreChange change) {
 
 void ChangeBatch::onDone(std::size_t index, const ChangeOutcome& outcome) {
   --underWay_;
-  if (wanted_.tellsOfEach) result_.errors[index] = outcome.error;
+  if (wanted_.tellsOfEach) result_.errors[index] = outcome.code;
   result_.revision = std::max(result_.revision, outcome.revision);
-  if (outcome.error == eErrNone) {
+  if (outcome.ok()) {
     if (!outcome.unchanged) ++result_.changed;
   } else {
-    if (result_.error == eErrNone) result_.error = outcome.error;
-    for (const std::string& message : outcome.messages) {
-      if (result_.messages.size() < kMaxMessages) result_.messages.push_back(message);
-    }
+    addFailure(outcome);
   }
   submitMore();
+}
+
+void ChangeBatch::addFailure(const ChangeOutcome& outcome) {
+  const auto add = [this](const std::string& reason) {
+    if (result_.reasons.size() + 1 < kMaxMessages) result_.reasons.push_back(reason);
+  };
+  if (result_.ok())
+    static_cast<Base::Status<eErrorT>&>(result_) = outcome;
+  else
+    add(outcome.text);
+  for (const std::string& reason : outcome.reasons) add(reason);
 }
 
 }  // namespace ConfigSrv

@@ -21,13 +21,10 @@ std::list<std::string> listOf(const google::protobuf::RepeatedPtrField<std::stri
   return {strings.begin(), strings.end()};
 }
 
-ChangeOutcome noVariable() {
-  return {eErrInvalidRequest, false, {"the path names no variable"}, 0};
-}
+ChangeOutcome noVariable() { return {{eErrInvalidRequest, "the path names no variable"}}; }
 
 ChangeOutcome outcomeOf(const ChangeBatch::Result& result) {
-  const bool unchanged = result.error == eErrNone && result.changed == 0;
-  return {result.error, unchanged, result.messages, result.revision};
+  return {result, result.ok() && result.changed == 0, result.reasons, result.revision};
 }
 
 std::optional<int> roleIf(bool present, CommonIF::eSecurityRole role) {
@@ -76,7 +73,7 @@ ConfigIF::SetAccessLevelsRsp accessAnswer(const NamedVariables& named,
     if (error != eErrNone) record.set_error(static_cast<CommonIF::eErrorType>(error));
   }
   const bool allNamed = !named.keys.empty() && named.keys.size() == named.insts.size();
-  const bool onlyBadlyNamed = result.error == eErrNone && !allNamed;
+  const bool onlyBadlyNamed = result.ok() && !allNamed;
   setOutcome(*response.mutable_result(), onlyBadlyNamed ? noVariable() : outcomeOf(result));
   return response;
 }
@@ -129,8 +126,7 @@ bool ChangeRequests::change(const Incoming& incoming) {
   return frame_.answerLater<Response, begin>(
       *this, incoming,
       [this](const Call& call, const auto& request, const ConfigIF::ReturnMessage& result) {
-        if (audit_ != nullptr)
-          recordDenied(call, request, {eErrDenied, false, {result.messages(0)}, 0});
+        if (audit_ != nullptr) recordDenied(call, request, {{eErrDenied, result.messages(0)}});
       });
 }
 
@@ -139,7 +135,7 @@ ChangeDone ChangeRequests::answering(const Call& call) {
   return [this, id = call.id](const ChangeOutcome& outcome) {
     Response response;
     setOutcome(*response.mutable_result(), outcome);
-    if (outcome.error == eErrNone) setStamp({model_.epoch(), outcome.changedAt}, response);
+    if (outcome.ok()) setStamp({model_.epoch(), outcome.changedAt}, response);
     frame_.respond(id, response);
   };
 }
@@ -159,9 +155,9 @@ ChangeDone ChangeRequests::logging(const Call& call, const ConfigVar& key, Chang
   if (!call.id.oneWay) return answer;
   return [this, line = formatKey(key) + ": a one-way write by " + call.by.clientName,
           answer = std::move(answer)](const ChangeOutcome& outcome) {
-    if (outcome.error != eErrNone)
+    if (!outcome.ok())
       log_.repeatable(LogLevel::Info, "one-way",
-                      line + " failed with error " + std::to_string(outcome.error));
+                      line + " failed with error " + std::to_string(outcome.code));
     answer(outcome);
   };
 }
@@ -187,8 +183,8 @@ void ChangeRequests::submitBelow(const Call& call, const std::string& name, cons
   if (covered.size() > 0 || name.empty())
     return ChangeBatch::run(changes_, slices_, call.by, {covered.size(), nth, 0, false}, answer);
   ChangeBatch::Result nothing;
-  nothing.error = eErrNotFound;
-  nothing.messages = {name + ": no variable is named so, and none lies below it"};
+  nothing.code = eErrNotFound;
+  nothing.text = name + ": no variable is named so, and none lies below it";
   answer(nothing);
 }
 

@@ -14,9 +14,9 @@ bool MonitorRequests::handle(const Incoming& incoming) {
 void MonitorRequests::monitor(const Call& call, const ConfigIF::MonitorReq& request,
                               ConfigIF::MonitorRsp& response) {
   if (request.stop()) return monitor_.remove(call.by.peer);
-  const std::string refusal =
+  const Base::Status<> added =
       monitor_.add(call.by.peer, call.by.owner, call.by.role, request.prefix());
-  if (!refusal.empty()) setError(*response.mutable_result(), eErrLimit, refusal);
+  if (!added.ok()) setError(*response.mutable_result(), eErrLimit, added.text);
 }
 
 }  // namespace ConfigSrv

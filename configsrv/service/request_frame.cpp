@@ -19,18 +19,16 @@ std::uint32_t code(eErrorT error) { return static_cast<std::uint32_t>(error); }
 bool RequestFrame::parse(const Incoming& incoming, google::protobuf::MessageLite& request,
                          google::protobuf::MessageLite& response, ConfigIF::ReturnMessage& result) {
   using PlatformSchema::Reading;
-  std::string problem;
-  const Reading reading =
-      PlatformSchema::readMessage(incoming.messageId, incoming.payload, request, problem);
-  if (reading == Reading::Done) return true;
-  if (reading == Reading::TooMuch) {
-    logRefusal(incoming, problem);
-    setError(result, eErrLimit, problem);
+  const Base::Status<Reading> read =
+      PlatformSchema::readMessage(incoming.messageId, incoming.payload, request);
+  if (read.ok()) return true;
+  if (read.code == Reading::TooMuch) {
+    logRefusal(incoming, read.text);
+    setError(result, eErrLimit, read.text);
     respond(incoming.id, response);
     return false;
   }
-  refuse(incoming, eErrInvalidRequest,
-         "the payload is no " + PlatformSchema::messageName(incoming.messageId));
+  refuse(incoming, eErrInvalidRequest, read.text);
   return false;
 }
 

@@ -8,9 +8,10 @@ void setError(ConfigIF::ReturnMessage& result, eErrorT error, const std::string&
 }
 
 void setOutcome(ConfigIF::ReturnMessage& result, const ChangeOutcome& outcome) {
-  if (outcome.error != eErrNone) result.set_error(static_cast<CommonIF::eErrorType>(outcome.error));
+  if (!outcome.ok()) result.set_error(static_cast<CommonIF::eErrorType>(outcome.code));
   if (outcome.unchanged) result.set_flag(true);
-  for (const std::string& message : outcome.messages) result.add_messages(message);
+  if (!outcome.ok()) result.add_messages(outcome.text);
+  for (const std::string& reason : outcome.reasons) result.add_messages(reason);
   if (outcome.revision != 0) result.set_revision(outcome.revision);
 }
 

@@ -110,8 +110,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 
   ~Impl() override { log_.whenHeldBack({}); }
 
-  // Empty on success.
-  std::string open();
+  Base::Status<> open();
   End run();
   void stop() {
     server_.post([this] { beginToStop(); });
@@ -159,7 +158,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
   void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) override {
     changes_.onQuestionDone(peer, question, peerGone);
   }
-  std::string onGreeting(const PbUtility::Peer& peer) override;
+  Base::Status<> onGreeting(const PbUtility::Peer& peer) override;
   void onPeerCame(const PbUtility::Peer& peer) override {
     names_.came(peer.name, peer.uid, peer.gid);
     changes_.peerCame(peer);
@@ -230,22 +229,22 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 };
 
 // Only once the socket is ours are the files beside it, too.
-std::string Service::Impl::open() {
-  std::string problem = server_.open();
-  if (!problem.empty()) return problem;
+Base::Status<> Service::Impl::open() {
+  Base::Status<> opened = server_.open();
+  if (!opened.ok()) return opened;
   providers_.open();
   witness_->begin({epoch_, model_.definitions().digest(), store_->storeId()}, store_->mark());
   auditUpkeep_.repair(std::exchange(records_, {}));
-  return {};
+  return opened;
 }
 
-std::string Service::Impl::onGreeting(const PbUtility::Peer& peer) {
+Base::Status<> Service::Impl::onGreeting(const PbUtility::Peer& peer) {
   const NameClaims::Answer answer = names_.ask(peer.name, peer.uid, peer.gid);
   const std::string who = "client \"" + peer.name + "\" (pid " + std::to_string(peer.pid) +
                           ", uid " + std::to_string(peer.uid) + ")";
   if (!answer.text.empty() && !answer.repeated)
     log_.warning(who + (answer.accepted ? ": " : " refused: ") + answer.text);
-  return answer.accepted ? std::string() : answer.text;
+  return answer.accepted ? Base::Status<>() : Base::failed(answer.text);
 }
 
 bool Service::Impl::expectsProvider(const Variable& variable) const {
@@ -349,8 +348,8 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   auto impl =
       std::make_unique<Impl>(options, log, std::move(files.access), std::move(files.definitions),
                              std::move(witness), std::move(opened));
-  const std::string problem = impl->open();
-  if (!problem.empty()) return failed(StartStatus::BadSocket, {problem});
+  const Base::Status<> ready = impl->open();
+  if (!ready.ok()) return failed(StartStatus::BadSocket, {ready.text});
   warnOfRuntimeDir(options, log);
   StartedService result;
   result.service.reset(new Service(std::move(impl)));

@@ -51,7 +51,7 @@ ServerOptions serverOptions(const ServiceOptions& options, std::uint64_t epoch,
 std::string besideSocket(const ServiceOptions& options, const char* ending) {
   std::string path;
   const std::string name = endpointName(options.endpointPrefix);
-  if (!PbUtility::socketPath(runtimeDir(options), name, path).empty()) return {};
+  if (!PbUtility::socketPath(runtimeDir(options), name, path).ok()) return {};
   return path + ending;
 }
 

@@ -1,14 +1,14 @@
 // StoreStatus: how an operation of the store ended: a code to act on and a text to show.
 //
-// Shape:   kOk with an empty text; any other code with one line that says what happened, to which
-//          file, and what to do.
+// Shape:   a Status: kOk with an empty text; any other code with one line that says what happened, to
+//          which file, and what to do.
 // Threads: a plain value.
 //
 //   StoreStatus status = store.snapshot();
 //   if (!status.ok()) log(status.text);
 #pragma once
 
-#include <string>
+#include "base/status.h"
 
 namespace ConfigSrv {
 
@@ -25,11 +25,6 @@ enum class StoreCode {
 // "disk full", "in use", ...
 const char* storeCodeName(StoreCode code);
 
-struct [[nodiscard]] StoreStatus {
-  StoreCode code = StoreCode::kOk;
-  std::string text;
-
-  bool ok() const { return code == StoreCode::kOk; }
-};
+using StoreStatus = Base::Status<StoreCode>;
 
 }  // namespace ConfigSrv

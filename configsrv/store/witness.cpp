@@ -20,18 +20,21 @@
 namespace ConfigSrv {
 namespace {
 
+using Base::failed;
+using Base::Status;
+
 // "ACFGWIT1", read as a number.
 constexpr std::uint64_t kKind = 0x3154495747464341;
 
 std::string because(int error) { return std::generic_category().message(error); }
 
 // What others could have written proves nothing.
-std::string objectionToFile(const struct stat& status, std::size_t bytes) {
-  if (!S_ISREG(status.st_mode)) return "it is no regular file";
+Status<> checkFile(const struct stat& status, std::size_t bytes) {
+  if (!S_ISREG(status.st_mode)) return failed("it is no regular file");
   if (status.st_uid != 0 && status.st_uid != ::geteuid())
-    return "it belongs to user " + std::to_string(status.st_uid);
-  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "others may write it";
-  if (static_cast<std::uint64_t>(status.st_size) != bytes) return "it has another size";
+    return failed("it belongs to user " + std::to_string(status.st_uid));
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return failed("others may write it");
+  if (static_cast<std::uint64_t>(status.st_size) != bytes) return failed("it has another size");
   return {};
 }
 
@@ -63,25 +66,26 @@ std::uint64_t Witness::checkOf(const Record& record) {
 
 void Witness::read() {
   if (file_.empty()) return;
-  whyUnusable_ = readRecord();
-  if (!whyUnusable_.empty()) found_ = Found::kUnusable;
+  Status<> done = readRecord();
+  if (!done.ok()) found_ = Found::kUnusable;
+  whyUnusable_ = std::move(done.text);
 }
 
-std::string Witness::readRecord() {
+Status<> Witness::readRecord() {
   const Base::UniqueFd fd(
       ::open(file_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd) {
     if (errno == ENOENT || errno == ENOTDIR) return {};
-    return errno == ELOOP ? "it is a symbolic link" : because(errno);
+    return failed(errno == ELOOP ? "it is a symbolic link" : because(errno));
   }
   struct stat status {};
-  std::string problem =
-      ::fstat(fd.get(), &status) == 0 ? objectionToFile(status, sizeof last_) : because(errno);
+  if (::fstat(fd.get(), &status) != 0) return failed(because(errno));
+  Status<> usable = checkFile(status, sizeof last_);
+  if (!usable.ok()) return usable;
   Record record;
-  if (problem.empty() && ::pread(fd.get(), &record, sizeof record, 0) != sizeof record)
-    problem = "it cannot be read";
-  if (!problem.empty()) return problem;
-  if (record.kind != kKind || record.check != checkOf(record)) return "it is damaged";
+  if (::pread(fd.get(), &record, sizeof record, 0) != sizeof record)
+    return failed("it cannot be read");
+  if (record.kind != kKind || record.check != checkOf(record)) return failed("it is damaged");
   last_ = record;
   found_ = Found::kRecord;
   return {};
@@ -108,17 +112,17 @@ std::uint64_t Witness::epochFor(std::uint64_t storeId, std::uint64_t definitions
 void Witness::begin(const Epoch& epoch, const StoreMark& committed) {
   if (file_.empty()) return;
   record_ = {kKind, epoch, committed, committed, 0};
-  const std::string problem = makeFile();
-  if (!problem.empty()) fail(problem);
+  const Status<> made = makeFile();
+  if (!made.ok()) fail(made.text);
 }
 
 // Under another name first: whatever has this one, a link or somebody's file, is not written to.
-std::string Witness::makeFile() {
+Status<> Witness::makeFile() {
   const std::string fresh = file_ + ".new";
   ::unlink(fresh.c_str());
   fd_.reset(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!fd_) return because(errno);
-  if (!writeRecord() || ::rename(fresh.c_str(), file_.c_str()) != 0) return because(errno);
+  if (!fd_) return failed(because(errno));
+  if (!writeRecord() || ::rename(fresh.c_str(), file_.c_str()) != 0) return failed(because(errno));
   return {};
 }
 

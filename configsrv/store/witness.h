@@ -29,6 +29,7 @@
 #include <functional>
 #include <string>
 
+#include "base/status.h"
 #include "base/unique_fd.h"
 
 namespace ConfigSrv {
@@ -90,8 +91,8 @@ class Witness {
   };
 
   static std::uint64_t checkOf(const Record& record);
-  std::string readRecord();
-  std::string makeFile();
+  Base::Status<> readRecord();
+  Base::Status<> makeFile();
   bool writeRecord();
   void fail(const std::string& problem);
 

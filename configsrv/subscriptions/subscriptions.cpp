@@ -57,13 +57,13 @@ std::uint8_t small(int number) { return static_cast<std::uint8_t>(number); }
 
 std::uint32_t& countOf(Caller& caller, std::uint8_t type) { return caller.ofType[type]; }
 
-std::string tooLong(const char* what, std::size_t bytes, std::size_t limit) {
-  return std::string(what) + " of " + std::to_string(bytes) +
-         " bytes is longer than the limit of " + std::to_string(limit);
+Base::Status<> tooLong(const char* what, std::size_t bytes, std::size_t limit) {
+  return Base::failed(std::string(what) + " of " + std::to_string(bytes) +
+                      " bytes is longer than the limit of " + std::to_string(limit));
 }
 
-std::string tooMany(const char* what, std::size_t limit) {
-  return std::string("more ") + what + " than the limit of " + std::to_string(limit);
+Base::Status<> tooMany(const char* what, std::size_t limit) {
+  return Base::failed(std::string("more ") + what + " than the limit of " + std::to_string(limit));
 }
 
 std::size_t bytesOfOne(const Node& node) {
@@ -97,7 +97,7 @@ class Subscriptions::Impl {
         bytes_("bytes of registrations", limits.bytes, own),
         later_(std::move(later)) {}
 
-  std::string add(PeerId peer, Owner owner, const Registration& registration);
+  Base::Status<> add(PeerId peer, Owner owner, const Registration& registration);
   bool remove(PeerId peer, std::string_view name, ConfigIF::CallbackType type,
               std::string_view identity);
   std::size_t removeAll(PeerId peer, std::string_view clientName);
@@ -117,17 +117,17 @@ class Subscriptions::Impl {
   }
   const PbUtility::Shares& bytes() const { return bytes_; }
   bool isErasing() const { return !leaving_.empty(); }
-  std::string reserve(Owner owner, std::size_t bytes) {
-    std::string refusal = bytes_.refusal(owner, bytes);
-    if (refusal.empty()) bytes_.add(owner, bytes);
-    return refusal;
+  Base::Status<> reserve(Owner owner, std::size_t bytes) {
+    Base::Status<> room = bytes_.room(owner, bytes);
+    if (room.ok()) bytes_.add(owner, bytes);
+    return room;
   }
   void release(Owner owner, std::size_t bytes) { bytes_.remove(owner, bytes); }
 
  private:
-  std::string checkTexts(const Registration& registration) const;
-  std::string refusalOf(PeerId peer, Owner owner, const Registration& registration,
-                        bool isNewCaller) const;
+  Base::Status<> checkTexts(const Registration& registration) const;
+  Base::Status<> roomFor(PeerId peer, Owner owner, const Registration& registration,
+                         bool isNewCaller) const;
   CallerNumber findCaller(PeerId peer, const Registration& registration) const;
   CallerNumber newCaller(PeerId peer, Owner owner, const Registration& registration);
   void insert(CallerNumber number, const std::string& name, Entry entry);
@@ -158,9 +158,9 @@ class Subscriptions::Impl {
 
 // --- Adding ---
 
-std::string Subscriptions::Impl::checkTexts(const Registration& registration) const {
+Base::Status<> Subscriptions::Impl::checkTexts(const Registration& registration) const {
   if (static_cast<std::size_t>(registration.type) >= kTypes)
-    return "there is no callback type " + std::to_string(registration.type);
+    return Base::failed("there is no callback type " + std::to_string(registration.type));
   if (registration.name.size() > limits_.nameBytes)
     return tooLong("a name", registration.name.size(), limits_.nameBytes);
   if (registration.identity.size() > limits_.identityBytes)
@@ -170,9 +170,9 @@ std::string Subscriptions::Impl::checkTexts(const Registration& registration) co
   return {};
 }
 
-std::string Subscriptions::Impl::refusalOf(PeerId peer, Owner owner,
-                                           const Registration& registration,
-                                           bool isNewCaller) const {
+Base::Status<> Subscriptions::Impl::roomFor(PeerId peer, Owner owner,
+                                            const Registration& registration,
+                                            bool isNewCaller) const {
   const auto found = peers_.find(peer);
   const bool isKnown = found != peers_.end();
   if (isKnown && found->second.registrations >= limits_.registrationsPerPeer)
@@ -182,7 +182,7 @@ std::string Subscriptions::Impl::refusalOf(PeerId peer, Owner owner,
     return tooMany("callback identities of one process", limits_.callersPerPeer);
   const std::size_t forCaller =
       isNewCaller ? bytesOfCaller(registration.identity, registration.clientName) : 0;
-  return bytes_.refusal(owner, bytesOf(registration) + forCaller);
+  return bytes_.room(owner, bytesOf(registration) + forCaller);
 }
 
 CallerNumber Subscriptions::Impl::findCaller(PeerId peer, const Registration& registration) const {
@@ -236,16 +236,17 @@ bool Subscriptions::Impl::contains(PeerId peer, const Registration& registration
   return node != nullptr && std::binary_search(node->second.begin(), node->second.end(), entry);
 }
 
-std::string Subscriptions::Impl::add(PeerId peer, Owner owner, const Registration& registration) {
-  std::string refusal = checkTexts(registration);
-  if (!refusal.empty() || contains(peer, registration)) return refusal;
+Base::Status<> Subscriptions::Impl::add(PeerId peer, Owner owner,
+                                        const Registration& registration) {
+  Base::Status<> added = checkTexts(registration);
+  if (!added.ok() || contains(peer, registration)) return added;
   const CallerNumber known = findCaller(peer, registration);
-  refusal = refusalOf(peer, owner, registration, known == kNoCaller);
-  if (!refusal.empty()) return refusal;
+  added = roomFor(peer, owner, registration, known == kNoCaller);
+  if (!added.ok()) return added;
   insert(known == kNoCaller ? newCaller(peer, owner, registration) : known,
          lowerCase(std::string(registration.name)),
          {0, small(registration.type), small(registration.role)});
-  return {};
+  return added;
 }
 
 // --- Erasing ---
@@ -428,7 +429,7 @@ Subscriptions::Subscriptions(SubscriptionLimits limits, uid_t own, Later later)
     : impl_(std::make_unique<Impl>(limits, own, std::move(later))) {}
 Subscriptions::~Subscriptions() = default;
 
-std::string Subscriptions::add(PeerId peer, Owner owner, const Registration& registration) {
+Base::Status<> Subscriptions::add(PeerId peer, Owner owner, const Registration& registration) {
   return impl_->add(peer, owner, registration);
 }
 
@@ -475,7 +476,7 @@ std::vector<std::string> Subscriptions::names(PeerId peer, ConfigIF::CallbackTyp
 
 std::size_t Subscriptions::count() const { return impl_->count(); }
 std::size_t Subscriptions::count(PeerId peer) const { return impl_->count(peer); }
-std::string Subscriptions::reserve(Owner owner, std::size_t bytes) {
+Base::Status<> Subscriptions::reserve(Owner owner, std::size_t bytes) {
   return impl_->reserve(owner, bytes);
 }
 

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "appconfig/core/security_role.h"
+#include "base/status.h"
 #include "platform/messaging/serving/peer.h"
 #include "platform/messaging/serving/shares.h"
 
@@ -91,10 +92,10 @@ class Subscriptions {
   Subscriptions(const Subscriptions&) = delete;
   Subscriptions& operator=(const Subscriptions&) = delete;
 
-  // Empty on success, else which limit the registration would pass, and whose it is. A registration
-  // made before is accepted again and changes nothing. The owner is the peer's.
-  [[nodiscard]] std::string add(PbUtility::PeerId peer, PbUtility::Owner owner,
-                                const Registration& registration);
+  // A failure says which limit the registration would pass, and whose it is. A registration made
+  // before is accepted again and changes nothing. The owner is the peer's.
+  Base::Status<> add(PbUtility::PeerId peer, PbUtility::Owner owner,
+                     const Registration& registration);
 
   // Withdraws the peer's registrations of this name, type and identity, whatever their roles and
   // client names. False when there are none.
@@ -119,8 +120,8 @@ class Subscriptions {
   std::size_t count() const;
   std::size_t count(PbUtility::PeerId peer) const;
   // Takes bytes of the owner's share for what has to be remembered beside a registration, until they
-  // are released. Empty on success, else which limit they would pass, and whose.
-  [[nodiscard]] std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  // are released. A failure says which limit they would pass, and whose.
+  Base::Status<> reserve(PbUtility::Owner owner, std::size_t bytes);
   void release(PbUtility::Owner owner, std::size_t bytes);
 
   // Whether something is still to be erased.

@@ -36,6 +36,7 @@
 #define TOML_UNREACHABLE __builtin_unreachable()
 #include <toml++/toml.h>
 
+#include "base/status.h"
 #include "base/unique_fd.h"
 
 namespace ConfigSrv {
@@ -61,27 +62,29 @@ std::string tooLarge() {
          " bytes, the most that is read: spread it over several files";
 }
 
-std::string cannotRead(int error) { return std::string("cannot be read: ") + std::strerror(error); }
+Base::Status<> cannotRead(int error) {
+  return Base::failed(std::string("cannot be read: ") + std::strerror(error));
+}
 
-// Empty when the file is one to read.
-std::string whyNotToRead(int descriptor) {
+// Whether the file is one to read.
+Base::Status<> checkFile(int descriptor) {
   struct stat status = {};
   if (descriptor < 0 || ::fstat(descriptor, &status) != 0) return cannotRead(errno);
-  if (!S_ISREG(status.st_mode)) return "cannot be read: it is no regular file";
-  return std::string();
+  if (!S_ISREG(status.st_mode)) return Base::failed("cannot be read: it is no regular file");
+  return {};
 }
 
 // Reads one byte more than the limit allows, so that a file that grows is found out as well.
-std::string readAll(int descriptor, std::string& text) {
+Base::Status<> readAll(int descriptor, std::string& text) {
   std::string buffer(std::size_t{64} << 10, '\0');
   while (text.size() <= kMaxTomlBytes) {
     const ssize_t got = ::read(descriptor, buffer.data(), buffer.size());
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return cannotRead(errno);
-    if (got == 0) return std::string();
+    if (got == 0) return {};
     text.append(buffer, 0, static_cast<std::size_t>(got));
   }
-  return tooLarge();
+  return Base::failed(tooLarge());
 }
 
 // The first line with too many dots, or 0.
@@ -208,9 +211,9 @@ TomlDocument readToml(const std::string& path) {
 
 TomlDocument readOpenToml(int descriptor, const std::string& path) {
   std::string text;
-  std::string wrong = whyNotToRead(descriptor);
-  if (wrong.empty()) wrong = readAll(descriptor, text);
-  if (!wrong.empty()) return mistaken(path, 0, 0, std::move(wrong));
+  Base::Status<> read = checkFile(descriptor);
+  if (read.ok()) read = readAll(descriptor, text);
+  if (!read.ok()) return mistaken(path, 0, 0, std::move(read.text));
   return parseToml(text, path);
 }
 

@@ -36,9 +36,14 @@ std::string problemOf(Counted past, const std::string& name, std::size_t memory)
   return name + " would unfold to" + moreThan(memory, "bytes") + "send fewer parts at once";
 }
 
-Reading parse(std::string_view payload, google::protobuf::MessageLite& message) {
-  const bool parsed = message.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
-  return parsed ? Reading::Done : Reading::NoMessage;
+Base::Status<Reading> noMessage(std::uint32_t messageId) {
+  return {Reading::NoMessage, "the payload is no " + messageName(messageId)};
+}
+
+Base::Status<Reading> parse(std::uint32_t messageId, std::string_view payload,
+                            google::protobuf::MessageLite& message) {
+  if (message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) return {};
+  return noMessage(messageId);
 }
 
 // Of the messages that clients send, those that may be longer than the others.
@@ -67,31 +72,25 @@ std::size_t maxPayloadBytes(std::uint32_t messageId) {
   return MessageLimits::kOtherPayload;
 }
 
-std::string payloadProblem(std::uint32_t messageId, std::size_t payloadBytes) {
+Base::Status<> checkPayloadBytes(std::uint32_t messageId, std::size_t payloadBytes) {
   if (payloadBytes <= MessageLimits::kOtherPayload) return {};
   const std::size_t most = maxPayloadBytes(messageId);
   if (payloadBytes <= most) return {};
-  return messageName(messageId) + " has " + std::to_string(payloadBytes) + " bytes, and " +
-         std::to_string(most) + " bytes at most are allowed: send less at once";
+  return Base::failed(messageName(messageId) + " has " + std::to_string(payloadBytes) +
+                      " bytes, and " + std::to_string(most) +
+                      " bytes at most are allowed: send less at once");
 }
 
-Reading readMessage(std::uint32_t messageId, std::string_view payload,
-                    google::protobuf::MessageLite& message, std::string& problem) {
-  if (payload.size() < kNotLookedAt) return parse(payload, message);
+Base::Status<Reading> readMessage(std::uint32_t messageId, std::string_view payload,
+                                  google::protobuf::MessageLite& message) {
+  if (payload.size() < kNotLookedAt) return parse(messageId, payload, message);
   const Shape* shape = shapeOf(messageId);
-  if (shape == nullptr) return Reading::NoMessage;
+  if (shape == nullptr) return noMessage(messageId);
   const std::size_t memory = mostMemory(*shape, payload.size());
   const Unfolding found = unfolding(*shape, payload, memory);
-  if (found.result == Unfolding::Result::Broken) return Reading::NoMessage;
-  if (found.result == Unfolding::Result::Bounded) return parse(payload, message);
-  problem = problemOf(found.past, messageName(messageId), memory);
-  return Reading::TooMuch;
-}
-
-bool readMessage(std::uint32_t messageId, std::string_view payload,
-                 google::protobuf::MessageLite& message) {
-  std::string problem;
-  return readMessage(messageId, payload, message, problem) == Reading::Done;
+  if (found.result == Unfolding::Result::Broken) return noMessage(messageId);
+  if (found.result == Unfolding::Result::Bounded) return parse(messageId, payload, message);
+  return {Reading::TooMuch, problemOf(found.past, messageName(messageId), memory)};
 }
 
 }  // namespace PlatformSchema

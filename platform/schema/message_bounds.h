@@ -12,7 +12,7 @@
 // can count: nodes of a path, entries of a batch, and so on. A field that is sent again and again counts
 // each time, as do fields that this version does not know.
 //
-// Errors:   a problem names the message, the limit, and what to do instead.
+// Errors:   a text names the message, the limit, and what to do instead.
 // Threads:  pure functions.
 #pragma once
 
@@ -20,6 +20,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "base/status.h"
 
 namespace google {
 namespace protobuf {
@@ -59,8 +61,8 @@ struct MessageLimits {
 // has the shortest limit.
 std::size_t maxPayloadBytes(std::uint32_t messageId);
 
-// What to tell whoever sends a payload longer than that; empty when it is not longer.
-std::string payloadProblem(std::uint32_t messageId, std::size_t payloadBytes);
+// Whether a payload is no longer than that; a failure is for whoever sent it.
+Base::Status<> checkPayloadBytes(std::uint32_t messageId, std::size_t payloadBytes);
 
 enum class Reading {
   Done,
@@ -71,12 +73,8 @@ enum class Reading {
 };
 
 // Parses a payload that somebody else sent, if it is within its bounds. The message has to be of the
-// type that travels under the id. The problem is set for TooMuch alone.
-[[nodiscard]] Reading readMessage(std::uint32_t messageId, std::string_view payload,
-                                  google::protobuf::MessageLite& message, std::string& problem);
-
-// The same, for whoever treats both failures alike.
-[[nodiscard]] bool readMessage(std::uint32_t messageId, std::string_view payload,
-                               google::protobuf::MessageLite& message);
+// type that travels under the id.
+Base::Status<Reading> readMessage(std::uint32_t messageId, std::string_view payload,
+                                  google::protobuf::MessageLite& message);
 
 }  // namespace PlatformSchema

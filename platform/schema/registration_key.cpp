@@ -19,7 +19,7 @@ std::string clientPart(const std::string& clientName) {
 template <typename Request>
 std::string keyOf(std::uint32_t messageId, std::string_view payload) {
   Request request;
-  if (!readMessage(messageId, payload, request)) return {};
+  if (!readMessage(messageId, payload, request).ok()) return {};
   Request rest;
   // Present also when empty: the two kinds of request differ in that.
   rest.set_name(request.name());
@@ -31,7 +31,7 @@ std::string keyOf(std::uint32_t messageId, std::string_view payload) {
 // One endpoint monitors once: a newer request, one to stop included, takes the place of the former.
 std::string keyOfMonitor(std::string_view payload) {
   ConfigIF::MonitorReq request;
-  if (!readMessage(kMonitorReq, payload, request)) return {};
+  if (!readMessage(kMonitorReq, payload, request).ok()) return {};
   return clientPart(request.client_name()) + "monitor";
 }
 
@@ -46,7 +46,7 @@ std::string textOf(const ConfigIF::ReturnMessage& result) {
 template <typename Response>
 std::optional<std::string> refusalIn(std::uint32_t messageId, std::string_view payload) {
   Response response;
-  if (payload.empty() || !readMessage(messageId, payload, response)) return std::nullopt;
+  if (payload.empty() || !readMessage(messageId, payload, response).ok()) return std::nullopt;
   if (response.result().error() != CommonIF::ERROR_LIMIT) return std::nullopt;
   return textOf(response.result());
 }
@@ -61,7 +61,7 @@ std::string registrationKey(std::uint32_t messageId, std::string_view payload) {
     return keyOf<ConfigIF::UnregisterClientCallbackReq>(messageId, payload);
   if (!withdrawsAllRepeated(messageId)) return {};
   ConfigIF::UnregisterAllClientCallbacksReq request;
-  if (!readMessage(messageId, payload, request)) return {};
+  if (!readMessage(messageId, payload, request).ok()) return {};
   return clientPart(request.client_name());
 }
 
@@ -70,7 +70,7 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
   if (own.empty() || !isRepeatedOnReconnect(messageId)) return {};
   std::vector<std::string> keys{own};
   ConfigIF::RegisterClientCallbackReq request;
-  if (messageId == kMonitorReq || !readMessage(messageId, payload, request)) return keys;
+  if (messageId == kMonitorReq || !readMessage(messageId, payload, request).ok()) return keys;
   std::string name = request.name();
   while (!name.empty()) {
     const std::size_t dot = name.rfind('.');
@@ -84,7 +84,8 @@ std::vector<std::string> coveringKeys(std::uint32_t messageId, std::string_view 
 bool isToldOnChange(std::uint32_t messageId, std::string_view payload) {
   if (messageId == kMonitorReq || !isRepeatedOnReconnect(messageId)) return false;
   ConfigIF::RegisterClientCallbackReq request;
-  return readMessage(messageId, payload, request) && request.type() == ConfigIF::CALLBACK_ON_CHANGE;
+  return readMessage(messageId, payload, request).ok() &&
+         request.type() == ConfigIF::CALLBACK_ON_CHANGE;
 }
 
 std::optional<std::string> refusalForRoom(std::uint32_t responseId, std::string_view payload) {

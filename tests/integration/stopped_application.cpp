@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   std::vector<ConfigVar> variables;
   for (int i = 2; i < argc; ++i) {
     ConfigVar variable("", 0, "", 0);
-    if (!AppConfig::parseKey(argv[i], variable).empty()) return 2;
+    if (!AppConfig::parseKey(argv[i], variable).ok()) return 2;
     variables.push_back(variable);
     manager->getConfigVar(variable);
   }

@@ -81,7 +81,7 @@ class Attacker {
     unsigned char bytes[PbUtility::kFrameHeaderBytes];
     header_ = {};
     if (recv(client_.fd(), bytes, sizeof bytes, MSG_WAITALL) != sizeof bytes) return {};
-    if (!decodeHeader(bytes, header_).empty() || header_.payloadBytes == 0) return {};
+    if (!decodeHeader(bytes, header_).ok() || header_.payloadBytes == 0) return {};
     std::string payload(header_.payloadBytes, '\0');
     recv(client_.fd(), payload.data(), payload.size(), MSG_WAITALL);
     return payload;

@@ -13,7 +13,7 @@ import subprocess
 # What each folder may depend on. docs/architecture.md shows the same table to people.
 FOLDERS = {
     "base": (),
-    "appconfig/core": (),
+    "appconfig/core": ("base",),
     "appconfig/cache": ("base", "appconfig/core"),
     "appconfig/wire": ("appconfig/core", "platform/schema"),
     "appconfig/registry": ("base", "appconfig/core"),
@@ -26,16 +26,17 @@ FOLDERS = {
         "platform/messaging",
     ),
     "appconfig/manager": ("base", "appconfig/core", "appconfig/cache", "appconfig/service"),
-    "platform/schema": ("appconfig/core",),
+    "platform/schema": ("base", "appconfig/core"),
     "platform/messaging": ("base", "platform/schema"),
     "configsrv/log": ("base",),
     "configsrv/toml": ("base",),
-    "configsrv/definitions": ("appconfig/core", "configsrv/toml"),
+    "configsrv/definitions": ("base", "appconfig/core", "configsrv/toml"),
     "configsrv/access": ("base", "appconfig/core", "configsrv/toml"),
     "configsrv/store": ("base", "appconfig/core"),
-    "configsrv/model": ("appconfig/core", "configsrv/definitions", "configsrv/store"),
-    "configsrv/subscriptions": ("appconfig/core", "platform/messaging"),
+    "configsrv/model": ("base", "appconfig/core", "configsrv/definitions", "configsrv/store"),
+    "configsrv/subscriptions": ("base", "appconfig/core", "platform/messaging"),
     "configsrv/monitor": (
+        "base",
         "appconfig/core",
         "appconfig/wire",
         "platform/schema",
@@ -43,6 +44,7 @@ FOLDERS = {
         "configsrv/model",
     ),
     "configsrv/changes": (
+        "base",
         "appconfig/core",
         "appconfig/wire",
         "platform/schema",
@@ -61,6 +63,7 @@ FOLDERS = {
         "configsrv/subscriptions",
     ),
     "configsrv/service": (
+        "base",
         "appconfig/core",
         "appconfig/wire",
         "platform/schema",

@@ -87,7 +87,8 @@ bool LoadConnection::send() {
 bool LoadConnection::receive(FrameHeader& header, std::string& payload) {
   const auto whole = [&] {
     if (incoming_.size() < kFrameHeaderBytes) return false;
-    EXPECT_EQ(decodeHeader(reinterpret_cast<const unsigned char*>(incoming_.data()), header), "");
+    EXPECT_TRUE(
+        decodeHeader(reinterpret_cast<const unsigned char*>(incoming_.data()), header).ok());
     return incoming_.size() >= kFrameHeaderBytes + header.payloadBytes;
   };
   while (!whole()) {

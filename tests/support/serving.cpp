@@ -31,9 +31,9 @@ Serving::Serving(const std::string& runtimeDir, Script script)
 Serving::Serving(PbUtility::ServerOptions options, Script script)
     : onRequestDo(std::move(script)),
       server_(std::make_unique<PbUtility::Server>(std::move(options), *this)) {
-  const std::string problem = server_->open();
-  if (!problem.empty()) {
-    std::fprintf(stderr, "serving: %s\n", problem.c_str());
+  const Base::Status<> opened = server_->open();
+  if (!opened.ok()) {
+    std::fprintf(stderr, "serving: %s\n", opened.text.c_str());
     std::abort();
   }
   thread_ = std::thread([this] { server_->run(); });

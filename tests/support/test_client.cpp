@@ -15,7 +15,7 @@ using AppConfig::ProtobufMessageHelper;
 
 ConfigVar keyOf(const std::string& text) {
   ConfigVar key("", 0, "", 0);
-  EXPECT_EQ(AppConfig::parseKey(text, key), "");
+  EXPECT_TRUE(AppConfig::parseKey(text, key).ok()) << text;
   return key;
 }
 

@@ -185,7 +185,7 @@ Outcome accessOutcome(const Session& session, const std::list<ConfigVar>& vars,
     one.set_error(record.error());
     const Purpose purpose{"set the roles of", formatKey(keyOf(record.inst()))};
     const Outcome refused = session.verdict(purpose, one);
-    if (!refused.ok()) outcome.reasons.push_back(refused.message);
+    if (!refused.ok()) outcome.reasons.push_back(refused.text);
   }
   return outcome;
 }

@@ -389,7 +389,7 @@ void Import::printRecord() const {
 }
 
 std::string joined(const Outcome& outcome) {
-  std::string text = outcome.message;
+  std::string text = outcome.text;
   for (const std::string& reason : outcome.reasons) text += "; " + reason;
   return text;
 }
@@ -412,9 +412,9 @@ Outcome Import::summary() const {
     }
   }
   if (outcome.ok()) return outcome;
-  outcome.message = (dryRun_    ? "not all of " + shown + " would be imported"
-                     : givenUp_ ? "nothing of " + shown + " was imported"
-                                : "not all of " + shown + " was imported");
+  outcome.text = (dryRun_    ? "not all of " + shown + " would be imported"
+                  : givenUp_ ? "nothing of " + shown + " was imported"
+                             : "not all of " + shown + " was imported");
   if (unknownKept_) outcome.advice = "what is unknown is kept in " + unknownFile_;
   return outcome;
 }

@@ -62,7 +62,7 @@ int run(const std::vector<std::string>& words) {
   const CommandLine line = parseCommandLine(words);
   Output output(line.settings.json);
   const Outcome outcome = finish(carryOut(line, output), output);
-  if (!outcome.message.empty()) output.failure(outcome);
+  if (!outcome.text.empty()) output.failure(outcome);
   return outcome.code;
 }
 

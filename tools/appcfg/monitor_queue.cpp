@@ -18,7 +18,7 @@ void MonitorQueue::receive(void* self, const MSG_Message* message) {
   ConfigIF::MonitorNtfy event;
   const std::string_view bytes(static_cast<const char*>(MSG_GetPayload(message)),
                                static_cast<std::size_t>(MSG_GetPayloadBytes(message)));
-  if (!PlatformSchema::readMessage(MSG_GetMessageId(message), bytes, event)) {
+  if (!PlatformSchema::readMessage(MSG_GetMessageId(message), bytes, event).ok()) {
     const Base::MutexLock guard(queue->mutex_);
     ++queue->taken_.dropped;
     return;

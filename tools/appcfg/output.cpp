@@ -40,7 +40,7 @@ Record recordOf(const Outcome& outcome) {
   } else {
     record.text("key", outcome.subject);
   }
-  record.text("message", outcome.message).list("reasons", outcome.reasons);
+  record.text("message", outcome.text).list("reasons", outcome.reasons);
   return record.text("advice", outcome.advice);
 }
 
@@ -69,7 +69,7 @@ void Output::note(std::string_view text) { say("appcfg: " + escapeLine(text) + '
 
 void Output::failure(const Outcome& outcome) {
   if (json_) return say(toJson(recordOf(outcome)) + '\n');
-  if (!outcome.message.empty()) note(outcome.message);
+  if (!outcome.text.empty()) note(outcome.text);
   for (const std::string& reason : outcome.reasons) note(reason);
   if (!outcome.advice.empty()) note(outcome.advice);
 }

@@ -57,9 +57,9 @@ Outcome resetNamed(Context& context, const std::string& text) {
     return usageMistake("--recursive resets in all namespaces: --namespace cannot be given");
   }
   std::string name;
-  const std::string mistake = AppConfig::parseDottedName(text, name);
-  if (mistake.empty()) return resetBelow(context, name);
-  return usageMistake(mistake, "--recursive takes a name without namespace and instances");
+  const Base::Status<> read = AppConfig::parseDottedName(text, name);
+  if (read.ok()) return resetBelow(context, name);
+  return usageMistake(read.text, "--recursive takes a name without namespace and instances");
 }
 
 Outcome agreement(Context& context, const Arguments& arguments) {

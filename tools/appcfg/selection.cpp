@@ -22,8 +22,8 @@ bool isVariable(const ConfigVar& var, const ConfigVar& wanted) {
 
 Outcome Selection::read(const std::string& text) {
   if (text.find_first_of(":[") != std::string::npos) return readKeyLike(text);
-  const std::string mistake = AppConfig::parseDottedName(text, name_);
-  return mistake.empty() ? Outcome() : usageMistake(mistake);
+  const Base::Status<> read = AppConfig::parseDottedName(text, name_);
+  return read.ok() ? Outcome() : usageMistake(read.text);
 }
 
 // A group alone ("3:engine", "eth[1]") is no key; a name is lent to it so that one parser reads
@@ -32,8 +32,8 @@ Outcome Selection::readKeyLike(const std::string& text) {
   const std::size_t colon = text.find(':');
   const bool groupAlone = text.find('.') == std::string::npos;
   ConfigVar var("", 0, "", 0);
-  const std::string mistake = AppConfig::parseKey(groupAlone ? text + ".any" : text, var);
-  if (!mistake.empty()) return usageMistake(mistake);
+  const Base::Status<> read = AppConfig::parseKey(groupAlone ? text + ".any" : text, var);
+  if (!read.ok()) return usageMistake(read.text);
   if (colon != std::string::npos) nameSpace_ = var.nameSpace();
   name_ = groupAlone ? var.group() : var.dottedName();
   if (text.find('[') == std::string::npos) return {};

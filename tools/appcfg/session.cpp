@@ -89,9 +89,9 @@ Session::Session(const Settings& settings)
 
 Outcome Session::checkName(const Purpose& purpose) const {
   std::string path;
-  const std::string mistake = PbUtility::socketPath(runtimeDir_, serviceName_, path);
-  if (mistake.empty()) return {};
-  return usageMistake(cannot(purpose) + mistake,
+  const Base::Status<> named = PbUtility::socketPath(runtimeDir_, serviceName_, path);
+  if (named.ok()) return {};
+  return usageMistake(cannot(purpose) + named.text,
                       "name the service with --service, its directory with --runtime-dir or "
                       "APPCONFIG_RUNTIME_DIR");
 }
@@ -128,7 +128,7 @@ std::string Session::reasonOf(PbUtility::CallStatus status) const {
   const std::string details = endpoint_.lastRefusal();
   if (!details.empty()) return reason + ": " + details;
   std::string path;
-  const bool named = PbUtility::socketPath(runtimeDir_, serviceName_, path).empty();
+  const bool named = PbUtility::socketPath(runtimeDir_, serviceName_, path).ok();
   return named ? reason + " (" + path + ')' : reason;
 }
 
@@ -136,10 +136,10 @@ Outcome Session::verdict(const Purpose& purpose, const ConfigIF::ReturnMessage& 
   if (result.error() == CommonIF::ERROR_NONE) return {};
   const ErrorText& text = textOf(result.error());
   Outcome outcome = failure(exitCodeOf(result.error()), cannot(purpose) + text.what, text.advice);
-  replaceAll(outcome.message, "%R", roleName_);
+  replaceAll(outcome.text, "%R", roleName_);
   // Advice about a variable needs one: a listing or a reset may be about a group.
   ConfigVar var("", 0, "", 0);
-  const bool isKey = AppConfig::parseKey(purpose.subject, var).empty();
+  const bool isKey = AppConfig::parseKey(purpose.subject, var).ok();
   if (!isKey && outcome.advice.find("%K") != std::string::npos) outcome.advice.clear();
   replaceAll(outcome.advice, "%K", purpose.subject);
   outcome.reasons = stringsOf(result.messages());
@@ -148,8 +148,8 @@ Outcome Session::verdict(const Purpose& purpose, const ConfigIF::ReturnMessage& 
 }
 
 Outcome readKey(const Settings& settings, const std::string& text, ConfigVar& var) {
-  const std::string mistake = AppConfig::parseKey(text, var);
-  if (!mistake.empty()) return usageMistake(mistake);
+  const Base::Status<> read = AppConfig::parseKey(text, var);
+  if (!read.ok()) return usageMistake(read.text);
   if (settings.nameSpace && text.find(':') == std::string::npos) {
     var = ConfigVar(*settings.nameSpace, var.group(), var.groupInstance(), var.name(),
                     var.nameInstance());

@@ -18,7 +18,7 @@ Outcome askWhenThere(Context& context, const Waited& waited, const std::function
   for (;;) {
     Outcome asked = ask();
     if (asked.code != kExitUnreachable) return asked;
-    if (!told) context.output.note(asked.message + "; waiting for it");
+    if (!told) context.output.note(asked.text + "; waiting for it");
     told = true;
     while (!context.session.endpoint().waitUntilConnected(context.session.serviceName(), kSlice)) {
       Waited now = waited;

@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "base/status.h"
 #include "base/unique_fd.h"
 #include "configsrv/audit/audit_sync.h"
 #include "configsrv/log/log.h"
@@ -42,15 +43,15 @@ class AuditFile {
   // All that was appended since the last call.
   std::shared_ptr<AuditSync> takeUnsynced();
 
-  // Waits until the whole file is on the disk, whoever wrote it. Empty on success; else the reason.
-  std::string syncNow();
+  // Waits until the whole file is on the disk, whoever wrote it.
+  Base::Status<> syncNow();
 
   std::uint64_t lost() const { return lost_; }
 
  private:
   bool isStillThere() const;
-  std::string reopen();
-  std::string write(const std::string& line);
+  Base::Status<> reopen();
+  Base::Status<> write(const std::string& line);
   void lose(const std::string& why, std::uint64_t lines);
 
   const std::string path_;

@@ -27,6 +27,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/status.h"
 #include "configsrv/changes/change.h"
 #include "platform/messaging/serving/shares.h"
 
@@ -70,7 +71,7 @@ class ChangeQueues {
   };
 
   void leaveQueue(const PendingChange& change);
-  std::string refusalToWait(const Queue& queue, const PendingChange& change) const;
+  Base::Status<> roomToWait(const Queue& queue, const PendingChange& change) const;
   void appendAwaited(const PendingChange& change, std::vector<const PendingChange*>& awaited) const;
 
   const PbUtility::ShareLimits limits_;

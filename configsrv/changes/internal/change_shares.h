@@ -4,13 +4,14 @@
 // Without this, a user whose provider never answers could have all changes that there may be, and
 // those of everybody else would be refused.
 //
-// Errors:   a refusal names the limit and whose it is.
+// Errors:   a failure names the limit and whose it is.
 // Threads:  one.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
+#include "base/status.h"
 #include "configsrv/changes/change.h"
 #include "platform/messaging/serving/shares.h"
 
@@ -30,13 +31,13 @@ class ChangeShares {
   // What the change counts as in memory.
   static std::size_t bytesOf(const ChangeRequest& request);
 
-  // Empty when one more of the owner's fits.
-  std::string refusal(PbUtility::Owner owner, std::size_t bytes) const;
+  // For one more of the owner's.
+  Base::Status<> room(PbUtility::Owner owner, std::size_t bytes) const;
   void add(PbUtility::Owner owner, std::size_t bytes);
   void remove(PbUtility::Owner owner, std::size_t bytes);
 
-  // Bytes alone, for what belongs to several changes. A refusal when they do not fit.
-  std::string reserve(PbUtility::Owner owner, std::size_t bytes);
+  // Bytes alone, for what belongs to several changes.
+  Base::Status<> reserve(PbUtility::Owner owner, std::size_t bytes);
   void release(PbUtility::Owner owner, std::size_t bytes) { bytes_.remove(owner, bytes); }
 
  private:

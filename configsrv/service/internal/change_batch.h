@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "base/status.h"
 #include "configsrv/changes/changes.h"
 #include "configsrv/service/internal/slices.h"
 
@@ -39,12 +40,12 @@ class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
     bool tellsOfEach = false;
   };
 
-  struct Result {
+  // How the first one ended that failed, or success.
+  struct Result : Base::Status<eErrorT> {
     // One for each change, in their order, where that was wanted.
-    std::vector<eErrorT> errors;
-    // The first failure, or success.
-    eErrorT error = eErrNone;
-    std::vector<std::string> messages;
+    std::vector<eErrorT> errors{};
+    // What else was told of it, and of later ones that failed.
+    std::vector<std::string> reasons{};
     std::uint32_t changed = 0;
     // The newest of the commits; 0: none.
     std::uint64_t revision = 0;
@@ -52,7 +53,7 @@ class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
   using Done = std::function<void(const Result& result)>;
 
   // Calls done once, perhaps before it returns. If the requester's share of what is under way is used
-  // up, nothing is begun and the error is eErrLimit.
+  // up, nothing is begun and the code is eErrLimit.
   static void run(Changes& changes, Slices& slices, const Requester& by, Wanted wanted, Done done);
 
   ~ChangeBatch();
@@ -66,6 +67,7 @@ class ChangeBatch : public std::enable_shared_from_this<ChangeBatch> {
   void submitMore();
   void submit(std::size_t index, StoreChange change);
   void onDone(std::size_t index, const ChangeOutcome& outcome);
+  void addFailure(const ChangeOutcome& outcome);
 
   Changes& changes_;
   Slices& slices_;

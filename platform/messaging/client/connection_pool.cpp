@@ -16,7 +16,7 @@
 namespace PbUtility {
 namespace {
 
-CallStatus statusOf(StreamStatus status) {
+CallStatus codeOf(StreamStatus status) {
   switch (status) {
     case StreamStatus::Ok:
       return kCallOk;
@@ -36,17 +36,28 @@ CallStatus statusOf(StreamStatus status) {
   return kCallBrokenAnswer;
 }
 
-bool readResponse(const FrameHeader& header, std::string_view payload,
-                  google::protobuf::MessageLite& response, std::string& problem) {
+CallOutcome outcomeOf(StreamStatus status, const Stream& stream) {
+  if (status == StreamStatus::Ok) return {};
+  return {codeOf(status), stream.problem()};
+}
+
+CallOutcome readResponse(const FrameHeader& header, std::string_view payload,
+                         google::protobuf::MessageLite& response) {
   using PlatformSchema::Reading;
+  constexpr const char* kOther = "the answer is not the response that belongs to the request";
   const bool isResponse = header.kind == FrameKind::Response &&
                           header.messageId == PlatformSchema::messageIdOf(response);
-  const Reading reading =
-      isResponse ? PlatformSchema::readMessage(header.messageId, payload, response, problem)
-                 : Reading::NoMessage;
-  if (reading == Reading::NoMessage)
-    problem = "the answer is not the response that belongs to the request";
-  return reading == Reading::Done;
+  if (!isResponse) return {kCallBrokenAnswer, kOther};
+  Base::Status<Reading> read = PlatformSchema::readMessage(header.messageId, payload, response);
+  if (read.ok()) return {};
+  return {kCallBrokenAnswer, read.code == Reading::NoMessage ? kOther : std::move(read.text)};
+}
+
+// The service's words, or what is wrong with them.
+CallOutcome refused(std::string_view payload) {
+  Refusal refusal;
+  Base::Status<> decoded = decode(payload, refusal);
+  return {kCallRefused, std::move(decoded.ok() ? refusal.text : decoded.text)};
 }
 
 }  // namespace
@@ -105,7 +116,7 @@ bool ConnectionPool::findIdle(bool insideReceiver, Position& connection, bool& m
   return found != connections_.end();
 }
 
-CallStatus ConnectionPool::take(Exchange& exchange, Position& connection) {
+CallOutcome ConnectionPool::take(Exchange& exchange, Position& connection) {
   const Base::MutexLock guard(mutex_);
   for (;;) {
     bool mustWait = false;
@@ -115,13 +126,11 @@ CallStatus ConnectionPool::take(Exchange& exchange, Position& connection) {
       useOf(*connection).forReceivers = exchange.insideReceiver;
       break;
     }
-    if (!freed_.waitUntil(guard, exchange.deadline)) {
-      exchange.problem = "all connections to the service were busy";
-      return kCallTimedOut;
-    }
+    if (!freed_.waitUntil(guard, exchange.deadline))
+      return {kCallTimedOut, "all connections to the service were busy"};
   }
   useOf(*connection).busy = true;
-  return kCallOk;
+  return {};
 }
 
 void ConnectionPool::giveBack(Position connection, bool usable, std::thread::id oneWayBy) {
@@ -145,30 +154,22 @@ void ConnectionPool::closeIdle() {
     each = useOf(*each).busy ? std::next(each) : connections_.erase(each);
 }
 
-CallStatus ConnectionPool::welcome(Connection& connection, Exchange& exchange) {
+CallOutcome ConnectionPool::welcome(Connection& connection, Exchange& exchange) {
   FrameHeader header;
   const StreamStatus status = connection.stream.receiveFrame(header, exchange.deadline);
-  if (status != StreamStatus::Ok) {
-    exchange.problem = path_ + ": " + connection.stream.problem();
-    return statusOf(status);
-  }
-  if (header.kind == FrameKind::Refusal) {
-    Refusal refusal;
-    exchange.problem = decode(connection.stream.payload(), refusal);
-    if (exchange.problem.empty()) exchange.problem = refusal.text;
-    return kCallRefused;
-  }
+  if (status != StreamStatus::Ok)
+    return {codeOf(status), path_ + ": " + connection.stream.problem()};
+  const std::string_view payload = connection.stream.payload();
+  if (header.kind == FrameKind::Refusal) return refused(payload);
   Welcome welcome;
-  if (header.kind != FrameKind::Welcome || !decode(connection.stream.payload(), welcome).empty()) {
-    exchange.problem = "the service did not answer the greeting";
-    return kCallBrokenAnswer;
-  }
+  if (header.kind != FrameKind::Welcome || !decode(payload, welcome).ok())
+    return {kCallBrokenAnswer, "the service did not answer the greeting"};
   connection.epoch = welcome.epoch;
   exchange.opened = true;
-  return kCallOk;
+  return {};
 }
 
-CallStatus ConnectionPool::open(Connection& connection, Exchange& exchange) {
+CallOutcome ConnectionPool::open(Connection& connection, Exchange& exchange) {
   StreamStatus status = connection.stream.connect(path_, exchange.deadline);
   FrameHeader header;
   header.kind = FrameKind::Hello;
@@ -182,14 +183,16 @@ CallStatus ConnectionPool::open(Connection& connection, Exchange& exchange) {
   const std::string problem = connection.stream.problem();
   if (status == StreamStatus::Ok) return welcome(connection, exchange);
   const bool mayBeRefused = status == StreamStatus::Closed && connection.stream.isOpen();
-  if (mayBeRefused && welcome(connection, exchange) == kCallRefused) return kCallRefused;
-  exchange.problem = status == StreamStatus::Untrusted ? problem : path_ + ": " + problem;
-  return statusOf(status);
+  if (mayBeRefused) {
+    CallOutcome welcomed = welcome(connection, exchange);
+    if (welcomed.code == kCallRefused) return welcomed;
+  }
+  return {codeOf(status), status == StreamStatus::Untrusted ? problem : path_ + ": " + problem};
 }
 
-CallStatus ConnectionPool::sendRequest(Connection& connection,
-                                       const google::protobuf::MessageLite& request,
-                                       Exchange& exchange, bool& stale) {
+CallOutcome ConnectionPool::sendRequest(Connection& connection,
+                                        const google::protobuf::MessageLite& request,
+                                        Exchange& exchange, bool& stale) {
   FrameHeader header;
   header.kind = exchange.oneWay ? FrameKind::OneWay : FrameKind::Request;
   header.flags = exchange.insideReceiver ? kFlagInsideReceiver : 0;
@@ -202,66 +205,55 @@ CallStatus ConnectionPool::sendRequest(Connection& connection,
   exchange.epoch = connection.epoch;
   const std::size_t most = PlatformSchema::maxPayloadBytes(exchange.messageId);
   if (!encodeFrame(header, request, connection.outgoing, most)) {
-    exchange.problem = PlatformSchema::payloadProblem(exchange.messageId, request.ByteSizeLong());
-    return kCallBadRequest;
+    return {kCallBadRequest,
+            PlatformSchema::checkPayloadBytes(exchange.messageId, request.ByteSizeLong()).text};
   }
   bool sentNothing = true;
   const StreamStatus status = connection.stream.sendAll(
       connection.outgoing.data(), connection.outgoing.size(), exchange.deadline, sentNothing);
   // A peer that has closed takes not one byte, so nothing of the request was acted upon.
   stale = status == StreamStatus::Closed && sentNothing;
-  if (status != StreamStatus::Ok) exchange.problem = connection.stream.problem();
-  return statusOf(status);
+  return outcomeOf(status, connection.stream);
 }
 
-CallStatus ConnectionPool::receiveResponse(Connection& connection,
-                                           google::protobuf::MessageLite& response,
-                                           Exchange& exchange) {
+CallOutcome ConnectionPool::receiveResponse(Connection& connection,
+                                            google::protobuf::MessageLite& response,
+                                            Exchange& exchange) {
   FrameHeader header;
   const StreamStatus status = connection.stream.receiveFrame(header, exchange.deadline);
-  if (status != StreamStatus::Ok) {
-    exchange.problem = connection.stream.problem();
-    return statusOf(status);
-  }
+  if (status != StreamStatus::Ok) return outcomeOf(status, connection.stream);
   const std::string_view payload = connection.stream.payload();
   exchange.answerRevision = header.revision;
-  if (header.sequence != exchange.sequence) {
-    exchange.problem = "the answer belongs to another request";
-    return kCallBrokenAnswer;
-  }
-  if (header.kind == FrameKind::Refusal) {
-    Refusal refusal;
-    exchange.problem = decode(payload, refusal);
-    if (exchange.problem.empty()) exchange.problem = refusal.text;
-    return kCallRefused;
-  }
-  return readResponse(header, payload, response, exchange.problem) ? kCallOk : kCallBrokenAnswer;
+  if (header.sequence != exchange.sequence)
+    return {kCallBrokenAnswer, "the answer belongs to another request"};
+  if (header.kind == FrameKind::Refusal) return refused(payload);
+  return readResponse(header, payload, response);
 }
 
-CallStatus ConnectionPool::call(const google::protobuf::MessageLite& request,
-                                google::protobuf::MessageLite* response, Exchange& exchange) {
+CallOutcome ConnectionPool::call(const google::protobuf::MessageLite& request,
+                                 google::protobuf::MessageLite* response, Exchange& exchange) {
   for (;;) {
     Position position;
-    CallStatus status = take(exchange, position);
-    if (status != kCallOk) return status;
+    CallOutcome taken = take(exchange, position);
+    if (!taken.ok()) return taken;
     Lease lease(*this, position);
     Connection& connection = lease.connection();
     const bool isNew = !connection.stream.isOpen();
-    if (isNew) status = open(connection, exchange);
-    if (status != kCallOk) return status;
+    CallOutcome opened = isNew ? open(connection, exchange) : CallOutcome{};
+    if (!opened.ok()) return opened;
     bool stale = false;
-    status = sendRequest(connection, request, exchange, stale);
+    CallOutcome sent = sendRequest(connection, request, exchange, stale);
     if (stale && !isNew) {
       // The service was restarted since: its other connections are dead as well.
       closeIdle();
       continue;
     }
-    if (status == kCallOk && !exchange.oneWay) {
-      status = receiveResponse(connection, *response, exchange);
-    }
-    if (status != kCallOk && status != kCallRefused) return status;
+    if (!sent.ok()) return sent;
+    CallOutcome outcome =
+        exchange.oneWay ? CallOutcome{} : receiveResponse(connection, *response, exchange);
+    if (!outcome.ok() && outcome.code != kCallRefused) return outcome;
     lease.keep(exchange.oneWay ? std::this_thread::get_id() : std::thread::id());
-    return status;
+    return outcome;
   }
 }
 

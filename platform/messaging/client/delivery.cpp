@@ -50,7 +50,7 @@ std::optional<std::string> refusalForRoom(const FrameHeader& header, std::string
   if (header.kind == FrameKind::Response)
     return PlatformSchema::refusalForRoom(header.messageId, payload);
   Refusal refusal;
-  if (!decode(payload, refusal).empty() || refusal.error != kRefusedByLimit) return std::nullopt;
+  if (!decode(payload, refusal).ok() || refusal.error != kRefusedByLimit) return std::nullopt;
   return refusal.text;
 }
 
@@ -243,7 +243,7 @@ void Delivery::tryConnect(Remote& remote) {
 
 bool Delivery::takeWelcome(Remote& remote, const FrameHeader& header, std::string_view payload) {
   Welcome welcome;
-  if (header.kind != FrameKind::Welcome || !decode(payload, welcome).empty()) return false;
+  if (header.kind != FrameKind::Welcome || !decode(payload, welcome).ok()) return false;
   remote.greeted = true;
   remote.delay = kShortestDelay;
   remote.epoch = welcome.epoch;
@@ -368,7 +368,7 @@ bool Delivery::consume(Remote& remote) {
   while (good && remote.incoming.size() - taken >= kFrameHeaderBytes) {
     FrameHeader header;
     const char* bytes = remote.incoming.data() + taken;
-    good = decodeHeader(reinterpret_cast<const unsigned char*>(bytes), header).empty();
+    good = decodeHeader(reinterpret_cast<const unsigned char*>(bytes), header).ok();
     const std::size_t whole = kFrameHeaderBytes + header.payloadBytes;
     if (!good || remote.incoming.size() - taken < whole) break;
     good = take(remote, header, {bytes + kFrameHeaderBytes, header.payloadBytes});

@@ -62,7 +62,7 @@ EndpointToken randomToken() {
   return token;
 }
 
-std::string nameProblem(const std::string& name) {
+Base::Status<> checkName(const std::string& name) {
   Hello hello;
   hello.name = name;
   Hello decoded;
@@ -102,7 +102,7 @@ class Endpoint::State {
         generation_(forkGeneration),
         options_(std::move(options)),
         hello_{ConnectionUse::Requests, randomToken(), std::move(name)},
-        nameProblem_(nameProblem(hello_.name)),
+        named_(checkName(hello_.name)),
         delivery_(hello_, [this] { return receivers(); }) {
     if (options_.runtimeDir.empty()) options_.runtimeDir = defaultRuntimeDir();
     joinList();
@@ -168,13 +168,15 @@ class Endpoint::State {
       return kCallBadRequest;
     }
     Remote* remote = this->remote(endpointName);
-    lastProblem = remote == nullptr ? tooManyRemotes() : remote->problem;
-    if (!lastProblem.empty()) return kCallBadEndpoint;
-    const CallStatus status = exchangeWith(*remote, request, response, exchange);
-    if (status != kCallOk) lastProblem = exchange.problem;
+    if (remote == nullptr || !remote->named.ok()) {
+      lastProblem = remote == nullptr ? tooManyRemotes() : remote->named.text;
+      return kCallBadEndpoint;
+    }
+    CallOutcome outcome = exchangeWith(*remote, request, response, exchange);
+    if (!outcome.ok()) lastProblem = std::move(outcome.text);
     if (exchange.opened) delivery_.kick(endpointName);
     if (sequence != nullptr) *sequence = exchange.sequence;
-    return status;
+    return outcome.code;
   }
 
   bool waitUntilConnected(const std::string& name, std::chrono::milliseconds atMost) {
@@ -188,18 +190,19 @@ class Endpoint::State {
   bool& hasDelivery(Remote& remote) APPCONFIG_REQUIRES(mutex_) { return remote.hasDelivery_; }
   class Remote {
    public:
-    Remote(std::string remoteName, std::string socketPath, std::string problemText,
+    Remote(std::string remoteName, std::string socketPath, Base::Status<> isNamed,
            const Hello& hello, unsigned maxConnections, const PbUtils* layer)
         : name(std::move(remoteName)),
           path(std::move(socketPath)),
-          problem(std::move(problemText)),
+          named(std::move(isNamed)),
           pool(path, hello, maxConnections),
           registrations(layer, name) {}
 
     const std::uint64_t number = nextRemoteNumber();
     const std::string name;
     const std::string path;
-    const std::string problem;
+    // Whether an endpoint can have these names, this one and our own.
+    const Base::Status<> named;
     ConnectionPool pool;
     KeptRegistrations registrations;
 
@@ -271,15 +274,15 @@ class Endpoint::State {
     if (found != remotes_.end()) return found->second.get();
     if (remotes_.size() >= kMaxRemotes) return nullptr;
     std::string path;
-    std::string problem = socketPath(options_.runtimeDir, name, path);
-    if (problem.empty() && !nameProblem_.empty()) problem = "own name: " + nameProblem_;
-    auto made =
-        std::make_unique<Remote>(name, path, problem, hello_, options_.maxConnections, layer_);
+    Base::Status<> named = socketPath(options_.runtimeDir, name, path);
+    if (named.ok() && !named_.ok()) named = Base::failed("own name: " + named_.text);
+    auto made = std::make_unique<Remote>(name, path, std::move(named), hello_,
+                                         options_.maxConnections, layer_);
     return remotes_.emplace(name, std::move(made)).first->second.get();
   }
 
   void deliverFrom(Remote& remote) {
-    if (!remote.problem.empty()) return;
+    if (!remote.named.ok()) return;
     {
       const Base::MutexLock guard(mutex_);
       hasDelivery(remote) = true;
@@ -288,24 +291,24 @@ class Endpoint::State {
     delivery_.add(remote.name, remote.path, remote.registrations);
   }
 
-  CallStatus exchangeWith(Remote& remote, const google::protobuf::MessageLite& request,
-                          google::protobuf::MessageLite* response, Exchange& exchange) {
+  CallOutcome exchangeWith(Remote& remote, const google::protobuf::MessageLite& request,
+                           google::protobuf::MessageLite* response, Exchange& exchange) {
     if (PlatformSchema::isRepeatedOnReconnect(exchange.messageId)) {
       return registerAt(remote, request, response, exchange);
     }
     forgetWithdrawn(remote, request, exchange.messageId);
-    const CallStatus status = remote.pool.call(request, response, exchange);
-    if (status == kCallOk && response != nullptr) {
+    CallOutcome outcome = remote.pool.call(request, response, exchange);
+    if (outcome.ok() && response != nullptr) {
       lastAnswer = {remote.number, exchange.epoch, exchange.answerRevision};
       remote.registrations.answered(exchange.epoch);
     }
-    return status;
+    return outcome;
   }
 
   // A registration is for being told, so the connection for being told comes first: a provider that
   // was registered but could not be asked would make changes fail.
-  CallStatus registerAt(Remote& remote, const google::protobuf::MessageLite& request,
-                        google::protobuf::MessageLite* response, Exchange& exchange) {
+  CallOutcome registerAt(Remote& remote, const google::protobuf::MessageLite& request,
+                         google::protobuf::MessageLite* response, Exchange& exchange) {
     deliverFrom(remote);
     if (lastAnswer.remote == remote.number) {
       exchange.revision = lastAnswer.revision;
@@ -320,20 +323,19 @@ class Endpoint::State {
                                       exchange.knownEpoch, exchange.revision);
     if (!isDelivered) {
       kept.abandon(key, connection);
-      exchange.problem = "the system has no thread to deliver messages on";
-      return kCallBadEndpoint;
+      return {kCallBadEndpoint, "the system has no thread to deliver messages on"};
     }
-    const CallStatus status = remote.pool.call(request, response, exchange);
-    if (status == kCallOk && response != nullptr) {
+    CallOutcome outcome = remote.pool.call(request, response, exchange);
+    if (outcome.ok() && response != nullptr) {
       noteAnswer(remote, key, connection, *response, exchange);
-    } else if (status == kCallBadRequest) {
+    } else if (outcome.code == kCallBadRequest) {
       kept.withdraw(key);
     } else {
       // The delivery connection may be as good as before, and nobody would ask again.
       kept.abandon(key, connection);
       delivery_.repeatAbandoned(remote.name);
     }
-    return status;
+    return outcome;
   }
 
   void noteAnswer(Remote& remote, const std::string& key, KeptRegistrations::Connection connection,
@@ -363,7 +365,7 @@ class Endpoint::State {
   unsigned generation_;
   EndpointOptions options_;
   const Hello hello_;
-  const std::string nameProblem_;
+  const Base::Status<> named_;
   // Of the remotes it guards the map and hasDelivery. Nothing is taken while it is held.
   Base::Mutex mutex_;
   std::vector<MSG_Callback> tables_ APPCONFIG_GUARDED_BY(mutex_);

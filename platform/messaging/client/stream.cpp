@@ -144,8 +144,12 @@ StreamStatus Stream::receiveFrame(FrameHeader& header, Clock::time_point deadlin
   std::size_t have = 0;
   StreamStatus status = fill(have, kFrameHeaderBytes, deadline);
   if (status != StreamStatus::Ok) return status;
-  problem_ = decodeHeader(reinterpret_cast<const unsigned char*>(buffer_.data()), header);
-  if (!problem_.empty()) return StreamStatus::Broken;
+  Base::Status<> decoded =
+      decodeHeader(reinterpret_cast<const unsigned char*>(buffer_.data()), header);
+  if (!decoded.ok()) {
+    problem_ = std::move(decoded.text);
+    return StreamStatus::Broken;
+  }
   const std::size_t whole = kFrameHeaderBytes + header.payloadBytes;
   status = fill(have, whole, deadline);
   if (status != StreamStatus::Ok) return status;

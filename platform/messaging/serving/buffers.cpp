@@ -26,7 +26,7 @@ std::optional<Buffers::Excess> Buffers::excess() {
     const Owner owner = grown_.back();
     const Shares::Limit limit = shares_.passed(owner);
     const Account* most = limit == Shares::Limit::None ? nullptr : greediest(owner, limit);
-    if (most != nullptr) return Excess{most->connection, shares_.refusal(owner, 0)};
+    if (most != nullptr) return Excess{most->connection, shares_.room(owner, 0).text};
   }
   return std::nullopt;
 }

@@ -77,17 +77,18 @@ void Connection::dropRefused(std::size_t bytes) {
 
 // Of a frame that is refused, the header is all that is waited for.
 Connection::Next Connection::next(Frame& frame) {
-  std::string problem =
+  Base::Status<> decoded =
       decodeHeader(reinterpret_cast<const unsigned char*>(rest_.data()), frame.header);
   const std::size_t payloadBytes = frame.header.payloadBytes;
-  if (peer == nullptr && payloadBytes > kMaxHelloBytes) problem = "its greeting is too long";
-  if (!problem.empty()) {
-    frame.problem = std::move(problem);
+  if (peer == nullptr && payloadBytes > kMaxHelloBytes)
+    decoded = Base::failed("its greeting is too long");
+  if (!decoded.ok()) {
+    frame.problem = std::move(decoded.text);
     return Next::Bad;
   }
-  std::string excess = PlatformSchema::payloadProblem(frame.header.messageId, payloadBytes);
-  frame.bytes = kFrameHeaderBytes + (excess.empty() ? payloadBytes : std::size_t{0});
-  if (!excess.empty()) frame.problem = std::move(excess);
+  Base::Status<> length = PlatformSchema::checkPayloadBytes(frame.header.messageId, payloadBytes);
+  frame.bytes = kFrameHeaderBytes + (length.ok() ? payloadBytes : std::size_t{0});
+  if (!length.ok()) frame.problem = std::move(length.text);
   if (rest_.size() < frame.bytes) {
     frameBytes_ = frame.bytes;
     return Next::Wait;

@@ -45,7 +45,7 @@ ConnectionTable::ConnectionTable(const ServerOptions& options, ServerHandler& ha
       shares_("connections", connectionLimits(options), ::geteuid()),
       buffers_(options.bufferedBytes, ::geteuid()) {}
 
-std::string ConnectionTable::listen() {
+Base::Status<> ConnectionTable::listen() {
   return options_.listenFd >= 0 ? listener_.adopt(options_.listenFd)
                                 : listener_.open(options_.runtimeDir, options_.name);
 }
@@ -78,8 +78,8 @@ void ConnectionTable::refuse(int fd, const ucred& who, const std::string& text) 
 
 void ConnectionTable::begin(Base::UniqueFd fd) {
   const ucred who = peerOf(fd.get());
-  const std::string refusal = shares_.refusal({who.uid, who.pid});
-  if (!refusal.empty()) return refuse(fd.get(), who, refusal);
+  const Base::Status<> room = shares_.room({who.uid, who.pid});
+  if (!room.ok()) return refuse(fd.get(), who, room.text);
   const std::uint64_t key = nextKey_++;
   auto connection = std::make_unique<Connection>(key, std::move(fd), who);
   if (!loop_.watch(connection->fd(), key, EPOLLIN)) return;
@@ -127,7 +127,7 @@ void ConnectionTable::closePast(Connection& connection, const std::string& limit
 
 bool ConnectionTable::fits(Connection& connection, std::size_t bytes) {
   if (buffers_.fits(connection.buffered, bytes)) return true;
-  closePast(connection, buffers_.shares().refusal(connection.owner(), bytes));
+  closePast(connection, buffers_.shares().room(connection.owner(), bytes).text);
   return false;
 }
 

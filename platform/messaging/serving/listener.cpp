@@ -18,14 +18,17 @@
 namespace PbUtility {
 namespace {
 
+using Base::failed;
+using Base::Status;
+
 // Everybody may connect; what they may do is decided by who the kernel says they are.
 constexpr mode_t kSocketMode = 0666;
 constexpr mode_t kDirectoryMode = 0755;
 
-std::string because(const std::string& what) { return what + ": " + std::strerror(errno); }
+Status<> because(const std::string& what) { return failed(what + ": " + std::strerror(errno)); }
 
 // Makes every directory above the path that is missing.
-std::string makeDirectories(const std::string& path) {
+Status<> makeDirectories(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     const std::string directory = path.substr(0, slash);
@@ -43,22 +46,24 @@ Listener::~Listener() {
   if (lock_ && !path_.empty()) ::unlink(path_.c_str());
 }
 
-std::string Listener::lock() {
+Status<> Listener::lock() {
   const std::string lockPath = path_ + ".lock";
   lock_.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock_) return because("cannot open the lock file " + lockPath);
   if (::flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) return {};
   const bool taken = errno == EWOULDBLOCK;
-  std::string problem = because("cannot lock " + lockPath);
+  Status<> problem = because("cannot lock " + lockPath);
   lock_.reset();
   if (!taken) return problem;
-  return "another service already serves " + path_ + ": stop it, or choose another --runtime-dir";
+  return failed("another service already serves " + path_ +
+                ": stop it, or choose another --runtime-dir");
 }
 
-std::string Listener::bindAndListen() {
+Status<> Listener::bindAndListen() {
   struct stat status {};
   if (::lstat(path_.c_str(), &status) == 0) {
-    if (!S_ISSOCK(status.st_mode)) return path_ + " is in the way and is no socket: remove it";
+    if (!S_ISSOCK(status.st_mode))
+      return failed(path_ + " is in the way and is no socket: remove it");
     if (::unlink(path_.c_str()) != 0) return because("cannot remove the old socket " + path_);
   }
   socket_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -73,16 +78,16 @@ std::string Listener::bindAndListen() {
   return {};
 }
 
-std::string Listener::open(const std::string& runtimeDir, const std::string& name) {
-  std::string problem = socketPath(runtimeDir, name, path_);
-  if (problem.empty()) problem = makeDirectories(path_);
-  if (problem.empty()) problem = lock();
-  if (problem.empty()) problem = bindAndListen();
-  if (problem.empty()) spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-  return problem;
+Status<> Listener::open(const std::string& runtimeDir, const std::string& name) {
+  Status<> opened = socketPath(runtimeDir, name, path_);
+  if (opened.ok()) opened = makeDirectories(path_);
+  if (opened.ok()) opened = lock();
+  if (opened.ok()) opened = bindAndListen();
+  if (opened.ok()) spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  return opened;
 }
 
-std::string Listener::adopt(int fd) {
+Status<> Listener::adopt(int fd) {
   const int flags = ::fcntl(fd, F_GETFL);
   if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
     return because("cannot use the listening socket " + std::to_string(fd));
@@ -90,7 +95,7 @@ std::string Listener::adopt(int fd) {
   int listening = 0;
   socklen_t size = sizeof listening;
   if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || listening == 0) {
-    return "descriptor " + std::to_string(fd) + " is no listening socket";
+    return failed("descriptor " + std::to_string(fd) + " is no listening socket");
   }
   socket_.reset(fd);
   spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));

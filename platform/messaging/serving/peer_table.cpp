@@ -73,10 +73,11 @@ bool PeerTable::endRequest(PeerState& peer, const RequestId& request) const {
   return othersWait;
 }
 
-std::string PeerTable::whyNotAsked(const PeerState& peer) const {
+Base::Status<> PeerTable::mayBeAsked(const PeerState& peer) const {
   if (peer.openQuestions.size() < options_.maxOpenQuestions)
-    return questionShares_.refusal(peer.owner());
-  return "it has " + std::to_string(options_.maxOpenQuestions) + " questions to answer";
+    return questionShares_.room(peer.owner());
+  return Base::failed("it has " + std::to_string(options_.maxOpenQuestions) +
+                      " questions to answer");
 }
 
 std::uint32_t PeerTable::nextQuestion(PeerState& peer) {

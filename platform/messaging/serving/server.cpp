@@ -45,10 +45,10 @@ Server::Server(ServerOptions options, ServerHandler& handler)
       writer_(options_, connections_, loop_, [this](Connection& one) { letGoOn(one); }),
       readBuffer_(kReadBufferBytes) {}
 
-std::string Server::open() {
-  std::string problem = connections_.listen();
-  if (!problem.empty() || (loop_.open() && connections_.watchListener())) return problem;
-  return std::string("cannot make the event loop: ") + std::strerror(errno);
+Base::Status<> Server::open() {
+  Base::Status<> listening = connections_.listen();
+  if (!listening.ok() || (loop_.open() && connections_.watchListener())) return listening;
+  return Base::failed(std::string("cannot make the event loop: ") + std::strerror(errno));
 }
 
 // --- Rounds and turns ---
@@ -244,12 +244,12 @@ void Server::dropFrame(Connection& connection, const Connection::Frame& frame) {
 
 void Server::greet(Connection& connection, std::string_view payload) {
   Hello hello;
-  const std::string problem = decode(payload, hello);
-  if (!problem.empty()) return connections_.close(connection, Fault::BadFrame, problem);
+  const Base::Status<> decoded = decode(payload, hello);
+  if (!decoded.ok()) return connections_.close(connection, Fault::BadFrame, decoded.text);
   const Peer claimed{0, hello.name, connection.who.uid, connection.who.gid, connection.who.pid};
   PeerState* peer = peers_.find(hello.token);
   const Refusal refusal = whyNotGreet(peer, claimed);
-  if (!refusal.text.empty()) {
+  if (refusal.error != 0) {
     writer_.sendRefusal(connection, 0, refusal.error, refusal.text);
     // What the handler refuses, it has logged itself.
     return peer == nullptr ? connections_.close(connection)
@@ -264,7 +264,9 @@ void Server::greet(Connection& connection, std::string_view payload) {
 
 Refusal Server::whyNotGreet(const PeerState* known, const Peer& claimed) {
   if (known != nullptr) return peers_.whyNotJoin(*known, claimed);
-  return {kRefusedByRight, handler_.onGreeting(claimed)};
+  const Base::Status<> welcome = handler_.onGreeting(claimed);
+  if (welcome.ok()) return {};
+  return {kRefusedByRight, welcome.text};
 }
 
 void Server::join(Connection& connection, PeerState& peer, ConnectionUse use) {
@@ -416,10 +418,10 @@ std::uint32_t Server::ask(PeerId id, const MessageLite& question, std::uint64_t 
   Connection* connection = deliveryOf(id);
   if (connection == nullptr) return 0;
   PeerState& peer = *connection->peer;
-  const std::string refusal = peers_.whyNotAsked(peer);
-  if (!refusal.empty()) {
+  const Base::Status<> asking = peers_.mayBeAsked(peer);
+  if (!asking.ok()) {
     handler_.onFault(Fault::NotAnswering,
-                     nameOf(*connection) + " is asked nothing more: " + refusal);
+                     nameOf(*connection) + " is asked nothing more: " + asking.text);
     return 0;
   }
   FrameHeader header;

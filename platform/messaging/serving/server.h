@@ -33,6 +33,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/status.h"
 #include "platform/messaging/serving/internal/connection.h"
 #include "platform/messaging/serving/internal/connection_table.h"
 #include "platform/messaging/serving/internal/event_loop.h"
@@ -58,10 +59,9 @@ class Server final : private LoopClient {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Takes the socket. Empty on success; else what is wrong and what to do: another server has the
-  // name, the directory cannot be made, the name is refused. A socket file that a dead server left
-  // is replaced.
-  [[nodiscard]] std::string open();
+  // Takes the socket, or says what is wrong and what to do: another server has the name, the
+  // directory cannot be made, the name is refused. A socket file that a dead server left is replaced.
+  Base::Status<> open();
   // Serves until stop(). Removes the socket file when it leaves.
   void run() { loop_.run(); }
   // Ends run() soon. Safe in a signal handler.

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/status.h"
 #include "platform/messaging/serving/peer.h"
 
 namespace PbUtility {
@@ -69,9 +70,9 @@ class ServerHandler {
   // The question is over: no further answer comes. Called exactly once for each question that
   // ask() took; also, with peerGone, when the peer's delivery connection ends first.
   virtual void onQuestionDone(PeerId peer, std::uint32_t question, bool peerGone) = 0;
-  // A peer that is not known yet has greeted; it has no id yet. Empty: it may come; else it is told
-  // this text, and its connection ends. The handler does the logging.
-  virtual std::string onGreeting(const Peer& peer) {
+  // A peer that is not known yet has greeted; it has no id yet. On a failure it is told the text,
+  // and its connection ends. The handler does the logging.
+  virtual Base::Status<> onGreeting(const Peer& peer) {
     static_cast<void>(peer);
     return {};
   }

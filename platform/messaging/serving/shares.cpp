@@ -42,9 +42,9 @@ Shares::Limit Shares::passed(Owner owner, std::size_t amount) const {
   return fits(all_, amount, limits_.all) ? Limit::None : Limit::All;
 }
 
-std::string Shares::refusal(Owner owner, std::size_t amount) const {
+Base::Status<> Shares::room(Owner owner, std::size_t amount) const {
   const auto past = [this](std::size_t limit, const std::string& whose) {
-    return "no more than " + std::to_string(limit) + " " + name_ + " " + whose;
+    return Base::failed("no more than " + std::to_string(limit) + " " + name_ + " " + whose);
   };
   switch (passed(owner, amount)) {
     case Limit::None:

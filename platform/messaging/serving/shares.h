@@ -12,12 +12,12 @@
 // Users that the kernel cannot map into the service's namespace all appear as one (65534), and share
 // one share.
 //
-// Errors:   refusal() names the limit and whose it is; nothing else can fail.
+// Errors:   room() names the limit and whose it is; nothing else can fail.
 // Threads:  one at a time, whichever runs the server's loop.
 //
 //   Shares monitors("monitors", {16, 12, 2, 2}, ::geteuid());
-//   std::string refusal = monitors.refusal(owner);  // "user 1000 has all 2 monitors that ..."
-//   if (refusal.empty()) monitors.add(owner);
+//   const Base::Status<> room = monitors.room(owner);  // "no more than 2 monitors for one user, ..."
+//   if (room.ok()) monitors.add(owner);
 #pragma once
 
 #include <sys/types.h>
@@ -25,6 +25,8 @@
 #include <cstddef>
 #include <string>
 #include <unordered_map>
+
+#include "base/status.h"
 
 namespace PbUtility {
 
@@ -52,8 +54,8 @@ class Shares {
   enum class Limit { None, Process, User, Ordinary, All };
   // The first limit that the owner would pass with so much more, or has passed.
   Limit passed(Owner owner, std::size_t amount = 0) const;
-  // Empty when so much more of the owner's fits, else which limit it would pass, and whose it is.
-  std::string refusal(Owner owner, std::size_t amount = 1) const;
+  // Whether so much more of the owner's fits; a failure says which limit it would pass, and whose.
+  Base::Status<> room(Owner owner, std::size_t amount = 1) const;
 
   void add(Owner owner, std::size_t amount = 1);
   // At most what was added.

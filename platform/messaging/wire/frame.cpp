@@ -34,23 +34,23 @@ void encodeHeader(const FrameHeader& header, unsigned char* out) {
   putLittleEndian(header.revision, out + 16);
 }
 
-std::string decodeHeader(const unsigned char* bytes, FrameHeader& header) {
+Base::Status<> decodeHeader(const unsigned char* bytes, FrameHeader& header) {
   if (bytes[0] != kFrameVersion) {
-    return "frame version " + std::to_string(bytes[0]) + ", this side speaks " +
-           std::to_string(kFrameVersion);
+    return Base::failed("frame version " + std::to_string(bytes[0]) + ", this side speaks " +
+                        std::to_string(kFrameVersion));
   }
-  if (!isFrameKind(bytes[1])) return "unknown frame kind " + std::to_string(bytes[1]);
+  if (!isFrameKind(bytes[1])) return Base::failed("unknown frame kind " + std::to_string(bytes[1]));
   header.kind = static_cast<FrameKind>(bytes[1]);
   header.flags = getLittleEndian<std::uint16_t>(bytes + 2);
   if ((header.flags & ~kKnownFlags) != 0) {
-    return "unknown frame flags " + std::to_string(header.flags);
+    return Base::failed("unknown frame flags " + std::to_string(header.flags));
   }
   header.messageId = getLittleEndian<std::uint32_t>(bytes + 4);
   header.sequence = getLittleEndian<std::uint32_t>(bytes + 8);
   header.payloadBytes = getLittleEndian<std::uint32_t>(bytes + 12);
   if (header.payloadBytes > kMaxPayloadBytes) {
-    return "frame claims a payload of " + std::to_string(header.payloadBytes) + " bytes, at most " +
-           std::to_string(kMaxPayloadBytes) + " are allowed";
+    return Base::failed("frame claims a payload of " + std::to_string(header.payloadBytes) +
+                        " bytes, at most " + std::to_string(kMaxPayloadBytes) + " are allowed");
   }
   header.revision = getLittleEndian<std::uint64_t>(bytes + 16);
   return {};
@@ -79,36 +79,37 @@ std::string encode(const Refusal& refusal) {
   return payload;
 }
 
-std::string decode(std::string_view payload, Hello& hello) {
-  if (payload.size() < kHelloFixedBytes) return "hello is too short";
+Base::Status<> decode(std::string_view payload, Hello& hello) {
+  if (payload.size() < kHelloFixedBytes) return Base::failed("hello is too short");
   const unsigned char* bytes = bytesOf(payload);
   if (bytes[0] != static_cast<unsigned char>(ConnectionUse::Requests) &&
       bytes[0] != static_cast<unsigned char>(ConnectionUse::Delivery)) {
-    return "unknown connection use " + std::to_string(bytes[0]);
+    return Base::failed("unknown connection use " + std::to_string(bytes[0]));
   }
   hello.use = static_cast<ConnectionUse>(bytes[0]);
   std::copy_n(bytes + 1, hello.token.size(), hello.token.begin());
   const std::size_t nameBytes = getLittleEndian<std::uint16_t>(bytes + 1 + hello.token.size());
-  if (nameBytes != payload.size() - kHelloFixedBytes) return "hello's name has another length";
-  if (nameBytes == 0) return "hello names no endpoint";
-  if (nameBytes > kMaxEndpointNameBytes) return "hello's name is too long";
+  if (nameBytes != payload.size() - kHelloFixedBytes)
+    return Base::failed("hello's name has another length");
+  if (nameBytes == 0) return Base::failed("hello names no endpoint");
+  if (nameBytes > kMaxEndpointNameBytes) return Base::failed("hello's name is too long");
   hello.name = payload.substr(kHelloFixedBytes);
   const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
   // The name ends up in log lines, where a line break would forge another line.
   if (std::any_of(hello.name.begin(), hello.name.end(), isControl)) {
-    return "hello's name holds control characters";
+    return Base::failed("hello's name holds control characters");
   }
   return {};
 }
 
-std::string decode(std::string_view payload, Welcome& welcome) {
-  if (payload.size() != sizeof welcome.epoch) return "welcome has the wrong length";
+Base::Status<> decode(std::string_view payload, Welcome& welcome) {
+  if (payload.size() != sizeof welcome.epoch) return Base::failed("welcome has the wrong length");
   welcome.epoch = getLittleEndian<std::uint64_t>(bytesOf(payload));
   return {};
 }
 
-std::string decode(std::string_view payload, Refusal& refusal) {
-  if (payload.size() < sizeof refusal.error) return "refusal is too short";
+Base::Status<> decode(std::string_view payload, Refusal& refusal) {
+  if (payload.size() < sizeof refusal.error) return Base::failed("refusal is too short");
   refusal.error = getLittleEndian<std::uint32_t>(bytesOf(payload));
   refusal.text = payload.substr(sizeof refusal.error);
   return {};

@@ -22,6 +22,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/status.h"
+
 namespace PbUtility {
 
 constexpr std::uint8_t kFrameVersion = 1;
@@ -78,8 +80,8 @@ using FrameHeaderBytes = std::array<unsigned char, kFrameHeaderBytes>;
 // Writes the header's 24 bytes to `out`.
 void encodeHeader(const FrameHeader& header, unsigned char* out);
 
-// Reads a header from at least kFrameHeaderBytes bytes. Empty on success, else what is wrong.
-[[nodiscard]] std::string decodeHeader(const unsigned char* bytes, FrameHeader& header);
+// Reads a header from at least kFrameHeaderBytes bytes.
+Base::Status<> decodeHeader(const unsigned char* bytes, FrameHeader& header);
 
 // What a connection is for.
 enum class ConnectionUse : std::uint8_t { Requests = 1, Delivery = 2 };
@@ -114,9 +116,9 @@ struct Refusal {
 std::string encode(const Hello& hello);
 std::string encode(const Welcome& welcome);
 std::string encode(const Refusal& refusal);
-// Empty on success, else what is wrong; the output is then unspecified.
-[[nodiscard]] std::string decode(std::string_view payload, Hello& hello);
-[[nodiscard]] std::string decode(std::string_view payload, Welcome& welcome);
-[[nodiscard]] std::string decode(std::string_view payload, Refusal& refusal);
+// Of one that fails, the output is unspecified.
+Base::Status<> decode(std::string_view payload, Hello& hello);
+Base::Status<> decode(std::string_view payload, Welcome& welcome);
+Base::Status<> decode(std::string_view payload, Refusal& refusal);
 
 }  // namespace PbUtility

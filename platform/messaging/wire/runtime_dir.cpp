@@ -1,3 +1,5 @@
+// A name comes from an application or a command line and becomes a part of a path: it is checked as a
+// whole before anything is made of it.
 #include "platform/messaging/wire/runtime_dir.h"
 
 #include <sys/un.h>
@@ -23,14 +25,14 @@ bool leavesDirectory(std::string_view name) {
   return false;
 }
 
-std::string problemOf(std::string_view name) {
-  if (name.empty() || name.back() == '/') return "names no endpoint";
+Base::Status<> checkName(std::string_view name) {
+  if (name.empty() || name.back() == '/') return Base::failed("names no endpoint");
   if (name.size() > kMaxEndpointNameBytes) {
-    return "is longer than " + std::to_string(kMaxEndpointNameBytes) + " bytes";
+    return Base::failed("is longer than " + std::to_string(kMaxEndpointNameBytes) + " bytes");
   }
-  if (name.find('\0') != std::string_view::npos) return "holds a NUL byte";
+  if (name.find('\0') != std::string_view::npos) return Base::failed("holds a NUL byte");
   if (leavesDirectory(name))
-    return "would leave the runtime directory: use no \".\" or \"..\" step";
+    return Base::failed("would leave the runtime directory: use no \".\" or \"..\" step");
   return {};
 }
 
@@ -45,16 +47,17 @@ std::string defaultRuntimeDir() {
   return {};
 }
 
-std::string socketPath(std::string_view runtimeDir, std::string_view name, std::string& path) {
-  if (runtimeDir.empty()) return "no runtime directory: set APPCONFIG_RUNTIME_DIR";
-  const std::string problem = problemOf(name);
-  if (!problem.empty()) return "endpoint name \"" + std::string(name) + "\" " + problem;
+Base::Status<> socketPath(std::string_view runtimeDir, std::string_view name, std::string& path) {
+  if (runtimeDir.empty()) return Base::failed("no runtime directory: set APPCONFIG_RUNTIME_DIR");
+  const Base::Status<> named = checkName(name);
+  if (!named.ok()) return Base::failed("endpoint name \"" + std::string(name) + "\" " + named.text);
   path = runtimeDir;
   if (name.front() != '/') path += '/';
   path += name;
   if (path.size() <= kMaxSocketPathBytes) return {};
-  return "socket path \"" + path + "\" is longer than the " + std::to_string(kMaxSocketPathBytes) +
-         " bytes that a Unix socket can have: choose a shorter runtime directory";
+  return Base::failed("socket path \"" + path + "\" is longer than the " +
+                      std::to_string(kMaxSocketPathBytes) +
+                      " bytes that a Unix socket can have: choose a shorter runtime directory");
 }
 
 }  // namespace PbUtility

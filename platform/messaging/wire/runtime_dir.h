@@ -12,14 +12,15 @@
 #include <string>
 #include <string_view>
 
+#include "base/status.h"
+
 namespace PbUtility {
 
 // The directory by the rules above; empty when none of them gives one (then say so to the user:
 // set APPCONFIG_RUNTIME_DIR).
 std::string defaultRuntimeDir();
 
-// The socket's path for a name. Returns empty on success, else what is wrong with the name.
-[[nodiscard]] std::string socketPath(std::string_view runtimeDir, std::string_view name,
-                                     std::string& path);
+// The socket's path for a name; fails when the name is refused.
+Base::Status<> socketPath(std::string_view runtimeDir, std::string_view name, std::string& path);
 
 }  // namespace PbUtility

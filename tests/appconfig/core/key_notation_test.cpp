@@ -16,15 +16,16 @@ bool sameKey(const ConfigVar& a, const ConfigVar& b) {
 
 ConfigVar parsed(std::string_view text) {
   ConfigVar var("untouched", 0, "untouched", 0);
-  EXPECT_EQ(parseKey(text, var), "") << text;
+  EXPECT_TRUE(parseKey(text, var).ok()) << text;
   return var;
 }
 
 std::string whyNoKey(std::string_view text) {
   ConfigVar var("untouched", 7, "untouched", 7);
-  std::string reason = parseKey(text, var);
+  Base::Status<> read = parseKey(text, var);
+  EXPECT_FALSE(read.ok()) << text;
   EXPECT_TRUE(sameKey(var, ConfigVar("untouched", 7, "untouched", 7))) << text;
-  return reason;
+  return std::move(read.text);
 }
 
 struct KeyCase {
@@ -163,7 +164,7 @@ TEST(KeyNotationTest, WhateverTextIsReadIsWrittenBackAsTheSameKey) {
   for (int round = 0; round < 200000; ++round) {
     const std::string text = randomName(random, "ab.[]:1-\\") + randomName(random, ".[1]b");
     ConfigVar key("", 0, "", 0);
-    if (!parseKey(text, key).empty()) continue;
+    if (!parseKey(text, key).ok()) continue;
     ++keys;
     EXPECT_TRUE(sameKey(parsed(formatKey(key)), key)) << text;
   }
@@ -176,7 +177,8 @@ TEST(KeyNotationTest, RubbishIsRefusedWithAPrintableReason) {
     std::string text(random() % 300, '\0');
     for (char& c : text) c = static_cast<char>(random());
     ConfigVar key("", 0, "", 0);
-    for (const char c : parseKey(text, key)) {
+    const Base::Status<> read = parseKey(text, key);
+    for (const char c : read.text) {
       EXPECT_TRUE(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f) << text;
     }
   }
@@ -207,7 +209,7 @@ TEST(KeyNotationTest, NoTwoKeysShareAText) {
 TEST(DottedNameTest, ReadsTheNameOfAVariableOrAGroupInLowerCase) {
   for (const char* text : {"Network", "network.ETH", "a.b.c.d", "caf\xc3\xa9"}) {
     std::string name;
-    EXPECT_EQ(parseDottedName(text, name), "") << text;
+    EXPECT_TRUE(parseDottedName(text, name).ok()) << text;
     EXPECT_EQ(name, ConfigVar(text, 0, "", 0).group());
   }
 }
@@ -215,7 +217,7 @@ TEST(DottedNameTest, ReadsTheNameOfAVariableOrAGroupInLowerCase) {
 TEST(DottedNameTest, RefusesNamespacesInstancesAndEmptyParts) {
   for (const char* text : {"", ".", "a.", ".a", "a..b", "3:a", "a[1]", "a.b[0]", "a b", "a\n"}) {
     std::string name = "untouched";
-    EXPECT_NE(parseDottedName(text, name), "") << text;
+    EXPECT_FALSE(parseDottedName(text, name).ok()) << text;
     EXPECT_EQ(name, "untouched");
   }
 }
@@ -223,10 +225,10 @@ TEST(DottedNameTest, RefusesNamespacesInstancesAndEmptyParts) {
 TEST(DottedNameTest, IsAtMostAGroupAndANameLong) {
   const std::string longest(kMaxNameBytes, 'n');
   std::string name;
-  EXPECT_EQ(parseDottedName(longest + "." + longest, name), "");
-  EXPECT_NE(parseDottedName(longest + "n", name), "");
-  EXPECT_NE(parseDottedName(longest + "." + longest + "n", name), "");
-  EXPECT_NE(parseDottedName(longest + "n." + longest, name), "");
+  EXPECT_TRUE(parseDottedName(longest + "." + longest, name).ok());
+  EXPECT_FALSE(parseDottedName(longest + "n", name).ok());
+  EXPECT_FALSE(parseDottedName(longest + "." + longest + "n", name).ok());
+  EXPECT_FALSE(parseDottedName(longest + "n." + longest, name).ok());
 }
 
 }  // namespace

@@ -24,13 +24,12 @@ struct Attempt {
   std::optional<ChangeOutcome> outcome;
 
   bool ended() const { return outcome.has_value(); }
-  eErrorT error() const { return outcome ? outcome->error : eErrFailed; }
+  eErrorT error() const { return outcome ? outcome->code : eErrFailed; }
   bool unchanged() const { return outcome && outcome->unchanged; }
   std::string text() const {
-    std::string all;
-    if (outcome) {
-      for (const std::string& message : outcome->messages) all += message + "\n";
-    }
+    if (!outcome || outcome->ok()) return {};
+    std::string all = outcome->text + "\n";
+    for (const std::string& reason : outcome->reasons) all += reason + "\n";
     return all;
   }
 };
@@ -94,9 +93,9 @@ class ChangesFixture : public testing::Test {
   void registerFor(PbUtility::PeerId peer, ConfigIF::CallbackType type, const std::string& name,
                    AppConfig::SecurityRole role = AppConfig::eRoleUser,
                    const std::string& identity = "link") {
-    ASSERT_EQ(subscriptions_.add(peer, {},
-                                 {name, type, identity, "client-" + std::to_string(peer), role}),
-              "");
+    ASSERT_TRUE(
+        subscriptions_.add(peer, {}, {name, type, identity, "client-" + std::to_string(peer), role})
+            .ok());
   }
   void provide(PbUtility::PeerId peer, const std::string& name) {
     registerFor(peer, ConfigIF::CALLBACK_DYNAMIC_VALIDATE, name);

@@ -762,7 +762,7 @@ class RecordingObserver : public ChangeObserver {
                   const ChangeOutcome& outcome) override {
     records.push_back(AppConfig::formatKey(wanted.key) + " was " +
                       (variable == nullptr ? "nothing" : variable->value().front()) + ": " +
-                      std::to_string(outcome.error) + (outcome.unchanged ? " unchanged" : ""));
+                      std::to_string(outcome.code) + (outcome.unchanged ? " unchanged" : ""));
   }
   std::vector<std::string> records;
 };

@@ -29,8 +29,16 @@ VariableShape matching(ValueType type, const std::string& pattern) {
   return shape;
 }
 
+// The reason; none when it fits.
+std::string check(const VariableShape& shape, const std::vector<std::string>& options,
+                  const Value& value) {
+  const Base::Status<> fits = checkValue(shape, options, value);
+  EXPECT_EQ(fits.ok(), fits.text.empty());
+  return fits.text;
+}
+
 std::string check(const VariableShape& shape, const Value& value) {
-  return checkValue(shape, shape.options, value);
+  return check(shape, shape.options, value);
 }
 
 TEST(CheckValueTest, AllButAListHaveExactlyOneElement) {
@@ -134,21 +142,21 @@ TEST(CheckValueTest, EachElementOfAListIsHeldAgainstTheLimits) {
 TEST(CheckValueTest, OptionsAreThePresentOnesAndMetExactly) {
   VariableShape shape = shapeOf(ValueType::Enumeration);
   shape.options = {"dhcp"};
-  EXPECT_EQ(checkValue(shape, {"static", "off"}, {"static"}), "");
-  EXPECT_EQ(checkValue(shape, {"static", "off"}, {"dhcp"}),
+  EXPECT_EQ(check(shape, {"static", "off"}, {"static"}), "");
+  EXPECT_EQ(check(shape, {"static", "off"}, {"dhcp"}),
             "\"dhcp\" is none of the options: \"static\", \"off\"");
-  EXPECT_EQ(checkValue(shape, {"static", "off"}, {"Static"}),
+  EXPECT_EQ(check(shape, {"static", "off"}, {"Static"}),
             "\"Static\" is none of the options: \"static\", \"off\"");
-  EXPECT_EQ(checkValue(shape, {}, {"dhcp"}), "the variable has no options at present");
+  EXPECT_EQ(check(shape, {}, {"dhcp"}), "the variable has no options at present");
 }
 
 TEST(CheckValueTest, OptionsOfOtherTypesHoldForEveryElement) {
-  EXPECT_EQ(checkValue(shapeOf(ValueType::Int), {"1", "2"}, {"3"}),
+  EXPECT_EQ(check(shapeOf(ValueType::Int), {"1", "2"}, {"3"}),
             "\"3\" is none of the options: \"1\", \"2\"");
-  EXPECT_EQ(checkValue(shapeOf(ValueType::List), {"a", "b"}, {"b", "a", "b"}), "");
-  EXPECT_EQ(checkValue(shapeOf(ValueType::List), {"a", "b"}, {"a", "c"}),
+  EXPECT_EQ(check(shapeOf(ValueType::List), {"a", "b"}, {"b", "a", "b"}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::List), {"a", "b"}, {"a", "c"}),
             "\"c\" is none of the options: \"a\", \"b\"");
-  EXPECT_EQ(checkValue(shapeOf(ValueType::String), {}, {"anything"}), "");
+  EXPECT_EQ(check(shapeOf(ValueType::String), {}, {"anything"}), "");
 }
 
 TEST(CheckValueTest, EveryValueHasALargestSizeWhateverItsDefinition) {
@@ -166,14 +174,14 @@ TEST(CheckValueTest, AReasonIsOnePrintableLineOfModestLength) {
   EXPECT_EQ(reason.substr(0, 22), "\"\\x00\\x0a\\x1b\\xff\\x5cx");
   EXPECT_LT(reason.size(), 300U);
   const std::vector<std::string> many(1000, std::string(1000, 'o'));
-  EXPECT_LT(checkValue(shapeOf(ValueType::Enumeration), many, {"x"}).size(), 2500U);
+  EXPECT_LT(check(shapeOf(ValueType::Enumeration), many, {"x"}).size(), 2500U);
 }
 
 TEST(CheckValueTest, TheReasonOfASecretDoesNotRepeatTheValue) {
   for (VariableShape shape : {intBetween(0, 5), matching(ValueType::String, "[a-z]+"),
                               shapeOf(ValueType::Bool), shapeOf(ValueType::Enumeration)}) {
     shape.secret = true;
-    const std::string reason = checkValue(
+    const std::string reason = check(
         shape, shape.type == ValueType::Enumeration ? std::vector<std::string>{"a"} : shape.options,
         {"12345678"});
     EXPECT_EQ(reason.substr(0, 10), "the value ") << reason;

@@ -64,8 +64,8 @@ class NotingService : public PbUtility::ServerHandler {
   void onQuestionDone(PeerId, std::uint32_t, bool peerGone) override {
     events_.add(peerGone ? "question done, peer gone" : "question done");
   }
-  std::string onGreeting(const Peer& peer) override {
-    return peer.name == "stranger" ? "not you" : "";
+  Base::Status<> onGreeting(const Peer& peer) override {
+    return peer.name == "stranger" ? Base::failed("not you") : Base::Status<>();
   }
   void onPeerCame(const Peer&) override { events_.add("came"); }
   void onPeerGone(const Peer&) override { events_.add("gone"); }
@@ -85,7 +85,7 @@ class NotingService : public PbUtility::ServerHandler {
 class MonitorTapTest : public testing::Test {
  protected:
   MonitorTapTest() { service_.tap = &tap_; }
-  void watch() { EXPECT_EQ(monitor_.add(kTapped, {0, 1}, AppConfig::eRoleFactory, ""), ""); }
+  void watch() { EXPECT_TRUE(monitor_.add(kTapped, {0, 1}, AppConfig::eRoleFactory, "").ok()); }
   void watchedRequest(std::uint32_t sequence) {
     tap_.onRequest({{1, sequence, false}, peer_, PlatformSchema::kReadReq, false, 0, ""});
   }
@@ -132,8 +132,10 @@ TEST_F(MonitorTapTest, WithoutAWatcherWhatComesInReachesTheServiceAndNobodyIsTol
 }
 
 TEST_F(MonitorTapTest, TheServiceDecidesWhoMayCome) {
-  EXPECT_EQ(tap_.onGreeting(peer_), "");
-  EXPECT_EQ(tap_.onGreeting({0, "stranger", 0, 0, 43}), "not you");
+  EXPECT_TRUE(tap_.onGreeting(peer_).ok());
+  const Base::Status<> strangers = tap_.onGreeting({0, "stranger", 0, 0, 43});
+  EXPECT_FALSE(strangers.ok());
+  EXPECT_EQ(strangers.text, "not you");
 }
 
 TEST_F(MonitorTapTest, AWatcherIsToldOfARequestBeforeTheServiceAndOfItsAnswerOnItsWayOut) {
@@ -171,7 +173,7 @@ TEST_F(MonitorTapTest, WhatIsForAPeerThatIsNotThereIsNotToldToWatchers) {
 class MonitorTapPeerTest : public MonitorTapTest {
  protected:
   MonitorTapPeerTest() {
-    EXPECT_EQ(server_.open(), "");
+    EXPECT_TRUE(server_.open().ok());
     thread_ = std::thread([this] { server_.run(); });
     client_.provide("net",
                     [](const TestSupport::ProviderQuestion&) { return TestSupport::consent(); });

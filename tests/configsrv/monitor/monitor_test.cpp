@@ -55,8 +55,8 @@ class MonitorTest : public testing::Test {
 
 TEST_F(MonitorTest, IsActiveWhileSomebodyWatches) {
   EXPECT_FALSE(monitor_.isActive());
-  EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
-  EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "net"), "");
+  EXPECT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
+  EXPECT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "net").ok());
   EXPECT_TRUE(monitor_.isActive());
   monitor_.remove(kOther);
   EXPECT_TRUE(monitor_.isActive());
@@ -65,7 +65,7 @@ TEST_F(MonitorTest, IsActiveWhileSomebodyWatches) {
 }
 
 TEST_F(MonitorTest, ARequestIsToldWithItsValueAndItsAnswerWithTheOutcome) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
   const PbUtility::RequestId id = request(write("net.mtu", "9"));
   ConfigIF::WriteRsp response;
   response.mutable_result()->set_error(CommonIF::ERROR_INVALID_VALUE);
@@ -92,8 +92,8 @@ TEST_F(MonitorTest, ARequestIsToldWithItsValueAndItsAnswerWithTheOutcome) {
 }
 
 TEST_F(MonitorTest, EachWatcherIsToldWhatItsRoleMayRead) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
-  ASSERT_EQ(monitor_.add(kOther, kRoot, AppConfig::eRoleService, ""), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
+  ASSERT_TRUE(monitor_.add(kOther, kRoot, AppConfig::eRoleService, "").ok());
   const PbUtility::RequestId id = request(write("net.secret", "hush"));
   ConfigIF::WriteRsp response;
   response.mutable_result()->set_error(CommonIF::ERROR_VETOED);
@@ -109,7 +109,7 @@ TEST_F(MonitorTest, EachWatcherIsToldWhatItsRoleMayRead) {
 }
 
 TEST_F(MonitorTest, APrefixSelectsVariablesBelowItAndGroupsAboveIt) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "Net.MTU"), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "Net.MTU").ok());
   request(write("net.mtu", "9"));
   EXPECT_EQ(told_.size(), 1U);
   request(write("other.x", "9"));
@@ -128,7 +128,7 @@ TEST_F(MonitorTest, APrefixSelectsVariablesBelowItAndGroupsAboveIt) {
 }
 
 TEST_F(MonitorTest, ManyVariablesOfOneRequestAreOneEventWithoutValues) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "other"), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "other").ok());
   request(ProtobufMessageHelper::getBatchReadRequest("c", CommonIF::SECURITY_ROLE_USER,
                                                      {keyOf("net.mtu"), keyOf("other.x")}));
   ASSERT_EQ(told_.size(), 1U);
@@ -137,7 +137,7 @@ TEST_F(MonitorTest, ManyVariablesOfOneRequestAreOneEventWithoutValues) {
 }
 
 TEST_F(MonitorTest, WatchingItselfIsNeverTold) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
   const PbUtility::RequestId id = request(ConfigIF::MonitorReq());
   monitor_.responseLeaves(id, ConfigIF::MonitorRsp());
   monitor_.noticeLeaves(client_, MonitorNtfy());
@@ -145,7 +145,7 @@ TEST_F(MonitorTest, WatchingItselfIsNeverTold) {
 }
 
 TEST_F(MonitorTest, ABrokenRequestAndAnUnknownMessageAreNotTold) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
   const PbUtility::RequestId id{5, 1, false};
   monitor_.requestCame({id, client_, PlatformSchema::kWriteReq, false, 0, "\xff"});
   monitor_.requestRefused(id, 9, "no");
@@ -155,7 +155,7 @@ TEST_F(MonitorTest, ABrokenRequestAndAnUnknownMessageAreNotTold) {
 }
 
 TEST_F(MonitorTest, AProviderThatGoesWithoutAnAnswerIsToldAsUnavailable) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
   ConfigIF::OnChangeReq question;
   ProtobufMessageHelper::addVarName(question.mutable_value()->mutable_inst(), keyOf("net.mtu"));
   question.mutable_value()->add_values("9");
@@ -174,18 +174,18 @@ TEST_F(MonitorTest, AProviderThatGoesWithoutAnAnswerIsToldAsUnavailable) {
 }
 
 TEST_F(MonitorTest, WhoWatchesLaterIsNotToldAnswersToEarlierRequests) {
-  ASSERT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
   const PbUtility::RequestId id = request(write("net.mtu", "9"));
   monitor_.remove(kWatcher);
-  ASSERT_EQ(monitor_.add(kOther, kRoot, AppConfig::eRoleUser, ""), "");
+  ASSERT_TRUE(monitor_.add(kOther, kRoot, AppConfig::eRoleUser, "").ok());
   told_.clear();
   monitor_.responseLeaves(id, ConfigIF::WriteRsp());
   EXPECT_THAT(told_, IsEmpty());
 }
 
 TEST_F(MonitorTest, ANameOfTheLimitsLengthIsWatchedAndALongerOneRefused) {
-  EXPECT_EQ(monitor_.add(100, kRoot, AppConfig::eRoleUser, std::string(1024, 'a')), "");
-  EXPECT_THAT(monitor_.add(100, kRoot, AppConfig::eRoleUser, std::string(1025, 'a')),
+  EXPECT_TRUE(monitor_.add(100, kRoot, AppConfig::eRoleUser, std::string(1024, 'a')).ok());
+  EXPECT_THAT(monitor_.add(100, kRoot, AppConfig::eRoleUser, std::string(1025, 'a')).text,
               HasSubstr("1025 bytes"));
 }
 
@@ -195,24 +195,25 @@ TEST_F(MonitorTest, MonitorsAreSharedOutAndARefusalSaysWhoseTheyAre) {
     return monitor_.add(++peer, {user, process}, AppConfig::eRoleUser, "");
   };
   for (pid_t process = 1; process <= 2; ++process) {
-    EXPECT_EQ(added(1000, process), "");
-    EXPECT_EQ(added(1000, process), "");
-    EXPECT_THAT(added(1000, process), HasSubstr("process " + std::to_string(process)));
+    EXPECT_TRUE(added(1000, process).ok());
+    EXPECT_TRUE(added(1000, process).ok());
+    EXPECT_THAT(added(1000, process).text, HasSubstr("process " + std::to_string(process)));
   }
-  EXPECT_THAT(added(1000, 3), HasSubstr("no more than 4 monitors for one user, and user 1000 has"));
+  EXPECT_THAT(added(1000, 3).text,
+              HasSubstr("no more than 4 monitors for one user, and user 1000 has"));
   for (uid_t user = 1001; user <= 1002; ++user) {
     for (pid_t process = 0; process < 4; ++process)
-      EXPECT_EQ(added(user, static_cast<pid_t>(10 * user) + process), "");
+      EXPECT_TRUE(added(user, static_cast<pid_t>(10 * user) + process).ok());
   }
-  EXPECT_THAT(added(1003, 5), HasSubstr("for all users together"));
-  EXPECT_EQ(added(0, 6), "");
+  EXPECT_THAT(added(1003, 5).text, HasSubstr("for all users together"));
+  EXPECT_TRUE(added(0, 6).ok());
 }
 
 TEST_F(MonitorTest, WhoWatchesNoLongerMakesRoomAndWhoAsksAgainTakesNoMore) {
   for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
-    EXPECT_EQ(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "net"), "");
-    EXPECT_EQ(monitor_.add(kOther, kRoot, AppConfig::eRoleUser, ""), "");
+    EXPECT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
+    EXPECT_TRUE(monitor_.add(kWatcher, kRoot, AppConfig::eRoleUser, "net").ok());
+    EXPECT_TRUE(monitor_.add(kOther, kRoot, AppConfig::eRoleUser, "").ok());
     monitor_.remove(kOther);
     monitor_.remove(kOther);
   }
@@ -229,7 +230,7 @@ std::string textOfFailedReset(std::size_t variables) {
   std::string text;
   Monitor monitor(model,
                   [&](PbUtility::PeerId, const MonitorNtfy& notice) { text = notice.text(); });
-  EXPECT_EQ(monitor.add(kWatcher, kRoot, AppConfig::eRoleUser, ""), "");
+  EXPECT_TRUE(monitor.add(kWatcher, kRoot, AppConfig::eRoleUser, "").ok());
   ConfigIF::ResetNodeValueReq request;
   request.set_name("net");
   const std::string payload = request.SerializeAsString();

@@ -37,7 +37,7 @@ class ProviderMemoryTest : public testing::Test {
   }
   // As the service does it.
   bool registered(const PbUtility::Peer& peer, const Registration& registration) {
-    EXPECT_EQ(subscriptions_.add(peer.id, {peer.uid, peer.pid}, registration), "");
+    EXPECT_TRUE(subscriptions_.add(peer.id, {peer.uid, peer.pid}, registration).ok());
     return memory_->registered(peer, registration);
   }
   bool expects(const std::string& name) const {

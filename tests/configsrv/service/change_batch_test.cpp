@@ -29,7 +29,7 @@ class ChangeBatchTest : public RequestsFixture {
 TEST_F(ChangeBatchTest, NoneAtAllEndsAtOnce) {
   run({});
   EXPECT_EQ(ends_, 1);
-  EXPECT_EQ(result_.error, eErrNone);
+  EXPECT_EQ(result_.code, eErrNone);
 }
 
 TEST_F(ChangeBatchTest, EachSucceedsOrFailsOnItsOwnAndTheFirstFailureIsTheBatchs) {
@@ -39,7 +39,7 @@ TEST_F(ChangeBatchTest, EachSucceedsOrFailsOnItsOwnAndTheFirstFailureIsTheBatchs
   host_.finishCommit();
   EXPECT_EQ(ends_, 1);
   EXPECT_THAT(result_.errors, ElementsAre(eErrNone, eErrInvalidValue, eErrInvalidValue));
-  EXPECT_EQ(result_.error, eErrInvalidValue);
+  EXPECT_EQ(result_.code, eErrInvalidValue);
   EXPECT_EQ(result_.changed, 1U);
   EXPECT_EQ(result_.revision, host_.revision);
 }
@@ -73,7 +73,7 @@ TEST_F(ChangeBatchTest, MessagesOfFailuresAreKeptUpToALimit) {
        [](std::size_t) { return std::optional<StoreChange>(writing("1")); }});
   takeTurns();
   EXPECT_EQ(ends_, 1);
-  EXPECT_EQ(result_.messages.size(), ChangeBatch::kMaxMessages);
+  EXPECT_EQ(1 + result_.reasons.size(), ChangeBatch::kMaxMessages);
 }
 
 }  // namespace

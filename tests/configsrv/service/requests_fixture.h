@@ -29,7 +29,7 @@ class RequestsFixture : public testing::Test {
 
   RequestsFixture() {
     model_.setEpoch(5);
-    EXPECT_EQ(monitor_.add(kWatcher, {0, 1}, AppConfig::eRoleFactory, ""), "");
+    EXPECT_TRUE(monitor_.add(kWatcher, {0, 1}, AppConfig::eRoleFactory, "").ok());
   }
 
   static Definitions definitions() {

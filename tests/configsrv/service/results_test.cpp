@@ -19,7 +19,7 @@ TEST(ResultsTest, AnOutcomeIsWrittenAsFarAsItSaysAnything) {
   ConfigIF::ReturnMessage result;
   setOutcome(result, {});
   EXPECT_EQ(result.ByteSizeLong(), 0U);
-  setOutcome(result, {eErrVetoed, true, {"a", "b"}, 8});
+  setOutcome(result, {{eErrVetoed, "a"}, true, {"b"}, 8});
   EXPECT_EQ(result.error(), CommonIF::eErrorType(eErrVetoed));
   EXPECT_TRUE(result.flag());
   EXPECT_THAT(result.messages(), ElementsAre("a", "b"));

@@ -41,13 +41,14 @@ class SubscriptionSharesTest : public testing::Test {
   // How many the owner can make before it is refused.
   std::size_t fill(PbUtility::PeerId peer, Owner owner) {
     for (std::size_t n = 0;; ++n) {
-      refusal_ = subscriptions_->add(peer, owner, valuesOf(nthName(n)));
-      if (!refusal_.empty()) return n;
+      const Base::Status<> added = subscriptions_->add(peer, owner, valuesOf(nthName(n)));
+      refusal_ = added.text;
+      if (!added.ok()) return n;
     }
   }
   void add(PbUtility::PeerId peer, std::size_t count) {
     for (std::size_t n = 0; n < count; ++n)
-      ASSERT_EQ(subscriptions_->add(peer, kUser, valuesOf(nthName(n))), "");
+      ASSERT_TRUE(subscriptions_->add(peer, kUser, valuesOf(nthName(n))).ok());
   }
   bool isTold(PbUtility::PeerId peer, const std::string& name) const {
     for (const Subscriber& told : subscriptions_->covering(name, CALLBACK_VALUE_CHANGED)) {
@@ -92,19 +93,19 @@ TEST_F(SubscriptionLimitsTest, AllUsersTogetherLeaveRootItsPart) {
   EXPECT_THAT(refusal_, HasSubstr("for all users together"));
   EXPECT_EQ(fill(3, kRoot), 8U);
   EXPECT_THAT(refusal_, HasSubstr("process 10 has its share"));
-  EXPECT_EQ(subscriptions_->add(4, {kServiceUser, 40}, valuesOf("a")), "");
+  EXPECT_TRUE(subscriptions_->add(4, {kServiceUser, 40}, valuesOf("a")).ok());
 }
 
 TEST_F(SubscriptionLimitsTest, ARegistrationMadeAgainTakesNothingOfTheShare) {
   EXPECT_EQ(fill(kHolder, kUser), 4U);
-  EXPECT_EQ(subscriptions_->add(kHolder, kUser, valuesOf(nthName(0))), "");
+  EXPECT_TRUE(subscriptions_->add(kHolder, kUser, valuesOf(nthName(0))).ok());
   EXPECT_EQ(subscriptions_->bytes().all(), bytesFor(4));
 }
 
 TEST_F(SubscriptionLimitsTest, WhatIsWithdrawnMakesRoomToTheByte) {
   fill(kHolder, kUser);
   ASSERT_TRUE(subscriptions_->remove(kHolder, nthName(1), CALLBACK_VALUE_CHANGED, "link"));
-  EXPECT_EQ(subscriptions_->add(kHolder, kUser, valuesOf("5678")), "");
+  EXPECT_TRUE(subscriptions_->add(kHolder, kUser, valuesOf("5678")).ok());
   subscriptions_->removeAll(kHolder, "client");
   EXPECT_EQ(subscriptions_->bytes().all(), 0U);
   EXPECT_EQ(fill(kHolder, kUser), 4U);
@@ -112,10 +113,11 @@ TEST_F(SubscriptionLimitsTest, WhatIsWithdrawnMakesRoomToTheByte) {
 
 TEST_F(SubscriptionLimitsTest, LongNamesAndTextsCountByTheirLength) {
   const std::string name(2 * kOne, 'n');
-  EXPECT_EQ(subscriptions_->add(kHolder, kUser, valuesOf(name)), "");
+  EXPECT_TRUE(subscriptions_->add(kHolder, kUser, valuesOf(name)).ok());
   EXPECT_EQ(subscriptions_->bytes().all(),
             SubscriptionLimits::kRegistrationBytes + name.size() + kCaller);
-  EXPECT_THAT(subscriptions_->add(kHolder, kUser, valuesOf(name + "2")), HasSubstr("user 1000"));
+  EXPECT_THAT(subscriptions_->add(kHolder, kUser, valuesOf(name + "2")).text,
+              HasSubstr("user 1000"));
 }
 
 TEST_F(SubscriptionSharesTest, APeerThatIsGoneIsToldNothingFromThatMomentOn) {
@@ -172,7 +174,7 @@ TEST_F(SubscriptionSharesTest, OthersAndOtherTypesAtANameAreLeftAloneWhileItIsEr
   add(kOtherHolder, 1);
   const Registration options{nthName(0), CALLBACK_OPTIONS_CHANGED, "link", "another",
                              AppConfig::eRoleUser};
-  ASSERT_EQ(subscriptions_->add(kHolder, kUser, options), "");
+  ASSERT_TRUE(subscriptions_->add(kHolder, kUser, options).ok());
   subscriptions_->removeAll(kHolder, "client");
   while (runSlice()) continue;
   EXPECT_TRUE(isTold(kOtherHolder, nthName(0)));
@@ -184,7 +186,7 @@ TEST_F(SubscriptionSharesTest, OthersAndOtherTypesAtANameAreLeftAloneWhileItIsEr
 TEST_F(SubscriptionSharesTest, ASliceTakesFewerOfANameThatManyHaveRegistered) {
   constexpr std::size_t kPeers = 4 * SubscriptionLimits::kMovedForOne;
   for (PbUtility::PeerId peer = 1; peer <= kPeers; ++peer)
-    ASSERT_EQ(subscriptions_->add(peer, kRoot, valuesOf("all")), "");
+    ASSERT_TRUE(subscriptions_->add(peer, kRoot, valuesOf("all")).ok());
   for (PbUtility::PeerId peer = 1; peer <= kPeers; ++peer) subscriptions_->forget(peer);
   ASSERT_TRUE(runSlice());
   const std::size_t erased = kPeers - subscriptions_->count();

@@ -70,7 +70,7 @@ const CoverCase kCoverCases[] = {
 TEST(SubscriptionsTest, ANameCoversItselfAndAllBelowItAtDotBoundaries) {
   for (const CoverCase& c : kCoverCases) {
     Subscriptions subscriptions;
-    ASSERT_EQ(subscriptions.add(kPeer, kOwner, named(c.registered)), "");
+    ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named(c.registered)).ok());
     EXPECT_EQ(told(subscriptions, c.variable).size(), c.covered ? 1u : 0u) << c.why;
     EXPECT_EQ(subscriptions.anyCovering(c.variable, CALLBACK_VALUE_CHANGED), c.covered) << c.why;
   }
@@ -78,53 +78,53 @@ TEST(SubscriptionsTest, ANameCoversItselfAndAllBelowItAtDotBoundaries) {
 
 TEST(SubscriptionsTest, OnlyTheTypeThatWasRegisteredIsTold) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu")).ok());
   EXPECT_THAT(told(subscriptions, "net.mtu", CALLBACK_OPTIONS_CHANGED), IsEmpty());
 }
 
 TEST(SubscriptionsTest, ARepeatedRegistrationIsAcceptedAndChangesNothing) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
-  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("Net.MTU")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu")).ok());
+  EXPECT_TRUE(subscriptions.add(kPeer, kOwner, named("Net.MTU")).ok());
   EXPECT_EQ(subscriptions.count(), 1u);
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/link/1"));
 }
 
 TEST(SubscriptionsTest, AVariableAndItsGroupUnderOneIdentityAreToldOnce) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu")).ok());
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/link/1"));
 }
 
 TEST(SubscriptionsTest, TheHighestOfSeveralRolesCounts) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleUser)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleFactory)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRolePublic)), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleUser)).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleFactory)).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRolePublic)).ok());
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/link/4"));
 }
 
 TEST(SubscriptionsTest, EachIdentityAndEachPeerIsToldInOrderOfPeer) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kOther, kOwner, named("net.mtu", "link")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net", "second")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "first")), "");
+  ASSERT_TRUE(subscriptions.add(kOther, kOwner, named("net.mtu", "link")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net", "second")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "first")).ok());
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/first/1", "1/second/1", "2/link/1"));
 }
 
 TEST(SubscriptionsTest, WithdrawingTakesEveryRoleOfThatNameTypeAndIdentity) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleUser)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleFactory)), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu", "another")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleUser)).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "link", eRoleFactory)).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu", "another")).ok());
   EXPECT_TRUE(subscriptions.remove(kPeer, "NET.mtu", CALLBACK_VALUE_CHANGED, "link"));
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("1/another/1"));
 }
 
 TEST(SubscriptionsTest, WithdrawingWhatWasNotRegisteredIsFalse) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu")).ok());
   EXPECT_FALSE(subscriptions.remove(kPeer, "net", CALLBACK_VALUE_CHANGED, "link"));
   EXPECT_FALSE(subscriptions.remove(kPeer, "net.mtu", CALLBACK_OPTIONS_CHANGED, "link"));
   EXPECT_FALSE(subscriptions.remove(kPeer, "net.mtu", CALLBACK_VALUE_CHANGED, "lin"));
@@ -133,7 +133,7 @@ TEST(SubscriptionsTest, WithdrawingWhatWasNotRegisteredIsFalse) {
 
 TEST(SubscriptionsTest, APeerWithdrawsOnlyItsOwn) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu")).ok());
   EXPECT_FALSE(subscriptions.remove(kOther, "net.mtu", CALLBACK_VALUE_CHANGED, "link"));
   EXPECT_EQ(subscriptions.removeAll(kOther, "client"), 0u);
   subscriptions.forget(kOther);
@@ -142,9 +142,9 @@ TEST(SubscriptionsTest, APeerWithdrawsOnlyItsOwn) {
 
 TEST(SubscriptionsTest, WithdrawingAllTakesWhatThatClientNameRegistered) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, ofClient("net.mtu", "first")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, ofClient("net.ip", "first")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, ofClient("net.ip", "second")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, ofClient("net.mtu", "first")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, ofClient("net.ip", "first")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, ofClient("net.ip", "second")).ok());
   EXPECT_EQ(subscriptions.removeAll(kPeer, "first"), 2u);
   EXPECT_THAT(told(subscriptions, "net.mtu"), IsEmpty());
   EXPECT_THAT(told(subscriptions, "net.ip"), ElementsAre("1/link/1"));
@@ -152,9 +152,9 @@ TEST(SubscriptionsTest, WithdrawingAllTakesWhatThatClientNameRegistered) {
 
 TEST(SubscriptionsTest, APeerThatIsGoneIsToldNothing) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("net.mtu")), "");
-  ASSERT_EQ(subscriptions.add(kOther, kOwner, named("net.mtu")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("net.mtu")).ok());
+  ASSERT_TRUE(subscriptions.add(kOther, kOwner, named("net.mtu")).ok());
   subscriptions.forget(kPeer);
   EXPECT_THAT(told(subscriptions, "net.mtu"), ElementsAre("2/link/1"));
   EXPECT_EQ(subscriptions.count(), 1u);
@@ -165,42 +165,42 @@ TEST(SubscriptionsTest, RegistrationsPastThePeersLimitAreRefusedAndOthersAreNot)
   SubscriptionLimits limits;
   limits.registrationsPerPeer = 2;
   Subscriptions subscriptions(limits);
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("b")), "");
-  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("c")), HasSubstr("limit of 2"));
-  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
-  EXPECT_EQ(subscriptions.add(kOther, kOwner, named("c")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("a")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("b")).ok());
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("c")).text, HasSubstr("limit of 2"));
+  EXPECT_TRUE(subscriptions.add(kPeer, kOwner, named("a")).ok());
+  EXPECT_TRUE(subscriptions.add(kOther, kOwner, named("c")).ok());
 }
 
 TEST(SubscriptionsTest, RegistrationsPastTheTotalLimitAreRefused) {
   SubscriptionLimits limits;
   limits.registrations = 1;
   Subscriptions subscriptions(limits);
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
-  EXPECT_THAT(subscriptions.add(kOther, kOwner, named("b")), HasSubstr("limit of 1"));
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("a")).ok());
+  EXPECT_THAT(subscriptions.add(kOther, kOwner, named("b")).text, HasSubstr("limit of 1"));
   EXPECT_EQ(subscriptions.count(kOther), 0u);
 }
 
 TEST(SubscriptionsTest, ANameOfTheLimitsLengthIsAcceptedAndALongerOneRefused) {
   Subscriptions subscriptions;
-  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named(std::string(1024, 'a'))), "");
-  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named(std::string(1025, 'a'))),
+  EXPECT_TRUE(subscriptions.add(kPeer, kOwner, named(std::string(1024, 'a'))).ok());
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named(std::string(1025, 'a'))).text,
               HasSubstr("1025 bytes"));
 }
 
 TEST(SubscriptionsTest, AnIdentityPastTheLimitIsRefused) {
   Subscriptions subscriptions;
-  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("a", std::string(256, 'i'))), "");
-  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("a", std::string(257, 'i'))),
+  EXPECT_TRUE(subscriptions.add(kPeer, kOwner, named("a", std::string(256, 'i'))).ok());
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("a", std::string(257, 'i'))).text,
               HasSubstr("identity"));
 }
 
 TEST(SubscriptionsTest, TheNamesOfAPeersRegistrationsAreThoseOfTheTypeEachOnce) {
   Subscriptions subscriptions;
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("B.c", "one")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("b.c", "two")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a")), "");
-  ASSERT_EQ(subscriptions.add(kOther, kOwner, named("d")), "");
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("B.c", "one")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("b.c", "two")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("a")).ok());
+  ASSERT_TRUE(subscriptions.add(kOther, kOwner, named("d")).ok());
   EXPECT_THAT(subscriptions.names(kPeer, CALLBACK_VALUE_CHANGED), ElementsAre("a", "b.c"));
   EXPECT_THAT(subscriptions.names(kPeer, ConfigIF::CALLBACK_ON_CHANGE), ElementsAre());
   subscriptions.forget(kPeer);
@@ -211,11 +211,11 @@ TEST(SubscriptionsTest, ManyIdentitiesOfOneProcessAreRefusedAndWithdrawnOnesMake
   SubscriptionLimits limits;
   limits.callersPerPeer = 2;
   Subscriptions subscriptions(limits);
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a", "one")), "");
-  ASSERT_EQ(subscriptions.add(kPeer, kOwner, named("a", "two")), "");
-  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("a", "three")), HasSubstr("identities"));
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("a", "one")).ok());
+  ASSERT_TRUE(subscriptions.add(kPeer, kOwner, named("a", "two")).ok());
+  EXPECT_THAT(subscriptions.add(kPeer, kOwner, named("a", "three")).text, HasSubstr("identities"));
   EXPECT_TRUE(subscriptions.remove(kPeer, "a", CALLBACK_VALUE_CHANGED, "one"));
-  EXPECT_EQ(subscriptions.add(kPeer, kOwner, named("a", "three")), "");
+  EXPECT_TRUE(subscriptions.add(kPeer, kOwner, named("a", "three")).ok());
   EXPECT_THAT(told(subscriptions, "a"), ElementsAre("1/three/1", "1/two/1"));
 }
 

@@ -57,7 +57,7 @@ class Peer {
     if (::recv(fd_, bytes, sizeof bytes, MSG_WAITALL) != static_cast<ssize_t>(sizeof bytes)) {
       return false;
     }
-    if (!decodeHeader(bytes, header).empty()) return false;
+    if (!decodeHeader(bytes, header).ok()) return false;
     sequence_ = header.sequence;
     std::string payload(header.payloadBytes, '\0');
     return payload.empty() || ::recv(fd_, payload.data(), payload.size(), MSG_WAITALL) > 0;

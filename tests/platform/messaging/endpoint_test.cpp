@@ -171,7 +171,7 @@ TEST_F(EndpointTest, ALateAnswerIsNeverTakenForTheNextOne) {
 
 TEST_F(EndpointTest, AServiceThatAcceptsButNeverAnswersTheGreetingEndsTheCallAtItsDeadline) {
   Listener mute;
-  ASSERT_EQ(mute.open(dir.path(), kService), "");
+  ASSERT_TRUE(mute.open(dir.path(), kService).ok());
   EndpointOptions hasty = options();
   hasty.deadline = milliseconds(30);
   Endpoint endpoint("ui", hasty);

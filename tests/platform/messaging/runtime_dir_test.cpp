@@ -1,5 +1,6 @@
 #include "platform/messaging/wire/runtime_dir.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,6 +8,8 @@
 
 namespace PbUtility {
 namespace {
+
+using testing::HasSubstr;
 
 struct NameCase {
   const char* why;
@@ -31,12 +34,11 @@ TEST(RuntimeDirTest, ANameIsAPathBelowTheDirectoryOrIsRefusedWithItsReason) {
   };
   for (const NameCase& c : cases) {
     std::string path;
-    const std::string problem = socketPath("/run/a", c.name, path);
-    if (c.problem.empty()) {
-      EXPECT_EQ(problem, "") << c.why;
+    const Base::Status<> named = socketPath("/run/a", c.name, path);
+    EXPECT_EQ(named.ok(), c.problem.empty()) << c.why;
+    EXPECT_THAT(named.text, HasSubstr(c.problem)) << c.why;
+    if (named.ok()) {
       EXPECT_EQ(path, c.path) << c.why;
-    } else {
-      EXPECT_NE(problem.find(c.problem), std::string::npos) << c.why << ": " << problem;
     }
   }
 }
@@ -44,12 +46,12 @@ TEST(RuntimeDirTest, ANameIsAPathBelowTheDirectoryOrIsRefusedWithItsReason) {
 TEST(RuntimeDirTest, APathLongerThanASocketAddressIsRefused) {
   std::string path;
   const std::string directory = "/" + std::string(100, 'd');
-  EXPECT_NE(socketPath(directory, "ConfigSrvc", path).find("107"), std::string::npos);
+  EXPECT_THAT(socketPath(directory, "ConfigSrvc", path).text, HasSubstr("107"));
 }
 
 TEST(RuntimeDirTest, WithoutADirectoryTheTextSaysWhatToSet) {
   std::string path;
-  EXPECT_NE(socketPath("", "a", path).find("APPCONFIG_RUNTIME_DIR"), std::string::npos);
+  EXPECT_THAT(socketPath("", "a", path).text, HasSubstr("APPCONFIG_RUNTIME_DIR"));
 }
 
 TEST(RuntimeDirTest, TheEnvironmentComesBeforeTheSystemsPlaces) {

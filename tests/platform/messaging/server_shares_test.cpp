@@ -138,7 +138,7 @@ TEST_F(ServerSharesTest, ACrowdIsToldOfEverythingInItsOrder) {
     for (std::uint64_t revision = 1; revision <= 3; ++revision) {
       FrameHeader header;
       const char* frame = bytes.data() + (revision - 1) * kFrameHeaderBytes;
-      ASSERT_EQ(decodeHeader(reinterpret_cast<const unsigned char*>(frame), header), "");
+      ASSERT_TRUE(decodeHeader(reinterpret_cast<const unsigned char*>(frame), header).ok());
       EXPECT_EQ(header.revision, revision);
     }
   }

@@ -1,6 +1,7 @@
 #include "platform/messaging/serving/server.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -23,6 +24,7 @@
 namespace PbUtility {
 namespace {
 
+using testing::HasSubstr;
 using TestSupport::eventually;
 using TestSupport::RawClient;
 using TestSupport::Serving;
@@ -234,12 +236,12 @@ std::string refusalTo(RawClient& client) {
   for (std::string more = client.receive(); !more.empty(); more = client.receive()) bytes += more;
   FrameHeader header;
   if (bytes.size() < kFrameHeaderBytes) return "nothing came";
-  if (!decodeHeader(reinterpret_cast<const unsigned char*>(bytes.data()), header).empty() ||
+  if (!decodeHeader(reinterpret_cast<const unsigned char*>(bytes.data()), header).ok() ||
       header.kind != FrameKind::Refusal) {
     return "no refusal came";
   }
   Refusal refusal;
-  EXPECT_EQ(decode(bytes.substr(kFrameHeaderBytes), refusal), "");
+  EXPECT_TRUE(decode(bytes.substr(kFrameHeaderBytes), refusal).ok());
   return std::to_string(refusal.error) + ": " + refusal.text;
 }
 
@@ -633,7 +635,7 @@ TEST_F(ServerTest, WhoDiesWhileItIsToldSomethingIsBuriedAndTheServerServesOn) {
 TEST_F(ServerTest, ASecondServerOfTheNameIsRefusedAndTheFirstServesOn) {
   Serving serving(dir.path());
   Server second(options(), serving);
-  EXPECT_NE(second.open().find("another service already serves"), std::string::npos);
+  EXPECT_THAT(second.open().text, HasSubstr("another service already serves"));
   expectServed();
 }
 
@@ -654,7 +656,7 @@ TEST_F(ServerTest, AFileInTheSocketsPlaceIsReportedAndLeftAlone) {
   std::ofstream(socketFile()) << "precious";
   Serving elsewhere(dir.file("x"));
   Server server(options(), elsewhere);
-  EXPECT_NE(server.open().find("is in the way and is no socket"), std::string::npos);
+  EXPECT_THAT(server.open().text, HasSubstr("is in the way and is no socket"));
   std::string content;
   std::ifstream(socketFile()) >> content;
   EXPECT_EQ(content, "precious");

@@ -16,9 +16,9 @@ class SharesTest : public testing::Test {
   std::size_t take(Owner owner, std::string* why = nullptr) {
     std::size_t taken = 0;
     for (;; ++taken) {
-      const std::string refusal = shares_.refusal(owner);
-      if (why != nullptr) *why = refusal;
-      if (!refusal.empty()) return taken;
+      const Base::Status<> room = shares_.room(owner);
+      if (why != nullptr) *why = room.text;
+      if (!room.ok()) return taken;
       shares_.add(owner);
     }
   }
@@ -71,14 +71,14 @@ TEST_F(SharesTest, WhatIsGivenBackMayBeTakenAgain) {
 }
 
 TEST_F(SharesTest, AmountsAreHeldAgainstEachLimitAsAWhole) {
-  EXPECT_EQ(shares_.refusal({1000, 1}, 3), "");
-  EXPECT_NE(shares_.refusal({1000, 1}, 4), "");
-  EXPECT_NE(shares_.refusal({1000, 1}, ~std::size_t{0}), "") << "no overflow";
+  EXPECT_TRUE(shares_.room({1000, 1}, 3).ok());
+  EXPECT_FALSE(shares_.room({1000, 1}, 4).ok());
+  EXPECT_FALSE(shares_.room({1000, 1}, ~std::size_t{0}).ok()) << "no overflow";
   shares_.add({0, 2}, 3);
   shares_.add({0, 3}, 3);
   shares_.add({0, 4}, 3);
-  EXPECT_EQ(shares_.refusal({0, 5}, 1), "");
-  EXPECT_NE(shares_.refusal({0, 5}, 2), "");
+  EXPECT_TRUE(shares_.room({0, 5}, 1).ok());
+  EXPECT_FALSE(shares_.room({0, 5}, 2).ok());
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ using Kind = CommandLine::Kind;
 
 CommandLine parsed(const std::vector<std::string>& words) {
   CommandLine line = parseCommandLine(words);
-  EXPECT_EQ(line.kind, Kind::Run) << line.mistake.message;
+  EXPECT_EQ(line.kind, Kind::Run) << line.mistake.text;
   return line;
 }
 
@@ -24,7 +24,7 @@ CommandLine refused(const std::vector<std::string>& words) {
   CommandLine line = parseCommandLine(words);
   EXPECT_EQ(line.kind, Kind::Mistake);
   EXPECT_EQ(line.mistake.code, kExitUsage);
-  EXPECT_THAT(line.mistake.message, testing::Not(IsEmpty()));
+  EXPECT_THAT(line.mistake.text, testing::Not(IsEmpty()));
   return line;
 }
 
@@ -152,11 +152,11 @@ TEST(CommandLineTest, MistakesAreRefusedWithWhatIsWrong) {
       {{"status", "--namespace", ""}, "--namespace"},
       {{"status", "--role", "king"}, "there is no role \"king\""},
   };
-  for (const auto& c : cases) EXPECT_THAT(refused(c.words).mistake.message, HasSubstr(c.message));
+  for (const auto& c : cases) EXPECT_THAT(refused(c.words).mistake.text, HasSubstr(c.message));
 }
 
 TEST(CommandLineTest, AMistakeShowsNoMarkOfTheParser) {
-  EXPECT_EQ(refused({"get", "a.b", "[x]"}).mistake.message.find('\x01'), std::string::npos);
+  EXPECT_EQ(refused({"get", "a.b", "[x]"}).mistake.text.find('\x01'), std::string::npos);
 }
 
 TEST(CommandLineTest, AMistakeIsToldInJsonWhenJsonWasAskedFor) {

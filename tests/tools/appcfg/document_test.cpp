@@ -14,7 +14,7 @@ using Value = std::vector<std::string>;
 Document read(const std::string& text) {
   Document document;
   const Outcome outcome = readDocument(text, "file", formatOf(text), document);
-  EXPECT_TRUE(outcome.ok()) << outcome.message << " in " << text;
+  EXPECT_TRUE(outcome.ok()) << outcome.text << " in " << text;
   return document;
 }
 
@@ -22,7 +22,7 @@ std::string complaint(const std::string& text) {
   Document document;
   const Outcome outcome = readDocument(text, "file", formatOf(text), document);
   EXPECT_EQ(outcome.code, kExitFailed) << text;
-  return outcome.message;
+  return outcome.text;
 }
 
 const Document kEverything = {

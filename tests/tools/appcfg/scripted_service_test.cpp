@@ -35,7 +35,7 @@ constexpr auto kUser = CommonIF::SECURITY_ROLE_USER;
 
 ConfigVar key(const std::string& text) {
   ConfigVar var("", 0, "", 0);
-  EXPECT_EQ(AppConfig::parseKey(text, var), "");
+  EXPECT_TRUE(AppConfig::parseKey(text, var).ok()) << text;
   return var;
 }
 

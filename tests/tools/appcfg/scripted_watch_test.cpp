@@ -34,7 +34,7 @@ using Value = std::list<std::string>;
 
 ConfigVar keyOf(const std::string& text) {
   ConfigVar var("", 0, "", 0);
-  EXPECT_EQ(AppConfig::parseKey(text, var), "");
+  EXPECT_TRUE(AppConfig::parseKey(text, var).ok()) << text;
   return var;
 }
 

@@ -9,14 +9,14 @@ namespace {
 
 ConfigVar key(const std::string& text) {
   ConfigVar var("", 0, "", 0);
-  EXPECT_EQ(AppConfig::parseKey(text, var), "");
+  EXPECT_TRUE(AppConfig::parseKey(text, var).ok()) << text;
   return var;
 }
 
 Selection selection(const std::string& text, Settings settings = {}) {
   Selection made(settings);
   const Outcome read = made.read(text);
-  EXPECT_TRUE(read.ok()) << read.message;
+  EXPECT_TRUE(read.ok()) << read.text;
   return made;
 }
 

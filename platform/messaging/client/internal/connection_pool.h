@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "base/mutex.h"
+#include "base/status.h"
 #include "platform/messaging/client/internal/stream.h"
 #include "platform/messaging/endpoint.h"
 
@@ -39,16 +40,18 @@ struct Exchange {
   std::uint64_t answerRevision = 0;
   // A connection was made for this: the service is there.
   bool opened = false;
-  std::string problem;
 };
+
+// With the text that lastRefusal tells.
+using CallOutcome = Base::Status<CallStatus>;
 
 class ConnectionPool {
  public:
   ConnectionPool(std::string path, Hello hello, unsigned maxConnections);
 
   // One request and, unless it is one-way, its response, which is parsed into `response`.
-  CallStatus call(const google::protobuf::MessageLite& request,
-                  google::protobuf::MessageLite* response, Exchange& exchange);
+  CallOutcome call(const google::protobuf::MessageLite& request,
+                   google::protobuf::MessageLite* response, Exchange& exchange);
 
  private:
   // Who has a connection, and who may have it next.
@@ -76,18 +79,18 @@ class ConnectionPool {
   using Position = std::list<Connection>::iterator;
   class Lease;
 
-  CallStatus take(Exchange& exchange, Position& connection);
+  CallOutcome take(Exchange& exchange, Position& connection);
   bool findIdle(bool insideReceiver, Position& connection, bool& mustWait)
       APPCONFIG_REQUIRES(mutex_);
   bool isFull() APPCONFIG_REQUIRES(mutex_);
   void giveBack(Position connection, bool usable, std::thread::id oneWayBy);
   void closeIdle();
-  CallStatus open(Connection& connection, Exchange& exchange);
-  CallStatus sendRequest(Connection& connection, const google::protobuf::MessageLite& request,
-                         Exchange& exchange, bool& stale);
-  CallStatus receiveResponse(Connection& connection, google::protobuf::MessageLite& response,
-                             Exchange& exchange);
-  CallStatus welcome(Connection& connection, Exchange& exchange);
+  CallOutcome open(Connection& connection, Exchange& exchange);
+  CallOutcome sendRequest(Connection& connection, const google::protobuf::MessageLite& request,
+                          Exchange& exchange, bool& stale);
+  CallOutcome receiveResponse(Connection& connection, google::protobuf::MessageLite& response,
+                              Exchange& exchange);
+  CallOutcome welcome(Connection& connection, Exchange& exchange);
 
   const std::string path_;
   const Hello hello_;

@@ -18,6 +18,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/status.h"
+#include "base/unique_fd.h"
 #include "platform/messaging/serving/internal/buffers.h"
 #include "platform/messaging/serving/internal/connection.h"
 #include "platform/messaging/serving/internal/event_loop.h"
@@ -36,8 +38,8 @@ class ConnectionTable {
 
   ConnectionTable(const ServerOptions& options, ServerHandler& handler, EventLoop& loop);
 
-  // Takes the socket, empty on success; then has the loop watch it.
-  [[nodiscard]] std::string listen();
+  // Takes the socket; then has the loop watch it.
+  Base::Status<> listen();
   bool watchListener();
   // Takes in some of those that wait at the socket; the loop tells again of the rest.
   void acceptSome();

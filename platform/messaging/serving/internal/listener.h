@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "base/status.h"
 #include "base/unique_fd.h"
 
 namespace PbUtility {
@@ -20,10 +21,10 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  // Makes the directories on the way and listens. Empty on success, else what to do.
-  [[nodiscard]] std::string open(const std::string& runtimeDir, const std::string& name);
+  // Makes the directories on the way and listens.
+  Base::Status<> open(const std::string& runtimeDir, const std::string& name);
   // Takes over a socket that listens already (socket activation).
-  [[nodiscard]] std::string adopt(int fd);
+  Base::Status<> adopt(int fd);
 
   int fd() const { return socket_.get(); }
   // The next connection, non-blocking; empty when none waits. When the process is out of
@@ -32,8 +33,8 @@ class Listener {
   Base::UniqueFd accept(bool& exhausted);
 
  private:
-  std::string lock();
-  std::string bindAndListen();
+  Base::Status<> lock();
+  Base::Status<> bindAndListen();
 
   std::string path_;
   Base::UniqueFd lock_;

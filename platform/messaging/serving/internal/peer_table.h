@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/status.h"
 #include "platform/messaging/serving/peer.h"
 #include "platform/messaging/serving/server_handler.h"
 #include "platform/messaging/serving/server_options.h"
@@ -54,7 +55,7 @@ class PeerTable {
   // In the order in which they came.
   std::vector<ConnectedPeer> connected() const;
 
-  // Why a connection of somebody who claims to be this peer may not join it; no text when it may.
+  // Why a connection of somebody who claims to be this peer may not join it; error 0 when it may.
   Refusal whyNotJoin(const PeerState& peer, const Peer& claimed) const;
   // A peer that nobody knew; gets its id.
   PeerState& add(const EndpointToken& token, Peer peer);
@@ -74,8 +75,8 @@ class PeerTable {
            peer.openRequestBytes >= options_.maxOpenRequestBytes;
   }
 
-  // Why the peer is asked nothing more; empty when it may be asked.
-  std::string whyNotAsked(const PeerState& peer) const;
+  // Whether the peer may be asked one question more.
+  Base::Status<> mayBeAsked(const PeerState& peer) const;
   // The number of the next question, never 0; once asked, it is open until the peer is done with it.
   static std::uint32_t nextQuestion(PeerState& peer);
   void openQuestion(PeerState& peer, std::uint32_t question);
