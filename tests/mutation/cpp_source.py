@@ -181,6 +181,8 @@ class Source:
             return False
         if before in (")", "else", "do", "try", "const", "noexcept", "override", "final", "mutable", ";"):
             return True
+        if before.startswith("APPCONFIG_"):  # what is said of a function's locks
+            return True
         if before == "]":
             return self.word(self.partner[brace - 1] - 1) in ("(", ",", "=", "return", "{", ";", "&&", "||")
         if before in ("{", "}"):

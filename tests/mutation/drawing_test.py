@@ -228,6 +228,12 @@ class StructureTest(unittest.TestCase):
         mutation = next(m for m in mutations.all_of(source) if m.new == "!=")
         self.assertEqual(("A::b", "if (c == 1) {", "if (c != 1) {"), mutations.describe(source, mutation))
 
+    def test_what_is_said_of_a_functions_locks_hides_neither_body_nor_name(self):
+        for said in ("APPCONFIG_NO_THREAD_CHECK", "APPCONFIG_REQUIRES(mutex_)"):
+            source = source_of(f"void A::b() {said} {{\n  for (;;) c();\n  d(1, 2);\n}}\n")
+            mutation = next(m for m in mutations.all_of(source) if m.kind == "arguments")
+            self.assertEqual("A::b", mutations.describe(source, mutation)[0], said)
+
     def test_the_name_does_not_change_when_the_lines_move(self):
         text = "void a() {\n  b(c, d);\n}\n"
         names = []

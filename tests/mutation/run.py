@@ -7,7 +7,8 @@ program that tests its folder is built and run (suite.py), and, when that notice
 after the other of those that the mutant is in, those first which notice most for their time. The first
 failure that is seen a second time ends it.
 
-What comes out is kept below build/mutate, mutant by mutant, under what HEAD holds, seed and count.
+What comes out is kept below build/mutate, mutant by mutant, under what HEAD holds beside tests and pages,
+seed and count.
 """
 
 import argparse
@@ -76,17 +77,21 @@ def write_json(path, content):
 class State:
     """The outcome of each place, kept in a file as soon as it is known."""
 
-    def __init__(self, path, resume):
+    def __init__(self, path, tests, resume):
+        """What survived other tests than these is asked again; what was noticed stays noticed."""
         self.path = path
+        self.tests = tests
         self.places = {}
         self.lock = threading.Lock()
         if resume and os.path.exists(path):
             with open(path, encoding="utf-8") as file:
-                self.places = {int(number): outcome for number, outcome in json.load(file).items()}
+                kept = json.load(file).items()
+            self.places = {int(number): outcome for number, outcome in kept
+                           if outcome is None or outcome["verdict"] != SURVIVED or outcome["tests"] == tests}
 
     def keep(self, number, outcome):
         with self.lock:
-            self.places[number] = outcome
+            self.places[number] = outcome and {**outcome, "tests": self.tests}
             write_json(self.path, self.places)
 
 
@@ -123,6 +128,7 @@ class Worker:
         self.tally = tally
         self.say = say
         self.code_without = {}
+        self.refused_without = {}
         self.scratch = tempfile.mkdtemp(prefix="mu-")
         os.chmod(self.scratch, 0o755)  # some tests do a part of their work as another user
         self.runner = suite.Runner(tree, self.scratch, stopped)
@@ -165,8 +171,11 @@ class Worker:
         verdict = self._ask_each(folder, path, first, asked)
         if verdict:
             return verdict
-        if path.endswith(".cpp") and self._is_unchanged(path):
-            return {"verdict": UNCHANGED}
+        if path.endswith(".cpp"):
+            if self._is_unchanged(path):
+                return {"verdict": UNCHANGED}
+            if self._is_refused(path):
+                return {"verdict": UNBUILT}
         if self.near:
             return {"verdict": SURVIVED}
         affected = [t for t in others if any(self.tree.is_affected(target, path) for target in t.targets())]
@@ -253,6 +262,16 @@ class Worker:
         return code is not None and code == self.code_without[path]
 
 
+    def _is_refused(self, path):
+        """Whether Clang has an objection to the mutant that it has not to the source without it."""
+        if not self.tree.is_refused(path):
+            return False
+        if path not in self.refused_without:
+            with self._without_mutant(path):
+                self.refused_without[path] = self.tree.is_refused(path)
+        return not self.refused_without[path]
+
+
 def diff_of(source, mutation):
     before, after = source.text.splitlines(), mutations.apply_to(source.text, mutation).splitlines()
     lines = difflib.unified_diff(before, after, mutation.path, mutation.path, lineterm="", n=1)
@@ -299,7 +318,7 @@ class Run:
 
     def plant_all(self, made, places):
         keeps = not self.options.one
-        state = State(self._path_of_state(), self.options.resume and keeps)
+        state = State(self._path_of_state(), key_of_head(LEDGER), self.options.resume and keeps)
         for number, outcome in list(state.places.items()):
             if self._is_known(outcome):
                 del state.places[number]  # found out since
@@ -331,10 +350,10 @@ class Run:
         return [state.places[p.number] for p in places if state.places.get(p.number)]
 
     def _path_of_state(self):
-        """What is learned of a survivor and written down does not change the others."""
+        """Tests that come, and what is written of a survivor, do not change what was noticed."""
         options = self.options
         near = "-near" if options.near else ""
-        return os.path.join(self.where, f"state-{key_of_head(LEDGER)}-{options.seed}-{options.count}{near}.json")
+        return os.path.join(self.where, f"state-{key_of_head('tests/', 'docs/')}-{options.seed}-{options.count}{near}.json")
 
     def _in_threads(self, works):
         failures = []
@@ -448,7 +467,8 @@ def options_of(arguments):
         epilog=f"""\
 planted   counts the mutants that compile and that change something. One that does not compile, of which
           the optimizer makes the same code, or that {LEDGER} calls equivalent does
-          not count: another one is drawn in its place. Warnings are not asked.
+          not count: another one is drawn in its place. Clang's warnings, those of locks too, count as
+          not compiling, for nobody could commit it.
 survived  counts those that no test noticed, explained in the ledger or not. A test notices by failing,
           crashing, or not coming to an end, twice in a row.
 
@@ -461,7 +481,8 @@ nothing could be tried.""")
     parser.add_argument("--one", type=int, nargs="+", metavar="N",
                         help="only those with these numbers; of a single one, tell all about it")
     parser.add_argument("--list", action="store_true", help="print the first choice of each number, and try nothing")
-    parser.add_argument("--resume", action="store_true", help="go on with a run of these options that was interrupted")
+    parser.add_argument("--resume", action="store_true", help="go on with a run of these options that was interrupted, or after tests were "
+                        "written: those that survived are asked again")
     parser.add_argument("--jobs", type=int, default=2, help="how many at a time, each in a worktree of its own (2)")
     return parser.parse_args(arguments)
 

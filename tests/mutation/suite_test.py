@@ -1,5 +1,6 @@
 """How scripts/mutate runs tests: what counts as a failure, who is named, and that nothing is left running."""
 
+import contextlib
 import os
 import signal
 import stat
@@ -162,10 +163,13 @@ def ends(pid):
 class WorkerTest(unittest.TestCase):
     """What a worker makes of what builds and tests say; no compiler and no test takes part."""
 
-    def worker(self, built=True, failures=(), unchanged=False):
+    def worker(self, built=True, failures=(), unchanged=False, refused=(False,)):
         worker = run.Worker.__new__(run.Worker)
         worker.tree = types.SimpleNamespace(has_built=lambda targets: (built, "error"),
-                                            is_affected=lambda target, path: target != "elsewhere")
+                                            is_affected=lambda target, path: target != "elsewhere",
+                                            is_refused=lambda path, left=list(refused): left.pop(0))
+        worker.refused_without = {}
+        worker._without_mutant = lambda path: contextlib.nullcontext()
         left = list(failures)
 
         def result():
@@ -210,6 +214,29 @@ class WorkerTest(unittest.TestCase):
     def test_what_the_optimizer_does_not_see_is_unchanged(self):
         self.assertEqual(run.UNCHANGED, self.verdict(self.worker(unchanged=True))[0]["verdict"])
         self.assertEqual(run.SURVIVED, self.verdict(self.worker(unchanged=True), "a/b.h")[0]["verdict"])
+
+
+    def test_what_clang_refuses_does_not_compile(self):
+        self.assertEqual(run.UNBUILT, self.verdict(self.worker(refused=(True, False)))[0]["verdict"])
+
+    def test_what_clang_refuses_without_the_mutant_says_nothing_of_it(self):
+        self.assertEqual(run.SURVIVED, self.verdict(self.worker(refused=(True, True)))[0]["verdict"])
+
+
+class StateTest(unittest.TestCase):
+    def resumed(self, outcome, tests):
+        with tempfile.TemporaryDirectory() as directory:
+            path = os.path.join(directory, "state.json")
+            run.State(path, "these", resume=False).keep(7, outcome)
+            return 7 in run.State(path, tests, resume=True).places
+
+    def test_what_survived_other_tests_is_asked_again(self):
+        self.assertFalse(self.resumed({"verdict": run.SURVIVED}, "others"))
+        self.assertTrue(self.resumed({"verdict": run.SURVIVED}, "these"))
+
+    def test_what_was_noticed_stays_noticed_and_what_has_no_candidate_has_none(self):
+        self.assertTrue(self.resumed({"verdict": run.NOTICED}, "others"))
+        self.assertTrue(self.resumed(None, "others"))
 
 
 class BuildTest(unittest.TestCase):

@@ -15,6 +15,9 @@ CMAKE_OPTIONS = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_D
                  "-DAPPCONFIG_BENCH=OFF", "-DAPPCONFIG_UNITY_TESTS=ON",
                  "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
 
+CLANG = "clang++"
+LOCK_WARNINGS = ["-Wthread-safety", "-Wthread-safety-beta"]
+
 
 class CannotPrepare(Exception):
     pass
@@ -72,20 +75,35 @@ class Tree:
         includes = self._includes()
         return any(includes[o] is None or path in includes[o] for o in inputs if o in includes)
 
+    def is_refused(self, path):
+        """Whether Clang refuses a source, with the project's warnings and those of locks."""
+        entry = self._compilation_of(path)
+        if entry is None or not shutil.which(CLANG):
+            return False
+        words = shlex.split(entry["command"])
+        first = next(place for place, word in enumerate(words) if word.startswith("-"))
+        command = [CLANG, *(word for word in words[first:] if word != "-w"), *LOCK_WARNINGS, "-fsyntax-only"]
+        code, _ = run_in_group(command, BUILD_SECONDS, cwd=entry["directory"], env=self.environment)
+        return code != 0
+
     def object_code(self, path):
         """What the optimizer makes of a source, as bytes; None when that cannot be told."""
-        with open(os.path.join(self.build, "compile_commands.json"), encoding="utf-8") as file:
-            entries = [e for e in json.load(file) if e["file"] == os.path.join(self.path, path)]
-        if not entries:
+        entry = self._compilation_of(path)
+        if entry is None:
             return None
-        command = shlex.split(entries[0]["command"].replace("-O0", "-O2"))
+        command = shlex.split(entry["command"].replace("-O0", "-O2"))
         made = os.path.join(self.build, "optimized.o")
         command[command.index("-o") + 1] = made
-        code, _ = run_in_group(command, BUILD_SECONDS, cwd=entries[0]["directory"], env=self.environment)
+        code, _ = run_in_group(command, BUILD_SECONDS, cwd=entry["directory"], env=self.environment)
         if code != 0:
             return None
         with open(made, "rb") as file:
             return file.read()
+
+    def _compilation_of(self, path):
+        with open(os.path.join(self.build, "compile_commands.json"), encoding="utf-8") as file:
+            entries = [e for e in json.load(file) if e["file"] == os.path.join(self.path, path)]
+        return entries[0] if entries else None
 
     def _inputs_of(self, target):
         if target not in self._inputs:

@@ -161,7 +161,6 @@ void EventLoop::stepAside(Seat seat) {
     // Before anybody is answered, whose next request would wake the other thread.
     if (leader_ == seat && leadIsOffered_) withdrawOffer();
     job.done();
-    client_.settle();
     if (leader_ == seat || aside_.empty()) return turn_.unlock();
   }
 }

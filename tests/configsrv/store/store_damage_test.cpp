@@ -1,3 +1,5 @@
+#include <array>
+#include <ctime>
 #include <random>
 
 #include "tests/configsrv/store/store_fixture.h"
@@ -91,6 +93,22 @@ TEST_F(StoreDamageTest, WhatIsNoDatabaseIsSetAsideAndAnEmptyStoreBegun) {
             std::string::npos);
   EXPECT_EQ(open().revision(), 0U);
   EXPECT_EQ(notice(), "");
+}
+
+TEST_F(StoreDamageTest, WhatIsSetAsideSaysWhen) {
+  const auto name = [] {
+    const std::time_t now = std::time(nullptr);
+    std::array<char, 64> text{};
+    std::strftime(text.data(), text.size(), "store.db.damaged-%Y%m%dT%H%M%SZ", std::gmtime(&now));
+    return std::string(text.data());
+  };
+  fillAndClose();
+  const std::string before = name();
+  reopenWith(std::string(10000, 'x'), "");
+  const std::vector<std::string> aside = filesNamed("store.db.damaged-");
+  ASSERT_FALSE(aside.empty());
+  EXPECT_GE(aside.front(), before);
+  EXPECT_LE(aside.front().substr(0, before.size()), name());
 }
 
 TEST_F(StoreDamageTest, AnotherDatabaseIsSetAside) {

@@ -52,6 +52,12 @@ class ServerTest : public ::testing::Test {
     EXPECT_EQ(response.values(0), "served");
   }
 
+  // Whether all that the client has sent was read.
+  static bool isRead(const RawClient& client) {
+    int unread = -1;
+    return ::ioctl(client.fd(), SIOCOUTQ, &unread) == 0 && unread == 0;
+  }
+
   static std::size_t linesAbout(const Serving& serving, const std::string& text) {
     std::size_t count = 0;
     for (const std::string& line : serving.log()) count += line.find(text) != std::string::npos;
@@ -408,17 +414,31 @@ TEST_F(ServerTest, AnUnfinishedFrameCountsForWhatHasComeOfIt) {
   ASSERT_TRUE(client.send(RawClient::hello("promising")));
   ASSERT_FALSE(client.receive().empty());
   const std::string frame = request(0x1A0140, std::string(std::size_t{2} << 20, 'x'));
-  const auto isRead = [&] {
-    int unread = -1;
-    return ::ioctl(client.fd(), SIOCOUTQ, &unread) == 0 && unread == 0;
-  };
   for (std::size_t at = 0; at < 100'000; at += 20'000) {
     ASSERT_TRUE(client.send(frame.substr(at, 20'000)));
-    ASSERT_TRUE(eventually(isRead));
+    ASSERT_TRUE(eventually([&] { return isRead(client); }));
   }
   serving.onServer([](Server&) {});
   EXPECT_EQ(linesAbout(serving, "\"promising\""), 0U);
   ASSERT_TRUE(client.send("x"));
+}
+
+TEST_F(ServerTest, ABufferThatAFrameMadeGrowIsGivenBackWithTheFrame) {
+  ServerOptions limited = options();
+  limited.bufferedBytes.perProcess = 8 << 10;
+  Serving serving(limited);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (unsigned char i = 1; i <= 6; ++i) {
+    RawClient& client = *clients.emplace_back(std::make_unique<RawClient>(socketFile()));
+    ASSERT_TRUE(client.send(RawClient::hello("client", i)));
+    ASSERT_FALSE(client.receive().empty());
+    const std::string frame = request(0x1A0140, std::string(2000, 'x'));
+    ASSERT_TRUE(client.send(frame.substr(0, 1500)));
+    ASSERT_TRUE(eventually([&] { return isRead(client); }));
+    ASSERT_TRUE(client.send(frame.substr(1500)));
+    ASSERT_TRUE(eventually([&] { return serving.requests().size() == i; }));
+  }
+  EXPECT_EQ(linesAbout(serving, "\"client\""), 0U);
 }
 
 TEST_F(ServerTest, OfAllThatWaitsTheGreediestConnectionIsClosedAndTheOthersAreNot) {
