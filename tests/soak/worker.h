@@ -15,9 +15,9 @@
 #include "appconfig/registry/consumer_config_handler.h"
 #include "appconfig/registry/provider_config_handler.h"
 #include "platform/messaging/endpoint.h"
-#include "tests/soak/gate.h"
 #include "tests/soak/history.h"
 #include "tests/soak/plan.h"
+#include "tests/support/gate.h"
 
 namespace Soak {
 
@@ -124,7 +124,7 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   Counts counts_;
   std::atomic<unsigned> handlersOfGroup_{0};
   Random atQuestions_;  // the delivery thread's own
-  Gate gate_;
+  TestSupport::Gate gate_;
   AppConfig::AppCfgManager* const config_;
   PbUtility::Endpoint endpoint_;
   std::vector<std::thread> threads_;
