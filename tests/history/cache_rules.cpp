@@ -58,8 +58,7 @@ class Caches {
   // A value whose revision nobody told.
   bool mayBeUnplaced(const Operation& operation) const {
     const States& states = context_.states;
-    if (states.isDefault(operation.value))
-      return states.mayHaveBeenReset(operation.variable, operation.end);
+    if (states.isDefault(operation.value)) return mayHaveBeenReset(context_, operation);
     return states.stateOf(operation.value) == nullptr;
   }
 

@@ -49,6 +49,10 @@ const char* nameOf(Outcome outcome) {
   return outcome == Outcome::Refused ? "refused" : "no answer";
 }
 
+bool isTelling(What what) {
+  return what == What::Told || what == What::Delivered || what == What::Registered;
+}
+
 bool isJudged(What what) {
   return what == What::Write || what == What::Reset || what == What::Validated ||
          what == What::Changed;
@@ -96,7 +100,7 @@ class Around {
       const Operation& operation = record.operations[place];
       values_.insert(operation.value);
       variables_.insert(operation.variable);
-      processes_.insert(operation.process);
+      if (isTelling(operation.what)) processes_.insert(operation.process);
       from_ = std::min(from_, operation.begin);
       until_ = std::max(until_, operation.begin);
     }
@@ -117,19 +121,10 @@ class Around {
   bool excuses(const Operation& operation) const {
     const bool isOfProcess = processes_.count(operation.process) != 0 && operation.begin <= until_;
     const bool isOfVariable = variables_.count(operation.variable) != 0;
-    switch (rule_) {
-      case Rule::ToldTwice:
-      case Rule::NeverTold:
-        if (operation.what == What::Registered) return isOfProcess;
-        return operation.what == What::Changed && isOfProcess && isOfVariable &&
-               operation.begin >= from_;
-      case Rule::CachedBack:
-      case Rule::LostReset:
-        return operation.what == What::Reset && isOfVariable && operation.begin <= until_ &&
-               operation.end >= from_;
-      default:
-        return false;
-    }
+    if (rule_ != Rule::ToldTwice && rule_ != Rule::NeverTold) return false;
+    if (operation.what == What::Registered) return isOfProcess;
+    return operation.what == What::Changed && isOfProcess && isOfVariable &&
+           operation.begin >= from_;
   }
 
  private:
@@ -198,6 +193,18 @@ int settledAt(const Record& record, std::int64_t time) {
       [](std::int64_t sought, const Window& window) { return sought < window.begin; });
   if (later == record.settled.begin() || (later - 1)->end < time) return -1;
   return static_cast<int>(later - record.settled.begin()) - 1;
+}
+
+std::int64_t lastSettledBefore(const Record& record, std::int64_t time) {
+  const auto later = std::upper_bound(
+      record.settled.begin(), record.settled.end(), time,
+      [](std::int64_t sought, const Window& window) { return sought <= window.end; });
+  return later == record.settled.begin() ? 0 : (later - 1)->begin;
+}
+
+bool mayHaveBeenReset(const Context& context, const Operation& operation) {
+  const std::int64_t from = lastSettledBefore(context.record, operation.begin);
+  return context.states.mayHaveBeenReset(operation.variable, from, operation.end);
 }
 
 std::vector<Places> truths(const Record& record) {

@@ -126,6 +126,9 @@ const Lie kLies[] = {
      "c 2 30 40 x default-0\n", ""},
     {"nor is it excused by a reset that comes later", Rule::CachedBack, ONE_WRITE,
      "c 2 30 40 x a-1\n", "c 2 30 40 x default-0\n", "b 2 1 50 z x -\ne 2 60 ok 0 2\n"},
+    {"nor by one that nobody answered and that all would have known of since", Rule::CachedBack,
+     "process a\nb 9 1 2 z x -\nsettled 5 8\n" ONE_WRITE, "c 2 30 40 x a-1\n",
+     "c 2 30 40 x default-0\n", ""},
     {"a cached read is older than the one before it", Rule::CachedBack, TWO_WRITES "process b\n",
      "c 1 50 51 x a-1\nc 2 52 53 x a-2\n", "c 1 50 51 x a-2\nc 2 52 53 x a-1\n", ""},
     {"a cached read is older than what a handler was told", Rule::CachedBack,
@@ -215,6 +218,8 @@ const Allowed kAllowed[] = {
     {"a reset while a store is restored belongs to the one or the other",
      ONE_WRITE "copy 21 22 0 1\nb 2 1 45 z x -\ne 2 55 ok 0 2\nrestore 50 60 0 9\n"
                "f 1 70 71 x 9 1 0 a-1\n"},
+    {"a default may come of a reset that nobody answered",
+     ONE_WRITE "b 2 1 15 z x -\nc 2 30 40 x default-0\n"},
     {"other definitions, the value stays",
      ONE_WRITE "f 1 30 40 x 6 1 0 a-1\nf 1 30 40 y 6 0 1 default-1\n"},
     {"the cache of another process is behind", TWO_WRITES "process b\nc 1 50 60 x a-1\n"},

@@ -153,8 +153,8 @@ class Run(Mistreated):
         """Pauses until everything is delivered, and has all look at what is true then.
 
         A mark that is told over a connection which was there before comes behind all that the service had to
-        tell. The first mark is there to find connections that were cut and not missed yet. When the
-        next revision after the second mark is that of the third, nothing has changed in between: not
+        tell. The first mark is there to find connections that were cut and not missed yet, and before it
+        changes that wait for a provider are brought to their end. When the next revision after the second mark is that of the third, nothing has changed in between: not
         slow any more, so what differs is wrong.
         """
         began = time.monotonic()
@@ -169,6 +169,7 @@ class Run(Mistreated):
 
     def has_rested(self):
         self.connect()
+        (flushed,), _ = self.workers[0].ask("flush")
         self.mark()
         self.connect()
         begin = time.monotonic_ns()
@@ -176,7 +177,7 @@ class Run(Mistreated):
         self.tell_all("look")
         (answered,), _ = self.random.choice(self.workers).ask("truth")
         after = self.mark()
-        if not answered or after != [epoch, revision + 1]:
+        if not flushed or not answered or after != [epoch, revision + 1]:
             return False
         self.write_down("settled", begin, time.monotonic_ns())
         return True

@@ -35,7 +35,7 @@ void placeEmptyReset(const Context& context, std::size_t place, const Floor& flo
   const Position found =
       context.states.firstDefault(operation.variable, floor.position, operation.end);
   context.states.setAt(place, found);
-  if (found == 0 && !context.states.mayHaveBeenReset(operation.variable, operation.end))
+  if (found == 0 && !mayHaveBeenReset(context, operation))
     context.findings.add(Rule::LostReset, {floor.place, place});
 }
 

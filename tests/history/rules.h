@@ -38,6 +38,11 @@ void checkProviders(const Context& context);
 
 // The window of a time when nothing was under way; -1 when it is in none.
 int settledAt(const Record& record, std::int64_t time);
+// When the last window began that had ended by then; 0 when there was none.
+std::int64_t lastSettledBefore(const Record& record, std::int64_t time);
+// Whether the operation may have found the default of a reset that nobody answered. One that began before
+// the last window is out of the question: what it did was known there, and every cache had it.
+bool mayHaveBeenReset(const Context& context, const Operation& operation);
 // What was true in each window: [window][variable], kNowhere when nobody looked.
 std::vector<Places> truths(const Record& record);
 

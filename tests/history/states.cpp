@@ -233,9 +233,10 @@ void States::checkDefaults() {
   }
 }
 
-bool States::mayHaveBeenReset(std::uint32_t variable, std::int64_t before) const {
+bool States::mayHaveBeenReset(std::uint32_t variable, std::int64_t from, std::int64_t until) const {
   const auto& loose = looseResets_[variable];
-  return !loose.empty() && loose.front() <= before;
+  const auto first = std::lower_bound(loose.begin(), loose.end(), from);
+  return first != loose.end() && *first <= until;
 }
 
 // --- Where a read may have been ---

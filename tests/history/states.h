@@ -58,8 +58,8 @@ class States {
                       std::int64_t end) const;
   // The same of its default, of whichever generation.
   Position firstDefault(std::uint32_t variable, Position floor, std::int64_t end) const;
-  // Whether a reset whose revision nobody knows may have happened before that time.
-  bool mayHaveBeenReset(std::uint32_t variable, std::int64_t before) const;
+  // Whether a reset whose revision nobody knows may have happened: one that began in that time.
+  bool mayHaveBeenReset(std::uint32_t variable, std::int64_t from, std::int64_t until) const;
 
  private:
   struct Value {

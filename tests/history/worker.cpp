@@ -24,6 +24,8 @@ namespace {
 using AppConfig::ProtobufMessageHelper;
 
 constexpr const char* kService = "ConfigSrvc";
+constexpr const char* kProvided = "h.provided";
+constexpr const char* kChoice = "h.choice";
 constexpr std::chrono::seconds kPatience(100);
 constexpr std::size_t kMet = 6;  // variables that half of the operations go to
 
@@ -82,7 +84,7 @@ std::vector<Worker::Variable> Worker::makeVariables(int variables) {
   std::vector<Variable> made;
   for (int i = 0; i < variables; ++i) {
     const int kind = i % 6;
-    const std::string group = kind < 3 ? "h.plain" : kind < 5 ? "h.provided" : "h.choice";
+    const std::string group = kind < 3 ? "h.plain" : kind < 5 ? kProvided : kChoice;
     const std::string name = "v" + std::to_string(i);
     const bool hasOptions = kind == 5;
     made.push_back({ConfigVar(group, 0, name, 0),
@@ -108,7 +110,7 @@ std::string Worker::definitions(int variables, int generation) {
 // Handlers first, so that what is read afterwards is kept up to date by their notices.
 void Worker::start() {
   registerHandler("h", static_cast<ConsumerConfigHandler*>(this));
-  if (options_.provides) registerHandler("h.provided", static_cast<ProviderConfigHandler*>(this));
+  if (options_.provides) registerHandler(kProvided, static_cast<ProviderConfigHandler*>(this));
   for (int i = 1; i <= options_.threads; ++i) startThread(static_cast<unsigned>(i));
 }
 
@@ -197,7 +199,7 @@ Outcome Worker::outcome(bool done) const {
   return answer.came && answer.refused ? Outcome::Refused : Outcome::Unknown;
 }
 
-void Worker::write(unsigned thread, const Variable& variable) {
+Outcome Worker::write(unsigned thread, const Variable& variable) {
   const ConfigVar& key = variable.key;
   const std::string value = nextValue(thread);
   const std::uint64_t id = journal_.begin(thread, false, variable.name, value);
@@ -206,7 +208,9 @@ void Worker::write(unsigned thread, const Variable& variable) {
   const bool done = variable.hasOptions
                         ? config_->setConfigOptions(key.group(), 0, key.name(), 0, {"base", value})
                         : config_->setConfigVar(key, value, &result);
-  journal_.end(id, outcome(done), StampedEndpoint::lastAnswer().stamped);
+  const Outcome became = outcome(done);
+  journal_.end(id, became, StampedEndpoint::lastAnswer().stamped);
+  return became;
 }
 
 // Nobody waits for what becomes of it.
@@ -237,6 +241,16 @@ bool Worker::resetOptions(const Variable& variable) {
 // --- At rest ---
 
 bool Worker::connect() { return endpoint_.waitUntilConnected(kPatience); }
+
+bool Worker::flush() {
+  bool all = true;
+  for (const Variable& variable : variables_) {
+    if (variable.key.group() != kProvided) continue;
+    while (!isValidatedAway("-" + std::to_string(lastValue_ + 1))) ++lastValue_;
+    all = write(0, variable) != Outcome::Unknown && all;
+  }
+  return all;
+}
 
 std::string Worker::mark(Stamped& stamped) {
   const std::string name = marker().dottedName();
@@ -286,7 +300,7 @@ int Worker::cut(bool all) {
 void Worker::configChanged(const std::string& group, int, const std::string& name, int,
                            const std::list<std::string>& value, const std::string&) {
   const Incoming& incoming = StampedEndpoint::incoming();
-  if (group == "h.choice") return;  // their values never change; options have a record of their own
+  if (group == kChoice) return;  // their values never change; options have a record of their own
   journal_.told(incoming.sender, incoming.stamped, recorded(group, name), last(value));
   if (group != marker().group()) return;
   const std::lock_guard<std::mutex> guard(markMutex_);
@@ -296,7 +310,7 @@ void Worker::configChanged(const std::string& group, int, const std::string& nam
 
 void Worker::optionsChanged(const std::string& group, int, const std::string& name, int,
                             const std::list<std::string>& options, std::string) {
-  if (group != "h.choice") return;
+  if (group != kChoice) return;
   Incoming incoming = StampedEndpoint::incoming();
   incoming.stamped.isDefault = last(options).rfind("default-", 0) == 0;
   journal_.told(incoming.sender, incoming.stamped, recorded(group, name) + "#options",

@@ -47,6 +47,9 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   static int cut(bool all);
   // Whether the delivery connection stands and every registration is answered.
   bool connect();
+  // Writes each provided variable what every provider refuses: changes of one variable follow each other,
+  // so those that were under way have ended with the answer. False when there was none.
+  bool flush();
   // Writes the variable that no thread writes until that is acknowledged; what it became, and when.
   std::string mark(Stamped& stamped);
   // Whether a handler was told this mark, and with it everything that came before.
@@ -76,7 +79,7 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   // One operation each.
   void readCached(What what, unsigned thread, const Variable& variable);
   bool readFresh(What what, unsigned thread, const Variable& variable);
-  void write(unsigned thread, const Variable& variable);
+  Outcome write(unsigned thread, const Variable& variable);
   void send(unsigned thread, const Variable& variable);
   void reset(unsigned thread, const Variable& variable);
   // What the facade says of the change that this thread made last.

@@ -3,7 +3,7 @@
 //   history_worker definitions --variables N --generation G   prints definitions
 //   history_worker epoch --runtime-dir DIR                    prints the service's epoch
 //   history_worker work ...                                   works as it is told on standard input:
-//     work | pause | cut one | cut all | connect | mark | await VALUE | look | truth
+//     work | pause | cut one | cut all | connect | flush | mark | await VALUE | look | truth
 // Each answer ends with a line "done" and what belongs to it; of mark the line before has the value.
 #include <chrono>
 #include <iostream>
@@ -56,6 +56,7 @@ void obey(Worker& worker, const std::string& line) {
   if (line == "pause") worker.pause();
   if (line == "look") worker.look();
   if (line == "connect") return done(worker.connect());
+  if (line == "flush") return done(worker.flush());
   if (line == "mark") return mark(worker);
   if (line == "truth") return done(worker.readTruth());
   if (line.rfind("await ", 0) == 0) return done(worker.awaitMark(line.substr(6)));
