@@ -167,7 +167,8 @@ std::string tell(const Record& record) {
   std::int64_t last = 0;
   for (const Operation& operation : record.operations) {
     lines.emplace_back(operation.begin, describe(record, operation));
-    first = std::min(first, operation.begin);
+    // What was registered for may be long ago.
+    if (operation.what != What::Registered) first = std::min(first, operation.begin);
     last = std::max(last, operation.begin);
   }
   std::size_t deeds = 0;
