@@ -2,10 +2,10 @@
 // which its value can have been that is not below what the process knew already. So each read claims as
 // little as it can, and one that finds no place has none.
 //
-// What a process knows of a variable: what it read, what it wrote and was told is accepted, and what a
-// handler of it was told. Not what it reset, nor options that it set: these reach the cache by notice. A
-// process that is told of a change as a provider has it in its cache before it is one; such reads are left
-// out.
+// What a process knows of a variable: what it read, what it wrote and was told is accepted, and
+// what a handler of it was told. Not what it reset, nor options that it set: these reach the cache
+// by notice. A process that is told of a change as a provider has it in its cache before it is one;
+// such reads are left out.
 #include <unordered_set>
 
 #include "tests/history/rules.h"

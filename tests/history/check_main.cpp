@@ -2,8 +2,8 @@
 //
 //   history_check FILE...
 //
-// Prints the shortest history of what is wrong first, and the line "N operations, M wrong, R/s". Exit codes: 0
-// nothing is wrong; 1 something is; 2 usage, or a record that cannot be read.
+// Prints the shortest history of what is wrong first, and the line "N operations, M wrong, R/s".
+// Exit codes: 0 nothing is wrong; 1 something is; 2 usage, or a record that cannot be read.
 #include <chrono>
 #include <fstream>
 #include <iostream>

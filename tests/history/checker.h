@@ -1,8 +1,9 @@
 // Checker: whether a history can have happened at a service that keeps its promises.
 //
-// It takes one look at each operation for each rule, after sorting them by their times; docs/reliability.md
-// has the rules. A history that is refused is made as short as it can be: of the operations that
-// contradict each other, those are left out without which the same rule is still broken.
+// It takes one look at each operation for each rule, after sorting them by their times;
+// docs/reliability.md has the rules. A history that is refused is made as short as it can be: of
+// the operations that contradict each other, those are left out without which the same rule is
+// still broken.
 //
 // Threads:  none of its own; one call at a time for a record.
 #pragma once

@@ -1,8 +1,8 @@
-// What handlers were told. Of one variable a process is told in the order of the revisions, newest states
-// alone when it is slow. The same state comes again only for a reason: over another connection, once for
-// each registration that covers the variable; after a registration; and to a provider that was asked about a
-// change which then failed. When everything was delivered, each handler knows what is true, unless that was
-// so before its registration.
+// What handlers were told. Of one variable a process is told in the order of the revisions, newest
+// states alone when it is slow. The same state comes again only for a reason: over another
+// connection, once for each registration that covers the variable; after a registration; and to a
+// provider that was asked about a change which then failed. When everything was delivered, each
+// handler knows what is true, unless that was so before its registration.
 #include <algorithm>
 #include <string_view>
 

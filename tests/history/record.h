@@ -6,8 +6,8 @@
 //   process NAME                                            first; the lines below are this process's
 //   b ID THREAD TIME w|z VARIABLE VALUE                     a write or a reset (VALUE -) begins
 //   e ID TIME ok|refused|unknown EPOCH REVISION             and ends; without it the outcome is unknown
-//   f|t THREAD BEGIN END VARIABLE EPOCH REVISION 0|1 VALUE  fresh read; while nothing is under way; default
-//   c|l THREAD BEGIN END VARIABLE VALUE                     cached read; after everything was delivered
+//   f|t THREAD BEGIN END VARIABLE EPOCH REVISION 0|1 VALUE  fresh read; at rest; default
+//   c|l THREAD BEGIN END VARIABLE VALUE                     cached read; at rest
 //   h TIME SENDER EPOCH REVISION 0|1 VARIABLE VALUE         a handler is told
 //   v|q TIME SENDER ok|refused VARIABLE VALUE               a provider is asked to validate; on change
 //   r BEGIN END NAME                                        a registration

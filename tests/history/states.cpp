@@ -1,7 +1,7 @@
-// The claims are taken in the order in which their operations began, so that the first that tells of a
-// revision is the oldest. Then the states are sorted, each branch is told what it has from its parent, and
-// each default is held against the resets: an acknowledged reset tells its revision, and one that nobody
-// answered may account for one default that nothing else accounts for.
+// The claims are taken in the order in which their operations began, so that the first that tells
+// of a revision is the oldest. Then the states are sorted, each branch is told what it has from its
+// parent, and each default is held against the resets: an acknowledged reset tells its revision,
+// and one that nobody answered may account for one default that nothing else accounts for.
 #include "tests/history/states.h"
 
 namespace History {

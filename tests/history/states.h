@@ -1,9 +1,10 @@
 // States: what a record says each revision made of which variable, and where each operation stands.
 //
-// Nothing is believed because it was said once. Every answer and every notice with a stamp is a claim that
-// at this revision this variable became this value; all claims of a revision have to agree, each value has
-// to come from a write of that variable, begun before anybody saw it, and have one revision. What is left is
-// one order of the states of each variable, which the rules then hold against the times.
+// Nothing is believed because it was said once. Every answer and every notice with a stamp is a
+// claim that at this revision this variable became this value; all claims of a revision have to
+// agree, each value has to come from a write of that variable, begun before anybody saw it, and
+// have one revision. What is left is one order of the states of each variable, which the rules then
+// hold against the times.
 //
 // Threads:  none of its own; const after construction.
 #pragma once
@@ -53,7 +54,8 @@ class States {
   const State* stateAt(std::size_t place) const;
   // What the branch had of the variable from its parent, as far as it is known.
   const State* inherited(std::uint32_t branch, std::uint32_t variable) const;
-  // The first place not below the floor at which a read that ended then may have found the value. 0: none.
+  // The first place not below the floor at which a read that ended then may have found the value.
+  // 0: none.
   Position firstPlace(std::uint32_t variable, std::uint32_t value, Position floor,
                       std::int64_t end) const;
   // The same of its default, of whichever generation.

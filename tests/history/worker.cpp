@@ -1,6 +1,6 @@
-// Every operation is entered in the journal with the time before the library was called and the time after
-// it returned; a change already before, so that it is there when the process is killed in between. What a
-// handler is told is entered before the handler does anything else.
+// Every operation is entered in the journal with the time before the library was called and the
+// time after it returned; a change already before, so that it is there when the process is killed
+// in between. What a handler is told is entered before the handler does anything else.
 //
 // Values are written once: "w2x1-57" is the 57th of the second process's second life. Options are written
 // as a list whose last element is such a value. Half of the operations go to the first few variables, so
@@ -46,8 +46,13 @@ std::uint64_t numberIn(const std::string& value) {
   return dash == std::string::npos ? 0 : std::strtoull(value.c_str() + dash + 1, nullptr, 10);
 }
 
-bool isValidatedAway(const std::string& value) { return numberIn(value) % 7 == 3; }
-bool isChangedAway(const std::string& value) { return numberIn(value) % 11 == 5; }
+// What a provider refuses; another one's veto does not stand in for it.
+bool isValidatedAway(const std::string& value, int provider) {
+  return numberIn(value) % 7 == (provider % 2 == 0 ? 3 : 5);
+}
+bool isChangedAway(const std::string& value, int provider) {
+  return numberIn(value) % 11 == (provider % 2 == 0 ? 5 : 7);
+}
 
 // Some values are long, so that what a slow process is to be told has to wait at the service, where newer
 // notices take the place of older ones. The record has them without what makes them long, unless that is
@@ -255,11 +260,12 @@ bool Worker::resetOptions(const Variable& variable) {
 
 bool Worker::connect() { return endpoint_.waitUntilConnected(kPatience); }
 
+// The first process is a provider whenever there is one.
 bool Worker::flush() {
   bool all = true;
   for (const Variable& variable : variables_) {
     if (variable.key.group() != kProvided) continue;
-    while (!isValidatedAway("-" + std::to_string(lastValue_ + 1))) ++lastValue_;
+    while (!isValidatedAway("-" + std::to_string(lastValue_ + 1), 0)) ++lastValue_;
     all = write(0, variable) != Outcome::Unknown && all;
   }
   return all;
@@ -342,13 +348,15 @@ bool Worker::answer(What what, const std::string& group, const std::string& name
 bool Worker::dynamicValidate(const std::string& group, int, const std::string& name, int,
                              const std::list<std::string>& value, AppConfig::SecurityRole,
                              ConfigResult* result) {
-  return answer(What::Validated, group, name, value, !isValidatedAway(last(value)), result);
+  return answer(What::Validated, group, name, value, !isValidatedAway(last(value), options_.number),
+                result);
 }
 
 bool Worker::onChange(const std::string& group, int, const std::string& name, int,
                       const std::list<std::string>& value, AppConfig::SecurityRole,
                       ConfigResult* result) {
-  return answer(What::Changed, group, name, value, !isChangedAway(last(value)), result);
+  return answer(What::Changed, group, name, value, !isChangedAway(last(value), options_.number),
+                result);
 }
 
 }  // namespace History

@@ -47,7 +47,7 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   static int cut(bool all);
   // Whether the delivery connection stands and every registration is answered.
   bool connect();
-  // Writes each provided variable what every provider refuses: changes of one variable follow each other,
+  // Writes each provided variable what a provider refuses: changes of one variable follow each other,
   // so those that were under way have ended with the answer. False when there was none.
   bool flush();
   // Writes the variable that no thread writes until that is acknowledged; what it became, and when.

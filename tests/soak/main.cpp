@@ -5,7 +5,8 @@
 //                                                            its revision; a line for each variable, 1 or
 //                                                            0 for default and value; the last revision
 //   soak_worker work ...                                     works as it is told on standard input:
-//     work | pause | connect | flush | mark | await VALUE | look | cut one | cut all | compare FILE | counts | quit
+//     work | pause | connect | flush | mark | await VALUE | look | compare FILE | counts | quit |
+//     cut one | cut all
 // Each answer ends with a line "done" and what belongs to it; of mark the line before has the value.
 #include <fstream>
 #include <iostream>
