@@ -132,9 +132,9 @@ class Run(Mistreated):
                 self.stop_one()
             elif what < 0.56:
                 self.restart_worker()
-            elif what < 0.60:
+            elif what < 0.61:
                 self.copy_store()
-            elif what < 0.63:
+            elif what < 0.66:
                 self.restore_store()
         self.continue_all()
 
@@ -187,6 +187,7 @@ class Run(Mistreated):
         self.start_service()
         self.start_workers()
         self.rest()
+        self.copy_store()
         end = time.monotonic() + self.options.seconds
         while time.monotonic() < end:
             began = time.monotonic()
