@@ -69,14 +69,18 @@ Position acknowledgedAt(const Context& context, std::size_t place) {
   return isChange(operation) && operation.outcome == Outcome::Ok ? context.states.at(place) : 0;
 }
 
-void checkCopy(const Context& context, const Copy& copy) {
-  const std::uint32_t branch = context.lineage.branchDuring(copy.begin, copy.end);
-  const Position held = Lineage::position(branch, copy.revision, Lineage::kMostGenerations);
-  for (const std::size_t place : context.byEnd) {
-    const Operation& operation = context.operation(place);
-    if (operation.end >= copy.begin) return;
-    if (acknowledgedAt(context, place) <= held) continue;
-    return context.findings.add(Rule::CopyIncomplete, {place});
+// Copies come in the order of their times, as the changes do.
+void checkCopiesHold(const Context& context) {
+  Floor known;
+  auto ended = context.byEnd.begin();
+  for (const Copy& copy : context.record.copies) {
+    for (; ended != context.byEnd.end() && context.operation(*ended).end < copy.begin; ++ended) {
+      const Position position = acknowledgedAt(context, *ended);
+      if (position > known.position) known = {position, *ended};
+    }
+    const std::uint32_t branch = context.lineage.branchDuring(copy.begin, copy.end);
+    const Position held = Lineage::position(branch, copy.revision, Lineage::kMostGenerations);
+    if (known.position > held) context.findings.add(Rule::CopyIncomplete, {known.place});
   }
 }
 
@@ -123,7 +127,7 @@ void checkRevisions(const Context& context) {
 }
 
 void checkCopies(const Context& context) {
-  for (const Copy& copy : context.record.copies) checkCopy(context, copy);
+  checkCopiesHold(context);
   for (const std::size_t place : context.byBegin) checkRestored(context, place);
 }
 

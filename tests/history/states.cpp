@@ -88,16 +88,16 @@ void States::claim(std::size_t place) {
     looseResets_[operation.variable].push_back(operation.begin);
     return;
   }
-  const std::uint32_t owner = lineage_.ownerOf(branch, operation.revision);
   const bool isDefault = isReset || values_[operation.value].isDefault;
   const std::uint64_t generation = isReset ? 0 : values_[operation.value].generation;
   at_[place] = Lineage::position(branch, operation.revision, generation);
-  if ((isReset || operation.what == What::Write) && owner != branch)
-    findings_.add(Rule::RevisionsOrder, {place});
   if (operation.revision == 0) {
     if (!isDefault) findings_.add(Rule::TwoStates, {place});
     return;
   }
+  const std::uint32_t owner = lineage_.ownerOf(branch, operation.revision);
+  if ((isReset || operation.what == What::Write) && owner != branch)
+    findings_.add(Rule::RevisionsOrder, {place});
   const std::uint64_t key = keyOf(owner, operation.revision);
   const auto [found, isNew] =
       states_.emplace(key, State{owner, operation.revision, operation.variable, operation.value,
