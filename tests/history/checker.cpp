@@ -98,8 +98,10 @@ class Around {
         places_(finding.operations.begin(), finding.operations.end()) {
     for (const std::size_t place : finding.operations) {
       const Operation& operation = record.operations[place];
-      values_.insert(operation.value);
-      variables_.insert(operation.variable);
+      const bool isOfVariable =
+          operation.what != What::Registered && operation.what != What::Delivered;
+      if (isOfVariable) values_.insert(operation.value);
+      if (isOfVariable) variables_.insert(operation.variable);
       if (isTelling(operation.what)) processes_.insert(operation.process);
       from_ = std::min(from_, operation.begin);
       until_ = std::max(until_, operation.begin);
@@ -122,12 +124,17 @@ class Around {
     const bool isOfProcess = processes_.count(operation.process) != 0 && operation.begin <= until_;
     const bool isOfVariable = variables_.count(operation.variable) != 0;
     if (rule_ != Rule::ToldTwice && rule_ != Rule::NeverTold) return false;
-    if (operation.what == What::Registered) return isOfProcess;
+    if (operation.what == What::Registered) return isOfProcess && isFor(operation);
     return operation.what == What::Changed && isOfProcess && isOfVariable &&
            operation.begin >= from_;
   }
 
  private:
+  bool isFor(const Operation& registration) const {
+    return std::any_of(variables_.begin(), variables_.end(), [&](std::uint32_t variable) {
+      return covers(record_.values[registration.value], record_.variables[variable]);
+    });
+  }
   bool wrote(const Operation& operation) const {
     return operation.what == What::Write && values_.count(operation.value) != 0;
   }

@@ -16,14 +16,6 @@ bool isSameOrBelow(std::string_view name, std::string_view variable) {
   return variable.size() == name.size() || variable[name.size()] == '.';
 }
 
-// Values and options are registered for apart: "h" covers "h.level", and "h#options" "h.level#options".
-bool covers(std::string_view name, std::string_view variable) {
-  const std::size_t ofName = std::min(name.find('#'), name.size());
-  const std::size_t ofVariable = std::min(variable.find('#'), variable.size());
-  return name.substr(ofName) == variable.substr(ofVariable) &&
-         isSameOrBelow(name.substr(0, ofName), variable.substr(0, ofVariable));
-}
-
 // All that one process was told.
 class Handlers {
  public:
@@ -129,6 +121,13 @@ class Handlers {
 };
 
 }  // namespace
+
+bool covers(std::string_view name, std::string_view variable) {
+  const std::size_t ofName = std::min(name.find('#'), name.size());
+  const std::size_t ofVariable = std::min(variable.find('#'), variable.size());
+  return name.substr(ofName) == variable.substr(ofVariable) &&
+         isSameOrBelow(name.substr(0, ofName), variable.substr(0, ofVariable));
+}
 
 void checkHandlers(const Context& context) {
   const std::size_t processes = context.record.processes.size();

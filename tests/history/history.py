@@ -99,10 +99,28 @@ class Run(Mistreated):
         number = self.random.choice(self.copies)
         before = self.epoch()
         begin = time.monotonic_ns()
-        self.appcfg("store", "restore", self.path(f"copy{number}"))
+        way = self.random.choice((self.restore_running, self.restore_at_start, self.restore_by_hand))
+        way(self.path(f"copy{number}"))
         self.write_down("restore", begin, self.ended_at(before), number, self.last_epoch)
         self.restores += 1
-        self.note(f"copy {number} restored, epoch {self.last_epoch}")
+        self.note(f"copy {number} restored, epoch {self.last_epoch}: {way.__name__}")
+
+    def restore_running(self, copy):
+        self.appcfg("store", "restore", copy)
+
+    def restore_at_start(self, copy):
+        self.service.kill()
+        self.kills += 1
+        self.output(self.options.appcfg, "store", "restore", "--store", self.path("store"), copy)
+        self.start_service()
+
+    def restore_by_hand(self, copy):
+        self.service.kill()
+        self.kills += 1
+        for left in glob.glob(self.path("store*")):
+            os.remove(left)
+        shutil.copy(copy, self.path("store"))
+        self.start_service()
 
     def ended_at(self, before):
         """When the service was seen in another epoch."""

@@ -3,6 +3,10 @@
 // Caches come first: they give cached reads their places, which the order of all then counts with.
 #pragma once
 
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
 #include "tests/history/findings.h"
 #include "tests/history/lineage.h"
 #include "tests/history/order.h"
@@ -36,6 +40,9 @@ void checkHandlers(const Context& context);
 // What was refused is nowhere; providers who were there were asked, and told in order.
 void checkProviders(const Context& context);
 
+// Whether a registration for the name is one for the variable. Values and options are registered for
+// apart: "h" covers "h.level", and "h#options" covers "h.level#options".
+bool covers(std::string_view name, std::string_view variable);
 // The window of a time when nothing was under way; -1 when it is in none.
 int settledAt(const Record& record, std::int64_t time);
 // When the last window began that had ended by then; 0 when there was none.
