@@ -240,7 +240,7 @@ def parse_options():
     add("--providers", type=int, default=2, help="of them answer questions: %(default)s")
     add("--threads", type=int, default=3, help="of each process: %(default)s")
     add("--rate", type=float, default=2000, help="operations a second at most, notices aside: %(default)s")
-    add("--phase", type=float, default=4, help="seconds between two pauses: %(default)s")
+    add("--phase", type=float, default=2, help="seconds between two pauses: %(default)s")
     add("--settle", type=float, default=60, help="seconds in which a pause has to come to rest: %(default)s")
     add("--min-rate", type=float, default=200, help="operations a second below which a run does not count: %(default)s")
     add("--keep", help="directory to keep the record in")
