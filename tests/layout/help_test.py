@@ -43,12 +43,13 @@ class HelpTest(unittest.TestCase):
         self.assertEqual(0, done.returncode)
         self.assertIn("--seed", done.stdout)
 
-    def test_the_soak_tells_every_option_of_its_driver(self):
-        with open(os.path.join(SOURCE_DIR, "tests/soak/soak.py"), encoding="utf-8") as file:
-            options = re.findall(r'^    add\("(--[a-z-]+)"', file.read(), re.M)
-        self.assertIn("--seconds", options)
-        told = re.findall(r"^  (--[a-z-]+)", self.run_script("soak", "--help").stdout, re.M)
-        self.assertEqual(options, told)
+    def test_soak_and_history_tell_every_option_of_their_drivers(self):
+        for name in ("soak", "history"):
+            with open(os.path.join(SOURCE_DIR, f"tests/{name}/{name}.py"), encoding="utf-8") as file:
+                options = re.findall(r'^    add\("(--[a-z-]+)"', file.read(), re.M)
+            self.assertIn("--seconds", options)
+            told = re.findall(r"^  (--[a-z-]+)", self.run_script(name, "--help").stdout, re.M)
+            self.assertEqual(options, told)
 
 
 if __name__ == "__main__":

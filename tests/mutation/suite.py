@@ -19,7 +19,7 @@ import time
 NOT_ASKED = ("tests/abi", "tests/bench", "tests/consumer", "tests/docs", "tests/layout", "tests/man", "tests/model",
              "tests/mutation", "tests/packaging", "tests/readme", "tests/appconfig/shared_object", "bench")
 # What tests start that are no programs of the build themselves.
-STARTED = ["configsrvd", "appcfg", "soak_worker", "gateway-app", "gateway-network"]
+STARTED = ["configsrvd", "appcfg", "soak_worker", "history_worker", "history_check", "gateway-app", "gateway-network"]
 # Measures, and fails at nothing that others do not fail at sooner.
 MEASURING = ("overload_figures_can_be_made", "overload_attacks_can_be_measured")
 

@@ -1,11 +1,13 @@
 // soak_worker: one process of a soak. The driver, soak.py, speaks with it in lines.
 //
 //   soak_worker definitions --variables N --generation G     prints definitions
-//   soak_worker truth --variables N --runtime-dir DIR        prints what the service says: a line for
-//                                                            each variable: 1 or 0 for default, value
+//   soak_worker truth --variables N --runtime-dir DIR        prints what the service says: the mark and
+//                                                            its revision; a line for each variable, 1 or
+//                                                            0 for default and value; the last revision
 //   soak_worker work ...                                     works as it is told on standard input:
-//     work | pause | look | cut one | cut all | compare FILE | counts | quit
-// Each answer ends with a line "done" and what belongs to it.
+//     work | pause | connect | flush | mark | await VALUE | look | compare FILE | counts | quit |
+//     cut one | cut all
+// Each answer ends with a line "done" and what belongs to it; of mark the line before has the value.
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -33,23 +35,57 @@ std::string text(const Options& options, const std::string& name) {
 }
 
 // Over an endpoint without a cache, so that nothing but the service can answer.
-int printTruth(const Options& options) {
-  PbUtility::EndpointOptions endpointOptions;
-  endpointOptions.runtimeDir = text(options, "runtime-dir");
-  PbUtility::Endpoint endpoint("truth", endpointOptions);
-  const Plan plan(number(options, "variables"));
-  for (std::size_t index = 0; index < plan.size(); ++index) {
-    ConfigIF::ReadRsp response;
+class Asked {
+ public:
+  explicit Asked(const std::string& runtimeDir) : endpoint_("truth", optionsFor(runtimeDir)) {}
+
+  bool read(const ConfigVar& key, ConfigIF::ReadRsp& response) {
     const auto request = AppConfig::ProtobufMessageHelper::getReadRequest(
-        "truth", CommonIF::SECURITY_ROLE_USER, plan[index].key);
-    if (endpoint.sendWaitResponse(request, &response, "ConfigSrvc") != PbUtility::kCallOk ||
-        response.values_size() != 1) {
-      std::cerr << "soak_worker: cannot read " << plan[index].key.dottedName() << ": "
-                << endpoint.lastRefusal() << "\n";
-      return 1;
+        "truth", CommonIF::SECURITY_ROLE_USER, key);
+    const bool done =
+        endpoint_.sendWaitResponse(request, &response, "ConfigSrvc") == PbUtility::kCallOk &&
+        response.values_size() == 1;
+    if (!done) complain(key.dottedName());
+    return done;
+  }
+  bool readRevision(std::uint64_t& revision) {
+    ConfigIF::StatusReq request;
+    request.set_client_name("truth");
+    ConfigIF::StatusRsp response;
+    if (endpoint_.sendWaitResponse(request, &response, "ConfigSrvc") != PbUtility::kCallOk) {
+      complain("the status");
+      return false;
     }
+    revision = response.revision();
+    return true;
+  }
+
+ private:
+  static PbUtility::EndpointOptions optionsFor(const std::string& runtimeDir) {
+    PbUtility::EndpointOptions options;
+    options.runtimeDir = runtimeDir;
+    return options;
+  }
+  void complain(const std::string& what) {
+    std::cerr << "soak_worker: cannot read " << what << ": " << endpoint_.lastRefusal() << "\n";
+  }
+
+  PbUtility::Endpoint endpoint_;
+};
+
+int printTruth(const Options& options) {
+  Asked service(text(options, "runtime-dir"));
+  const Plan plan(number(options, "variables"));
+  ConfigIF::ReadRsp response;
+  if (!service.read(Plan::marker(), response)) return 1;
+  std::cout << response.values(0) << ' ' << response.changed_at() << '\n';
+  for (std::size_t index = 0; index < plan.size(); ++index) {
+    if (!service.read(plan[index].key, response)) return 1;
     std::cout << (response.is_default() ? 1 : 0) << ' ' << response.values(0) << '\n';
   }
+  std::uint64_t revision = 0;
+  if (!service.readRevision(revision)) return 1;
+  std::cout << revision << '\n';
   return 0;
 }
 
@@ -72,14 +108,23 @@ void tellCounts(const Soak::Counts& counts) {
             << counts.outOfOrder << ' ' << counts.backwards << std::endl;
 }
 
+void done(bool is) { std::cout << "done " << (is ? 1 : 0) << std::endl; }
+
 // False when the worker is to end.
 bool obey(Worker& worker, const std::string& line) {
   if (line == "quit") return false;
   if (line == "work") worker.work();
   if (line == "pause") worker.pause();
   if (line == "look") worker.look();
+  if (line == "mark") std::cout << worker.mark() << '\n';
   if (line.rfind("compare ", 0) == 0) {
     compare(worker, line.substr(8));
+  } else if (line == "connect") {
+    done(worker.connect());
+  } else if (line == "flush") {
+    done(worker.flush());
+  } else if (line.rfind("await ", 0) == 0) {
+    done(worker.awaitMark(line.substr(6)));
   } else if (line == "counts") {
     tellCounts(worker.counts());
   } else if (line.rfind("cut ", 0) == 0) {

@@ -62,8 +62,10 @@ std::size_t Plan::find(const std::string& group, const std::string& name, int na
   return found == byKey_.end() ? variables_.size() : found->second;
 }
 
+ConfigVar Plan::marker() { return ConfigVar("soak.marker", 0, "mark", 0); }
+
 std::string Plan::definitions(int generation) const {
-  std::string text;
+  std::string text = "[variable.\"" + marker().dottedName() + "\"]\ntype = \"string\"\n";
   std::set<std::string> named;
   for (const Variable& variable : variables_) {
     const std::string name = variable.key.dottedName();

@@ -37,6 +37,9 @@ class Plan {
   // The number of a variable as handlers are told its key; size() when it is none of the plan.
   std::size_t find(const std::string& group, const std::string& name, int nameInstance) const;
 
+  // None of the variables: changed last, when all is to be delivered.
+  static ConfigVar marker();
+
   // TOML. Each generation has other defaults.
   std::string definitions(int generation) const;
 

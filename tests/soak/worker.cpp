@@ -14,6 +14,9 @@ namespace {
 
 constexpr std::size_t kFindingsTold = 8;
 
+// Its number is of the kind that providers refuse when they are asked.
+constexpr const char* kRefusedByAll = "flush-3";
+
 PbUtility::EndpointOptions endpointOptions(const WorkerOptions& options) {
   PbUtility::EndpointOptions result;
   result.runtimeDir = options.runtimeDir;
@@ -93,6 +96,7 @@ void Worker::startThread(void (Worker::*step)(Random&), unsigned number) {
 // Of three groups, one is watched as a whole from the start, one variable by variable, and one
 // later, in the middle of everything.
 void Worker::registerFirstHandlers() {
+  registerHandler(Plan::marker().group(), static_cast<ConsumerConfigHandler*>(this));
   const auto& groups = plan_.groups();
   for (std::size_t i = 0; i < groups.size(); i += 3) registerGroup(groups[i]);
   for (std::size_t i = 1; i < groups.size(); i += 3) {
@@ -248,11 +252,12 @@ int Worker::cut(bool all) {
 
 void Worker::configChanged(const std::string& group, int, const std::string& name, int nameInstance,
                            const std::list<std::string>& value, const std::string&) {
+  const std::string text = value.empty() ? "" : value.front();
+  if (group == Plan::marker().group()) return noteMark(text);
   const std::size_t index = plan_.find(group, name, nameInstance);
   if (index == plan_.size()) return;
   ++counts_.told;
   histories_[index].noteCached();
-  const std::string text = value.empty() ? "" : value.front();
   if (!histories_[index].noteTold(text)) ++counts_.outOfOrder;
 }
 
@@ -285,6 +290,42 @@ bool Worker::onChange(const std::string& group, int, const std::string& name, in
 void Worker::interrupt() {
   if (once(atQuestions_, 4)) rest(std::chrono::microseconds(atQuestions_() % 3000));
   if (once(atQuestions_, 40)) TestSupport::cutConnectionsToServices();
+}
+
+// --- When all is delivered ---
+
+// Changes of one variable follow each other, so the answer comes behind all that came before.
+bool Worker::flush() {
+  for (std::size_t index = 0; index < plan_.size(); ++index) {
+    if (plan_[index].kind != Kind::Provided) continue;
+    ConfigResult result;
+    if (config_->setConfigVar(plan_[index].key, kRefusedByAll, &result)) return false;
+    if (result.error() == eErrNone) return false;  // no answer
+  }
+  return true;
+}
+
+std::string Worker::mark() {
+  const auto until = Clock::now() + kPatience;
+  while (Clock::now() < until) {
+    const std::string value =
+        writer_ + "-" + std::to_string(Clock::now().time_since_epoch().count());
+    ConfigResult result;
+    if (config_->setConfigVar(Plan::marker(), value, &result)) return value;
+    rest(std::chrono::milliseconds(2));
+  }
+  return {};
+}
+
+bool Worker::awaitMark(const std::string& value) {
+  std::unique_lock<std::mutex> lock(markMutex_);
+  return marked_.wait_for(lock, kPatience, [&] { return mark_ == value; });
+}
+
+void Worker::noteMark(const std::string& value) {
+  const std::lock_guard<std::mutex> guard(markMutex_);
+  mark_ = value;
+  marked_.notify_all();
 }
 
 // --- Comparing ---

@@ -4,7 +4,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -15,9 +18,9 @@
 #include "appconfig/registry/consumer_config_handler.h"
 #include "appconfig/registry/provider_config_handler.h"
 #include "platform/messaging/endpoint.h"
-#include "tests/soak/gate.h"
 #include "tests/soak/history.h"
 #include "tests/soak/plan.h"
+#include "tests/support/gate.h"
 
 namespace Soak {
 
@@ -62,6 +65,15 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   void pause() { gate_.closeAndWait(); }
   // Cuts connections to the service as a fault would: one of them, or all.
   int cut(bool all);
+  // Whether the delivery connection stands and every registration is answered.
+  bool connect() { return endpoint_.waitUntilConnected("ConfigSrvc", kPatience); }
+  // Writes each provided variable what every provider refuses, so that all changes of it which were
+  // under way have ended. False when one of these writes was not refused.
+  bool flush();
+  // Writes the marker until that is acknowledged; the value.
+  std::string mark();
+  // Whether a handler was told this mark, and with it everything that came before.
+  bool awaitMark(const std::string& value);
   // Takes down what is cached and what handlers know now, to be compared later.
   void look();
   Findings compare(const std::vector<Truth>& truths);
@@ -69,6 +81,7 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
 
  private:
   using Random = std::mt19937;
+  static constexpr std::chrono::seconds kPatience{100};
 
   void start();
   void registerFirstHandlers();
@@ -91,6 +104,7 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   bool isOnlyWriterOf(std::size_t index) const;
 
   void interrupt();
+  void noteMark(const std::string& value);
 
   void compareOne(std::size_t index, const Truth& truth, Findings& findings);
   void report(std::size_t index, const char* what, const std::string& wrong, Findings& findings);
@@ -123,8 +137,11 @@ class Worker : private ConsumerConfigHandler, private ProviderConfigHandler {
   std::vector<std::atomic<std::uint64_t>> newest_;
   Counts counts_;
   std::atomic<unsigned> handlersOfGroup_{0};
+  std::mutex markMutex_;  // guards mark_; nothing is taken while it is held
+  std::condition_variable marked_;
+  std::string mark_;
   Random atQuestions_;  // the delivery thread's own
-  Gate gate_;
+  TestSupport::Gate gate_;
   AppConfig::AppCfgManager* const config_;
   PbUtility::Endpoint endpoint_;
   std::vector<std::thread> threads_;

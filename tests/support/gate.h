@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
-namespace Soak {
+namespace TestSupport {
 
 class Gate {
  public:
@@ -48,4 +48,4 @@ class Gate {
   bool ending_ = false;
 };
 
-}  // namespace Soak
+}  // namespace TestSupport
