@@ -16,7 +16,9 @@ bool sameKey(const ConfigVar& a, const ConfigVar& b) {
 
 ConfigVar parsed(std::string_view text) {
   ConfigVar var("untouched", 0, "untouched", 0);
-  EXPECT_TRUE(parseKey(text, var).ok()) << text;
+  const Base::Status<> read = parseKey(text, var);
+  EXPECT_TRUE(read.ok()) << text;
+  EXPECT_EQ(read.text, "") << text;
   return var;
 }
 
@@ -218,6 +220,7 @@ TEST(DottedNameTest, RefusesNamespacesInstancesAndEmptyParts) {
   for (const char* text : {"", ".", "a.", ".a", "a..b", "3:a", "a[1]", "a.b[0]", "a b", "a\n"}) {
     std::string name = "untouched";
     EXPECT_FALSE(parseDottedName(text, name).ok()) << text;
+    EXPECT_NE(parseDottedName(text, name).text, "") << text;
     EXPECT_EQ(name, "untouched");
   }
 }

@@ -27,8 +27,8 @@ struct Attempt {
   eErrorT error() const { return outcome ? outcome->code : eErrFailed; }
   bool unchanged() const { return outcome && outcome->unchanged; }
   std::string text() const {
-    if (!outcome || outcome->ok()) return {};
-    std::string all = outcome->text + "\n";
+    if (!outcome) return {};
+    std::string all = outcome->text.empty() ? "" : outcome->text + "\n";
     for (const std::string& reason : outcome->reasons) all += reason + "\n";
     return all;
   }
