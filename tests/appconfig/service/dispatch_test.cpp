@@ -634,6 +634,22 @@ TEST_F(DispatchTest, APayloadThatUnfoldsToTooMuchCountsAsBroken) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
+// A short one is parsed without being looked through; this one has a field of 600 bytes that nobody knows.
+TEST_F(DispatchTest, ALongPayloadIsLookedThroughAsTheMessageThatItIs) {
+  MSG_Message unknownField;
+  unknownField.payload = "\xA2\x06\xD8\x04" + std::string(600, 'x');
+  for (const std::uint32_t id :
+       {TestSupport::kDynamicValidateId, TestSupport::kOnChangeId, TestSupport::kConfigChangedId,
+        TestSupport::kAttributeChangedId, TestSupport::kOptionsChangedId, TestSupport::kSubmitId,
+        TestSupport::kAccessLevelsChangedId}) {
+    unknownField.id = id;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(pb.deliver(unknownField), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << std::hex << id;
+  }
+  EXPECT_EQ(takeReplies().size(), 2U);
+}
+
 TEST_F(DispatchTest, AnEmptyPayloadIsAMessageWithoutFields) {
   MSG_Message empty;
   empty.id = TestSupport::kOnChangeId;

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
+#include <ctime>
+#include <set>
 #include <thread>
 
 #include "platform/messaging/msg.h"
@@ -91,6 +94,42 @@ struct Received {
     return {{&receive, this, messageId, messageId, 0}, {nullptr, nullptr, 0, 0, 0}};
   }
 };
+
+TEST_F(EndpointTest, EachStatusHasItsOwnText) {
+  std::set<std::string> texts;
+  int count = 0;
+  for (const CallStatus status :
+       {kCallOk, kCallNoService, kCallServiceDied, kCallTimedOut, kCallRefused, kCallBrokenAnswer,
+        kCallBadRequest, kCallBadEndpoint, kCallUntrusted, static_cast<CallStatus>(99)}) {
+    const char* text = describe(status);
+    ASSERT_NE(text, nullptr);
+    EXPECT_STRNE(text, "");
+    texts.insert(text);
+    ++count;
+  }
+  EXPECT_EQ(texts.size(), static_cast<std::size_t>(count));
+}
+
+// What was woken and not put to sleep again takes a processor for itself. Looked at is a stretch of time
+// in which nothing happens: nobody serves, and what there is to do was done.
+TEST_F(EndpointTest, AnEndpointThatWaitsForItsServiceTakesNoProcessor) {
+  Endpoint endpoint("me", options());
+  endpoint.addRemoteEndpoint(kService, 0);
+  Received received;
+  const MSG_Callback table[] = {{Received::receive, &received, 0x1A0143, 0x1A0143, 0},
+                                {nullptr, nullptr, 0, 0, 0}};
+  endpoint.addHandlers(table);
+  // Wakes the thread that the first one and the table have started.
+  endpoint.addRemoteEndpoint("Other", 0);
+  const auto spent = [] {
+    timespec now{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  };
+  const auto before = spent();
+  std::this_thread::sleep_for(milliseconds(400));
+  EXPECT_LT(spent() - before, milliseconds(100));
+}
 
 TEST_F(EndpointTest, ARequestIsAnsweredOnTheCallersThread) {
   Serving serving(dir.path());

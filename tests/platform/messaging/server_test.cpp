@@ -663,6 +663,14 @@ TEST_F(ServerTest, ASecondServerOfTheNameIsRefusedAndTheFirstServesOn) {
   expectServed();
 }
 
+TEST_F(ServerTest, ADescriptorThatIsNoneIsNoListeningSocket) {
+  Serving elsewhere(dir.file("x"));
+  ServerOptions adopts = options();
+  adopts.listenFd = 1 << 20;  // More than a process may open here.
+  Server server(adopts, elsewhere);
+  EXPECT_THAT(server.open().text, HasSubstr("cannot use the listening socket 1048576"));
+}
+
 TEST_F(ServerTest, ASocketFileThatADeadServerLeftIsReplaced) {
   {
     // What a killed server leaves: a socket file that nobody listens at.
