@@ -137,6 +137,21 @@ TEST_F(RegistrationRefusalsTest, OneThatKnewNothingIsRepeatedForEverything) {
   EXPECT_EQ(service.asked()[1].revision, kRevisionNone);
 }
 
+// A service that has no room to read it at all refuses it by a frame instead of an answer.
+TEST_F(RegistrationRefusalsTest, ARefusalWithoutAnAnswerSaysWhyEachTime) {
+  std::atomic<int> refused{0};
+  const Serving serving(dir.path(), [&](Server& server, const Serving::Request& request) {
+    server.refuse(request.id, kRefusedByLimit, "no room to read it");
+    ++refused;
+  });
+  Endpoint endpoint("ui", options());
+  ConfigIF::RegisterClientCallbackRsp response;
+  EXPECT_EQ(endpoint.sendWaitResponse(registration("a"), &response, kService), kCallRefused);
+  // The second one is a repetition, and its refusal was taken in once the third came.
+  ASSERT_TRUE(eventually([&] { return refused >= 3; }));
+  EXPECT_EQ(registrationRefusal(&endpoint, kService), "no room to read it");
+}
+
 TEST_F(RegistrationRefusalsTest, WhatIsRefusedAfterARestartOfTheServiceIsRepeatedToo) {
   auto before = std::make_unique<RoomService>(dir.path(), 2);
   Endpoint endpoint("ui", options());
