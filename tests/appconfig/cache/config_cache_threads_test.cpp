@@ -130,5 +130,36 @@ TEST(ConfigCacheThreadsTest, EntriesComeAndGoWithoutDisturbingOthers) {
   EXPECT_EQ(cache.removeVars(""), static_cast<unsigned int>(kWriters));
 }
 
+// Whichever operation it is that brings an entry: two threads that bring theirs at once lose none.
+TEST(ConfigCacheThreadsTest, EachWayToBringAnEntryTakesItsTurn) {
+  constexpr int kEntries = 30'000;
+  using Bring = void (*)(ConfigCache&, const ConfigVar&);
+  const Bring ways[] = {
+      [](ConfigCache& cache, const ConfigVar& var) { cache.store(var, {"1"}); },
+      [](ConfigCache& cache, const ConfigVar& var) { cache.storeIsDefault(var, true); },
+      [](ConfigCache& cache, const ConfigVar& var) { cache.update(var, {"1"}); },
+      [](ConfigCache& cache, const ConfigVar& var) { cache.updateIsDefault(var, true); },
+      [](ConfigCache& cache, const ConfigVar& var) { cache.updateOptions(var, {"1"}); },
+      [](ConfigCache& cache, const ConfigVar& var) { cache.updateOptionDefaultIndex(var, 1); },
+      [](ConfigCache& cache, const ConfigVar& var) {
+        cache.updateAccessLevels(var, {eRoleUser, eRolePublic, true, false});
+      },
+  };
+  for (const Bring way : ways) {
+    ConfigCache cache;
+    std::atomic<int> ready{0};
+    Threads threads;
+    for (int writer = 0; writer < 2; ++writer) {
+      threads.run([&, writer] {
+        ++ready;
+        while (ready < 2) std::this_thread::yield();
+        for (int i = 0; i < kEntries; ++i) way(cache, ConfigVar("g", 0, "v", 2 * i + writer));
+      });
+    }
+    threads.join();
+    EXPECT_EQ(cache.removeVars(""), 2U * kEntries);
+  }
+}
+
 }  // namespace
 }  // namespace AppConfig
