@@ -1,6 +1,10 @@
 // A copy that takes a store's place.
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <filesystem>
+
+#include "configsrv/store/internal/file_system.h"
 #include "configsrv/store/internal/store_format.h"
 #include "tests/configsrv/store/store_fixture.h"
 
@@ -125,6 +129,24 @@ TEST_F(StoreRestoreTest, OneThatIsDamagedIsSetAsideAndTheStoreGoesOn) {
     EXPECT_FALSE(std::filesystem::exists(restoreFile()));
     EXPECT_THAT(filesNamed(".new"), IsEmpty());
   }
+}
+
+// The name for it would be longer than a file system takes.
+TEST_F(StoreRestoreTest, OneThatIsDamagedAndCannotBeSetAsideIsNotServedPast) {
+  const std::string file =
+      file_ + std::string(240 - std::filesystem::path(file_).filename().string().size(), 's');
+  { ASSERT_TRUE(Store::open({file}).status.ok()); }
+  writeFile(file + ".restore", "no store");
+  const OpenedStore opened = Store::open({file});
+  EXPECT_EQ(opened.status.code, StoreCode::kUnusable);
+  EXPECT_THAT(opened.status.text, HasSubstr("File name too long"));
+  EXPECT_EQ(opened.store, nullptr);
+}
+
+TEST_F(StoreRestoreTest, AFileThatCannotBeMadeIsAnError) {
+  EXPECT_EQ(posixFileSystem().create(file_), 0);
+  EXPECT_EQ(posixFileSystem().create(file_), EEXIST);
+  EXPECT_EQ(posixFileSystem().create(file_ + "/x"), ENOTDIR);
 }
 
 TEST_F(StoreRestoreTest, OneOfALaterVersionIsSetAsideAndTheStoreGoesOn) {
