@@ -63,6 +63,33 @@ TEST_F(StoreFormatTest, ThePresentVersionRefusesWhatTheNextOneMadeAndLeavesItAlo
   EXPECT_TRUE(filesNamed("damaged").empty());
 }
 
+// What a later version adds without a new format, and finds again after this one has run.
+TEST_F(StoreFormatTest, TablesThatOnlyALaterVersionKnowsAreKeptThroughEverything) {
+  fill();
+  close();
+  runSql(
+      file_,
+      "CREATE TABLE history (revision INTEGER, who BLOB); INSERT INTO history VALUES (2, x'61')");
+  const auto additions = [](const std::string& file) {
+    Database database(file, {}, Database::Access::kReadOnly);
+    std::int64_t revision = 0;
+    return database.isOpen() && database.readNumber("SELECT revision FROM history", &revision) &&
+           revision == 2;
+  };
+  open();
+  EXPECT_EQ(notice(), "");
+  set("c", "3");
+  ASSERT_TRUE(store().snapshot().ok());
+  close();
+  EXPECT_TRUE(additions(file_));
+  EXPECT_TRUE(additions(file_ + ".snapshot"));
+  writeFile(file_, "damaged");
+  open();
+  EXPECT_EQ(valueIn(variables(), "c"), "3") << notice();
+  close();
+  EXPECT_TRUE(additions(file_));
+}
+
 TEST_F(StoreFormatTest, ASnapshotOfAnOlderFormatTakesTheDamagedFilesPlace) {
   fill();
   ASSERT_TRUE(store().snapshot().ok());
