@@ -10,6 +10,7 @@
 #include "fuzz/counted_heap.h"
 #include "fuzz/input.h"
 #include "fuzz/messages.h"
+#include "fuzz/mutators.h"
 #include "platform/schema/internal/unfolding.h"
 #include "platform/schema/message_bounds.h"
 #include "platform/schema/message_ids.h"
@@ -117,6 +118,14 @@ void parseAsReckoned(std::uint32_t messageId, const std::string& payload,
 }
 
 }  // namespace
+
+// As Payload::step reads them.
+Fuzz::InputShape Fuzz::inputShape() {
+  return {1, InputShape::Rest::Steps, [](std::string_view bytes) {
+            constexpr StepForm kForms[] = {{1, Piece::Message}, {2}, {1}, {3}};
+            return kForms[static_cast<std::uint8_t>(bytes.front()) % 4];
+          }};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Fuzz::Input input(data, size);

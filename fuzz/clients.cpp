@@ -1,14 +1,13 @@
 // Clients as bytes on a socket: frames are made and taken apart here, and what comes from the
 // service has to be in form.
 //
-// The socket has a name that the kernel chose, so that runs beside each other do not meet. Nothing
-// blocks: the server is stepped by hand, on the same thread (runSteps).
+// The socket has a name that the kernel chose, so that programs beside each other do not meet. Nothing
+// blocks: the server is stepped by hand, on the same thread (steps.h).
 #include "fuzz/clients.h"
 
 #include <fcntl.h>
 
 #include <cerrno>
-#include <chrono>
 
 #include "fuzz/input.h"
 
@@ -109,22 +108,6 @@ std::string helloOf(PbUtility::ConnectionUse use, std::uint8_t token, std::strin
   FrameHeader header;
   header.kind = FrameKind::Hello;
   return frameOf(header, encode(hello));
-}
-
-void runSteps(PbUtility::Server& server, const std::function<bool()>& step) {
-  // A connection is accepted in one round, read in the next, and may have more to be taken in another.
-  constexpr int kRoundsPerStep = 3;
-  int round = 0;
-  std::function<void()> next;
-  // By a timer: a task that is posted from within the loop would run before the loop looks for
-  // events.
-  const auto later = [&] { server.after(std::chrono::milliseconds(0), next); };
-  next = [&] {
-    if (round++ % kRoundsPerStep == 0 && !step()) return server.stop();
-    later();
-  };
-  later();
-  server.run();
 }
 
 }  // namespace Fuzz

@@ -1,22 +1,16 @@
-// Clients: what somebody on the other side of a service's socket can do, byte by byte, and the way to
-// let a server live through it on one thread.
-//
-// A server handles events in its run(), which returns when it is stopped. Here each step is a timer
-// of the server, due at once: so what a step has sent is handled before the next step, in the same
-// order every time, and the pieces in which it was sent are those in which it arrives.
+// Clients: what somebody on the other side of a service's socket can do, byte by byte. steps.h lets a
+// server live through it.
 #pragma once
 
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "platform/messaging/serving/server.h"
 #include "platform/messaging/wire/frame.h"
 
 namespace Fuzz {
@@ -67,8 +61,5 @@ class Client {
 // The header's payload length is set here.
 std::string frameOf(PbUtility::FrameHeader header, std::string_view payload);
 std::string helloOf(PbUtility::ConnectionUse use, std::uint8_t token, std::string_view name);
-
-// Runs the server: step after step until one returns false, then stops it.
-void runSteps(PbUtility::Server& server, const std::function<bool()>& step);
 
 }  // namespace Fuzz

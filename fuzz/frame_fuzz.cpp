@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
+#include "fuzz/mutators.h"
 #include "platform/messaging/wire/frame.h"
 #include "platform/schema/message_ids.h"
 #include "platform/schema/registration_key.h"
@@ -57,6 +58,8 @@ void readRegistration(std::string_view bytes) {
 }
 
 }  // namespace
+
+Fuzz::InputShape Fuzz::inputShape() { return {2, InputShape::Rest::FramesOrMessage}; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Fuzz::Input input(data, size);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <new>
 #include <set>
 #include <utility>
 #include <vector>
@@ -14,12 +15,14 @@
 #include "appconfig/service/platform_cfg_service.h"
 #include "fuzz/input.h"
 #include "fuzz/messages.h"
+#include "fuzz/mutators.h"
 #include "platform/messaging/client/internal/dispatch.h"
 #include "platform/messaging/pb_utils.h"
 
 namespace {
 
 using AppConfig::AppCfgManager;
+using AppConfig::PlatformCfgService;
 using Fuzz::Input;
 using Fuzz::require;
 using PbUtility::FrameHeader;
@@ -100,10 +103,17 @@ class Provider final : public ProviderConfigHandler {
   }
 };
 
-// Links and facades live as long as the process; what an input leaves in them is taken out again.
+// Link and facade live as long as the process: notices find them by their addresses. So that no input
+// finds what another one has left, both are made anew for each, where they stand.
 class Library {
  public:
-  Library() { manager_->setPbInterface(&service_); }
+  Library() {
+    link_->~PlatformCfgService();
+    new (link_) PlatformCfgService(0, "", "");
+    manager_->~AppCfgManager();
+    new (manager_) AppCfgManager(link_);
+    manager_->setPbInterface(&service_);
+  }
 
   void run(Input& input);
 
@@ -113,6 +123,7 @@ class Library {
   void call(Input& input);
   void callAboutOptionsOrAccess(std::uint8_t which, const ConfigVar& var, const std::string& text);
 
+  PlatformCfgService* const link_ = PlatformCfgService::getLocalCfgService();
   AppCfgManager* const manager_ = AppCfgManager::getLocalCfgManager();
   HostileService service_;
   Consumer consumer_;
@@ -130,7 +141,6 @@ void Library::run(Input& input) {
   }
   service_.answerFrom(nullptr);
   unregisterAllHandlers(manager_);
-  manager_->removeVars("");
 }
 
 // Puts into a payload the one thing that a hostile service can know and a corpus cannot: the name
@@ -238,9 +248,16 @@ void Library::callAboutOptionsOrAccess(std::uint8_t which, const ConfigVar& var,
 
 }  // namespace
 
+// A delivery has its payload. A call has a text, and mostly one answer.
+Fuzz::InputShape Fuzz::inputShape() {
+  return {0, InputShape::Rest::Steps, [](std::string_view bytes) {
+            return bytes.front() % 2 == 0 ? StepForm{2, Piece::Message}
+                                          : StepForm{2, Piece::Bytes, Piece::Message};
+          }};
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static auto* const library = new Library;  // as long as what it has set up
   Input input(data, size);
-  library->run(input);
+  Library().run(input);
   return 0;
 }

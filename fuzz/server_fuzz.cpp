@@ -12,6 +12,8 @@
 
 #include "fuzz/clients.h"
 #include "fuzz/input.h"
+#include "fuzz/mutators.h"
+#include "fuzz/steps.h"
 #include "platform/messaging/serving/server.h"
 #include "platform/schema/config_if.pb.h"
 
@@ -218,6 +220,27 @@ void Run::respond(const PbUtility::RequestId& request, std::uint8_t size) {
 }
 
 }  // namespace
+
+// As Run::act reads them.
+Fuzz::InputShape Fuzz::inputShape() {
+  return {0, InputShape::Rest::Steps, [](std::string_view bytes) {
+            const auto what = static_cast<std::uint8_t>(bytes.front());
+            const bool hasName = bytes.size() > 1 && static_cast<std::uint8_t>(bytes[1]) >= 128;
+            switch (what / kClients % 8) {
+              case 1:
+                return hasName ? StepForm{2, Piece::Bytes} : StepForm{2};
+              case 2:
+                return StepForm{1, Piece::Frames};
+              case 3:
+              case 4:
+                return StepForm{6, Piece::Message};
+              case 7:
+                return StepForm{3};
+              default:
+                return StepForm{1};
+            }
+          }};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);

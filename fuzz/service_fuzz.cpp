@@ -10,7 +10,9 @@
 #include "fuzz/clients.h"
 #include "fuzz/input.h"
 #include "fuzz/messages.h"
+#include "fuzz/mutators.h"
 #include "fuzz/service_harness.h"
+#include "fuzz/steps.h"
 
 namespace {
 
@@ -193,6 +195,15 @@ void Run::readDeliveries(Peer& peer) {
 }
 
 }  // namespace
+
+// As Run::act reads them.
+Fuzz::InputShape Fuzz::inputShape() {
+  return {0, InputShape::Rest::Steps, [](std::string_view bytes) {
+            const std::size_t action = static_cast<std::uint8_t>(bytes.front()) / kPeers % 12;
+            if (action < 6) return StepForm{3, Piece::Message};
+            return action == 6 ? StepForm{2, Piece::Message} : StepForm{1};
+          }};
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);

@@ -13,6 +13,7 @@
 
 #include "base/unique_fd.h"
 #include "fuzz/input.h"
+#include "fuzz/mutators.h"
 #include "platform/messaging/client/internal/stream.h"
 #include "tests/support/temp_dir.h"
 
@@ -104,6 +105,8 @@ extern "C" int __wrap_poll(pollfd* files, nfds_t count, int timeout) {
   return source == nullptr ? __real_poll(files, count, timeout) : 1;
 }
 // NOLINTEND(bugprone-reserved-identifier)
+
+Fuzz::InputShape Fuzz::inputShape() { return {0, InputShape::Rest::CutFrames}; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Listening listening;

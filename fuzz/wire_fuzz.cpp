@@ -5,6 +5,7 @@
 #include "configsrv/changes/wire_forms.h"
 #include "fuzz/input.h"
 #include "fuzz/messages.h"
+#include "fuzz/mutators.h"
 #include "platform/schema/error_conversion.h"
 
 namespace {
@@ -66,6 +67,9 @@ void readAnyMessage(std::uint32_t messageId, std::string_view bytes) {
 }
 
 }  // namespace
+
+// A message behind its number.
+Fuzz::InputShape Fuzz::inputShape() { return {2, InputShape::Rest::Message}; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Fuzz::Input input(data, size);
