@@ -85,7 +85,7 @@ TEST(MutatorsTest, AMutatedMessageIsAMessageAndMostlyAnotherOne) {
     const std::string next = Fuzz::mutateMessage(message, kMost, chance);
     ASSERT_TRUE(isMessage(next)) << seed;
     ASSERT_LE(next.size(), kMost) << seed;
-    changed += next != message ? 1 : 0;
+    if (next != message) ++changed;
     message = next.empty() ? someMessage() : next;  // Changes of changes.
   }
   EXPECT_GT(changed, kSeeds / 2);
@@ -114,7 +114,7 @@ TEST(MutatorsTest, ABrokenMessageIsMostlyNone) {
     Chance chance(seed);
     const std::string bytes = Fuzz::breakMessage(someMessage(), kMost, chance);
     ASSERT_LE(bytes.size(), kMost);
-    broken += isMessage(bytes) ? 0 : 1;
+    if (!isMessage(bytes)) ++broken;
   }
   EXPECT_GT(broken, kSeeds / 2);
 }
@@ -157,7 +157,7 @@ TEST(MutatorsTest, APayloadThatGrowsOrShrinksHasItsLengthInItsHeader) {
     FrameHeader header;
     if (next.size() == frame.size() || next.size() < PbUtility::kFrameHeaderBytes) continue;
     if (!decodeHeader(reinterpret_cast<const unsigned char*>(next.data()), header).ok()) continue;
-    fitting += header.payloadBytes == next.size() - PbUtility::kFrameHeaderBytes ? 1 : 0;
+    if (header.payloadBytes == next.size() - PbUtility::kFrameHeaderBytes) ++fitting;
   }
   EXPECT_GT(fitting, kSeeds / 20);
 }
@@ -172,8 +172,10 @@ TEST(MutatorsTest, StepsStayWholeAndTheirPiecesMostlyMessages) {
     std::vector<std::string> found;
     ASSERT_TRUE(readPieces(next, found)) << seed;
     ASSERT_LE(next.size(), kMost);
-    for (const std::string& piece : found) messages += isMessage(piece) ? 1 : 0;
     pieces += found.size();
+    for (const std::string& piece : found) {
+      if (isMessage(piece)) ++messages;
+    }
   }
   EXPECT_GT(messages * 100, pieces * 95);
 }
