@@ -51,7 +51,8 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
 
   // Ends the process unless the state is one that a service may be in: every value is one that its
   // variable may hold, a service that starts from what was kept has the same state, and the record of
-  // all changes is one of whole lines.
+  // all changes is one of whole lines. The model is looked at when something was committed, and else
+  // now and then: nothing but a commit changes it.
   void checkState() const;
 
  private:
@@ -88,6 +89,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   std::uint64_t revisionThat(PbUtility::PeerId peer, Knows knows) const;
   void keep(const ConfigSrv::StoreTransaction& transaction);
   void checkRecord() const;
+  void checkModel() const;
 
   const ConfigSrv::ServiceOptions options_;
   const ConfigSrv::Log log_;
@@ -95,7 +97,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
   ConfigSrv::NameClaims names_{access_};
   ConfigSrv::AuditTrail audit_;
   ConfigSrv::ProviderMemory providers_;
-  ConfigSrv::Model model_;
+  ConfigSrv::Model& model_;
   ConfigSrv::Subscriptions subscriptions_;
   ConfigSrv::Announcer announcer_;
   ConfigSrv::Changes changes_;
