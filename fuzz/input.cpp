@@ -2,9 +2,23 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
 
 namespace Fuzz {
+namespace {
+
+std::uint64_t observed = 0;
+
+}  // namespace
+
+void observe(std::string_view said) {
+  constexpr std::uint64_t kStep = 1099511628211U;
+  observed = (observed ^ std::hash<std::string_view>()(said)) * kStep;
+}
+
+std::uint64_t takeObserved() { return std::exchange(observed, std::uint64_t{0}); }
 
 void require(bool holds, const char* promise) { require(holds, promise, {}); }
 

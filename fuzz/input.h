@@ -52,6 +52,12 @@ class Input {
   std::string_view bytes_;
 };
 
+// What an input made its target say. Whoever replays compares it: an input has to be answered alike
+// whatever was run before it.
+void observe(std::string_view said);
+// Of all that was observed since the last call.
+std::uint64_t takeObserved();
+
 // Ends the process with a line that says which promise was broken, as a sanitizer would.
 void require(bool holds, const char* promise);
 void require(bool holds, const char* promise, std::string_view details);

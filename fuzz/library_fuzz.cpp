@@ -42,11 +42,13 @@ class HostileService final : public PbUtility::PbUtils {
   int send(const google::protobuf::MessageLite& request, const std::string& /*endpoint*/,
            unsigned int* /*sequence*/) override {
     require(request.IsInitialized(), "a request is a whole message");
+    Fuzz::observe(request.SerializeAsString());
     return answers_ != nullptr && answers_->byte() % 8 == 0 ? -1 : 0;
   }
-  int sendWaitResponse(const google::protobuf::MessageLite& /*request*/,
+  int sendWaitResponse(const google::protobuf::MessageLite& request,
                        google::protobuf::MessageLite* response,
                        const std::string& /*endpoint*/) override {
+    Fuzz::observe(request.SerializeAsString());
     if (answers_ == nullptr) return -1;
     const std::string_view answer = answers_->piece();
     return response->ParseFromArray(answer.data(), static_cast<int>(answer.size())) ? 0 : -1;
@@ -167,7 +169,10 @@ void Library::deliver(Input& input) {
   header.sequence = which;
   const std::string payload = withLinkName(input.piece());
   const std::string owner = "ConfigSrvc";
-  checkReplies(header, PbUtility::dispatch({header, payload, &owner, 1}, service_.receivers()));
+  const std::string replies =
+      PbUtility::dispatch({header, payload, &owner, 1}, service_.receivers());
+  Fuzz::observe(replies);
+  checkReplies(header, replies);
 }
 
 // A notice has no reply; a question has answers that are messages, and then its end.

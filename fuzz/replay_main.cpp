@@ -2,12 +2,18 @@
 // directories of files, one after another, and says how many there were. None is a failure.
 //
 //   build/dev/bin/key_notation_fuzz fuzz/corpus/key_notation crash-1234
+//   build/dev/bin/service_fuzz --twice fuzz/corpus/service
+//
+// Twice: all of them, and then again the other way round. An input that was answered differently the
+// second time has met something that another one left behind, and is a failure.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz/input.h"
@@ -27,7 +33,10 @@ std::vector<fs::path> filesIn(const fs::path& path) {
   return files;
 }
 
-bool replay(const fs::path& path) {
+// What each was answered with.
+using Answers = std::map<fs::path, std::uint64_t>;
+
+bool replay(const fs::path& path, Answers& answers) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     std::fprintf(stderr, "cannot read %s\n", path.c_str());
@@ -40,19 +49,32 @@ bool replay(const fs::path& path) {
   std::printf("%s\n", path.c_str());
   std::fflush(stdout);
   LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-  return true;
+  const std::uint64_t answered = Fuzz::takeObserved();
+  const auto [known, isNew] = answers.emplace(path, answered);
+  if (isNew || known->second == answered) return true;
+  std::fprintf(stderr,
+               "BROKEN PROMISE: an input is answered alike whatever was run before it: %s\n",
+               path.c_str());
+  return false;
+}
+
+bool replayAll(const std::vector<fs::path>& paths, Answers& answers) {
+  return std::all_of(paths.begin(), paths.end(),
+                     [&](const fs::path& path) { return replay(path, answers); });
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  std::size_t replayed = 0;
-  for (int i = 1; i < count; ++i) {
-    for (const fs::path& path : filesIn(arguments[i])) {
-      if (!replay(path)) return 1;
-      ++replayed;
-    }
+  const bool isTwice = count > 1 && std::string_view(arguments[1]) == "--twice";
+  std::vector<fs::path> paths;
+  for (int i = isTwice ? 2 : 1; i < count; ++i) {
+    for (const fs::path& path : filesIn(arguments[i])) paths.push_back(path);
   }
-  std::printf("replayed %zu inputs\n", replayed);
-  return replayed == 0 ? 1 : 0;
+  Answers answers;
+  if (!replayAll(paths, answers)) return 1;
+  std::reverse(paths.begin(), paths.end());
+  if (isTwice && !replayAll(paths, answers)) return 1;
+  std::printf("replayed %zu inputs\n", paths.size());
+  return paths.empty() ? 1 : 0;
 }

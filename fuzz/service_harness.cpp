@@ -29,6 +29,8 @@ PbUtility::ServerOptions serverOptions(int listenFd) {
   options.listenFd = listenFd;
   options.epoch = 5;
   options.maxNotices = 64;
+  // A turn that ends by the clock ends elsewhere each time.
+  options.turnTime = std::chrono::hours(1);
   return options;
 }
 
