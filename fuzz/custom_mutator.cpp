@@ -34,12 +34,12 @@ std::size_t put(const std::string& bytes, std::uint8_t* out, std::size_t most) {
 
 }  // namespace
 
-// One in three is left to the fuzzer, which knows what was compared with what.
+// Half of them are left to the fuzzer, which knows what was compared with what.
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
                                                std::size_t most, unsigned seed) {
   Fuzz::Chance chance(seed);
   const std::string_view input = textOf(data, size);
-  return put(isPlain() || chance.oneIn(3)
+  return put(isPlain() || chance.oneIn(2)
                  ? Fuzz::mutateBytes(input, most, chance)
                  : Fuzz::mutateInput(Fuzz::inputShape(), input, most, chance),
              data, most);

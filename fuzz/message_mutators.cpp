@@ -167,8 +167,25 @@ void mutateFields(WireFields& fields, std::size_t most, unsigned depth, Chance& 
   mutateOne(fields, at, most, chance);
 }
 
-void changeBy(char& byte, Chance& chance) {
-  byte = static_cast<char>(byte + (chance.oneIn(2) ? 1 : -1));
+// One length, at any depth; all that are around it are right.
+void falsifyLength(WireFields& fields, unsigned depth, Chance& chance) {
+  if (fields.empty()) return;
+  WireField& field = fields[chance.below(fields.size())];
+  auto inner = depth < kMaxDepth && chance.oneIn(2) ? readFields(field.bytes) : std::nullopt;
+  if (!inner || inner->empty()) {
+    field.form = Form::Bytes;
+    field.lengthError = chance.oneIn(2) || field.bytes.empty() ? 1 : -1;
+    return;
+  }
+  falsifyLength(*inner, depth + 1, chance);
+  field.bytes = writeFields(*inner);
+}
+
+std::string withFalseLength(std::string_view message, Chance& chance) {
+  auto fields = readFields(message);
+  if (!fields) return std::string(message);
+  falsifyLength(*fields, 0, chance);
+  return writeFields(*fields);
 }
 
 // A number goes on where it ended, or is longer than any may be.
@@ -210,8 +227,7 @@ std::string breakMessage(std::string_view message, std::size_t most, Chance& cha
       broken.resize(chance.below(broken.size()));
       break;
     case 1:
-      // Often a length, for the first bytes of a field are its tag and that.
-      changeBy(broken[std::min<std::size_t>(1, broken.size() - 1)], chance);
+      broken = withFalseLength(message, chance);
       break;
     default:
       broken = withLongNumber(broken, chance);

@@ -84,7 +84,7 @@ void append(const WireField& field, std::string& bytes) {
     case Form::Fixed32:
       return appendFixed(field.value, 4, bytes);
     case Form::Bytes:
-      appendVarint(field.bytes.size(), bytes);
+      appendVarint(field.bytes.size() + static_cast<std::size_t>(field.lengthError), bytes);
       bytes += field.bytes;
   }
 }

@@ -24,6 +24,8 @@ struct WireField {
   // Of all forms but Bytes.
   std::uint64_t value = 0;
   std::string bytes{};
+  // What is written as the length of the bytes is so much more than it is.
+  int lengthError = 0;
 };
 
 using WireFields = std::vector<WireField>;

@@ -119,6 +119,16 @@ TEST(MutatorsTest, ABrokenMessageIsMostlyNone) {
   EXPECT_GT(broken, kSeeds / 2);
 }
 
+TEST(MutatorsTest, ABrokenMessageMayHaveOneFalseLengthDeepInside) {
+  bool isReached = false;
+  for (unsigned seed = 1; seed <= kSeeds && !isReached; ++seed) {
+    Chance chance(seed);
+    const auto fields = Fuzz::readFields(Fuzz::breakMessage(someMessage(), kMost, chance));
+    isReached = fields && fields->size() == 3 && !Fuzz::readFields(fields->back().bytes);
+  }
+  EXPECT_TRUE(isReached);
+}
+
 TEST(MutatorsTest, ACrossedMessageHasFieldsOfBoth) {
   const std::string other = Fuzz::writeFields({{9, WireField::Form::Varint, 1, {}}});
   for (unsigned seed = 1; seed <= 100; ++seed) {
@@ -177,7 +187,7 @@ TEST(MutatorsTest, StepsStayWholeAndTheirPiecesMostlyMessages) {
       if (isMessage(piece)) ++messages;
     }
   }
-  EXPECT_GT(messages * 100, pieces * 95);
+  EXPECT_GT(messages * 100, pieces * 90);
 }
 
 TEST(MutatorsTest, CrossedScriptsAreWhole) {
