@@ -3,7 +3,6 @@
 // the shape is worth.
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "fuzz/mutators.h"
 
@@ -28,7 +27,7 @@ std::string_view textOf(const std::uint8_t* data, std::size_t size) {
 
 std::size_t put(const std::string& bytes, std::uint8_t* out, std::size_t most) {
   const std::size_t size = std::min(bytes.size(), most);
-  if (size > 0) std::memcpy(out, bytes.data(), size);
+  std::copy_n(bytes.begin(), size, out);
   return size;
 }
 
