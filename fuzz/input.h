@@ -58,6 +58,10 @@ void observe(std::string_view said);
 // Of all that was observed since the last call.
 std::uint64_t takeObserved();
 
+// A target whose inputs are scripts counts their steps: what an input costs grows with them. A fuzzer
+// says in the end how many there were ("fuzz: 123 steps").
+void countStep();
+
 // Ends the process with a line that says which promise was broken, as a sanitizer would.
 void require(bool holds, const char* promise);
 void require(bool holds, const char* promise, std::string_view details);

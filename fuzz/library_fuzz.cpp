@@ -139,6 +139,7 @@ void Library::run(Input& input) {
   registerHandler("dev", &consumer_, manager_);
   for (std::size_t i = 0; i < kMaxSteps && !input.isOver(); ++i) {
     service_.answerFrom(&input);
+    Fuzz::countStep();
     input.byte() % 2 == 0 ? deliver(input) : call(input);
   }
   service_.answerFrom(nullptr);

@@ -141,6 +141,7 @@ class Run {
 
 bool Run::step() {
   if (!input_.isOver() && steps_++ < kMaxSteps) {
+    Fuzz::countStep();
     act();
     return true;
   }

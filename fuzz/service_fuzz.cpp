@@ -73,6 +73,7 @@ bool Run::step() {
     for (std::size_t i = 0; i + 1 < kPeers; ++i) open(peers_[i], static_cast<std::uint8_t>(i));
   }
   if (!input_.isOver() && steps_++ < kMaxSteps) {
+    Fuzz::countStep();
     act();
     return true;
   }
