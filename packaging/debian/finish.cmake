@@ -29,11 +29,23 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   configure_file(${CPACK_APPCONFIG_SOURCE_DIR}/CHANGELOG.md ${doc}/changelog COPYONLY)
   # Debian has both under names of its own.
   file(REMOVE ${doc}/CHANGELOG.md ${doc}/LICENSE)
-  lead_links(${doc} ${root}/usr/include/appconfig-1 ${root}/usr/share/appconfig)
   write_overrides(${package} ${root})
   file(GLOB_RECURSE to_compress ${root}/usr/share/man/* ${doc}/changelog*)
   execute_process(COMMAND ${GZIP} -9n ${to_compress} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
+
+# Pages lead to headers and to the schema, which another package brings to where they point.
+set(with_pages ${CPACK_TEMPORARY_DIRECTORY}/documentation/usr)
+set(with_headers ${CPACK_TEMPORARY_DIRECTORY}/development/usr)
+set(places ${with_pages}/include/appconfig-1 ${with_pages}/share/appconfig)
+file(MAKE_DIRECTORY ${with_pages}/include)
+foreach(place IN LISTS places)
+  string(REPLACE ${with_pages} ${with_headers} there ${place})
+  file(CREATE_LINK ${there} ${place} SYMBOLIC)
+endforeach()
+lead_links(${with_pages}/share/doc/${CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME} ${places})
+file(REMOVE ${places})
+file(REMOVE_RECURSE ${with_pages}/include)
 
 file(GLOB_RECURSE staged LIST_DIRECTORIES true ${CPACK_TEMPORARY_DIRECTORY}/*)
 execute_process(COMMAND ${TOUCH} --no-dereference --date=@${epoch} ${CPACK_TEMPORARY_DIRECTORY} ${staged}

@@ -22,7 +22,7 @@ import pages  # noqa: E402
 import session  # noqa: E402
 
 PAGE = os.path.join(SOURCE_DIR, "docs/howto/install-on-debian.md")
-PACKAGES = ("appconfig-service", "appconfig-tools", "libappconfig-dev", "libappconfig1")
+PACKAGES = ("appconfig-doc", "appconfig-service", "appconfig-tools", "libappconfig-dev", "libappconfig1")
 # What the page installs for its programs; in the system that it is tried in, it is there already.
 FOR_PROGRAMS = ("cmake", "g++", "make", "pkg-config")
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8",
@@ -49,7 +49,8 @@ class DebianRootTest(unittest.TestCase):
         self.assertEqual(0, done.returncode, done.stderr)
         shutil.copy("/etc/resolv.conf", self.path("/etc/resolv.conf"))
         for package in glob.glob(os.path.join(PACKAGE_DIR, "*.deb")):
-            shutil.copy(package, self.path("/root"))
+            if "-dbgsym_" not in package:
+                shutil.copy(package, self.path("/root"))
         self.shell = session.Shell(SOURCE_DIR, ENVIRONMENT, (
             "unshare", "--mount", "--pid", "--fork", "--kill-child", f"--root={self.root}", "--wd=/root",
             "--mount-proc"))
@@ -110,6 +111,13 @@ class DebianRootTest(unittest.TestCase):
             self.assertEqual("", self.run_well("dpkg --verify " + " ".join(PACKAGES)))
             self.assertEqual("appconfig-service: /etc/appconfig/roles.toml",
                              self.run_well("dpkg -S /etc/appconfig/roles.toml"))
+        with self.subTest("the pages lead to the headers, which another package brings"):
+            page = "/usr/share/doc/appconfig-doc/docs/howto/be-told.md"
+            found = self.run_well(f"cat {page}")
+            targets = re.findall(r"\]\((\S+\.h)\)", found)
+            self.assertNotEqual([], targets)
+            for target in targets:
+                self.run_well(f"test -e {os.path.normpath(os.path.join(os.path.dirname(page), target))}")
         with self.subTest("the library is known to the linker without being asked"):
             self.assertIn("libappconfig.so.1", self.run_well("ldconfig -p"))
         with self.subTest("user and directories are there"):
@@ -152,6 +160,23 @@ class DebianRootTest(unittest.TestCase):
             self.assertEqual(set(), self.files() - before - self.owned_by_packages())
             self.assertEqual(set(), before - self.files())
             self.assertIn("appconfig:", self.run_well("getent passwd appconfig"))
+
+    @unittest.skipIf(IS_QUICK, "the source package was left out, as wished")
+    def test_the_source_package_makes_the_same_packages(self):
+        with open(os.path.join(SOURCE_DIR, "packaging/debian/source-control"), encoding="utf-8") as file:
+            needed = re.search(r"^Build-Depends:(.*)", file.read(), re.DOTALL | re.MULTILINE).group(1)
+        self.make_root("build-essential", *re.findall(r"[a-z][a-z0-9+-]+(?=[ ,\n]|$)", needed))
+        for path in glob.glob(os.path.join(PACKAGE_DIR, "appconfig_*")):
+            shutil.copy(path, self.path("/root"))
+        self.run_well("mkdir made && mv *.deb made && dpkg-source --extract appconfig_*.dsc tree > /dev/null")
+        self.run_well("cd tree && dpkg-buildpackage -us -uc -b > ../build.log 2>&1; cd ..")
+        for path in glob.glob(os.path.join(PACKAGE_DIR, "*.deb")):
+            name = os.path.basename(path)
+            self.assertTrue(os.path.exists(self.path(f"/root/{name}")), name + "\n" + self.prints("tail -n 30 build.log"))
+            if "-dbgsym_" not in name:
+                # What they hold; the compiler of the root may be a later one.
+                self.assertEqual(self.run_well(f"dpkg-deb -c made/{name} | sed 's/.* \\.//' | sort"),
+                                 self.run_well(f"dpkg-deb -c {name} | sed 's/.* \\.//' | sort"))
 
     def test_definitions_of_an_administrator_survive_a_purge(self):
         self.make_root()
