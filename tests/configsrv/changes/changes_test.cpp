@@ -355,6 +355,15 @@ TEST_F(ChangesTest, ANoticeThatMayBeOneOfSeveralOfItsChangeDoesNotCountAsAllOfIt
   EXPECT_THAT(host_.known, ElementsAre(Knows::AllBefore, Knows::AllBefore, Knows::AllBefore));
 }
 
+TEST_F(ChangesTest, NorDoesTheFirstOfSeveralToWhoIsToldFirst) {
+  using Knows = Host::Knows;
+  registerFor(kWriter, ConfigIF::CALLBACK_VALUE_CHANGED, "net", eRoleUser, "link");
+  registerFor(kWriter, ConfigIF::CALLBACK_VALUE_CHANGED, "net", eRoleUser, "other link");
+  registerFor(kProvider, ConfigIF::CALLBACK_VALUE_CHANGED, "net");
+  written("net.mtu", "1600");
+  EXPECT_THAT(host_.known, ElementsAre(Knows::AllBefore, Knows::AllBefore, Knows::AllOfThis));
+}
+
 // On change it hears the value alone.
 TEST_F(ChangesTest, AProviderIsToldWhenTheValueBecomesTheDefaultOrCeasesToBeIt) {
   provide(kProvider, "net.mtu");
