@@ -106,6 +106,12 @@ class __attribute__((visibility("default"))) Endpoint final : public PbUtils {
   // registration made so far, at most `atMost`. Tools and tests use it; applications need not.
   bool waitUntilConnected(const std::string& endpointName, std::chrono::milliseconds atMost);
 
+  // Waits until every message that had come to this process before the call has been handled: its
+  // receivers have returned. What comes meanwhile is not waited for, and a message that the remote has
+  // not sent yet has not come. True at once when nothing was ever delivered. False when `atMost` is
+  // over first, and at once on the delivery thread, which would wait for itself.
+  bool waitUntilHandled(std::chrono::milliseconds atMost);
+
  private:
   class __attribute__((visibility("hidden"))) State;
   // A child after fork makes itself a new state and leaves the parent's as it was.

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -202,6 +203,20 @@ bool Delivery::waitUntilStanding(const std::string& name, Clock::time_point dead
   return condition == Condition::Standing;
 }
 
+// The numbers may wrap: only few wait at a time, so a difference tells which came first.
+bool Delivery::waitUntilHandled(Clock::time_point deadline) {
+  if (isOnItsThread()) return false;
+  const Base::MutexLock guard(mutex_);
+  if (!thread_.joinable()) return true;
+  const unsigned barrier = ++barriersAsked_;
+  const auto isPassed = [this, barrier]() APPCONFIG_REQUIRES(mutex_) {
+    return static_cast<int>(barriersPassed_ - barrier) >= 0;
+  };
+  wake();
+  while (!isPassed() && changed_.waitUntil(guard, deadline)) continue;
+  return isPassed();
+}
+
 void Delivery::setCondition(Remote& remote, Condition condition) {
   {
     const Base::MutexLock guard(mutex_);
@@ -381,13 +396,45 @@ bool Delivery::consume(Remote& remote) {
   return good;
 }
 
-void Delivery::readFrom(Remote& remote) {
+std::size_t Delivery::readFrom(Remote& remote) {
   const ssize_t got =
       ::recv(remote.stream.fd(), readBuffer_.data(), readBuffer_.size(), MSG_DONTWAIT);
-  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
-  if (got <= 0) return lose(remote);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
+  if (got <= 0) {
+    lose(remote);
+    return 0;
+  }
   remote.incoming.append(readBuffer_.data(), static_cast<std::size_t>(got));
   if (!consume(remote)) lose(remote);
+  return static_cast<std::size_t>(got);
+}
+
+// What has come by now and no more, for a busy service may go on sending without end.
+void Delivery::readAllFrom(Remote& remote) {
+  int come = 0;
+  if (::ioctl(remote.stream.fd(), FIONREAD, &come) != 0 || come <= 0) return;
+  std::size_t left = static_cast<std::size_t>(come);
+  while (left > 0 && !stopping_ && remote.stream.isOpen()) {
+    const std::size_t got = readFrom(remote);
+    if (got == 0) return;
+    left -= std::min(left, got);
+  }
+}
+
+// Looked at behind the poll, which takes the wake-ups: one that came with a barrier is not lost.
+void Delivery::passBarriers(const std::vector<Remote*>& remotes) {
+  const unsigned asked = barriersAsked_;
+  if (asked == lastBarrier_) return;
+  for (Remote* remote : remotes) {
+    if (remote->stream.isOpen()) readAllFrom(*remote);
+  }
+  if (stopping_) return;
+  lastBarrier_ = asked;
+  {
+    const Base::MutexLock guard(mutex_);
+    barriersPassed_ = asked;
+  }
+  changed_.notifyAll();
 }
 
 std::vector<Delivery::Remote*> Delivery::remotes() {
@@ -442,6 +489,7 @@ void Delivery::run() {
       if (remote->stream.isOpen() && !writePending(*remote)) lose(*remote);
       if (remote->stream.isOpen()) readFrom(*remote);
     }
+    passBarriers(all);
   }
 }
 

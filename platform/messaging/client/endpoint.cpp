@@ -184,6 +184,10 @@ class Endpoint::State {
     return delivery_.waitUntilStanding(name, Clock::now() + atMost);
   }
 
+  bool waitUntilHandled(std::chrono::milliseconds atMost) {
+    return delivery_.waitUntilHandled(Clock::now() + atMost);
+  }
+
  private:
   class Remote;
   // The one way to it, so that nobody gets there without the mutex.
@@ -419,6 +423,10 @@ std::string Endpoint::lastRefusal() const { return lastProblem; }
 bool Endpoint::waitUntilConnected(const std::string& endpointName,
                                   std::chrono::milliseconds atMost) {
   return state().waitUntilConnected(endpointName, atMost);
+}
+
+bool Endpoint::waitUntilHandled(std::chrono::milliseconds atMost) {
+  return state().waitUntilHandled(atMost);
 }
 
 }  // namespace PbUtility

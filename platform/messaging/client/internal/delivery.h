@@ -60,6 +60,9 @@ class Delivery {
   // Waits until the connection stands and every registration is answered.
   bool waitUntilStanding(const std::string& name, Clock::time_point deadline);
 
+  // Waits until all that had come before the call is handled. False, at once, on the delivery thread.
+  bool waitUntilHandled(Clock::time_point deadline);
+
   // Whether the calling thread is the delivery thread, which cannot wait for its own end.
   bool isOnItsThread() const;
   // On the delivery thread: it ends once the running receivers have returned, and the last that it
@@ -94,7 +97,10 @@ class Delivery {
   void repeat(Remote& remote, std::vector<KeptRegistrations::Repeat> repeats, bool retried = false);
   bool takeAbandonedMark(Remote& remote);
   void retryRefused(Remote& remote);
-  void readFrom(Remote& remote);
+  // How many bytes came.
+  std::size_t readFrom(Remote& remote);
+  void readAllFrom(Remote& remote);
+  void passBarriers(const std::vector<Remote*>& remotes);
   bool consume(Remote& remote);
   bool take(Remote& remote, const FrameHeader& header, std::string_view payload);
   void noteResponse(Remote& remote, const FrameHeader& header, std::string_view payload);
@@ -113,8 +119,13 @@ class Delivery {
   Base::Mutex mutex_;
   Base::Condition changed_;
   std::map<std::string, std::unique_ptr<Remote>> remotes_ APPCONFIG_GUARDED_BY(mutex_);
+  // How often somebody has begun to wait until all is handled, and up to which of them all was. The
+  // first is atomic so that the delivery thread sees without a lock, each time, that nobody waits.
+  std::atomic<unsigned> barriersAsked_{0};
+  unsigned barriersPassed_ APPCONFIG_GUARDED_BY(mutex_) = 0;
   // The delivery thread's own.
   std::vector<char> readBuffer_;
+  unsigned lastBarrier_ = 0;
   std::function<void()> afterEnd_;
   // In the destructor nobody else is left to start it.
   std::thread thread_ APPCONFIG_GUARDED_BY(mutex_);
