@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "appconfig/core/internal/fork_lock.h"
+#include "appconfig/registry/internal/handler_walk.h"
 
 Base::Mutex ConfigRegistrar::mutex_;
 
@@ -125,6 +126,15 @@ bool removeAll(std::list<T*>& handlers, T* handler) {
   return true;
 }
 
+template <typename T>
+bool removeOne(std::list<T*>& handlers, T* handler) {
+  const auto found = std::find(handlers.begin(), handlers.end(), handler);
+  if (found == handlers.end()) return false;
+  handlers.erase(found);
+  ++removals;
+  return true;
+}
+
 }  // namespace
 
 void ConfigRegistrar::registerHandler(const ConfigVar& var, ProviderConfigHandler* handler) {
@@ -147,6 +157,21 @@ bool ConfigRegistrar::unregisterHandler(const ConfigVar& var, ConsumerConfigHand
 bool ConfigRegistrar::unregisterHandler(const ConfigVar& var, ProviderConfigHandler* handler) {
   const Base::MutexLock lock(mutex_);
   return removeAll(providerHandlers_[var], handler);
+}
+
+bool ConfigRegistrar::endRegistration(const ConfigVar& var, ConsumerConfigHandler* handler,
+                                      ConsumerCallbackType type) {
+  const Base::MutexLock lock(mutex_);
+  const bool wasThere = removeOne(consumerHandlers_[type][var], handler);
+  AppConfig::HandlerWalk::noteEnd();
+  return wasThere;
+}
+
+bool ConfigRegistrar::endRegistration(const ConfigVar& var, ProviderConfigHandler* handler) {
+  const Base::MutexLock lock(mutex_);
+  const bool wasThere = removeOne(providerHandlers_[var], handler);
+  AppConfig::HandlerWalk::noteEnd();
+  return wasThere;
 }
 
 unsigned ConfigRegistrar::unregistrations() { return removals; }

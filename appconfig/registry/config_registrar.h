@@ -13,7 +13,8 @@
 // Errors:  none.
 // Threads: any thread may call anything; operations are carried out one at a time. Lookups return
 //          copies, so a handler may unregister itself while it is being called. A handler that is
-//          unregistered by another thread may still be called by a dispatch that had looked it up.
+//          unregistered by another thread may still be called by a dispatch that had looked it up;
+//          one whose registration was ended is not (endRegistration).
 // Owns:    no handler: the application unregisters a handler before it deletes it.
 // Cost:    a lookup grows with the number of dots in the variable's names and the logarithm of
 //          the number of registrations.
@@ -64,6 +65,13 @@ class ConfigRegistrar {
   bool unregisterHandler(const ConfigVar& var, ConsumerConfigHandler* handler,
                          ConsumerCallbackType type);
   bool unregisterHandler(const ConfigVar& var, ProviderConfigHandler* handler);
+
+  // Removes one registration of the handler for these names and no more, on behalf of whoever owns it.
+  // From then on no walk that had looked it up calls it any more (internal/handler_walk.h); a call that
+  // has begun goes on. False when there was none.
+  bool endRegistration(const ConfigVar& var, ConsumerConfigHandler* handler,
+                       ConsumerCallbackType type);
+  bool endRegistration(const ConfigVar& var, ProviderConfigHandler* handler);
 
   // Whether anything covers the variable: handlers, markers and groups all count.
   bool isHandlerRegistered(const ConfigVar& var, ConsumerCallbackType type);

@@ -11,8 +11,9 @@
 //            delays the next notice. It may read, write, register and unregister, itself included.
 // Errors:    an operation must not throw: the program ends, after a line on standard error that
 //            names operation and variable.
-// Owns:      nothing: the application keeps the handler alive until it has unregistered it and no
-//            notice can be on its way, and deletes it. References are valid during the call.
+// Owns:      nothing: the application deletes the handler, once its Subscription has ended
+//            (subscription.h). One that was registered without has to stay alive until it is
+//            unregistered and no notice can be on its way. References are valid during the call.
 //
 //   class MtuWatcher : public ConsumerConfigHandler {
 //    public:

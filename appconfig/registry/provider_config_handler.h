@@ -14,8 +14,9 @@
 //            other variables; writing the one it is asked about fails with eErrConflict.
 // Errors:    an operation must not throw: the program ends, after a line on standard error that
 //            names operation and variable. A value that cannot be taken is refused by the result.
-// Owns:      nothing: the application keeps the handler alive until it has unregistered it and no
-//            request can be on its way, and deletes it. References are valid during the call.
+// Owns:      nothing: the application deletes the handler, once its Subscription has ended
+//            (subscription.h). One that was registered without has to stay alive until it is
+//            unregistered and no request can be on its way. References are valid during the call.
 //
 //   bool Thermostat::dynamicValidate(..., const std::list<std::string>& value,
 //                                    AppConfig::SecurityRole, ConfigResult* result) {

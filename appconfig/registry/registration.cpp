@@ -5,6 +5,8 @@
 #include "appconfig/registry/registration.h"
 
 #include "appconfig/manager/app_cfg_manager.h"
+#include "appconfig/registry/internal/handler_walk.h"
+#include "appconfig/registry/subscription.h"
 #include "appconfig/service/platform_cfg_service.h"
 
 using AppConfig::AppCfgManager;
@@ -68,3 +70,45 @@ void unregisterHandler(std::string group, ProviderConfigHandler* handler, AppCfg
 void unregisterAllHandlers(AppCfgManager* manager) { linkOf(manager).unregisterAllCallbacks(); }
 
 // NOLINTEND(performance-unnecessary-value-param)
+
+namespace AppConfig {
+
+// One of the handlers is null.
+struct Subscription::Registration {
+  PlatformCfgService& link;
+  ConfigVar key;
+  ConsumerConfigHandler* consumer;
+  ProviderConfigHandler* provider;
+};
+
+Subscription::Registration* Subscription::begin(const std::string& group, const std::string& name,
+                                                ConsumerConfigHandler* handler,
+                                                AppCfgManager* manager) {
+  if (handler == nullptr) return nullptr;
+  PlatformCfgService& link = linkOf(manager);
+  link.registerHandler(group, name, handler);
+  return new Registration{link, ConfigVar(group, 0, name, 0), handler, nullptr};
+}
+
+Subscription::Registration* Subscription::begin(const std::string& group, const std::string& name,
+                                                ProviderConfigHandler* handler,
+                                                AppCfgManager* manager) {
+  if (handler == nullptr) return nullptr;
+  PlatformCfgService& link = linkOf(manager);
+  link.registerHandler(group, name, handler);
+  return new Registration{link, ConfigVar(group, 0, name, 0), nullptr, handler};
+}
+
+void Subscription::end(Registration* registration) noexcept {
+  const auto& [link, key, consumer, provider] = *registration;
+  if (consumer != nullptr) {
+    link.endHandler(key, consumer);
+    HandlerWalk::waitForCalls(consumer);
+  } else {
+    link.endHandler(key, provider);
+    HandlerWalk::waitForCalls(provider);
+  }
+  delete registration;
+}
+
+}  // namespace AppConfig

@@ -11,7 +11,9 @@
 // Errors:  none is reported. A null handler is not registered. Where the service refuses or is
 //          away, the handler is registered in this process all the same.
 // Threads: any; registering may wait for the service.
-// Owns:    nothing: the application keeps a handler alive until it has unregistered it.
+// Owns:    nothing: the application keeps a handler alive until it has unregistered it and no call of it
+//          can be running or about to. Nothing here tells when that is: a handler that is to be
+//          destroyed while notices come is registered by a Subscription (subscription.h) instead.
 // Order:   register a consumer first and read afterwards: a change before the read is in what is
 //          read, and a later one is told. The other way round, one in between may be in neither.
 //

@@ -134,4 +134,12 @@ void PlatformCfgService::unregisterHandler(const std::string& group, const std::
   ConfigRegistrar::unregisterHandler(ConfigVar(group, 0, name, 0), handler);
 }
 
+void PlatformCfgService::endHandler(const ConfigVar& key, ConsumerConfigHandler* handler) {
+  for (const ConsumerCallbackType type : kConsumerTypes) endRegistration(key, handler, type);
+}
+
+void PlatformCfgService::endHandler(const ConfigVar& key, ProviderConfigHandler* handler) {
+  endRegistration(key, handler);
+}
+
 }  // namespace AppConfig

@@ -7,12 +7,16 @@
 // for somebody else is dropped without a word; a provider's question is always answered, for the
 // service waits. A handler that throws ends the program (handler_call.h).
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/registry/consumer_config_handler.h"
+#include "appconfig/registry/internal/handler_walk.h"
 #include "appconfig/registry/provider_config_handler.h"
 #include "appconfig/service/internal/handler_call.h"
 #include "appconfig/service/platform_cfg_service.h"
@@ -47,6 +51,53 @@ struct Name {
         operation, [this] { return key().dottedName(); }, call);
   }
 };
+
+// The handlers of one message, one after another. Those whose registration ends before their turn comes
+// are left out.
+template <typename Handler>
+class Called {
+ public:
+  using Type = ConfigRegistrar::ConsumerCallbackType;
+
+  // Providers are registered without a type.
+  Called(PlatformCfgService& link, const Name& var, Type type = ConfigRegistrar::eValueChanged)
+      : link_(link), var_(var), type_(type), left_(lookUp()) {}
+
+  // Null behind the last.
+  Handler* next() {
+    if (std::exchange(isBegun_, true)) left_.pop_front();
+    while (!left_.empty() && !walk_.begin(left_.front()) && !isStillMeant(left_.front()))
+      left_.pop_front();
+    return left_.empty() ? nullptr : left_.front();
+  }
+
+ private:
+  std::list<Handler*> lookUp() const {
+    if constexpr (std::is_same_v<Handler, ProviderConfigHandler>)
+      return link_.getProviderHandlers(var_.group, var_.name);
+    else
+      return link_.getHandlers(var_.group, var_.name, type_);
+  }
+
+  // As often as it is registered now, for each of its registrations is one call.
+  bool isStillMeant(Handler* handler) const {
+    const std::list<Handler*> now = lookUp();
+    return std::count(now.begin(), now.end(), handler) >=
+           std::count(left_.begin(), left_.end(), handler);
+  }
+
+  PlatformCfgService& link_;
+  const Name& var_;
+  const Type type_;
+  // Before the lookup, so that it knows of every end that the lookup may not have seen.
+  HandlerWalk walk_;
+  // The one that is being called first.
+  std::list<Handler*> left_;
+  bool isBegun_ = false;
+};
+
+using Consumers = Called<ConsumerConfigHandler>;
+using Providers = Called<ProviderConfigHandler>;
 
 void sendReply(const MSG_Message* incoming, MSG_Message* reply) {
   char owner[kOwnerNameBytes];
@@ -107,7 +158,7 @@ void validateWithProviders(PlatformCfgService& link, const ConfigIF::DynamicVali
   std::list<std::string> value;
   if (!readQuestion(request, var, value, result)) return;
   const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
-  for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
+  for (Providers asked(link, var); ProviderConfigHandler* provider = asked.next();) {
     const bool goesOn = var.calling("dynamicValidate", [&] {
       return provider->dynamicValidate(var.group, var.groupInstance, var.name, var.nameInstance,
                                        value, role, &result);
@@ -125,7 +176,7 @@ void changeAtProviders(PlatformCfgService& link, const ConfigIF::OnChangeReq& re
   if (!readQuestion(request, var, value, result)) return;
   storeInCache(var.key(), value);
   const SecurityRole role = PlatformCfgService::enumTranslate(request.role());
-  for (ProviderConfigHandler* provider : link.getProviderHandlers(var.group, var.name)) {
+  for (Providers asked(link, var); ProviderConfigHandler* provider = asked.next();) {
     var.calling("onChange", [&] {
       return provider->onChange(var.group, var.groupInstance, var.name, var.nameInstance, value,
                                 role, &result);
@@ -203,7 +254,7 @@ MSG_Message* PlatformCfgService::configChangedHandler(const ConfigIF::ConfigChan
   const bool isDefault = notice.is_default();
   manager->takeAnnounced(var.key(), value, notice.has_is_default() ? &isDefault : nullptr,
                          stampIn(notice));
-  for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eValueChanged)) {
+  for (Consumers told(*link, var, eValueChanged); ConsumerConfigHandler* consumer = told.next();) {
     var.calling("configChanged", [&] {
       consumer->configChanged(var.group, var.groupInstance, var.name, var.nameInstance, value,
                               notice.callback_identity());
@@ -227,14 +278,14 @@ MSG_Message* PlatformCfgService::optionsChangedHandler(const ConfigIF::OptionsCh
   if (!link || !manager || notice.callback_identity() != link->linkName_) return nullptr;
   Name var;
   if (!var.readFrom(notice.inst())) return nullptr;
-  const auto consumers = link->getHandlers(var.group, var.name, eOptionsChanged);
+  Consumers told(*link, var, eOptionsChanged);
   std::list<std::string> options;
   ProtobufMessageHelper::getStringList(options, notice.options());
   // As with the default flag: a service that does not say leaves the index as it was.
   const unsigned int index = notice.default_index();
   manager->takeAnnouncedOptions(var.key(), options, notice.has_default_index() ? &index : nullptr,
                                 stampIn(notice));
-  for (ConsumerConfigHandler* consumer : consumers) {
+  while (ConsumerConfigHandler* const consumer = told.next()) {
     var.calling("optionsChanged", [&] {
       consumer->optionsChanged(var.group, var.groupInstance, var.name, var.nameInstance, options,
                                notice.callback_identity());
@@ -249,7 +300,7 @@ MSG_Message* PlatformCfgService::submitHandler(const ConfigIF::SubmitNtfy& notic
   if (!link || notice.callback_identity() != link->linkName_) return nullptr;
   Name var;
   if (!var.readFrom(notice.inst())) return nullptr;
-  for (ConsumerConfigHandler* consumer : link->getHandlers(var.group, var.name, eSubmit)) {
+  for (Consumers told(*link, var, eSubmit); ConsumerConfigHandler* consumer = told.next();) {
     var.calling("submit", [&] {
       consumer->submit(var.group, var.groupInstance, var.name, var.nameInstance,
                        enumTranslate(notice.type()), notice.callback_identity());
@@ -266,10 +317,10 @@ MSG_Message* PlatformCfgService::accessLevelsChangedHandler(
   if (!link || !manager || notice.callback_identity() != link->linkName_) return nullptr;
   Name var;
   if (!var.readFrom(notice.inst())) return nullptr;
-  const auto consumers = link->getHandlers(var.group, var.name, eAccessLevelsChanged);
+  Consumers told(*link, var, eAccessLevelsChanged);
   const ConfigAccessLevels levels = levelsIn(notice);
   manager->takeAnnouncedLevels(var.key(), levels, stampIn(notice));
-  for (ConsumerConfigHandler* consumer : consumers) {
+  while (ConsumerConfigHandler* const consumer = told.next()) {
     var.calling("accessLevelsChanged", [&] {
       consumer->accessLevelsChanged(var.group, var.groupInstance, var.name, var.nameInstance,
                                     levels.readRole, levels.writeRole, notice.callback_identity());

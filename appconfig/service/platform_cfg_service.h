@@ -237,6 +237,10 @@ class PlatformCfgService : public ConfigRegistrar {
                          ConsumerConfigHandler* handler);
   void unregisterHandler(const std::string& group, const std::string& name,
                          ProviderConfigHandler* handler);
+  // Likewise here alone: ends one registration made by registerHandler, and leaves others of the same
+  // handler for the same names. It is called for this one no more, once a call that runs has returned.
+  void endHandler(const ConfigVar& key, ConsumerConfigHandler* handler);
+  void endHandler(const ConfigVar& key, ProviderConfigHandler* handler);
 
   // --- Incoming messages ---
 

@@ -23,7 +23,8 @@ DEFINITION = '[variable."room.target"]\ntype = "int"\ndefault = 20\nmax = 30\n'
 # What applications and message layers of a device's own include; what that brings along is installed
 # as well, and nothing else.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/manager/fresh_read.h",
-           "appconfig/registry/registration.h", "appconfig/registry/consumer_config_handler.h",
+           "appconfig/registry/registration.h", "appconfig/registry/subscription.h",
+           "appconfig/registry/consumer_config_handler.h",
            "appconfig/registry/provider_config_handler.h",
            "platform/messaging/endpoint.h", "platform/messaging/msg.h", "platform/messaging/pb_utils.h",
            "platform/messaging/registration_refusals.h")

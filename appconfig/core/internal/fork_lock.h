@@ -21,8 +21,8 @@ namespace AppConfig {
 class ForkLock {
  public:
   // What may be taken later stands later.
-  enum class Place : std::size_t { Facades, Links, Flights, Caches, Registry };
-  static constexpr std::size_t kPlaces = static_cast<std::size_t>(Place::Registry) + 1;
+  enum class Place : std::size_t { Facades, Links, Flights, Caches, Registry, Walks };
+  static constexpr std::size_t kPlaces = static_cast<std::size_t>(Place::Walks) + 1;
   struct Actions {
     void (*hold)();
     void (*release)();
