@@ -49,24 +49,28 @@ class Subscription {
  public:
   // Owns nothing.
   Subscription() = default;
-  // Registers a handler of a variable; a null manager stands for AppCfgManager::getInstance().
-  [[nodiscard]] Subscription(const std::string& group, const std::string& name, ConsumerConfigHandler* handler,
-               AppCfgManager* manager = nullptr)
+  // Registers a consumer of a variable; a null manager stands for AppCfgManager::getInstance().
+  [[nodiscard]] Subscription(const std::string& group, const std::string& name,
+                             ConsumerConfigHandler* handler, AppCfgManager* manager = nullptr)
       : own_(begin(group, name, handler, manager)) {}
-  [[nodiscard]] Subscription(const std::string& group, const std::string& name, ProviderConfigHandler* handler,
-               AppCfgManager* manager = nullptr)
+  // Registers a provider of a variable.
+  [[nodiscard]] Subscription(const std::string& group, const std::string& name,
+                             ProviderConfigHandler* handler, AppCfgManager* manager = nullptr)
       : own_(begin(group, name, handler, manager)) {}
-  // Registers a handler of a group.
+  // Registers a consumer of a group.
   [[nodiscard]] Subscription(const std::string& group, ConsumerConfigHandler* handler,
-               AppCfgManager* manager = nullptr)
+                             AppCfgManager* manager = nullptr)
       : own_(begin(group, std::string(), handler, manager)) {}
+  // Registers a provider of a group.
   [[nodiscard]] Subscription(const std::string& group, ProviderConfigHandler* handler,
-               AppCfgManager* manager = nullptr)
+                             AppCfgManager* manager = nullptr)
       : own_(begin(group, std::string(), handler, manager)) {}
+  // Ends it.
   ~Subscription() { end(); }
 
+  // The other owns nothing then.
   Subscription(Subscription&& other) noexcept : own_(std::exchange(other.own_, nullptr)) {}
-  // Ends what this one owned.
+  // Ends what this one owned; the other owns nothing then.
   Subscription& operator=(Subscription&& other) noexcept {
     if (this != &other) {
       end();

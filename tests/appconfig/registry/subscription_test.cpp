@@ -259,15 +259,26 @@ TEST_F(SubscriptionTest, AnEndDoesNotWaitForCallsThatComeLater) {
 }
 
 TEST_F(SubscriptionTest, AHandlerMayEndItsOwnAndDeleteItself) {
-  Subscription told;
-  std::atomic<bool> isGone{false};
-  auto* leaving = new Doing([&] { told.end(); });
-  told = Subscription("net", "mtu", leaving, manager);
+  struct Leaving final : RecordingConsumer {
+    explicit Leaving(bool& gone) : isGone(gone) {}
+    ~Leaving() override { isGone = true; }
+    void configChanged(const std::string&, int, const std::string&, int,
+                       const std::list<std::string>&, const std::string&) override {
+      own.end();
+      delete this;
+    }
+    bool& isGone;
+    Subscription own;
+  };
+  bool isGone = false;
+  auto* leaving = new Leaving(isGone);
+  leaving->own = Subscription("net", "mtu", leaving, manager);
   const Subscription others("net", &consumer, manager);
   tellChange();
-  delete leaving;
+  EXPECT_TRUE(isGone);
   EXPECT_EQ(consumer.lines.take().size(), 1U) << "the others are told";
   tellChange();
+  EXPECT_EQ(consumer.lines.take().size(), 1U);
 }
 
 TEST_F(SubscriptionTest, AHandlerThatWasEndedInsideAnotherIsNotCalledForTheSameNotice) {
