@@ -12,8 +12,9 @@
 //            for.
 // Values:    lists of strings; a single value is a list of one.
 // Absence:   an unknown variable, a role that is too low, a service that is away and a value
-//            that is empty all read as "" (0, false). A write with a ConfigResult tells why it
-//            failed, when the service answered.
+//            that is empty all read as "" (0, false); readWithReason (reading.h) tells them apart. A
+//            write with a ConfigResult tells why it failed, when the service answered; of one without,
+//            nobody tells whether it was accepted.
 // Errors:    returned, never thrown. Nothing is retried: the next call simply asks again.
 // Threads:   any thread may call anything, handlers included. Requests block their caller for as
 //            long as the endpoint waits. What a thread has read, or has written and was told is
@@ -56,6 +57,8 @@ class PbUtils;
 namespace AppConfig {
 
 class PlatformCfgService;
+struct ReadEnd;
+struct Reading;
 struct StateStamp;
 
 class APPCONFIG_EXPORT AppCfgManager {
@@ -141,8 +144,9 @@ class APPCONFIG_EXPORT AppCfgManager {
 
   // --- Writes that wait for nothing ---
 
-  // They hand the request over. True when the message layer took it; the service may still refuse.
-  // The cached value stays what it was until the service announces the change.
+  // They hand the request over. True when the message layer took it; the service may still refuse, and
+  // then nobody is told: to know, and to know why not, write with a ConfigResult. The cached value
+  // stays what it was until the service announces the change.
 
   // Writes all elements of the value.
   bool setConfigVar(const ConfigVar& var, const std::list<std::string>& value);
@@ -332,12 +336,13 @@ class APPCONFIG_EXPORT AppCfgManager {
   friend class PlatformCfgService;
   friend bool readFresh(const ConfigVar& var, std::list<std::string>& value,
                         AppCfgManager* manager);
+  friend Reading readWithReason(const ConfigVar& var, AppCfgManager* manager);
 
   APPCONFIG_LOCAL bool isCacheable(const ConfigVar& var) const;
   APPCONFIG_LOCAL bool copyCachedValue(const ConfigVar& var, std::list<std::string>& out) const;
   APPCONFIG_LOCAL bool copyCachedFirstString(const ConfigVar& var, std::string& out) const;
   // Empty when the service has no value for us.
-  APPCONFIG_LOCAL std::list<std::string> askForValue(const ConfigVar& var);
+  APPCONFIG_LOCAL std::list<std::string> askForValue(const ConfigVar& var, ReadEnd& end);
   // {""} then.
   APPCONFIG_LOCAL std::list<std::string> readFromService(const ConfigVar& var);
   APPCONFIG_LOCAL std::string firstString(const ConfigVar& var);

@@ -51,18 +51,18 @@ ConfigCache::Position AppCfgManager::retrieveConfigVar(const ConfigVar& var) {
 }
 
 // An empty answer is not cached, so that a variable that comes to be is found by the next read.
-std::list<std::string> AppCfgManager::askForValue(const ConfigVar& var) {
-  bool isDefault = false;
-  if (!isCacheable(var)) return service_->getConfigVar(var, isDefault);
+std::list<std::string> AppCfgManager::askForValue(const ConfigVar& var, ReadEnd& end) {
   StateStamp stamp;
+  if (!isCacheable(var)) return service_->getConfigVar(var, end, stamp);
   Flight flight(cache_, localKey(var));
-  std::list<std::string> value = service_->getConfigVar(var, isDefault, stamp);
-  if (!value.empty()) flight.storeRead(value, isDefault, stamp);
+  std::list<std::string> value = service_->getConfigVar(var, end, stamp);
+  if (!value.empty()) flight.storeRead(value, end.isDefault, stamp);
   return value;
 }
 
 std::list<std::string> AppCfgManager::readFromService(const ConfigVar& var) {
-  std::list<std::string> value = askForValue(var);
+  ReadEnd unused;
+  std::list<std::string> value = askForValue(var, unused);
   if (value.empty()) value.emplace_back();
   return value;
 }
@@ -144,7 +144,8 @@ ConfigValue AppCfgManager::getConfigValue(const std::string& group, int groupIns
 
 bool readFresh(const ConfigVar& var, std::list<std::string>& value, AppCfgManager* manager) {
   AppCfgManager* const facade = manager ? manager : AppCfgManager::getInstance();
-  value = facade->askForValue(var);
+  ReadEnd unused;
+  value = facade->askForValue(var, unused);
   return !value.empty();
 }
 

@@ -77,6 +77,23 @@ namespace AppConfig {
 
 class AppCfgManager;
 
+// How a request for a value ended.
+struct ReadEnd {
+  // An empty one included.
+  bool hasValue() const { return isAsked && callStatus == 0 && error == eErrNone; }
+
+  // False without an endpoint.
+  bool isAsked = false;
+  // What the message layer returned: 0 when the service answered.
+  int callStatus = 0;
+  // The service's verdict, and its first words about it.
+  eErrorT error = eErrNone;
+  std::string message;
+  // Whether the value is the default, and whether the service said so or not.
+  bool isDefault = false;
+  bool tellsDefault = false;
+};
+
 class PlatformCfgService : public ConfigRegistrar {
  public:
   // --- Construction and instances ---
@@ -144,6 +161,8 @@ class PlatformCfgService : public ConfigRegistrar {
   // The same, and how new the value is: a stamp is as it was where the service tells none. So it is
   // with the other requests that have one.
   std::list<std::string> getConfigVar(const ConfigVar& var, bool& isDefault, StateStamp& stamp);
+  // The same, and how the request ended, in a fresh record.
+  std::list<std::string> getConfigVar(const ConfigVar& var, ReadEnd& end, StateStamp& stamp);
 
   // Writes without waiting: true when the message layer took the request; the service's verdict
   // stays unknown. Changes are announced from now on, even when the send failed.

@@ -12,6 +12,7 @@
 
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "platform/messaging/pb_utils.h"
 #include "platform/schema/config_if.pb.h"
 
 namespace AppConfig {
@@ -40,15 +41,33 @@ std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, bo
 
 std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, bool& isDefault,
                                                         StateStamp& stamp) {
-  if (!pb_) return {};
+  ReadEnd end;
+  std::list<std::string> value = getConfigVar(var, end, stamp);
+  if (end.hasValue()) isDefault = end.isDefault;
+  return value;
+}
+
+std::list<std::string> PlatformCfgService::getConfigVar(const ConfigVar& var, ReadEnd& end,
+                                                        StateStamp& stamp) {
+  PbUtility::PbUtils* const pb = pb_;
+  if (!pb) return {};
   const ConfigVar key = keyForRequest(var);
   const Coverage coverage = coverageOf(key, eValueChanged);
   ConfigIF::ReadRsp response;
-  if (!ask(ProtobufMessageHelper::getReadRequest(getSelfFQName(), securityRole_, key), &response))
+  end.isAsked = true;
+  end.callStatus = pb->sendWaitResponse(
+      ProtobufMessageHelper::getReadRequest(getSelfFQName(), securityRole_, key), &response,
+      getConfigFQName());
+  if (end.callStatus != 0) return {};
+  const ConfigIF::ReturnMessage& result = response.result();
+  if (result.error() != CommonIF::ERROR_NONE) {
+    end.error = outcomeOf(result).error();
+    if (result.messages_size() > 0) end.message = result.messages(0);
     return {};
-  if (response.result().error() != CommonIF::ERROR_NONE) return {};
+  }
   std::list<std::string> value(response.values().begin(), response.values().end());
-  isDefault = response.is_default();
+  end.isDefault = response.is_default();
+  end.tellsDefault = response.has_is_default();
   stamp = stampIn(response);
   registerAfterAnswer(key, eValueChanged, coverage);
   return value;

@@ -23,6 +23,7 @@ DEFINITION = '[variable."room.target"]\ntype = "int"\ndefault = 20\nmax = 30\n'
 # What applications and message layers of a device's own include; what that brings along is installed
 # as well, and nothing else.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/manager/fresh_read.h",
+           "appconfig/manager/reading.h",
            "appconfig/registry/registration.h", "appconfig/registry/subscription.h",
            "appconfig/registry/consumer_config_handler.h",
            "appconfig/registry/provider_config_handler.h",

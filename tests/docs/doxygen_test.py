@@ -14,6 +14,7 @@ import unittest
 SOURCE_DIR, BUILD_DIR, DOXYGEN = (os.path.abspath(argument) for argument in sys.argv[1:4])
 # What applications, providers and message layers of one's own include; all else comes along.
 ENTRIES = ("appconfig/manager/app_cfg_manager.h", "appconfig/manager/fresh_read.h",
+           "appconfig/manager/reading.h",
            "appconfig/registry/registration.h", "appconfig/registry/subscription.h",
            "appconfig/registry/consumer_config_handler.h", "appconfig/registry/provider_config_handler.h",
            "platform/messaging/endpoint.h", "platform/messaging/msg.h",

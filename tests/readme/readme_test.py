@@ -53,9 +53,12 @@ class ReadmeProgramTest(unittest.TestCase):
         done = self.run_program("readme_program")
         self.assertEqual(("logging.level is debug\n", "", 0), (done.stdout, done.stderr, done.returncode))
 
-    def test_it_ends_with_a_failure_when_there_is_no_service(self):
+    def test_it_ends_with_the_reason_the_page_tells_when_there_is_no_service(self):
+        reason = "logging.level: the service does not answer"
         done = self.run_program("readme_program")
-        self.assertEqual(("logging.level is \n", 1), (done.stdout, done.returncode))
+        self.assertEqual((reason + "\n", 1), (done.stdout, done.returncode))
+        with open(os.path.join(SOURCE_DIR, "README.md"), encoding="utf-8") as page:
+            self.assertIn(f"`{reason}`", page.read())
 
 
 if __name__ == "__main__":
