@@ -49,6 +49,7 @@
 #include "appconfig/core/error.h"
 #include "appconfig/core/export.h"
 #include "appconfig/core/security_role.h"
+#include "appconfig/manager/value_text.h"
 
 namespace PbUtility {
 class PbUtils;
@@ -173,6 +174,18 @@ class APPCONFIG_EXPORT AppCfgManager {
   // Writes one text, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const std::string& value);
+  // Writes an integer of any other width in decimals. What has no one text does not compile
+  // (value_text.h).
+  template <typename T, typename = IfNotPlain<T>>
+  bool setConfigVar(const ConfigVar& var, T value) {
+    return setConfigVar(var, textOf(value));
+  }
+  // The same, by parts.
+  template <typename T, typename = IfNotPlain<T>>
+  bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
+                    int nameInstance, T value) {
+    return setConfigVar(group, groupInstance, name, nameInstance, textOf(value));
+  }
 
   // --- Writes that wait for the service's verdict ---
 
@@ -206,6 +219,17 @@ class APPCONFIG_EXPORT AppCfgManager {
   // Writes one text, by parts.
   bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
                     int nameInstance, const std::string& value, ConfigResult* result);
+  // Writes an integer of any other width in decimals, as above.
+  template <typename T, typename = IfNotPlain<T>>
+  bool setConfigVar(const ConfigVar& var, T value, ConfigResult* result) {
+    return setConfigVar(var, textOf(value), result);
+  }
+  // The same, by parts.
+  template <typename T, typename = IfNotPlain<T>>
+  bool setConfigVar(const std::string& group, int groupInstance, const std::string& name,
+                    int nameInstance, T value, ConfigResult* result) {
+    return setConfigVar(group, groupInstance, name, nameInstance, textOf(value), result);
+  }
 
   // Whether the service would accept the value. Changes nothing; result as for a write that waits.
   bool isValid(const ConfigVar& var, const std::list<std::string>& value, ConfigResult* result);

@@ -104,6 +104,33 @@ TEST_F(WritesTest, AnEmptyListIsWrittenAndMakesTheValueUnknown) {
   EXPECT_EQ(cachedValue(mtu), Value{});
 }
 
+// Overloads of int and bool alone would leave the compiler without a choice.
+TEST_F(WritesTest, IntegersOfEveryWidthAreWrittenInDecimals) {
+  manager->setConfigVar(mtu, 1400U);
+  EXPECT_EQ(written(), Value{"1400"});
+  manager->setConfigVar(mtu, -5L);
+  EXPECT_EQ(written(), Value{"-5"});
+  manager->setConfigVar(mtu, 18446744073709551615ULL, nullptr);
+  EXPECT_EQ(written(), Value{"18446744073709551615"});
+  manager->setConfigVar("net", 0, "mtu", 1, std::int64_t{-9000000000});
+  EXPECT_EQ(written(), Value{"-9000000000"});
+  manager->setConfigVar("net", 0, "mtu", 1, std::size_t{7}, nullptr);
+  EXPECT_EQ(written(), Value{"7"});
+  manager->setConfigVar(mtu, std::uint16_t{8});
+  EXPECT_EQ(written(), Value{"8"});
+}
+
+TEST_F(WritesTest, TextsAndBoolsGoWhereTheyWent) {
+  char text[] = "changeable";
+  manager->setConfigVar(mtu, text);
+  EXPECT_EQ(written(), Value{"changeable"});
+  manager->setConfigVar(mtu, static_cast<char*>(text), nullptr);
+  EXPECT_EQ(written(), Value{"changeable"});
+  const bool isOn = true;
+  manager->setConfigVar(mtu, isOn, nullptr);
+  EXPECT_EQ(written(), Value{"True"});
+}
+
 TEST_F(WritesTest, PlainWritesSpellBoolsInLowerCase) {
   manager->setConfigVar(mtu, true);
   EXPECT_EQ(written(), Value{"true"});
