@@ -70,7 +70,7 @@ const ConfigSrv::Definitions& definitions() {
   static const ConfigSrv::Definitions loaded = [] {
     const Files files;
     files.write("10.toml", kDefinitions);
-    ConfigSrv::LoadResult result = ConfigSrv::loadDefinitions(files.directory());
+    ConfigSrv::LoadResult result = ConfigSrv::loadDefinitions({files.directory()});
     require(result.mistakes.empty(), "the definitions are right", formatMistakes(result.mistakes));
     return std::move(result.definitions);
   }();

@@ -35,7 +35,7 @@ void checkLoaded(const Fuzz::Files& files, const Definitions& definitions) {
     checkDefinition(definitions, variable);
   }
   if (definitions.size() > kVariablesLookedAt) return;
-  require(loadDefinitions(files.directory()).definitions.digest() == definitions.digest(),
+  require(loadDefinitions({files.directory()}).definitions.digest() == definitions.digest(),
           "the same files have the same digest");
 }
 
@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   first = first.substr(0, parting);
   files.write("10.toml", first);
   files.write("20.toml", second);
-  const LoadResult loaded = loadDefinitions(files.directory());
+  const LoadResult loaded = loadDefinitions({files.directory()});
   if (loaded.mistakes.empty()) {
     checkLoaded(files, loaded.definitions);
   } else {

@@ -68,7 +68,7 @@ constexpr const char* kAuditName = "audit.jsonl";
 ServiceOptions serviceOptions() {
   const Files& files = surroundings().files;
   ServiceOptions options;
-  options.definitionsDir = "definitions.d";
+  options.definitionsDirs = {"definitions.d"};
   options.storeFile = files.path("store.db");
   options.auditFile = files.path(kAuditName);
   files.write(kAuditName, "");
@@ -126,8 +126,8 @@ ServiceHarness::ServiceHarness(int listenFd)
                [this](PeerId to, const ConfigIF::MonitorNtfy& notice) {
                  server_.notify(to, notice, revisionThat(to, Knows::AllBefore), {});
                }),
-      requests_({options_, log_, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                 tap_, server_, providers_, &audit_, *surroundings().store,
+      requests_({options_, log_, standing_, access_, model_, subscriptions_, announcer_, changes_,
+                 monitor_, tap_, server_, providers_, &audit_, *surroundings().store,
                  // A copy of the store is the disk's business, and takes too long for it here.
                  [this](const CommitQueue::Work&, std::function<void()> done) {
                    server_.post(std::move(done));

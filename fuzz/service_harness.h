@@ -93,6 +93,7 @@ class ServiceHarness final : public PbUtility::ServerHandler, public ConfigSrv::
 
   const ConfigSrv::ServiceOptions options_;
   const ConfigSrv::Log log_;
+  const ConfigSrv::Standing standing_;
   const ConfigSrv::AccessPolicy access_{::geteuid()};
   ConfigSrv::NameClaims names_{access_};
   ConfigSrv::AuditTrail audit_;

@@ -1,7 +1,8 @@
 // Reads the table of roles, and answers from it.
 //
 // AccessReader fills a policy that starts as the one without a file; a mistake anywhere throws all
-// of it away, so that a service never runs on half a table. Names of users and groups become
+// of it away, so that a service never runs on half a table. Only a line for somebody who is not known
+// here is left out alone. Names of users and groups become
 // numbers while the file is read, because the kernel tells numbers of a caller. The groups of a
 // caller are looked up when they are asked for and remembered for a while (Groups).
 #include "configsrv/access/access_policy.h"
@@ -116,6 +117,9 @@ class OpenFile {
 constexpr const char* kCommandLineName = "appcfg";
 constexpr const char* kEverybody = "*";
 
+// The number that is no user's.
+constexpr uid_t kNobody = std::numeric_limits<uid_t>::max();
+
 }  // namespace
 
 std::string whyNotTrusted(uid_t owner, mode_t mode, uid_t ownUid) {
@@ -137,6 +141,7 @@ class AccessReader {
   using Role = AppConfig::SecurityRole;
 
   void report(const TomlEntry& at, std::string text);
+  void reportUnknown(const TomlEntry& at, const std::string& who, const char* consequence);
   std::optional<Role> readRole(const TomlEntry& entry);
   template <typename Look>
   void readTable(const TomlEntry& entry, const char* what, Look look,
@@ -154,6 +159,13 @@ class AccessReader {
 
 void AccessReader::report(const TomlEntry& at, std::string text) {
   result_.mistakes.push_back({file_, at.line, at.column, std::move(text)});
+}
+
+void AccessReader::reportUnknown(const TomlEntry& at, const std::string& who,
+                                 const char* consequence) {
+  result_.unknown.push_back({file_, at.line, at.column,
+                             "no " + who + " is known here, so " + consequence +
+                                 ": correct the name, or give its number"});
 }
 
 std::optional<AppConfig::SecurityRole> AccessReader::readRole(const TomlEntry& entry) {
@@ -182,8 +194,7 @@ void AccessReader::readTable(const TomlEntry& entry, const char* what, Look look
     const std::optional<Role> role = readRole(line);
     const auto id = allDigits(line.name) ? parseId(line.name) : look(line.name);
     if (!id) {
-      report(line, std::string("this device has no ") + what + ' ' + quoted(line.name) +
-                       ": correct the name, or give its number");
+      reportUnknown(line, std::string(what) + ' ' + quoted(line.name), "this line grants nothing");
     } else if (role && !roles.emplace(*id, *role).second) {
       report(line, quoted(line.name) + " is " + what + ' ' + std::to_string(*id) +
                        ", which has a role already");
@@ -209,8 +220,9 @@ void AccessReader::readName(const TomlEntry& line) {
   } else if (const auto id = allDigits(user) ? parseId(user) : users_.userId(user)) {
     giveName(line, *id);
   } else {
-    report(line,
-           "this device has no user " + quoted(user) + ": correct the name, or give its number");
+    reportUnknown(line, "user " + quoted(user),
+                  "only root and the service's own user may have this endpoint name");
+    giveName(line, kNobody);
   }
 }
 
@@ -263,7 +275,7 @@ AccessPolicy::~AccessPolicy() = default;
 
 AccessLoadResult AccessPolicy::load(const std::string& path, uid_t ownUid,
                                     const UserDatabase& users) {
-  AccessLoadResult result{AccessPolicy(ownUid), {}, {}};
+  AccessLoadResult result{AccessPolicy(ownUid)};
   result.policy.groupsOfUsers_ = std::make_unique<Groups>(users);
   const OpenFile file(path);
   if (file.error() == ENOENT) return result;
@@ -275,14 +287,23 @@ AccessLoadResult AccessPolicy::load(const std::string& path, uid_t ownUid,
                       "write (chown root, chmod 644)";
     return result;
   }
-  TomlDocument document;
+  TextFile text{path, {}};
+  std::optional<Mistake> mistake = readOpenText(file.descriptor(), text);
+  if (!mistake) return parse(text, ownUid, users);
   if (file.error() != 0)
-    document.mistake =
-        Mistake{path, 0, 0, std::string("cannot be read: ") + std::strerror(file.error())};
-  else
-    document = readOpenToml(file.descriptor(), path);
+    mistake->text = std::string("cannot be read: ") + std::strerror(file.error());
+  result.mistakes.push_back(std::move(*mistake));
+  return result;
+}
+
+AccessLoadResult AccessPolicy::parse(const TextFile& file, uid_t ownUid,
+                                     const UserDatabase& users) {
+  AccessLoadResult result{AccessPolicy(ownUid)};
+  result.policy.groupsOfUsers_ = std::make_unique<Groups>(users);
+  result.text = file;
+  TomlDocument document = parseToml(file.text, file.path);
   if (document.mistake) result.mistakes.push_back(std::move(*document.mistake));
-  if (document.root) AccessReader(path, users, result).read(*document.root);
+  if (document.root) AccessReader(file.path, users, result).read(*document.root);
   if (!result.mistakes.empty()) result.policy = AccessPolicy(ownUid);
   return result;
 }

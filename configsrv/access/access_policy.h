@@ -16,8 +16,10 @@
 //           2. Otherwise root and the service's own user may claim any role.
 //           3. Otherwise the highest role of those of the user's groups that [groups] names.
 //           4. Otherwise the default. Without a file that is "user".
-// Errors:   all mistakes of the file are found in one run; a name that this device does not know is
-//           one. A file that does not exist is none.
+// Errors:   all mistakes of the file are found in one run. A file that does not exist is none.
+// Unknown:  a line for a user or group that this device does not know grants nothing, and the others
+//           hold: a user may go, and a package that makes one may come later. An endpoint name of
+//           such a user stays reserved: nobody has it but root and the service's own user.
 // Trust:    whoever can change the file can give themselves any role. So a file that is a symbolic
 //           link, that belongs to others than root and the service's own user, or that its group or
 //           others may write, is not read: `distrust` says why, and the rules without a file hold.
@@ -35,7 +37,7 @@
 #include <vector>
 
 #include "appconfig/core/security_role.h"
-#include "configsrv/toml/mistake.h"
+#include "configsrv/toml/document.h"
 
 namespace ConfigSrv {
 
@@ -72,6 +74,9 @@ class AccessPolicy {
   // ownUid is the service's own user. users has to outlive the policy.
   static AccessLoadResult load(const std::string& path, uid_t ownUid,
                                const UserDatabase& users = systemUserDatabase());
+  // The same of a text that was read before, whose trust is the caller's business.
+  static AccessLoadResult parse(const TextFile& file, uid_t ownUid,
+                                const UserDatabase& users = systemUserDatabase());
 
   AppConfig::SecurityRole highestRole(uid_t uid, gid_t gid) const;
 
@@ -107,13 +112,17 @@ class AccessPolicy {
   std::unique_ptr<Groups> groupsOfUsers_;
 };
 
-// After mistakes, policy is the one without a file, and the service should not start with it. After
+// After mistakes, policy is the one without a file, and the service should not run with it. After
 // a distrust it is the same one, and the service runs with it.
 struct AccessLoadResult {
   AccessPolicy policy;
-  std::vector<Mistake> mistakes;
+  std::vector<Mistake> mistakes{};
+  // Lines for users and groups that are not known here.
+  std::vector<Mistake> unknown{};
   // One line, or empty.
-  std::string distrust;
+  std::string distrust{};
+  // What was parsed; nothing when no file is there, or it was not read.
+  std::optional<TextFile> text{};
 };
 
 // Why a file or directory that decides something is not only in the hands of root and this user:

@@ -15,13 +15,17 @@ using ConfigSrv::LogLevel;
 
 const char* const kFooter =
     "Exit codes: 0 stopped by SIGTERM or SIGINT, or nothing wrong with --check; 1 other failure;\n"
-    "2 usage; 3 mistakes in the definitions or the table of roles; 4 the store cannot be used\n"
-    "(rights, another service, a newer version's); 5 the socket cannot be made.";
+    "2 usage; 3 mistakes in the definitions or the table of roles (without --check: and none that\n"
+    "were good before); 4 the store cannot be used (rights, another service, a newer version's);\n"
+    "5 the socket cannot be made.";
 
 void addServiceOptions(CLI::App& app, CommandLine& line) {
-  app.add_option("--definitions", line.service.definitionsDir,
-                 "Directory of the definitions (*.toml)")
-      ->type_name("DIR");
+  app.add_option(
+         "--definitions", line.service.definitionsDirs,
+         "Directory of the definitions (*.toml); given several times, a file of a later one "
+         "replaces one of its name in an earlier one")
+      ->type_name("DIR")
+      ->allow_extra_args(false);
   app.add_option("--store", line.service.storeFile, "File that keeps what was changed")
       ->type_name("FILE");
   app.add_option("--runtime-dir", line.service.runtimeDir,
@@ -85,10 +89,27 @@ void addLogLevel(CLI::App& app, LogLevel& level) {
       ->check(CLI::IsMember({"error", "warning", "info", "debug"}));
 }
 
+void addCheckOptions(CLI::App& app, ConfigSrv::FilesToCheck& check) {
+  app.add_option(
+         "--check", check.definitionsDirs,
+         "Check the definitions of a directory, several times as --definitions, and the table "
+         "of --roles, and end")
+      ->type_name("DIR")
+      ->allow_extra_args(false);
+  app.add_option(
+         "--sysroot", check.sysroot,
+         "With --check: the table of roles may name the users and groups of DIR/etc/passwd and "
+         "DIR/etc/group instead of this system's")
+      ->type_name("DIR");
+}
+
 // What the options alone cannot say.
 Base::Status<> checkTogether(const CommandLine& line, bool socketIsGiven) {
-  if (!line.checkDir.empty()) return {};
-  if (line.service.definitionsDir.empty()) return Base::failed("--definitions is required");
+  if (!line.check.sysroot.empty() && line.service.rolesFile.empty())
+    return Base::failed("--sysroot says whom the table of roles may name: give --roles as well");
+  if (!line.check.definitionsDirs.empty()) return {};
+  if (!line.check.sysroot.empty()) return Base::failed("--sysroot goes with --check alone");
+  if (line.service.definitionsDirs.empty()) return Base::failed("--definitions is required");
   if (line.service.storeFile.empty()) return Base::failed("--store is required");
   const bool needsDir = line.service.runtimeDir.empty() && !socketIsGiven;
   if (needsDir && PbUtility::defaultRuntimeDir().empty())
@@ -109,8 +130,7 @@ ParsedCommandLine parseCommandLine(int argc, char** argv) {
   addTimes(app, times);
   addHourly(app, line);
   addLogLevel(app, line.logLevel);
-  app.add_option("--check", line.checkDir, "Check the definitions of a directory and end")
-      ->type_name("DIR");
+  addCheckOptions(app, line.check);
   app.set_version_flag("--version", "configsrvd " APPCONFIG_VERSION);
   app.footer(kFooter);
   try {
@@ -122,6 +142,7 @@ ParsedCommandLine parseCommandLine(int argc, char** argv) {
   }
   line.service.providerDeadline = std::chrono::milliseconds(times.deadline);
   line.service.providerGrace = std::chrono::milliseconds(times.grace);
+  line.check.rolesFile = line.service.rolesFile;
   const Base::Status<> together = checkTogether(line, std::getenv("LISTEN_FDS") != nullptr);
   if (together.ok()) return {line, kExitOk};
   std::cerr << together.text << "\nRun with --help for more information.\n";

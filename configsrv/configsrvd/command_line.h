@@ -10,8 +10,8 @@
 struct CommandLine {
   ConfigSrv::ServiceOptions service;
   ConfigSrv::LogLevel logLevel = ConfigSrv::LogLevel::Info;
-  // Only check this directory of definitions.
-  std::string checkDir;
+  // Only check these; without a directory of definitions: serve.
+  ConfigSrv::FilesToCheck check;
 };
 
 struct ParsedCommandLine {

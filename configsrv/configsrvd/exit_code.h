@@ -7,7 +7,8 @@ enum ExitCode : int {
   kExitFailed = 1,
   // The command line.
   kExitUsage = 2,
-  // Definitions or the table of roles hold mistakes; each stands on standard error.
+  // Definitions or the table of roles hold mistakes, and none were good before; each stands on standard
+  // error.
   kExitBadDefinitions = 3,
   // The store cannot be used: rights, another process, a newer version.
   kExitBadStore = 4,

@@ -36,9 +36,9 @@ void say(std::FILE* where, const std::string& line) {
   std::fflush(where);
 }
 
-int check(const std::string& directory) {
+int check(const ConfigSrv::FilesToCheck& files) {
   std::size_t variables = 0;
-  const std::vector<std::string> mistakes = ConfigSrv::checkDefinitions(directory, variables);
+  const std::vector<std::string> mistakes = ConfigSrv::checkFiles(files, variables);
   for (const std::string& mistake : mistakes) say(stderr, mistake);
   if (!mistakes.empty()) return kExitBadDefinitions;
   say(stdout, std::to_string(variables) + " variables, no mistakes");
@@ -148,7 +148,7 @@ int main(int argc, char** argv) {
   ParsedCommandLine parsed = parseCommandLine(argc, argv);
   if (!parsed.commandLine) return parsed.exitCode;
   CommandLine& line = *parsed.commandLine;
-  if (!line.checkDir.empty()) return check(line.checkDir);
+  if (!line.check.definitionsDirs.empty()) return check(line.check);
 
   // Neither a reader of our output that went away nor a limit on the size of files ends the service:
   // the write fails, as on a full disk. Directories are made for everybody to enter, for who may do what

@@ -1,11 +1,11 @@
 // Definitions: which variables exist, what they may hold, and who may use them.
 //
-// Read from the TOML files of one directory, in the byte order of their names. A later file changes
+// Read from the TOML files of one directory or several (definition_files.h). A later file changes
 // single fields of a variable that an earlier one defined, so that a vendor's layer holds only what
 // the vendor wants otherwise. docs/definitions.md is the reference of the format;
 // appconfig-definitions(5) is what a device has of it.
 //
-//   LoadResult loaded = loadDefinitions("/etc/appconfig/definitions.d");
+//   LoadResult loaded = loadDefinitions({"/usr/share/appconfig/definitions.d", "/etc/appconfig/definitions.d"});
 //   if (!loaded.mistakes.empty()) fail(formatMistakes(loaded.mistakes));
 //   const ConfigVar key("network", 0, "hostname", 0);
 //   const VariableDefinition* hostname = loaded.definitions.find(key);
@@ -118,10 +118,12 @@ struct LoadResult {
   std::vector<Mistake> mistakes;
 };
 
-// Reads every file of the directory whose name ends in ".toml" and does not begin with a dot. A
-// directory that cannot be read, or that holds no such file, is a mistake: a service without
-// variables serves nobody, and is most likely looking in the wrong place.
-LoadResult loadDefinitions(const std::string& directory);
+// Makes definitions of files that were read. Mistakes that reading them made are among the result's.
+struct DefinitionFiles;
+LoadResult parseDefinitions(const DefinitionFiles& files);
+
+// Reads the files of the directories and makes definitions of them.
+LoadResult loadDefinitions(const std::vector<std::string>& directories);
 
 // Whether the variable may hold the value; a failure names the limit and what is allowed:
 // "\"70000\" is more than 9000, the largest value allowed". options are the present ones, which need

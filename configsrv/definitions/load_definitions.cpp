@@ -1,15 +1,11 @@
-// Loading runs in three steps: files become layers, layers become written definitions (layers.h),
+// Loading runs in three steps: texts become layers, layers become written definitions (layers.h),
 // and these are expanded here into variables.
 //
 // A variable can be covered by up to three definitions, each of which names more of its instances
 // than the one before: "network.eth.addr", "network.eth[1].addr", "network.eth[1].addr[2]". Their
 // fields are laid over each other in that order, whichever file they stand in, and variables
 // covered by the same definitions share one shape.
-#include <dirent.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <thread>
@@ -18,6 +14,7 @@
 #include <utility>
 
 #include "appconfig/core/key_notation.h"
+#include "configsrv/definitions/definition_files.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/definitions/internal/layers.h"
 #include "configsrv/definitions/internal/shape_reader.h"
@@ -26,49 +23,12 @@
 namespace ConfigSrv {
 namespace {
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
-bool isDefinitionFile(std::string_view name) {
-  constexpr std::string_view kEnding = ".toml";
-  return name.size() > kEnding.size() && name[0] != '.' &&
-         name.substr(name.size() - kEnding.size()) == kEnding;
-}
-
-Mistake aboutDirectory(const std::string& directory, const std::string& text) {
-  return {directory, 0, 0, text};
-}
-
-std::vector<std::string> listFiles(const std::string& directory, std::vector<Mistake>& mistakes) {
-  std::vector<std::string> names;
-  const std::unique_ptr<DIR, CloseDirectory> stream(::opendir(directory.c_str()));
-  errno = stream ? 0 : errno;
-  const dirent* entry = stream ? ::readdir(stream.get()) : nullptr;
-  for (; entry != nullptr; entry = ::readdir(stream.get())) {
-    if (isDefinitionFile(entry->d_name)) names.emplace_back(entry->d_name);
-    errno = 0;
-  }
-  if (errno != 0) {
-    mistakes.push_back(aboutDirectory(
-        directory, std::string("the directory cannot be read: ") + std::strerror(errno)));
-  } else if (names.empty()) {
-    mistakes.push_back(aboutDirectory(
-        directory, "the directory holds no file that ends in \".toml\", and so no variable"));
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-std::vector<Layer> readFiles(const std::string& directory, std::vector<Mistake>& mistakes) {
+std::vector<Layer> layersOf(const std::vector<TextFile>& files, std::vector<Mistake>& mistakes) {
   std::vector<Layer> layers;
-  for (const std::string& name : listFiles(directory, mistakes)) {
-    const bool slash = !directory.empty() && directory.back() == '/';
-    std::string path = directory;
-    path.append(slash ? "" : "/").append(name);
-    TomlDocument document = readToml(path);
+  for (const TextFile& file : files) {
+    TomlDocument document = parseToml(file.text, file.path);
     if (document.mistake) mistakes.push_back(std::move(*document.mistake));
-    if (document.root) layers.push_back({std::move(path), std::move(*document.root)});
+    if (document.root) layers.push_back({file.path, std::move(*document.root)});
   }
   return layers;
 }
@@ -178,9 +138,10 @@ void sortAndThin(std::vector<Mistake>& mistakes) {
       mistakes.end());
 }
 
-LoadResult readDefinitions(const std::string& directory) {
+LoadResult readDefinitions(const DefinitionFiles& files) {
   LoadResult result;
-  const std::vector<Layer> layers = readFiles(directory, result.mistakes);
+  result.mistakes = files.mistakes;
+  const std::vector<Layer> layers = layersOf(files.files, result.mistakes);
   // When a file could not be read, the others would seem to have mistakes that they do not have.
   const bool complete = result.mistakes.empty();
   const std::vector<WrittenDefinition> written = readLayers(layers, result.mistakes);
@@ -210,10 +171,14 @@ Definitions copyOf(const Definitions& definitions) {
 // scattered over all of it and keep it from being returned: 8 MiB for 10,000 variables. A thread of
 // its own has a heap of its own, which is given back whole once the definitions are copied out of
 // it.
-LoadResult loadDefinitions(const std::string& directory) {
+LoadResult parseDefinitions(const DefinitionFiles& files) {
   LoadResult read;
-  std::thread([&] { read = readDefinitions(directory); }).join();
+  std::thread([&] { read = readDefinitions(files); }).join();
   return {copyOf(read.definitions), std::move(read.mistakes)};
+}
+
+LoadResult loadDefinitions(const std::vector<std::string>& directories) {
+  return parseDefinitions(readDefinitionFiles(directories));
 }
 
 }  // namespace ConfigSrv

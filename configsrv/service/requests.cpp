@@ -15,8 +15,8 @@ Requests::Requests(const RequestContext& with)
       changes_(frame_, with.log, with.model, with.changes, slices_, with.audit),
       callbacks_(frame_, {with.log, with.access, with.model, with.subscriptions, with.announcer,
                           with.changes, with.providers, with.server, slices_}),
-      tools_(frame_, {with.options, with.model, with.subscriptions, with.announcer, with.changes,
-                      reads_, with.server, with.store}),
+      tools_(frame_, {with.options, with.standing, with.model, with.subscriptions, with.announcer,
+                      with.changes, reads_, with.server, with.store}),
       monitors_(frame_, with.monitor),
       stores_(frame_, {with.log, with.model, with.server, with.options.storeFile, with.withStore,
                        with.restart}) {}

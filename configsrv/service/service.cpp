@@ -16,7 +16,7 @@
 #include "configsrv/audit/audit_trail.h"
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/changes.h"
-#include "configsrv/definitions/definitions.h"
+#include "configsrv/in_force/in_force.h"
 #include "configsrv/log/flood_guard.h"
 #include "configsrv/model/model.h"
 #include "configsrv/monitor/monitor.h"
@@ -51,18 +51,19 @@ StartedService failed(StartStatus status, std::vector<std::string> lines) {
 
 class Service::Impl final : public PbUtility::ServerHandler, public Host {
  public:
-  Impl(ServiceOptions options, const Log& log, AccessPolicy access, Definitions definitions,
-       std::unique_ptr<Witness> witness, OpenedStore opened)
+  Impl(ServiceOptions options, const Log& log, InForce inForce, std::unique_ptr<Witness> witness,
+       OpenedStore opened)
       : options_(std::move(options)),
         log_(log),
-        access_(std::move(access)),
+        standing_(std::move(inForce.standing)),
+        access_(std::move(inForce.access)),
         names_(access_),
         audit_(options_.auditFile.empty() ? nullptr
                                           : std::make_unique<AuditTrail>(options_.auditFile, log)),
         providers_(besideSocket(options_, ".providers"), log),
         witness_(std::move(witness)),
         store_(std::move(opened.store)),
-        model_(std::move(definitions)),
+        model_(std::move(inForce.definitions)),
         epoch_(witness_->epochFor(store_->storeId(), model_.definitions().digest())),
         subscriptions_({}, ::geteuid(),
                        [this](uid_t user, std::function<void()> task) {
@@ -87,8 +88,8 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
             },
             [this] { changes_.providersCame(); }),
         auditUpkeep_(audit_.get(), *store_, log, storeWorker()),
-        requests_({options_, log, access_, model_, subscriptions_, announcer_, changes_, monitor_,
-                   tap_, server_, providers_, audit_.get(), *store_, storeWorker(),
+        requests_({options_, log, standing_, access_, model_, subscriptions_, announcer_, changes_,
+                   monitor_, tap_, server_, providers_, audit_.get(), *store_, storeWorker(),
                    [this] { restart(); }}),
         commits_(*store_,
                  [this] {
@@ -198,6 +199,7 @@ class Service::Impl final : public PbUtility::ServerHandler, public Host {
 
   const ServiceOptions options_;
   const Log& log_;
+  const Standing standing_;
   const AccessPolicy access_;
   NameClaims names_;
   const std::unique_ptr<AuditTrail> audit_;
@@ -331,9 +333,12 @@ std::string Service::Impl::describe() const {
 }
 
 StartedService Service::start(const ServiceOptions& options, const Log& log) {
-  CheckedFiles files = checkFiles(options, log);
-  if (!files.mistakes.empty())
-    return failed(StartStatus::BadDefinitions, std::move(files.mistakes));
+  InForceFiles files({options.definitionsDirs, options.rolesFile, options.storeFile});
+  InForce inForce = files.read();
+  if (!inForce.isComplete) return failed(StartStatus::BadDefinitions, std::move(inForce.errors));
+  for (const std::string& line : inForce.errors) log.error(line);
+  for (const std::string& line : inForce.warnings) log.warning(line);
+  warnOfDefinitions(options, log);
 
   auto witness = std::make_unique<Witness>(besideSocket(options, ".witness"),
                                            [&log](const std::string& line) { log.warning(line); });
@@ -345,9 +350,10 @@ StartedService Service::start(const ServiceOptions& options, const Log& log) {
   OpenedStore opened = Store::open(storeOptions);
   if (!opened.status.ok()) return failed(StartStatus::BadStore, {opened.status.text});
 
-  auto impl =
-      std::make_unique<Impl>(options, log, std::move(files.access), std::move(files.definitions),
-                             std::move(witness), std::move(opened));
+  for (const std::string& line : files.keep()) log.warning(line);
+
+  auto impl = std::make_unique<Impl>(options, log, std::move(inForce), std::move(witness),
+                                     std::move(opened));
   const Base::Status<> ready = impl->open();
   if (!ready.ok()) return failed(StartStatus::BadSocket, {ready.text});
   warnOfRuntimeDir(options, log);

@@ -1,7 +1,7 @@
 // Service: the configuration service as an object. configsrvd is this and a command line.
 //
 //   Log log(LogLevel::Info, Log::toStandardError());
-//   StartedService started = Service::start({"/etc/appconfig/definitions.d", "store.db"}, log);
+//   StartedService started = Service::start({{"/etc/appconfig/definitions.d"}, "store.db"}, log);
 //   if (started.status != StartStatus::Ok) { for (auto& line : started.lines) show(line); ... }
 //   Service::End end = started.service->run();  // until stop()
 //
@@ -22,7 +22,8 @@
 namespace ConfigSrv {
 
 struct ServiceOptions {
-  std::string definitionsDir;
+  // Where the definitions are. A file of a later directory replaces one of its name in an earlier one.
+  std::vector<std::string> definitionsDirs;
   std::string storeFile;
   // Where the socket stands. Empty: the default of platform/messaging/wire/runtime_dir.h.
   std::string runtimeDir;
@@ -94,8 +95,18 @@ class Service {
   std::unique_ptr<Impl> impl_;
 };
 
-// All mistakes in a directory of definitions, one line each; none when it could be served. Sets the
-// number of variables that it defines.
-std::vector<std::string> checkDefinitions(const std::string& directory, std::size_t& variables);
+// Files to look through where a device's image is made, or before a service is to read them.
+struct FilesToCheck {
+  std::vector<std::string> definitionsDirs;
+  // Empty: no table of roles.
+  std::string rolesFile;
+  // The image's root directory, whose users and groups the table may name; empty: this system's.
+  std::string sysroot;
+};
+
+// All mistakes in the files, one line each; none when a service would run by them as they are.
+// Stricter than a start of the service: a table of roles that is not there, that names somebody whom
+// nobody knows, or that others may write is a mistake as well. Sets the number of variables.
+std::vector<std::string> checkFiles(const FilesToCheck& files, std::size_t& variables);
 
 }  // namespace ConfigSrv

@@ -1,6 +1,6 @@
-// checkFiles() reads both files even when the first has mistakes, so that all are told at once. The
-// warnings hold a path's owner and rights against the rule for everything that decides about values
-// and roles (whyNotTrusted).
+// The warnings hold a path's owner and rights against the rule for everything that decides about values
+// and roles (whyNotTrusted). checkFiles() reads the table of roles even when the definitions have
+// mistakes, so that all are told at once.
 #include "configsrv/service/internal/start_checks.h"
 
 #include <dirent.h>
@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <utility>
 
+#include "configsrv/access/access_policy.h"
+#include "configsrv/access/image_users.h"
+#include "configsrv/definitions/definitions.h"
 #include "configsrv/service/internal/socket_place.h"
 
 namespace ConfigSrv {
@@ -39,30 +41,33 @@ std::vector<std::string> pathsOf(const std::string& directory) {
   return paths;
 }
 
-void warnOfDefinitions(const std::string& directory, const Log& log) {
-  for (const std::string& path : pathsOf(directory)) {
-    const std::string why = whyNotTrustedAt(path);
-    if (why.empty()) continue;
-    std::string line = path;
-    line.append(": this definition ").append(why);
-    log.warning(line.append(", who can thereby change who may do what: make it root's alone"));
+void warnOfPath(const std::string& path, const Log& log) {
+  const std::string why = whyNotTrustedAt(path);
+  if (why.empty()) return;
+  std::string line = path;
+  line.append(": this definition ").append(why);
+  log.warning(line.append(", who can thereby change who may do what: make it root's alone"));
+}
+
+std::vector<std::string> checkRoles(const FilesToCheck& files, const UserDatabase& users) {
+  std::vector<std::string> lines;
+  const AccessLoadResult roles = AccessPolicy::load(files.rolesFile, ::geteuid(), users);
+  addLines(roles.mistakes, lines);
+  addLines(roles.unknown, lines);
+  if (!roles.distrust.empty()) {
+    lines.push_back(roles.distrust);
+  } else if (roles.mistakes.empty() && !roles.text) {
+    lines.push_back(files.rolesFile + ": there is no such file: correct the path behind --roles");
   }
+  return lines;
 }
 
 }  // namespace
 
-CheckedFiles checkFiles(const ServiceOptions& options, const Log& log) {
-  LoadResult loaded = loadDefinitions(options.definitionsDir);
-  CheckedFiles files{std::move(loaded.definitions), AccessPolicy(geteuid()), {}};
-  addLines(loaded.mistakes, files.mistakes);
-  if (!options.rolesFile.empty()) {
-    AccessLoadResult roles = AccessPolicy::load(options.rolesFile, geteuid());
-    addLines(roles.mistakes, files.mistakes);
-    if (!roles.distrust.empty()) log.error(roles.distrust);
-    files.access = std::move(roles.policy);
+void warnOfDefinitions(const ServiceOptions& options, const Log& log) {
+  for (const std::string& directory : options.definitionsDirs) {
+    for (const std::string& path : pathsOf(directory)) warnOfPath(path, log);
   }
-  if (files.mistakes.empty()) warnOfDefinitions(options.definitionsDir, log);
-  return files;
 }
 
 void warnOfRuntimeDir(const ServiceOptions& options, const Log& log) {
@@ -76,11 +81,21 @@ void warnOfRuntimeDir(const ServiceOptions& options, const Log& log) {
         ", who can thereby take the service's place: make it root's or the service's alone");
 }
 
-std::vector<std::string> checkDefinitions(const std::string& directory, std::size_t& variables) {
-  const LoadResult loaded = loadDefinitions(directory);
+std::vector<std::string> checkFiles(const FilesToCheck& files, std::size_t& variables) {
+  const LoadResult loaded = loadDefinitions(files.definitionsDirs);
   variables = loaded.definitions.size();
   std::vector<std::string> lines;
   addLines(loaded.mistakes, lines);
+  if (files.rolesFile.empty()) return lines;
+  std::vector<std::string> ofRoles;
+  if (files.sysroot.empty()) {
+    ofRoles = checkRoles(files, systemUserDatabase());
+  } else {
+    const ImageUsers users(files.sysroot);
+    ofRoles = users.whyUnreadable().empty() ? checkRoles(files, users)
+                                            : std::vector<std::string>{users.whyUnreadable()};
+  }
+  lines.insert(lines.end(), ofRoles.begin(), ofRoles.end());
   return lines;
 }
 

@@ -66,6 +66,12 @@ class ListPage {
   AnswerSize size_;
 };
 
+std::string joined(const std::vector<std::string>& directories) {
+  std::string all;
+  for (const std::string& directory : directories) all += (all.empty() ? "" : ":") + directory;
+  return all;
+}
+
 std::uint32_t number(std::size_t count) { return static_cast<std::uint32_t>(count); }
 
 // A provider is who is asked, whichever of the two questions it is.
@@ -153,8 +159,24 @@ void ToolRequests::status(const Call&, const ConfigIF::StatusReq&, ConfigIF::Sta
   response.set_store_bytes(store.bytes);
   response.set_snapshots(store.snapshots);
   response.set_failed_snapshots(store.failedSnapshots);
-  response.set_definitions_dir(with_.options.definitionsDir);
+  response.set_definitions_dir(joined(with_.options.definitionsDirs));
   response.set_store_file(with_.options.storeFile);
+  tellStanding(response);
+}
+
+void ToolRequests::tellStanding(ConfigIF::StatusRsp& response) const {
+  const Standing& standing = with_.standing;
+  response.set_last_good_definitions(standing.lastGoodDefinitions);
+  response.set_last_good_roles(standing.lastGoodRoles);
+  for (const std::string& mistake : standing.mistakes) {
+    const auto told = static_cast<std::size_t>(response.mistakes_size());
+    if (told == kMaxMistakesTold) {
+      const std::size_t more = standing.mistakes.size() - told;
+      response.add_mistakes("and " + std::to_string(more) + " more, which the service's log has");
+      return;
+    }
+    response.add_mistakes(mistake);
+  }
 }
 
 void ToolRequests::clients(const Call&, const ConfigIF::ClientsReq&,

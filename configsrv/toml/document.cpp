@@ -206,15 +206,22 @@ TomlDocument parseToml(std::string_view text, const std::string& file) {
 }
 
 TomlDocument readToml(const std::string& path) {
-  return readOpenToml(OpenFile(path).descriptor(), path);
+  TextFile file{path, {}};
+  std::optional<Mistake> mistake = readText(file);
+  if (mistake) return {std::nullopt, std::move(mistake)};
+  return parseToml(file.text, path);
 }
 
-TomlDocument readOpenToml(int descriptor, const std::string& path) {
-  std::string text;
+std::optional<Mistake> readText(TextFile& file) {
+  return readOpenText(OpenFile(file.path).descriptor(), file);
+}
+
+std::optional<Mistake> readOpenText(int descriptor, TextFile& file) {
+  file.text.clear();
   Base::Status<> read = checkFile(descriptor);
-  if (read.ok()) read = readAll(descriptor, text);
-  if (!read.ok()) return mistaken(path, 0, 0, std::move(read.text));
-  return parseToml(text, path);
+  if (read.ok()) read = readAll(descriptor, file.text);
+  if (read.ok()) return std::nullopt;
+  return Mistake{file.path, 0, 0, std::move(read.text)};
 }
 
 }  // namespace ConfigSrv

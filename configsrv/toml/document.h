@@ -8,6 +8,10 @@
 // Errors:   a file that cannot be read, is larger than kMaxTomlBytes, is not TOML or nests deeper
 //           than a configuration ever does gives one Mistake and no tree.
 // Threads:  plain values; any number of threads may read one, and parse at once.
+//
+//   TextFile file{"/etc/appconfig/roles.toml", {}};
+//   if (std::optional<Mistake> mistake = readText(file)) return fail(*mistake);
+//   TomlDocument document = parseToml(file.text, file.path);
 #pragma once
 
 #include <cstddef>
@@ -65,8 +69,17 @@ TomlDocument parseToml(std::string_view text, const std::string& file);
 
 TomlDocument readToml(const std::string& path);
 
-// Reads a file that the caller has opened, to its end; path is the name used in mistakes. For a
-// caller that has to know whose file it is: opened a second time, the name could lead elsewhere.
-TomlDocument readOpenToml(int descriptor, const std::string& path);
+// A file's name and what is in it: for whoever keeps the text to read it once more.
+struct TextFile {
+  std::string path;
+  std::string text;
+};
+
+// Reads what readToml() would parse. The file's path says which, and is the name used in mistakes.
+std::optional<Mistake> readText(TextFile& file);
+
+// The same of a file that the caller has opened. For a caller that has to know whose file it is:
+// opened a second time, the name could lead elsewhere.
+std::optional<Mistake> readOpenText(int descriptor, TextFile& file);
 
 }  // namespace ConfigSrv

@@ -118,7 +118,8 @@ SHAPE(ListRecord, numbers(4, 6));
 constexpr Part kListRsp[] = {one(1, kReturnMessageShape),
                              many(2, kListRecordShape, Counted::Nothing), one(4, kInstShape)};
 SHAPE(ListRsp, numbers());
-constexpr Part kStatusRsp[] = {one(1, kReturnMessageShape), text(2), text(15), text(16)};
+constexpr Part kStatusRsp[] = {one(1, kReturnMessageShape), text(2), text(15), text(16),
+                               texts(23, Counted::Elements)};
 SHAPE(StatusRsp, numbers());
 constexpr Part kClientRecord[] = {text(1), texts(7, Counted::Nothing)};
 SHAPE(ClientRecord, numbers(2, 3, 4, 5, 6));

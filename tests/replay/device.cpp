@@ -137,7 +137,7 @@ void Device::startService() {
 
 void Device::serve() {
   ConfigSrv::ServiceOptions options;
-  options.definitionsDir = place("definitions.d");
+  options.definitionsDirs = {place("definitions.d")};
   options.storeFile = disk_.options().file;
   options.runtimeDir = place("run");
   options.providerGrace = std::chrono::seconds(60);

@@ -118,6 +118,12 @@ int ServiceProcess::startAndWait() {
   return waitForEnd();
 }
 
+void ServiceProcess::startAndKillWhen(const std::function<bool()>& condition) {
+  spawn();
+  EXPECT_TRUE(eventually(condition)) << log();
+  kill();
+}
+
 bool ServiceProcess::waitForReadyLine() const {
   std::string text;
   const Clock::time_point deadline = Clock::now() + kPatience;

@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,8 @@ class ServiceProcess {
   void start();
   // Starts it and waits for its end: for a start that has to fail.
   int startAndWait();
+  // Starts it and kills it as soon as the condition holds, wherever it is then.
+  void startAndKillWhen(const std::function<bool()>& condition);
   // SIGKILL, and waits for the end.
   void kill();
   // SIGTERM, and waits for the end: the exit code, or minus the signal that killed it.

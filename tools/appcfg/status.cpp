@@ -21,7 +21,23 @@ Record recordOf(const Session& session, const ConfigIF::StatusRsp& s) {
   record.count("store_writes", s.store_writes()).count("store_bytes", s.store_bytes());
   record.count("snapshots", s.snapshots()).count("failed_snapshots", s.failed_snapshots());
   record.text("definitions_dir", s.definitions_dir()).text("store_file", s.store_file());
-  return record;
+  record.flag("last_good_definitions", s.last_good_definitions());
+  record.flag("last_good_roles", s.last_good_roles());
+  return record.list("mistakes", {s.mistakes().begin(), s.mistakes().end()});
+}
+
+// Below the table, and only when something is wrong: what is in force, and why it is not what the files
+// say.
+std::string wrong(const ConfigIF::StatusRsp& s) {
+  std::string text;
+  if (s.last_good_definitions())
+    text += "\nThe last good definitions are in force, for the files have mistakes.";
+  if (s.last_good_roles())
+    text += "\nThe last good table of roles is in force, for the file has mistakes.";
+  if (text.empty()) return text;
+  text += "\nCorrect them, and start the service anew:\n";
+  for (const std::string& mistake : s.mistakes()) text += "  " + escapeLine(mistake) + '\n';
+  return text;
 }
 
 std::string table(const Session& session, const ConfigIF::StatusRsp& s) {
@@ -58,7 +74,7 @@ Outcome runStatus(Context& context, const Arguments&) {
   if (context.output.json()) {
     context.output.record(recordOf(session, response));
   } else {
-    context.output.bytes(table(session, response));
+    context.output.bytes(table(session, response) + wrong(response));
   }
   return {};
 }

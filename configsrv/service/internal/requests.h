@@ -31,6 +31,7 @@ namespace ConfigSrv {
 struct RequestContext {
   const ServiceOptions& options;
   const Log& log;
+  const Standing& standing;
   const AccessPolicy& access;
   const Model& model;
   Subscriptions& subscriptions;

@@ -9,6 +9,7 @@
 
 #include "configsrv/changes/announcer.h"
 #include "configsrv/changes/changes.h"
+#include "configsrv/in_force/in_force.h"
 #include "configsrv/model/model.h"
 #include "configsrv/service/internal/read_requests.h"
 #include "configsrv/service/internal/request_frame.h"
@@ -23,10 +24,13 @@ class ToolRequests {
  public:
   // Records of one page of a listing, however many are asked for.
   static constexpr std::size_t kMaxListed = 1024;
+  // Mistakes in files that the state of the service tells: the log has all of them.
+  static constexpr std::size_t kMaxMistakesTold = 20;
 
   // All of it is there to be counted, but for the model, which is listed.
   struct Parts {
     const ServiceOptions& options;
+    const Standing& standing;
     const Model& model;
     const Subscriptions& subscriptions;
     const Announcer& announcer;
@@ -46,6 +50,7 @@ class ToolRequests {
   bool findListed(const ConfigIF::ListReq&, std::vector<const Variable*>& listed,
                   ConfigIF::ReturnMessage&) const;
   void status(const Call&, const ConfigIF::StatusReq&, ConfigIF::StatusRsp&);
+  void tellStanding(ConfigIF::StatusRsp&) const;
   void clients(const Call&, const ConfigIF::ClientsReq&, ConfigIF::ClientsRsp&);
 
   RequestFrame& frame_;

@@ -185,18 +185,6 @@ struct BadFile {
 };
 
 const BadFile kBadFiles[] = {
-    {"[users]\nnobody-here = \"user\"\n",
-     "roles.toml:2:1: this device has no user \"nobody-here\": correct the name, or give its "
-     "number\n"},
-    {"[groups]\nnobody-here = \"user\"\n",
-     "roles.toml:2:1: this device has no group \"nobody-here\": correct the name, or give its "
-     "number\n"},
-    {"[users]\n4294967295 = \"user\"\n",
-     "roles.toml:2:1: this device has no user \"4294967295\": correct the name, or give its "
-     "number\n"},
-    {"[users]\n99999999999 = \"user\"\n",
-     "roles.toml:2:1: this device has no user \"99999999999\": correct the name, or give its "
-     "number\n"},
     {"[users]\nthermostat = \"root\"\n",
      "roles.toml:2:1: \"thermostat\" is given the role \"root\", which is none of public, user, "
      "installer, service, factory\n"},
@@ -215,10 +203,8 @@ const BadFile kBadFiles[] = {
     {"default = \"nobody\"\n[users]\nx = \"user\"\ny = 5\n",
      "roles.toml:1:1: \"default\" is given the role \"nobody\", which is none of public, user, "
      "installer, service, factory\n"
-     "roles.toml:3:1: this device has no user \"x\": correct the name, or give its number\n"
      "roles.toml:4:1: \"y\" takes a role, one of public, user, installer, service, factory, not an "
-     "integer\n"
-     "roles.toml:4:1: this device has no user \"y\": correct the name, or give its number\n"},
+     "integer\n"},
 };
 
 TEST_F(AccessPolicyTest, EveryMistakeIsReportedWithItsPlaceAndWhatIsAllowed) {
@@ -227,7 +213,7 @@ TEST_F(AccessPolicyTest, EveryMistakeIsReportedWithItsPlaceAndWhatIsAllowed) {
 
 TEST_F(AccessPolicyTest, WithAMistakeNothingOfTheFileCounts) {
   const AccessLoadResult result =
-      load("[users]\nthermostat = \"factory\"\nnobody-here = \"user\"\n");
+      load("[users]\nthermostat = \"factory\"\ntechnician = \"king\"\n");
   ASSERT_EQ(result.mistakes.size(), 1U);
   EXPECT_EQ(result.policy.highestRole(kThermostat, kUsers), eRoleUser);
 }
@@ -260,14 +246,52 @@ TEST_F(AccessPolicyTest, TheCommandLinesNameIsEverybodysUnlessTheFileSaysOtherwi
             NameUse::NotTheirs);
 }
 
-TEST_F(AccessPolicyTest, NamesThatAreGivenToNobodyAreMistakes) {
+TEST_F(AccessPolicyTest, NamesThatAreGivenToNoUserInQuotesAreMistakes) {
   EXPECT_EQ(
-      mistakes("[names]\na = \"nobody-here\"\nb = 7\n"),
-      "roles.toml:2:1: this device has no user \"nobody-here\": correct the name, or give its "
-      "number\n"
-      "roles.toml:3:1: \"b\" takes a user in quotes, or \"*\" for everybody, not an integer\n");
+      mistakes("[names]\nb = 7\n"),
+      "roles.toml:2:1: \"b\" takes a user in quotes, or \"*\" for everybody, not an integer\n");
   EXPECT_EQ(mistakes("names = 1\n"),
             "roles.toml:1:1: \"names\" takes a table, as in [names], not an integer\n");
+}
+
+TEST_F(AccessPolicyTest, ALineForSomebodyWhoIsNotKnownGrantsNothingAndTheOthersHold) {
+  const AccessLoadResult result = load(
+      "[users]\ngone = \"factory\"\n4294967295 = \"factory\"\nthermostat = \"installer\"\n"
+      "[groups]\nnobodys = \"factory\"\nnetdev = \"service\"\n");
+  EXPECT_TRUE(result.mistakes.empty()) << formatMistakes(result.mistakes);
+  EXPECT_EQ(result.policy.highestRole(kThermostat, kUsers), eRoleInstaller);
+  EXPECT_EQ(result.policy.highestRole(kStranger, kNetdev), eRoleService);
+  EXPECT_EQ(result.policy.highestRole(kStranger, kUsers), eRoleUser);
+  const std::string path = directory_.file("roles.toml");
+  EXPECT_EQ(formatMistakes(result.unknown),
+            path +
+                ":2:1: no user \"gone\" is known here, so this line grants nothing: correct the "
+                "name, or give its number\n" +
+                path +
+                ":3:1: no user \"4294967295\" is known here, so this line grants nothing: correct "
+                "the name, or give its number\n" +
+                path +
+                ":6:1: no group \"nobodys\" is known here, so this line grants nothing: correct "
+                "the name, or give its number\n");
+}
+
+TEST_F(AccessPolicyTest, ANameOfAUserWhoIsNotKnownIsNobodysAndNotEverybodys) {
+  using NameUse = AccessPolicy::NameUse;
+  const AccessLoadResult result = load("[names]\nui = \"gone\"\n");
+  EXPECT_TRUE(result.mistakes.empty());
+  EXPECT_EQ(result.policy.useOfName("ui", kStranger), NameUse::NotTheirs);
+  EXPECT_EQ(result.policy.useOfName("ui", 0), NameUse::Theirs);
+  EXPECT_EQ(formatMistakes(result.unknown),
+            directory_.file("roles.toml") +
+                ":2:1: no user \"gone\" is known here, so only root and the service's own user may "
+                "have this endpoint name: correct the name, or give its number\n");
+}
+
+TEST_F(AccessPolicyTest, AByteOrderMarkBeforeTheTableMakesNoDifference) {
+  EXPECT_EQ(policy("\xEF\xBB\xBF"
+                   "default = \"public\"\n")
+                .highestRole(kStranger, kUsers),
+            eRolePublic);
 }
 
 TEST_F(AccessPolicyTest, NamesThatLookAlikeOrCannotBeSeenAreMistakes) {

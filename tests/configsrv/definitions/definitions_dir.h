@@ -33,7 +33,7 @@ class DefinitionsDir {
     std::ofstream(directory_.file(name), std::ios::binary) << text;
     return *this;
   }
-  LoadResult load() const { return loadDefinitions(directory_.path()); }
+  LoadResult load() const { return loadDefinitions({directory_.path()}); }
   const std::string& path() const { return directory_.path(); }
 
   Definitions definitions() const {

@@ -254,7 +254,7 @@ TEST_F(LoadDefinitionsTest, ADirectoryWithoutDefinitionFilesIsAMistake) {
 }
 
 TEST_F(LoadDefinitionsTest, ADirectoryThatCannotBeReadIsAMistake) {
-  const LoadResult result = loadDefinitions(directory_.path() + "/none");
+  const LoadResult result = loadDefinitions({directory_.path() + "/none"});
   EXPECT_EQ(formatMistakes(result.mistakes),
             directory_.path() + "/none: the directory cannot be read: No such file or directory\n");
 }

@@ -25,6 +25,7 @@ class RequestsTest : public RequestsFixture {
                   [&lines](LogLevel, const std::string& line) { lines.push_back(line); });
     Requests requests({options_,
                        log,
+                       standing_,
                        access_,
                        model_,
                        subscriptions_,
@@ -45,6 +46,7 @@ class RequestsTest : public RequestsFixture {
 
   TestSupport::TempDir directory_;
   const ServiceOptions options_{};
+  const Standing standing_;
   const std::unique_ptr<Store> store_ = openStore(directory_.file("store.db"));
   ProviderMemory providers_{"", log_};
 };

@@ -20,7 +20,7 @@ using testing::IsEmpty;
 class StartChecksTest : public testing::Test {
  protected:
   StartChecksTest() {
-    makeDirectory(options_.definitionsDir);
+    makeDirectory(options_.definitionsDirs.front());
     makeDirectory(options_.runtimeDir);
     write("d/a.toml", "[variable.\"net.mtu\"]\ntype = \"int\"\ndefault = 1500\n");
   }
@@ -42,44 +42,28 @@ class StartChecksTest : public testing::Test {
                  [this](LogLevel, const std::string& line) { lines_.push_back(line); }};
   ServiceOptions options_ = [this] {
     ServiceOptions options;
-    options.definitionsDir = directory_.file("d");
+    options.definitionsDirs = {directory_.file("d")};
     options.runtimeDir = directory_.file("run");
     return options;
   }();
 };
 
-TEST_F(StartChecksTest, FilesWithoutMistakesAreReadAndNothingIsSaid) {
-  const CheckedFiles files = checkFiles(options_, log_);
-  EXPECT_THAT(files.mistakes, IsEmpty());
-  EXPECT_EQ(files.definitions.size(), 1U);
-  EXPECT_THAT(lines_, IsEmpty());
-}
-
-TEST_F(StartChecksTest, MistakesOfDefinitionsAndRolesAreToldTogether) {
-  write("d/a.toml", "[variable.\"net.mtu\"]\ntype = \"none\"\n");
-  write("roles", "nonsense = 1\n");
-  options_.rolesFile = directory_.file("roles");
-  EXPECT_THAT(checkFiles(options_, log_).mistakes,
-              testing::AllOf(testing::Contains(HasSubstr("a.toml")),
-                             testing::Contains(HasSubstr("roles:1"))));
-}
-
-TEST_F(StartChecksTest, DefinitionsThatOthersCouldWriteAreUsedAndWarnedOf) {
+TEST_F(StartChecksTest, DefinitionsThatOthersCouldWriteAreWarnedOf) {
   allow("d/a.toml", 0622);
-  EXPECT_THAT(checkFiles(options_, log_).mistakes, IsEmpty());
+  warnOfDefinitions(options_, log_);
   EXPECT_THAT(lines_, ElementsAre(AllOf(HasSubstr("d/a.toml: this definition can be written by"),
                                         HasSubstr("make it root's alone"))));
   allow("d/a.toml", 0600);
   allow("d", 0777);
   lines_.clear();
-  checkFiles(options_, log_);
+  warnOfDefinitions(options_, log_);
   EXPECT_THAT(lines_, ElementsAre(HasSubstr("/d: this definition can be written by")));
 }
 
 TEST_F(StartChecksTest, HiddenFilesAmongTheDefinitionsAreNotLookedAt) {
   write("d/.swap", "");
   allow("d/.swap", 0666);
-  checkFiles(options_, log_);
+  warnOfDefinitions(options_, log_);
   EXPECT_THAT(lines_, IsEmpty());
 }
 
@@ -95,11 +79,55 @@ TEST_F(StartChecksTest, ARuntimeDirectoryThatOthersCouldWriteIsWarnedOf) {
   EXPECT_THAT(lines_, IsEmpty()) << "a socket that was handed over stands where its maker says";
 }
 
-TEST_F(StartChecksTest, DefinitionsAreCheckedWithoutAService) {
-  std::size_t variables = 0;
-  EXPECT_THAT(checkDefinitions(options_.definitionsDir, variables), IsEmpty());
-  EXPECT_EQ(variables, 1U);
-  EXPECT_THAT(checkDefinitions(directory_.file("none"), variables), testing::SizeIs(1));
+class CheckFilesTest : public StartChecksTest {
+ protected:
+  CheckFilesTest() {
+    makeDirectory(directory_.file("image"));
+    makeDirectory(directory_.file("image/etc"));
+    write("image/etc/passwd", "panel:x:61001:61001::/:\n");
+    write("image/etc/group", "netdev:x:61101:\n");
+    files_.rolesFile = directory_.file("roles");
+  }
+  std::vector<std::string> check() { return checkFiles(files_, variables_); }
+
+  FilesToCheck files_{{directory_.file("d")}, "", ""};
+  std::size_t variables_ = 0;
+};
+
+TEST_F(CheckFilesTest, DefinitionsAreCheckedWithoutAService) {
+  files_.rolesFile.clear();
+  EXPECT_THAT(check(), IsEmpty());
+  EXPECT_EQ(variables_, 1U);
+  files_.definitionsDirs = {directory_.file("none")};
+  EXPECT_THAT(check(), testing::SizeIs(1));
+}
+
+TEST_F(CheckFilesTest, MistakesOfDefinitionsAndRolesAreToldTogether) {
+  write("d/a.toml", "[variable.\"net.mtu\"]\ntype = \"none\"\n");
+  write("roles", "nonsense = 1\n");
+  EXPECT_THAT(check(), ElementsAre(HasSubstr("a.toml:2"), HasSubstr("roles:1")));
+}
+
+TEST_F(CheckFilesTest, SomebodyWhomNobodyKnowsHereIsAMistake) {
+  write("roles", "[users]\nno-such-user-here = \"installer\"\n");
+  EXPECT_THAT(check(), ElementsAre(HasSubstr("roles:2:1: no user \"no-such-user-here\"")));
+}
+
+TEST_F(CheckFilesTest, UsersAndGroupsAreThoseOfTheImage) {
+  files_.sysroot = directory_.file("image");
+  write("roles", "[users]\npanel = \"installer\"\n[groups]\nnetdev = \"user\"\n");
+  EXPECT_THAT(check(), IsEmpty());
+  write("roles", "[users]\nroot = \"installer\"\n");
+  EXPECT_THAT(check(), ElementsAre(HasSubstr("no user \"root\" is known here")));
+  files_.sysroot = directory_.file("none");
+  EXPECT_THAT(check(), ElementsAre(HasSubstr("none/etc/passwd: cannot be read")));
+}
+
+TEST_F(CheckFilesTest, ATableThatIsNotThereOrThatOthersMayWriteIsAMistake) {
+  EXPECT_THAT(check(), ElementsAre(HasSubstr("roles: there is no such file")));
+  write("roles", "");
+  allow("roles", 0666);
+  EXPECT_THAT(check(), ElementsAre(HasSubstr("can be written by everybody")));
 }
 
 TEST_F(StartChecksTest, AServiceThatCannotStartSaysWhichFilesToCorrect) {
@@ -108,6 +136,8 @@ TEST_F(StartChecksTest, AServiceThatCannotStartSaysWhichFilesToCorrect) {
   options_.storeFile = directory_.file("store.db");
   options_.endpointPrefix = "../elsewhere";
   EXPECT_EQ(Service::start(options_, log_).status, StartStatus::BadSocket);
+  // Beside this one nothing good was ever kept.
+  options_.storeFile = directory_.file("other.db");
   write("d/a.toml", "nonsense");
   const StartedService started = Service::start(options_, log_);
   EXPECT_EQ(started.status, StartStatus::BadDefinitions);

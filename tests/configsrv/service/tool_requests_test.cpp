@@ -19,10 +19,12 @@ class ToolRequestsTest : public RequestsFixture {
 
   TestSupport::TempDir directory_;
   const ServiceOptions options_{};
+  const Standing standing_;
   const std::unique_ptr<Store> store_ = openStore(directory_.file("store.db"));
   ReadRequests reads_{frame_, model_, subscriptions_};
-  ToolRequests requests_{
-      frame_, {options_, model_, subscriptions_, announcer_, changes_, reads_, server_, *store_}};
+  ToolRequests requests_{frame_,
+                         {options_, standing_, model_, subscriptions_, announcer_, changes_, reads_,
+                          server_, *store_}};
 };
 
 TEST_F(ToolRequestsTest, TakesTheRequestsOfToolsAndNoOthers) {

@@ -551,7 +551,8 @@ TEST_F(ScriptedServiceTest, StatusShowsEveryFigure) {
       "pid":10,"uptime_seconds":11,"revision":12,"variables":13,"changed_variables":14,
       "clients":15,"registrations":16,"reads":17,"commits":18,"unchanged_writes":19,
       "refused_writes":20,"notices":21,"store_writes":22,"store_bytes":23,"snapshots":24,
-      "failed_snapshots":25,"definitions_dir":"/etc/defs","store_file":"/var/store"})"));
+      "failed_snapshots":25,"definitions_dir":"/etc/defs","store_file":"/var/store",
+      "last_good_definitions":false,"last_good_roles":false,"mistakes":[]})"));
   const std::string text = appcfg_({"status"}).out;
   for (int figure = 10; figure <= 25; ++figure)
     EXPECT_THAT(text, HasSubstr(std::to_string(figure)));
