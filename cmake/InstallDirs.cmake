@@ -14,6 +14,8 @@ set(APPCONFIG_INSTALL_UNITS lib/systemd/system CACHE STRING "Directory of system
 
 # Where the service finds its settings and keeps its state: /etc and /var/lib when the prefix is /usr.
 set(APPCONFIG_CONFIG_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/appconfig)
+# What a product's packages bring; the settings beside /etc lie over it.
+set(APPCONFIG_PRODUCT_DIR ${CMAKE_INSTALL_FULL_DATADIR}/appconfig)
 set(APPCONFIG_STATE_DIR ${CMAKE_INSTALL_FULL_LOCALSTATEDIR}/lib/appconfig)
 set(APPCONFIG_INSTALL_CONFIG ${CMAKE_INSTALL_SYSCONFDIR}/appconfig)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
