@@ -3,13 +3,7 @@
 // A hit is what matters here: a variable without a namespace is its own local key, so it is looked
 // up without building another one, and what is handed out is copied under the cache's lock.
 
-#include <strings.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <limits>
-
+#include "appconfig/core/typed_text.h"
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/manager/fresh_read.h"
 #include "appconfig/manager/internal/in_flight.h"
@@ -17,17 +11,6 @@
 #include "appconfig/service/platform_cfg_service.h"
 
 namespace AppConfig {
-
-namespace {
-
-// What strtol gives where long has 32 bits: the devices' programs rely on it, wherever they run.
-int toInt(const std::string& text) {
-  const long long number = std::strtoll(text.c_str(), nullptr, 0);
-  using Limits = std::numeric_limits<std::int32_t>;
-  return static_cast<int>(std::clamp<long long>(number, Limits::min(), Limits::max()));
-}
-
-}  // namespace
 
 bool AppCfgManager::isCacheable(const ConfigVar& var) const {
   return var.nameSpace() == 0 || var.nameSpace() == service_->getNamespace();
@@ -94,16 +77,14 @@ std::string AppCfgManager::getConfigVar(const std::string& group, int groupInsta
   return getConfigVar(ConfigVar(group, groupInstance, name, nameInstance));
 }
 
-int AppCfgManager::getConfigVarInt(const ConfigVar& var) { return toInt(firstString(var)); }
+int AppCfgManager::getConfigVarInt(const ConfigVar& var) { return intOf(firstString(var)); }
 
 int AppCfgManager::getConfigVarInt(const std::string& group, int groupInstance,
                                    const std::string& name, int nameInstance) {
   return getConfigVarInt(ConfigVar(group, groupInstance, name, nameInstance));
 }
 
-bool AppCfgManager::getConfigVarBool(const ConfigVar& var) {
-  return strcasecmp(firstString(var).c_str(), "true") == 0;
-}
+bool AppCfgManager::getConfigVarBool(const ConfigVar& var) { return boolOf(firstString(var)); }
 
 bool AppCfgManager::getConfigVarBool(const std::string& group, int groupInstance,
                                      const std::string& name, int nameInstance) {

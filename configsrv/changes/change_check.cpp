@@ -204,7 +204,7 @@ bool changesNothing(const Variable& variable, const StoreChange& change) {
             return set.value == variable.value() && !variable.hasLeftOutValue();
           },
           [&](const StoreChange::ResetValue&) {
-            return variable.isDefault() && !variable.hasLeftOutValue();
+            return variable.hasDefaultText() && !variable.hasLeftOutValue();
           },
           [&](const StoreChange::SetOptions& set) {
             return (!set.options || *set.options == variable.options()) &&

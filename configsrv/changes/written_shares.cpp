@@ -44,7 +44,7 @@ void WrittenShares::countStored() {
   for (std::size_t i = 0; i < all.size(); ++i) {
     const Variable& variable = all[i];
     const std::uint32_t index = model_.indexOf(variable);
-    if (!variable.isDefault()) written_[valueOf(index)].bytes = bytesOf(variable.value());
+    if (!variable.hasDefaultText()) written_[valueOf(index)].bytes = bytesOf(variable.value());
     if (variable.options() != variable.shape().options)
       written_[optionsOf(index)].bytes = bytesOf(variable.options());
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "appconfig/core/lower_case.h"
+#include "appconfig/core/typed_text.h"
 #include "configsrv/definitions/definitions.h"
 #include "configsrv/definitions/internal/int_value.h"
 #include "configsrv/definitions/pattern.h"
@@ -162,7 +163,10 @@ Status<> checkOptions(const VariableShape& shape, const std::vector<std::string>
     return failed("the variable has no options at present");
   if (options.empty()) return {};
   for (const std::string& element : value) {
-    if (std::find(options.begin(), options.end(), element) != options.end()) continue;
+    const bool isOption = std::any_of(
+        options.begin(), options.end(),
+        [&](const std::string& option) { return isSameText(shape.type, option, element); });
+    if (isOption) continue;
     return failed(named(shape, element) + " is none of the options: " + allowedOptions(options));
   }
   return {};
@@ -181,6 +185,18 @@ Base::Status<> checkValue(const VariableDefinition& definition,
                           const std::vector<std::string>& options,
                           const std::list<std::string>& value) {
   return checkValue(*definition.shape, options, value);
+}
+
+// Texts that are equal are the usual case.
+bool isSameText(ValueType type, const std::string& a, const std::string& b) {
+  if (a == b) return true;
+  if (type == ValueType::Int) return AppConfig::intOf(a) == AppConfig::intOf(b);
+  return type == ValueType::Bool && AppConfig::boolOf(a) == AppConfig::boolOf(b);
+}
+
+bool isSameValue(ValueType type, const std::list<std::string>& a, const std::list<std::string>& b) {
+  if (a == b) return true;
+  return a.size() == 1 && b.size() == 1 && isSameText(type, a.front(), b.front());
 }
 
 }  // namespace ConfigSrv

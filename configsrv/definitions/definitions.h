@@ -133,11 +133,18 @@ LoadResult loadDefinitions(const std::vector<std::string>& directories);
 //   int    optional sign and decimal digits, or 0x and hexadecimal, or 0 and octal digits, with
 //          nothing before or behind: what strtol reads with base 0
 //   bool   true or false, in any case
+//          options of both are held against the value by meaning
 //   list   any number of elements; every other type has exactly one
 Base::Status<> checkValue(const VariableShape& shape, const std::vector<std::string>& options,
                           const std::list<std::string>& value);
 Base::Status<> checkValue(const VariableDefinition& definition,
                           const std::vector<std::string>& options,
                           const std::list<std::string>& value);
+
+// Whether two texts, or two values, that a variable of the type may hold are one and the same: ints and
+// bools go by what typed reads make of them ("030" is 24), all else by its bytes. Text stays what is
+// kept, cached and told.
+bool isSameText(ValueType type, const std::string& a, const std::string& b);
+bool isSameValue(ValueType type, const std::list<std::string>& a, const std::list<std::string>& b);
 
 }  // namespace ConfigSrv

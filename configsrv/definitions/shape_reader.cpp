@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <limits>
 #include <set>
 #include <string>
 #include <tuple>
 #include <utility>
 
 #include "appconfig/core/role_names.h"
+#include "appconfig/core/typed_text.h"
 #include "configsrv/definitions/internal/int_value.h"
 #include "configsrv/definitions/pattern.h"
 
@@ -73,6 +75,7 @@ class ShapeReader {
 
   bool readType();
   void checkFieldsOfType();
+  std::optional<std::int64_t> readLimit(std::string_view field);
   void readRange();
   std::optional<std::uint32_t> readSize(std::string_view field, std::size_t most);
   void readPattern();
@@ -179,20 +182,25 @@ void ShapeReader::checkFieldsOfType() {
   }
 }
 
+// Typed reads have 32 bits: a limit beyond them would allow what no reader of the number gets.
+std::optional<std::int64_t> ShapeReader::readLimit(std::string_view field) {
+  using Limits = std::numeric_limits<std::int32_t>;
+  const std::optional<std::int64_t> number = integer(field);
+  if (!number || (*number >= Limits::min() && *number <= Limits::max())) return number;
+  report({field}, quoted(field) + " is " + std::to_string(*number) + ", and an int is from " +
+                      std::to_string(Limits::min()) + " to " + std::to_string(Limits::max()) +
+                      ": 32 bits, as programs read it");
+  return std::nullopt;
+}
+
 void ShapeReader::readRange() {
-  shape_.min = integer("min");
-  shape_.max = integer("max");
+  shape_.min = readLimit("min");
+  shape_.max = readLimit("max");
   const std::int64_t least = lowestAllowed(shape_);
   const std::int64_t most = highestAllowed(shape_);
-  if (least <= most) return;
-  const std::string both = " (" + std::to_string(least) + " > " + std::to_string(most) + ")";
-  if (shape_.min && shape_.max) {
-    report({"min", "max"}, "\"min\" is larger than \"max\"" + both + ": swap them");
-  } else if (shape_.min) {
-    report({"min"}, "\"min\" is larger than what 32 bits hold" + both + ": give \"max\" as well");
-  } else {
-    report({"max"}, "\"max\" is smaller than what 32 bits hold" + both + ": give \"min\" as well");
-  }
+  if (least > most)
+    report({"min", "max"}, "\"min\" is larger than \"max\" (" + std::to_string(least) + " > " +
+                               std::to_string(most) + "): swap them");
 }
 
 std::optional<std::uint32_t> ShapeReader::readSize(std::string_view field, std::size_t most) {
@@ -224,10 +232,16 @@ void ShapeReader::readOptions() {
                                    " entries, and " + std::to_string(kMaxOptions) +
                                    " at most are allowed");
   }
-  std::set<std::string_view> seen;
+  std::set<std::string> seen;
   for (const TomlValue& option : written->array) {
-    if (!seen.insert(option.string).second) {
-      report({"options"}, "\"options\" holds " + quoted(option.string) + " twice");
+    // What two options mean is looked at only once both are numbers: checkDefault() says when not.
+    const bool isInt =
+        shape_.type == ValueType::Int && checkValue(shape_, {}, {option.string}).ok();
+    const std::string meaning =
+        isInt ? std::to_string(AppConfig::intOf(option.string)) : option.string;
+    if (!seen.insert(meaning).second) {
+      report({"options"}, "\"options\" holds " + quoted(option.string) + " twice" +
+                              (meaning == option.string ? "" : ": it is read as " + meaning));
     }
     shape_.options.push_back(option.string);
   }
@@ -336,7 +350,9 @@ void ShapeReader::checkDefault() {
 void ShapeReader::agreeOnDefaultIndex() {
   if (shape_.options.empty() || shape_.type == ValueType::List) return;
   const auto found =
-      std::find(shape_.options.begin(), shape_.options.end(), shape_.defaultValue.front());
+      std::find_if(shape_.options.begin(), shape_.options.end(), [this](const std::string& option) {
+        return isSameText(shape_.type, option, shape_.defaultValue.front());
+      });
   const auto position = static_cast<std::uint32_t>(found - shape_.options.begin());
   if (value("default-index") != nullptr && position != shape_.defaultIndex) {
     report({"default-index", "default"}, "\"default\" is " + quoted(shape_.defaultValue.front()) +

@@ -123,6 +123,11 @@ const std::list<std::string>& Variable::value() const {
 }
 
 bool Variable::isDefault() const {
+  return !stored_ || !stored_->value ||
+         isSameValue(shape().type, *stored_->value, shape().defaultValue);
+}
+
+bool Variable::hasDefaultText() const {
   return !stored_ || !stored_->value || *stored_->value == shape().defaultValue;
 }
 

@@ -48,8 +48,10 @@ class Variable {
   const VariableShape& shape() const { return *definition_->shape; }
 
   const std::list<std::string>& value() const;
-  // Whether the value equals the definition's, whoever set it.
+  // Whether the value is the definition's, whoever set it: for an int or a bool by what it means.
   bool isDefault() const;
+  // Whether it is also written as in the definition, so that there is nothing to keep.
+  bool hasDefaultText() const;
   const std::vector<std::string>& options() const;
   std::uint32_t defaultIndex() const;
   AppConfig::SecurityRole readRole() const;

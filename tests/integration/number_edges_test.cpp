@@ -11,8 +11,6 @@ namespace {
 constexpr const char* kNumbers = R"(
 [variable."wide.number"]
 type = "int"
-min = -9223372036854775808
-max = 9223372036854775807
 default = 0
 
 [variable."wide.port"]
@@ -33,15 +31,18 @@ class NumberEdgesTest : public testing::Test {
   AppConfig::AppCfgManager* config_ = AppConfig::AppCfgManager::getInstance();
 };
 
-TEST_F(NumberEdgesTest, ANumberOf64BitsKeepsItsTextAndReadsAsTheNearestOf32) {
+TEST_F(NumberEdgesTest, ANumberKeepsItsTextAndReadsAsWhatItMeans) {
   const struct {
     const char* text;
     int asInt;
   } cases[] = {
-      {"2147483647", INT_MAX},          {"2147483648", INT_MAX},           {"4294967295", INT_MAX},
-      {"4294967296", INT_MAX},          {"-2147483648", INT_MIN},          {"-2147483649", INT_MIN},
-      {"9223372036854775807", INT_MAX}, {"-9223372036854775808", INT_MIN}, {"0x7fffffff", INT_MAX},
-      {"0xffffffff", INT_MAX},
+      {"2147483647", INT_MAX},
+      {"-2147483648", INT_MIN},
+      {"0x7fffffff", INT_MAX},
+      {"-0x80000000", INT_MIN},
+      {"017777777777", INT_MAX},
+      {"030", 24},
+      {"+24", 24},
   };
   for (const auto& c : cases) {
     ConfigResult result;
@@ -54,12 +55,20 @@ TEST_F(NumberEdgesTest, ANumberOf64BitsKeepsItsTextAndReadsAsTheNearestOf32) {
   }
 }
 
-TEST_F(NumberEdgesTest, ANumberPast64BitsIsRefused) {
-  for (const char* text : {"9223372036854775808", "-9223372036854775809", "18446744073709551616"}) {
+TEST_F(NumberEdgesTest, ANumberPast32BitsIsRefused) {
+  for (const char* text : {"2147483648", "-2147483649", "0x80000000", "4294967296",
+                           "9223372036854775808", "-9223372036854775809", "18446744073709551616"}) {
     ConfigResult result;
     EXPECT_FALSE(config_->setConfigVar("wide", 0, "number", 0, text, &result)) << text;
     EXPECT_EQ(result.error(), eErrInvalidValue) << text;
   }
+}
+
+TEST(NumberLimitsTest, ALimitThatTypedReadsWouldCutIsAMistakeInTheDefinitions) {
+  ServiceProcess service("[variable.\"a.b\"]\ntype = \"int\"\nmax = 5000000000\n");
+  EXPECT_EQ(service.startAndWait(), 3);
+  EXPECT_THAT(service.log(), testing::HasSubstr("test.toml:3:1: variable \"a.b\": \"max\" is "
+                                                "5000000000, and an int is from -2147483648"));
 }
 
 TEST_F(NumberEdgesTest, TheOutermostInstancesAreVariablesOfTheirOwn) {

@@ -5,6 +5,7 @@
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "tools/appcfg/meaning.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/verbs.h"
@@ -80,6 +81,12 @@ Outcome keyAndValue(Context& context, const Arguments& arguments, ConfigVar& var
   return key.ok() ? valueOf(arguments, value) : key;
 }
 
+// Said beside the success, since the text is stored as it was given.
+void tellReading(Context& context, const ConfigVar& var, const std::list<std::string>& value) {
+  const std::string reading = readOtherwise(context.session, var, {value.begin(), value.end()});
+  if (!reading.empty()) context.output.note(formatKey(var) + ": " + reading);
+}
+
 Outcome runSet(Context& context, const Arguments& arguments) {
   ConfigVar var("", 0, "", 0);
   std::list<std::string> value;
@@ -91,6 +98,7 @@ Outcome runSet(Context& context, const Arguments& arguments) {
       {"set", formatKey(var)},
       ProtobufMessageHelper::getWriteRequest(session.client(), session.role(), var, value),
       response);
+  if (written.ok()) tellReading(context, var, value);
   if (!written.ok() || !context.output.json()) return written;
   Record record;
   record.text("key", formatKey(var)).list("value", {value.begin(), value.end()});

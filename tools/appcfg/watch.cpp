@@ -21,6 +21,7 @@
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "tools/appcfg/events.h"
 #include "tools/appcfg/listing.h"
+#include "tools/appcfg/meaning.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/refusal_teller.h"
 #include "tools/appcfg/text.h"
@@ -225,8 +226,8 @@ struct Awaited {
   Value value;
 };
 
-bool hasCome(const Awaited& awaited, const Value& first, const Value& now) {
-  return awaited.anyChange ? now != first : now == awaited.value;
+bool hasCome(Session& session, const Awaited& awaited, const Value& first, const Value& now) {
+  return awaited.anyChange ? now != first : isSameValue(session, awaited.var, now, awaited.value);
 }
 
 // As get prints it, for `state=$(appcfg wait system.state)`.
@@ -252,7 +253,7 @@ bool isAbout(const Change& change, const ConfigVar& var) {
 
 bool comesWith(Context& context, const Awaited& awaited, const Value& first, Change& change) {
   return isAbout(change, awaited.var) && settleValue(context.session, change) &&
-         hasCome(awaited, first, change.value);
+         hasCome(context.session, awaited, first, change.value);
 }
 
 Outcome awaitChange(Context& context, const Awaited& awaited, const Value& first,
@@ -285,11 +286,12 @@ Outcome runWait(Context& context, const Arguments& arguments) {
   Outcome asked = readNow(first);
   if (!asked.ok()) return asked;
   Value now = first;
-  if (awaited.anyChange || !hasCome(awaited, first, first)) {
+  if (awaited.anyChange || !hasCome(context.session, awaited, first, first)) {
     registerHandler(awaited.var.group(), awaited.var.name(), &queueOf(awaited.var.nameSpace()));
     asked = readNow(now);
     if (!asked.ok()) return asked;
-    if (!hasCome(awaited, first, now)) return awaitChange(context, awaited, first, deadline);
+    if (!hasCome(context.session, awaited, first, now))
+      return awaitChange(context, awaited, first, deadline);
   }
   printAwaited(context.output, awaited.var, now);
   return {};

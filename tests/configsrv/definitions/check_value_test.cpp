@@ -65,6 +65,34 @@ TEST(CheckValueTest, AnIntIsWhatStrtolReadsToItsEnd) {
   EXPECT_NE(check(shape, {std::string("5\0", 2)}), "");
 }
 
+TEST(CheckValueTest, OptionsOfAnIntAndABoolAreHeldAgainstTheMeaningOfTheValue) {
+  VariableShape number = intBetween({}, {});
+  const std::vector<std::string> numbers = {"0x10", "24"};
+  for (const char* good : {"16", "020", "0x10", "24", "030", "+24"})
+    EXPECT_TRUE(checkValue(number, numbers, {good}).ok()) << good;
+  for (const char* bad : {"10", "20", "-16"})
+    EXPECT_FALSE(checkValue(number, numbers, {bad}).ok()) << bad;
+  VariableShape flag;
+  flag.type = ValueType::Bool;
+  EXPECT_TRUE(checkValue(flag, {"true"}, {"True"}).ok());
+  EXPECT_FALSE(checkValue(flag, {"true"}, {"False"}).ok());
+  VariableShape text;
+  EXPECT_FALSE(checkValue(text, {"16"}, {"0x10"}).ok());
+}
+
+TEST(CheckValueTest, ValuesOfAnIntAndABoolAreTheSameByMeaningAndOthersByText) {
+  EXPECT_TRUE(isSameValue(ValueType::Int, {"030"}, {"24"}));
+  EXPECT_FALSE(isSameValue(ValueType::Int, {"030"}, {"30"}));
+  EXPECT_TRUE(isSameValue(ValueType::Bool, {"True"}, {"true"}));
+  EXPECT_FALSE(isSameValue(ValueType::Bool, {"True"}, {"false"}));
+  for (const ValueType type : {ValueType::String, ValueType::Enumeration, ValueType::List}) {
+    EXPECT_FALSE(isSameValue(type, {"030"}, {"24"}));
+    EXPECT_FALSE(isSameValue(type, {"True"}, {"true"}));
+    EXPECT_TRUE(isSameValue(type, {"x"}, {"x"}));
+  }
+  EXPECT_FALSE(isSameValue(ValueType::List, {}, {""}));
+}
+
 TEST(CheckValueTest, AnIntHas32BitsUnlessItsLimitsSayOtherwise) {
   EXPECT_EQ(check(intBetween({}, {}), {"2147483648"}),
             "\"2147483648\" is more than 2147483647, the largest value allowed");

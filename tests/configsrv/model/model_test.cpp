@@ -133,6 +133,14 @@ TEST_F(ModelTest, AValueEqualToTheDefaultIsTheDefault) {
   EXPECT_EQ(model_.changedVariables(), 0u);
 }
 
+TEST_F(ModelTest, AnIntThatMeansTheDefaultIsTheDefaultAndKeepsItsText) {
+  model_.apply(setValue("net.mtu", {"0x5dc"}), 7);
+  EXPECT_TRUE(variable("net.mtu").isDefault());
+  EXPECT_FALSE(variable("net.mtu").hasDefaultText());
+  EXPECT_EQ(variable("net.mtu").value(), (std::list<std::string>{"0x5dc"}));
+  EXPECT_EQ(model_.changedVariables(), 0u);
+}
+
 TEST_F(ModelTest, AResetValueIsTheDefaultAndKeepsItsRevision) {
   model_.apply(setValue("net.mtu", {"9000"}), 7);
   model_.apply({keyOf("net.mtu"), StoreChange::ResetValue{}}, 8);

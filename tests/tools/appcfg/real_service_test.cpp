@@ -348,6 +348,31 @@ TEST_F(RealServiceTest, WaitEndsWhenAnotherProcessWritesTheValue) {
   expect({"wait", "net.host", "ready"}, 0, "ready\n");
 }
 
+TEST_F(RealServiceTest, WaitTakesANumberInWhateverTextItComes) {
+  RunningAppcfg wait(service_.runtimeDir(), {"wait", "net.offset", "24"});
+  EXPECT_EQ(appcfg_({"set", "net.offset", "025"}).code, 0);
+  EXPECT_EQ(appcfg_({"set", "net.offset", "030"}).code, 0);
+  EXPECT_EQ(wait.line(), "030");
+  EXPECT_EQ(wait.wait(), 0);
+  expect({"wait", "net.offset", "0x18"}, 0, "030\n");
+}
+
+TEST_F(RealServiceTest, SetSaysWhatANumberIsReadAsWhenThatIsNotItsText) {
+  const Ended set = appcfg_({"set", "net.offset", "030"});
+  EXPECT_EQ(set.code, 0);
+  EXPECT_EQ(set.err, "appcfg: net.offset: 030 is read as 24\n");
+  EXPECT_EQ(appcfg_({"set", "net.offset", "24"}).err, "");
+  EXPECT_EQ(appcfg_({"set", "net.host", "030"}).err, "") << "a string is read as it is";
+}
+
+TEST_F(RealServiceTest, ANumberThatMeansTheDefaultIsTheDefaultAndIsResetToItsText) {
+  EXPECT_EQ(appcfg_({"set", "net.offset", "0x0"}).code, 0);
+  expect({"is-default", "net.offset"}, 0);
+  expect({"get", "net.offset"}, 0, "0x0\n");
+  expect({"reset", "net.offset"}, 0);
+  expect({"get", "net.offset"}, 0, "0\n");
+}
+
 TEST_F(RealServiceTest, WaitLivesThroughARestart) {
   RunningAppcfg wait(service_.runtimeDir(), {"wait", "net.host", "ready", "--timeout", "20"});
   service_.kill();
