@@ -74,7 +74,7 @@ void InForceFiles::readDefinitions(InForce& inForce) {
   goodDefinitions_ = std::move(files.files);
 }
 
-void InForceFiles::useLastGoodDefinitions(InForce& inForce, Lines mistakes) {
+void InForceFiles::useLastGoodDefinitions(InForce& inForce, const Lines& mistakes) {
   append(inForce.errors, mistakes);
   LastGood::Kept kept = lastDefinitions_.read();
   if (!kept.why.empty()) inForce.errors.push_back(notUsable(lastDefinitions_, kept.why));
@@ -101,7 +101,7 @@ void InForceFiles::readRoles(InForce& inForce) {
   if (loaded.text) goodRoles_->push_back(std::move(*loaded.text));
 }
 
-void InForceFiles::useLastGoodRoles(InForce& inForce, Lines mistakes) {
+void InForceFiles::useLastGoodRoles(InForce& inForce, const Lines& mistakes) {
   append(inForce.errors, mistakes);
   const LastGood::Kept kept = lastRoles_.read();
   if (!kept.why.empty()) inForce.errors.push_back(notUsable(lastRoles_, kept.why));

@@ -71,8 +71,8 @@ class InForceFiles {
  private:
   void readDefinitions(InForce& inForce);
   void readRoles(InForce& inForce);
-  void useLastGoodDefinitions(InForce& inForce, std::vector<std::string> mistakes);
-  void useLastGoodRoles(InForce& inForce, std::vector<std::string> mistakes);
+  void useLastGoodDefinitions(InForce& inForce, const std::vector<std::string>& mistakes);
+  void useLastGoodRoles(InForce& inForce, const std::vector<std::string>& mistakes);
 
   const Places places_;
   const LastGood lastDefinitions_;
