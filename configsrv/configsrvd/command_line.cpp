@@ -7,7 +7,6 @@
 
 #include "base/status.h"
 #include "configsrv/configsrvd/exit_code.h"
-#include "platform/messaging/wire/runtime_dir.h"
 
 namespace {
 
@@ -104,17 +103,13 @@ void addCheckOptions(CLI::App& app, ConfigSrv::FilesToCheck& check) {
 }
 
 // What the options alone cannot say.
-Base::Status<> checkTogether(const CommandLine& line, bool socketIsGiven) {
+Base::Status<> checkTogether(const CommandLine& line) {
   if (!line.check.sysroot.empty() && line.service.rolesFile.empty())
     return Base::failed("--sysroot says whom the table of roles may name: give --roles as well");
   if (!line.check.definitionsDirs.empty()) return {};
   if (!line.check.sysroot.empty()) return Base::failed("--sysroot goes with --check alone");
   if (line.service.definitionsDirs.empty()) return Base::failed("--definitions is required");
   if (line.service.storeFile.empty()) return Base::failed("--store is required");
-  const bool needsDir = line.service.runtimeDir.empty() && !socketIsGiven;
-  if (needsDir && PbUtility::defaultRuntimeDir().empty())
-    return Base::failed(
-        "no directory for the socket: give --runtime-dir or set APPCONFIG_RUNTIME_DIR");
   return {};
 }
 
@@ -143,7 +138,7 @@ ParsedCommandLine parseCommandLine(int argc, char** argv) {
   line.service.providerDeadline = std::chrono::milliseconds(times.deadline);
   line.service.providerGrace = std::chrono::milliseconds(times.grace);
   line.check.rolesFile = line.service.rolesFile;
-  const Base::Status<> together = checkTogether(line, std::getenv("LISTEN_FDS") != nullptr);
+  const Base::Status<> together = checkTogether(line);
   if (together.ok()) return {line, kExitOk};
   std::cerr << together.text << "\nRun with --help for more information.\n";
   return ended(kExitUsage);

@@ -62,6 +62,9 @@ enum CallStatus : int {
   // user nor an owner of the directory; lastRefusal tells who or what. Nothing was sent. The next
   // call looks again.
   kCallUntrusted = 8,
+  // A socket may be there, but this process's user may not open it, or may not look into a directory
+  // above it; lastRefusal names its path. Nothing was sent. Whether the service runs is not known.
+  kCallForbidden = 9,
 };
 
 // One line for people.

@@ -28,6 +28,8 @@ CallStatus codeOf(StreamStatus status) {
       return kCallNoService;
     case StreamStatus::Untrusted:
       return kCallUntrusted;
+    case StreamStatus::Forbidden:
+      return kCallForbidden;
     case StreamStatus::Broken:
       return kCallBrokenAnswer;
     case StreamStatus::Exhausted:

@@ -91,6 +91,8 @@ const char* describe(CallStatus status) {
       return "the endpoint's name cannot be used, or the system is out of resources";
     case kCallUntrusted:
       return "what listens there is not to be trusted";
+    case kCallForbidden:
+      return "this user may not open the service's socket";
   }
   return "unknown status";
 }

@@ -52,6 +52,7 @@ StreamStatus Stream::fail(int error) {
   problem_ = std::strerror(error);
   if (error == EAGAIN || error == EWOULDBLOCK) return StreamStatus::TimedOut;
   if (error == ENOENT || error == ECONNREFUSED || error == ENOTDIR) return StreamStatus::NoListener;
+  if (error == EACCES) return StreamStatus::Forbidden;
   if (error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS) {
     return StreamStatus::Exhausted;
   }

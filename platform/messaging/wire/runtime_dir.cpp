@@ -41,10 +41,14 @@ Base::Status<> checkName(std::string_view name) {
 std::string defaultRuntimeDir() {
   const char* own = std::getenv("APPCONFIG_RUNTIME_DIR");
   if (own != nullptr && *own != '\0') return own;
-  if (geteuid() == 0) return "/run/appconfig";
+  const std::string users = usersRuntimeDir();
+  return users.empty() ? kDeviceRuntimeDir : users;
+}
+
+std::string usersRuntimeDir() {
+  if (geteuid() == 0) return {};
   const char* user = std::getenv("XDG_RUNTIME_DIR");
-  if (user != nullptr && *user != '\0') return std::string(user) + "/appconfig";
-  return {};
+  return user == nullptr || *user == '\0' ? std::string() : std::string(user) + "/appconfig";
 }
 
 Base::Status<> socketPath(std::string_view runtimeDir, std::string_view name, std::string& path) {

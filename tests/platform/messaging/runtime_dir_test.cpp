@@ -6,6 +6,8 @@
 
 #include <cstdlib>
 
+#include "tests/support/child.h"
+
 namespace PbUtility {
 namespace {
 
@@ -60,6 +62,21 @@ TEST(RuntimeDirTest, TheEnvironmentComesBeforeTheSystemsPlaces) {
   ::unsetenv("APPCONFIG_RUNTIME_DIR");
   ::setenv("XDG_RUNTIME_DIR", "/run/user/1", 1);
   EXPECT_EQ(defaultRuntimeDir(), ::geteuid() == 0 ? "/run/appconfig" : "/run/user/1/appconfig");
+}
+
+// As an ordinary user, and as the programs that a device starts under a user of their own.
+TEST(RuntimeDirTest, AUserOutsideOfALoginSessionFindsTheDevices) {
+  if (!TestSupport::canBecomeOthers()) GTEST_SKIP() << "only root can become somebody else";
+  const TestSupport::Child user(TestSupport::kOneUser, [](TestSupport::Child::Parent& test) {
+    ::unsetenv("APPCONFIG_RUNTIME_DIR");
+    ::setenv("XDG_RUNTIME_DIR", "/run/user/61001", 1);
+    test.say(defaultRuntimeDir() + " " + usersRuntimeDir());
+    ::unsetenv("XDG_RUNTIME_DIR");
+    test.say(defaultRuntimeDir() + " " + usersRuntimeDir());
+  });
+  EXPECT_EQ(user.hear(), "/run/user/61001/appconfig /run/user/61001/appconfig");
+  EXPECT_EQ(user.hear(), "/run/appconfig ");
+  EXPECT_EQ(usersRuntimeDir(), "");
 }
 
 }  // namespace

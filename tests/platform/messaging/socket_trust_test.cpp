@@ -206,6 +206,18 @@ TEST_F(SocketTrustTest, TheConnectionForNoticesIsNotMadeEither) {
       kCallOk);
 }
 
+// Not "no such service": it may run, and nobody looks for it twice.
+TEST_F(SocketTrustTest, ASocketThatThisUserMayNotOpenIsSaidToBeThat) {
+  const std::string closed = make("closed", 0, 0700);
+  const Serving serving(closed);
+  EXPECT_EQ(readAs(kOneUser, closed), "9 " + closed + "/ConfigSrvc: Permission denied");
+  EXPECT_EQ(::chmod(closed.c_str(), 0755), 0);
+  EXPECT_EQ(readAs(kOneUser, closed), kUsed);
+  EXPECT_EQ(::chmod((closed + "/ConfigSrvc").c_str(), 0600), 0);
+  EXPECT_EQ(readAs(kOneUser, closed), "9 " + closed + "/ConfigSrvc: Permission denied");
+  EXPECT_EQ(serving.requests().size(), 1U);
+}
+
 TEST_F(SocketTrustTest, WhatIsNotThereIsLeftToConnect) {
   EXPECT_EQ(SocketTrust(0).whyNot(dir.path() + "/none/ConfigSrvc"), "");
   EXPECT_THAT(read(dir.path() + "/none"),

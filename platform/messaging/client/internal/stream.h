@@ -25,6 +25,8 @@ enum class StreamStatus {
   NoListener,
   // What is there is not to be trusted (SocketTrust); problem() tells why. Nothing was sent.
   Untrusted,
+  // The permissions of what is there, or of a directory above it, keep this user out.
+  Forbidden,
   // What came is no frame; problem() tells.
   Broken,
   // The system is out of something; problem() tells.
