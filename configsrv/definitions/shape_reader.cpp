@@ -159,7 +159,8 @@ void ShapeReader::report(std::initializer_list<std::string_view> fields, const s
 
 bool ShapeReader::readType() {
   if (value("type") == nullptr) {
-    report({}, "\"type\" is missing: one of " + std::string(kTypeNames));
+    report({}, "\"type\" is missing: one of " + std::string(kTypeNames) +
+                   "; if this is a layer, nothing before defines this key");
     return false;
   }
   const std::optional<ValueType> type = parseType(string("type"));

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <tuple>
@@ -112,6 +113,48 @@ std::string readable(std::string text) {
   return text;
 }
 
+// The bare word that a place is in, and where it begins; empty when none is. Columns count characters,
+// so that one behind other than ASCII may be missed.
+struct BareWord {
+  std::string text;
+  unsigned column = 0;
+};
+
+BareWord bareWordAround(std::string_view text, unsigned line, unsigned column) {
+  while (--line > 0) text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
+  text = text.substr(0, text.find('\n'));
+  if (column == 0 || column > text.size()) return {};
+  const std::size_t before = text.substr(0, column).find_last_of(" \t=[,{");
+  if (before == std::string_view::npos || before + 1 == text.size()) return {};
+  text.remove_prefix(before + 1);
+  if (std::isalpha(static_cast<unsigned char>(text.front())) == 0) return {};
+  return {std::string(text.substr(0, text.find_first_of(" \t\r,]}#"))),
+          static_cast<unsigned>(before + 2)};
+}
+
+// Text without quotes is the mistake that is made most, and the parser speaks of the number or of the
+// truth value that it took it for.
+Mistake mistakeOf(const toml::parse_error& error, const std::string& file, std::string_view text) {
+  const toml::source_position at = error.source().begin;
+  const std::string words = readable(std::string(error.description()));
+  const Mistake asParsed{file, at.line, at.column, words};
+  constexpr std::string_view kTaken[] = {"value: could not", "boolean", "floating-point"};
+  const bool isValue =
+      std::any_of(std::begin(kTaken), std::end(kTaken), [&words](std::string_view what) {
+        return words.find("Error while parsing " + std::string(what)) == 0;
+      });
+  if (!isValue) return asParsed;
+  const BareWord word = bareWordAround(text, at.line, at.column);
+  if (word.text.empty()) return asParsed;
+  const bool isTrue = word.text == "True" || word.text == "TRUE";
+  const bool isFalse = word.text == "False" || word.text == "FALSE";
+  if (isTrue || isFalse) {
+    return {file, at.line, word.column,
+            isTrue ? "write true in lower case" : "write false in lower case"};
+  }
+  return {file, at.line, word.column, "text stands in quotes: \"" + word.text + '"'};
+}
+
 TomlValue convert(const toml::node& node);
 
 std::vector<TomlValue> convertArray(const toml::array& array) {
@@ -197,11 +240,7 @@ TomlDocument parseToml(std::string_view text, const std::string& file) {
         "more than " + std::to_string(kMaxDotsPerLine) + " dots on one line: break the line");
   }
   const toml::parse_result result = toml::parse(text);
-  if (result.failed()) {
-    const toml::source_position begin = result.error().source().begin;
-    return mistaken(file, begin.line, begin.column,
-                    readable(std::string(result.error().description())));
-  }
+  if (result.failed()) return {std::nullopt, mistakeOf(result.error(), file, text)};
   return {convert(result.table()), std::nullopt};
 }
 
