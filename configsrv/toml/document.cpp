@@ -137,7 +137,7 @@ BareWord bareWordAround(std::string_view text, unsigned line, unsigned column) {
 Mistake mistakeOf(const toml::parse_error& error, const std::string& file, std::string_view text) {
   const toml::source_position at = error.source().begin;
   const std::string words = readable(std::string(error.description()));
-  const Mistake asParsed{file, at.line, at.column, words};
+  Mistake asParsed{file, at.line, at.column, words};
   constexpr std::string_view kTaken[] = {"value: could not", "boolean", "floating-point"};
   const bool isValue =
       std::any_of(std::begin(kTaken), std::end(kTaken), [&words](std::string_view what) {
