@@ -49,6 +49,7 @@ constexpr StatusRow kStatusRows[] = {
     {PbUtility::kCallBadRequest, kExitInvalidValue},
     {PbUtility::kCallBadEndpoint, kExitFailed},
     {PbUtility::kCallUntrusted, kExitUnreachable},
+    {PbUtility::kCallForbidden, kExitDenied},
 };
 
 }  // namespace
@@ -59,7 +60,7 @@ const std::vector<ExitCodeInfo>& exitCodes() {
       {kExitFailed, "failed", "another failure; the message tells which"},
       {kExitUsage, "usage", "the command line is wrong"},
       {kExitNotFound, "not-found", "there is no such variable or name"},
-      {kExitDenied, "denied", "the role may not do this, or the variable is read-only"},
+      {kExitDenied, "denied", "the role or the user may not do this, or the variable is read-only"},
       {kExitInvalidValue, "invalid-value", "the value breaks type, limits or options"},
       {kExitVetoed, "vetoed", "a provider refused the value"},
       {kExitUnreachable, "unreachable", "the service, or a provider it has to ask, is not there"},

@@ -74,8 +74,8 @@ std::string helpText() {
   const Rows environment = {
       {"  APPCONFIG_RUNTIME_DIR",
        "directory of the service's socket, unless --runtime-dir is given"},
-      {"  XDG_RUNTIME_DIR",
-       "its subdirectory appconfig is used when neither is given, but for root"},
+      {"  XDG_RUNTIME_DIR", "else a user's own service is looked for in appconfig below it, then"},
+      {"", "the device's in /run/appconfig; for root only that"},
   };
   return "Usage: appcfg [OPTIONS] VERB [ARGUMENTS]\n\n"
          "Reads, changes and watches the configuration of this device. A key is written "

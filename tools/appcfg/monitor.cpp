@@ -8,6 +8,7 @@
 
 #include "appconfig/core/key_notation.h"
 #include "platform/schema/message_ids.h"
+#include "tools/appcfg/listing.h"
 #include "tools/appcfg/monitor_queue.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/refusal_teller.h"
@@ -112,6 +113,8 @@ class Monitor {
   Outcome run();
 
  private:
+  Outcome askForLife();
+  Outcome find();
   Outcome begin();
   Outcome follow();
   void print(const MonitorQueue::Taken& taken);
@@ -121,9 +124,32 @@ class Monitor {
   StopSignals stop_;
 };
 
-// Told of before it is asked for, so that nothing comes before there is a receiver.
+Outcome Monitor::askForLife() {
+  Session& session = context_.session;
+  ConfigIF::StatusReq request;
+  request.set_client_name(session.client());
+  request.set_role(session.role());
+  ConfigIF::StatusRsp response;
+  return session.exchange({"monitor", session.serviceName()}, request, response);
+}
+
+// A name that nothing has is a slip: nobody would ever be seen. What only the role may not see is
+// shown without its values. The answer also settles which service it is.
+Outcome Monitor::find() {
+  const Waited waited{stop_.fd(), -1, context_.output.outFd(), {}};
+  return askWhenThere(context_, waited, [&]() -> Outcome {
+    if (selection_.name().empty()) return askForLife();
+    Listing listing;
+    Outcome listed = list(context_.session, selection_, listing);
+    return listed.code == kExitDenied ? Outcome() : listed;
+  });
+}
+
+// Receivers come before the request, so that nothing is told before there is one.
 Outcome Monitor::begin() {
   Session& session = context_.session;
+  Outcome found = find();
+  if (!found.ok()) return found;
   const std::uint32_t id = PlatformSchema::messageIdOf(ConfigIF::MonitorNtfy());
   const MSG_Callback table[] = {{&MonitorQueue::receive, &queue(), id, id, 0}, {}};
   session.endpoint().addHandlers(table);

@@ -3,7 +3,7 @@
 // that every verb explains the same failure in the same words.
 #include "tools/appcfg/session.h"
 
-#include <chrono>
+#include <memory>
 #include <utility>
 
 #include "appconfig/core/key_notation.h"
@@ -11,6 +11,7 @@
 #include "appconfig/service/platform_cfg_service.h"
 #include "appconfig/wire/read_inst.h"
 #include "platform/messaging/wire/runtime_dir.h"
+#include "tools/appcfg/places.h"
 
 namespace AppCfgTool {
 namespace {
@@ -70,22 +71,32 @@ std::string serviceNameFor(const std::string& prefix) {
   return prefix + (prefix.back() == '/' ? "" : "/") + "ConfigSrvc";
 }
 
-PbUtility::EndpointOptions endpointOptions(const Settings& settings) {
-  PbUtility::EndpointOptions options;
-  options.runtimeDir = settings.runtimeDir;
-  if (settings.timeout) options.deadline = *settings.timeout;
-  return options;
-}
-
 }  // namespace
 
 Session::Session(const Settings& settings)
-    : runtimeDir_(settings.runtimeDir.empty() ? PbUtility::defaultRuntimeDir()
-                                              : settings.runtimeDir),
+    : settings_(settings),
       serviceName_(serviceNameFor(settings.servicePrefix)),
+      places_(placesToLook(settings)),
+      runtimeDir_(placeOf(places_, serviceName_)),
       roleName_(AppConfig::roleName(settings.role)),
-      role_(AppConfig::PlatformCfgService::enumTranslate(settings.role)),
-      endpoint_(client_, endpointOptions(settings)) {}
+      role_(AppConfig::PlatformCfgService::enumTranslate(settings.role)) {
+  openEndpoint();
+}
+
+void Session::openEndpoint() {
+  PbUtility::EndpointOptions options;
+  options.runtimeDir = runtimeDir_;
+  if (settings_.timeout) options.deadline = *settings_.timeout;
+  endpoint_ = std::make_unique<PbUtility::Endpoint>(client_, options);
+}
+
+void Session::lookAgain() {
+  if (answered_) return;
+  std::string place = placeOf(places_, serviceName_);
+  if (place == runtimeDir_) return;
+  runtimeDir_ = std::move(place);
+  openEndpoint();
+}
 
 Outcome Session::checkName(const Purpose& purpose) const {
   std::string path;
@@ -100,36 +111,60 @@ Outcome Session::exchange(const Purpose& purpose, const google::protobuf::Messag
                           google::protobuf::MessageLite& response) {
   Outcome named = checkName(purpose);
   if (!named.ok()) return named;
-  const int status = endpoint_.sendWaitResponse(request, &response, serviceName_);
-  if (status == PbUtility::kCallOk) return {};
-  return callFailure(purpose, static_cast<PbUtility::CallStatus>(status));
+  const int status = endpoint_->sendWaitResponse(request, &response, serviceName_);
+  if (status != PbUtility::kCallOk)
+    return callFailure(purpose, static_cast<PbUtility::CallStatus>(status));
+  answered_ = true;
+  return {};
 }
 
 Outcome Session::callFailure(const Purpose& purpose, PbUtility::CallStatus status) const {
-  Outcome outcome = failure(exitCodeOf(status), cannot(purpose) + reasonOf(status));
+  Outcome outcome =
+      failure(exitCodeOf(status), cannot(purpose) + reasonOf(status), adviceFor(status));
   outcome.subject = purpose.subject;
-  if (status == PbUtility::kCallNoService) {
-    outcome.advice =
-        "start configsrvd, or name the directory of its socket with --runtime-dir or "
-        "APPCONFIG_RUNTIME_DIR";
-  } else if (status == PbUtility::kCallUntrusted) {
-    outcome.advice =
-        "give the service a directory that only root, or its own user, may write, and name it with "
-        "--runtime-dir or APPCONFIG_RUNTIME_DIR";
-  } else if (status == PbUtility::kCallServiceDied || status == PbUtility::kCallTimedOut) {
-    outcome.advice =
-        "whether the service acted on the request is not known: look before trying again";
-  }
   return outcome;
+}
+
+std::string Session::adviceFor(PbUtility::CallStatus status) const {
+  switch (status) {
+    case PbUtility::kCallNoService:
+      return "start configsrvd, or name the directory of its socket with --runtime-dir or "
+             "APPCONFIG_RUNTIME_DIR";
+    case PbUtility::kCallForbidden:
+      return "ask as a user who may open it, or have its directory opened to this one";
+    case PbUtility::kCallUntrusted:
+      return "give the service a directory that only root, or its own user, may write, and name it "
+             "with --runtime-dir or APPCONFIG_RUNTIME_DIR";
+    case PbUtility::kCallServiceDied:
+    case PbUtility::kCallTimedOut:
+      return "whether the service acted on the request is not known: look before trying again";
+    default:
+      return {};
+  }
+}
+
+std::string Session::pathIn(const std::string& place) const {
+  std::string path;
+  static_cast<void>(PbUtility::socketPath(place, serviceName_, path));
+  return path;
+}
+
+// The places beside the one that was asked, for who thinks of a service there.
+std::string Session::whereElse() const {
+  std::string text;
+  for (const std::string& place : places_) {
+    if (place == runtimeDir_) continue;
+    const bool isThere = holdsSocket(place, serviceName_);
+    text += (isThere ? "; not asked: " : "; not there either: ") + pathIn(place);
+  }
+  return text;
 }
 
 std::string Session::reasonOf(PbUtility::CallStatus status) const {
   std::string reason = PbUtility::describe(status);
-  const std::string details = endpoint_.lastRefusal();
-  if (!details.empty()) return reason + ": " + details;
-  std::string path;
-  const bool named = PbUtility::socketPath(runtimeDir_, serviceName_, path).ok();
-  return named ? reason + " (" + path + ')' : reason;
+  const std::string details = endpoint_->lastRefusal();
+  reason += details.empty() ? " (" + pathIn(runtimeDir_) + ')' : ": " + details;
+  return status == PbUtility::kCallNoService ? reason + whereElse() : reason;
 }
 
 Outcome Session::verdict(const Purpose& purpose, const ConfigIF::ReturnMessage& result) const {

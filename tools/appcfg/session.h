@@ -9,11 +9,15 @@
 //
 // Failures: every Outcome that is not ok says what could not be done, to which variable, and what
 //           to do about it.
+// Where:    the service that it finds first (places.h). With the first answer that is settled;
+//           until then lookAgain takes the one that has come meanwhile.
 // Threads:  as PbUtility::Endpoint.
-// Owns:     its endpoint, which watch and wait share with the facade.
+// Owns:     its endpoint, which watch and wait share with the facade once there was an answer.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "appconfig/core/config_var.h"
 #include "platform/messaging/endpoint.h"
@@ -51,24 +55,36 @@ class Session {
   // Whether the service's name and directory can be used at all; exchange checks it as well.
   Outcome checkName(const Purpose& purpose) const;
 
+  // For who waits for a service: looks at all places anew, and goes to where it is now. Does nothing
+  // once there was an answer.
+  void lookAgain();
+
   // What every request starts with.
   const std::string& client() const { return client_; }
   CommonIF::eSecurityRole role() const { return role_; }
 
   // Name of the service's endpoint: "/engine/ConfigSrvc".
   const std::string& serviceName() const { return serviceName_; }
-  PbUtility::Endpoint& endpoint() { return endpoint_; }
+  // Another one after lookAgain, until there was an answer.
+  PbUtility::Endpoint& endpoint() { return *endpoint_; }
 
  private:
   Outcome callFailure(const Purpose& purpose, PbUtility::CallStatus status) const;
   std::string reasonOf(PbUtility::CallStatus status) const;
+  std::string whereElse() const;
+  std::string adviceFor(PbUtility::CallStatus status) const;
+  std::string pathIn(const std::string& place) const;
+  void openEndpoint();
 
-  const std::string runtimeDir_;
+  const Settings settings_;
   const std::string serviceName_;
+  const std::vector<std::string> places_;
+  std::string runtimeDir_;
+  bool answered_ = false;
   const std::string client_ = "appcfg";
   const std::string roleName_;
   const CommonIF::eSecurityRole role_;
-  PbUtility::Endpoint endpoint_;
+  std::unique_ptr<PbUtility::Endpoint> endpoint_;
 };
 
 // Reads the key of an argument; the settings' namespace is that of a key that names none.

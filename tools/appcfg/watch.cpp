@@ -37,8 +37,8 @@ using std::chrono::steady_clock;
 
 using Value = std::vector<std::string>;
 
-// The facade over the service and namespace asked for. The primary is changed even where the local
-// one would do, so that there is one way through.
+// The facade over the service and namespace asked for, once the session has its service. The primary
+// is changed even where the local one would do, so that there is one way through.
 void attachFacade(Context& context, std::int32_t nameSpace) {
   AppCfgManager::changePrimaryConfigService(nameSpace, context.settings.servicePrefix, "",
                                             &context.session.endpoint());
@@ -78,7 +78,10 @@ void print(Output& output, const ConfigVar& var, const Value& value) {
 class Watch {
  public:
   Watch(Context& context, std::vector<Selection> selections, std::int32_t nameSpace)
-      : context_(context), selections_(std::move(selections)), queue_(queueOf(nameSpace)) {}
+      : context_(context),
+        selections_(std::move(selections)),
+        nameSpace_(nameSpace),
+        queue_(queueOf(nameSpace)) {}
 
   Outcome run(bool changesOnly);
 
@@ -93,6 +96,7 @@ class Watch {
 
   Context& context_;
   const std::vector<Selection> selections_;
+  const std::int32_t nameSpace_;
   StopSignals stop_;
   ChangeQueue& queue_;
   // What the user has been shown, or knows without having been shown.
@@ -137,6 +141,7 @@ void Watch::registerAll() {
       names.insert(dotted.substr(0, dotted.find('.')));
     }
   }
+  attachFacade(context_, nameSpace_);
   for (const std::string& name : names) registerHandler(name, &queue_);
 }
 
@@ -213,7 +218,6 @@ Outcome runWatch(Context& context, const Arguments& arguments) {
   if (read.ok()) read = context.session.checkName({"watch", ""});
   if (!read.ok()) return read;
   Watch watch(context, std::move(selections), nameSpace);
-  attachFacade(context, nameSpace);
   return watch.run(arguments.has("changes-only"));
 }
 
@@ -277,7 +281,6 @@ Outcome runWait(Context& context, const Arguments& arguments) {
   if (!read.ok()) return read;
   Deadline deadline;
   if (context.settings.timeout) deadline = steady_clock::now() + *context.settings.timeout;
-  attachFacade(context, awaited.var.nameSpace());
   const auto readNow = [&](Value& value) {
     return askWhenThere(context, {-1, -1, -1, deadline},
                         [&] { return readVariable(context.session, awaited.var, value); });
@@ -287,6 +290,7 @@ Outcome runWait(Context& context, const Arguments& arguments) {
   if (!asked.ok()) return asked;
   Value now = first;
   if (awaited.anyChange || !hasCome(context.session, awaited, first, first)) {
+    attachFacade(context, awaited.var.nameSpace());
     registerHandler(awaited.var.group(), awaited.var.name(), &queueOf(awaited.var.nameSpace()));
     asked = readNow(now);
     if (!asked.ok()) return asked;

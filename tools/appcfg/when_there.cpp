@@ -11,6 +11,11 @@ using std::chrono::steady_clock;
 // How often a wait for the service looks up for the end.
 constexpr std::chrono::milliseconds kSlice(100);
 
+bool isThere(Session& session) {
+  session.lookAgain();
+  return session.endpoint().waitUntilConnected(session.serviceName(), kSlice);
+}
+
 }  // namespace
 
 Outcome askWhenThere(Context& context, const Waited& waited, const std::function<Outcome()>& ask) {
@@ -20,7 +25,7 @@ Outcome askWhenThere(Context& context, const Waited& waited, const std::function
     if (asked.code != kExitUnreachable) return asked;
     if (!told) context.output.note(asked.text + "; waiting for it");
     told = true;
-    while (!context.session.endpoint().waitUntilConnected(context.session.serviceName(), kSlice)) {
+    while (!isThere(context.session)) {
       Waited now = waited;
       now.deadline = steady_clock::now();
       if (waited.deadline && *waited.deadline <= *now.deadline) return asked;

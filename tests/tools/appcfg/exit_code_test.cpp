@@ -58,6 +58,7 @@ TEST(ExitCodeTest, EachFailureOfTheMessageLayerHasItsCode) {
   EXPECT_EQ(exitCodeOf(PbUtility::kCallBadRequest), kExitInvalidValue);
   EXPECT_EQ(exitCodeOf(PbUtility::kCallBadEndpoint), kExitFailed);
   EXPECT_EQ(exitCodeOf(PbUtility::kCallUntrusted), kExitUnreachable);
+  EXPECT_EQ(exitCodeOf(PbUtility::kCallForbidden), kExitDenied);
 }
 
 TEST(ExitCodeTest, TheCodesAreZeroToTenEachWithANameOfItsOwn) {

@@ -416,6 +416,11 @@ TEST(ScriptedMonitorTest, SaysWhenARestartedServiceHasNoRoomForItAndWhenItHasAga
   const TestSupport::TempDir dir;
   std::atomic<bool> hasRoom{true};
   const auto answer = [&hasRoom](PbUtility::Server& server, const Serving::Request& request) {
+    ConfigIF::StatusReq status;
+    if (request.messageId == PlatformSchema::messageIdOf(status)) {
+      server.respond(request.id, ConfigIF::StatusRsp(), kRevision);
+      return;
+    }
     ConfigIF::MonitorRsp response;
     if (!hasRoom) response.mutable_result()->set_error(CommonIF::ERROR_LIMIT);
     server.respond(request.id, response, kRevision);
