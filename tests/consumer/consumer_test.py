@@ -201,6 +201,12 @@ class InstallTest(unittest.TestCase):
         script = f"source '{self.installed('share/bash-completion/completions/appcfg')}' && complete -p appcfg"
         self.assertEqual("complete -F _appcfg appcfg\n", run("bash", "--norc", "-c", script))
 
+    @unittest.skipUnless(shutil.which("fish"), "fish is not installed")
+    def test_the_completion_of_fish_is_loaded_by_its_name(self):
+        script = (f"set fish_complete_path '{os.path.dirname(self.installed('share/fish/vendor_completions.d/appcfg.fish'))}';"
+                  f"set PATH '{self.prefix}/bin' $PATH; complete -C 'appcfg is-def'")
+        self.assertEqual("is-default\n", run("fish", "--no-config", "-c", script, env=self.environment))
+
     @unittest.skipUnless(shutil.which("zsh"), "zsh is not installed")
     def test_the_completion_of_zsh_answers_the_first_time(self):
         """Loaded by zsh itself, the file's text is the first call of the function."""

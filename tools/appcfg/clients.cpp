@@ -44,7 +44,7 @@ void printTable(Output& output, const ConfigIF::ClientsRsp& response) {
                     client.delivery() ? "yes" : "no", std::to_string(client.waiting_notices()),
                     providesText(client)});
   }
-  output.bytes(alignColumns(rows));
+  output.bytes(alignColumns(rows, output.columns()));
 }
 
 Outcome runClients(Context& context, const Arguments&) {

@@ -2,7 +2,8 @@
 // can allow: it splits "[a,b]" into two, takes "++" for the end of a subcommand, and lets "--" end
 // the verb instead of its options. So every word that is neither an option nor part of a verb is
 // marked with a byte in front before CLI11 sees it, which makes it an ordinary word; the mark is
-// taken off when its result is read. "--" is dealt with here, by marking all words behind it.
+// taken off when its result is read. "--" is dealt with here, by marking all words behind it, with a
+// byte of their own, because some of them may be another program's.
 #include "tools/appcfg/command_line.h"
 
 #include <CLI/CLI.hpp>
@@ -14,12 +15,15 @@
 
 #include "appconfig/core/role_names.h"
 #include "tools/appcfg/help.h"
+#include "tools/appcfg/suggest.h"
 #include "tools/appcfg/verbs.h"
 
 namespace AppCfgTool {
 namespace {
 
 constexpr char kMark = '\x01';
+// That of a word behind "--".
+constexpr char kMarkBehind = '\x02';
 // Longer than any deadline that means something, and no overflow in any clock.
 constexpr double kLongestTimeoutSeconds = 1e7;
 
@@ -48,18 +52,21 @@ std::vector<std::string> marked(const std::vector<std::string>& words) {
     } else if (!optionsOver && (known.count(word) != 0 || (word.size() > 1 && word[0] == '-'))) {
       out.push_back(word);
     } else {
-      out.push_back(kMark + word);
+      out.push_back((optionsOver ? kMarkBehind : kMark) + word);
     }
   }
   return out;
 }
 
-std::string unmarked(const std::string& word) {
-  return !word.empty() && word[0] == kMark ? word.substr(1) : word;
+bool isMarked(const std::string& word) {
+  return !word.empty() && (word[0] == kMark || word[0] == kMarkBehind);
 }
 
+std::string unmarked(const std::string& word) { return isMarked(word) ? word.substr(1) : word; }
+
 std::string withoutMarks(std::string text) {
-  text.erase(std::remove(text.begin(), text.end(), kMark), text.end());
+  const auto isMark = [](char c) { return c == kMark || c == kMarkBehind; };
+  text.erase(std::remove_if(text.begin(), text.end(), isMark), text.end());
   return text;
 }
 
@@ -104,7 +111,7 @@ class Parser {
   Outcome readNameSpace(Settings& settings) const;
   Outcome readRole(Settings& settings) const;
   Outcome readTimeout(Settings& settings) const;
-  std::string missingVerb() const;
+  Outcome missingVerb() const;
   Outcome mistake(const std::string& what) const;
 
   CLI::App root_{"", "appcfg"};
@@ -213,18 +220,25 @@ Outcome Parser::readSettings(Settings& settings) const {
 }
 
 // CLI11 knows that a subcommand is required, but not that a word was meant to be one.
-std::string Parser::missingVerb() const {
-  std::string before;
-  for (const CLI::App* app : root_.get_subcommands()) before = app->get_name() + ' ';
-  for (const std::string& word : root_.remaining(true)) {
-    if (word[0] == kMark) return "there is no verb \"" + before + unmarked(word) + '"';
+Outcome Parser::missingVerb() const {
+  const std::string advice = "'appcfg --help' lists the verbs";
+  std::string words;
+  for (const CLI::App* app : root_.get_subcommands()) words = app->get_name() + ' ';
+  const std::vector<std::string> left = root_.remaining(true);
+  const auto word = std::find_if(left.begin(), left.end(), isMarked);
+  if (word == left.end()) {
+    return usageMistake(words.empty() ? "a verb is missing" : "a word is missing behind " + words,
+                        advice);
   }
-  return before.empty() ? "a verb is missing" : "a word is missing behind " + before;
+  words += unmarked(*word);
+  const std::string meant = verbLike(words);
+  return usageMistake("there is no verb \"" + words + '"',
+                      meant.empty() ? advice : meant + ' ' + advice);
 }
 
 Outcome Parser::mistake(const std::string& what) const {
   const Verb* verb = verbToHelpWith();
-  if (verb == nullptr) return usageMistake(missingVerb(), "'appcfg --help' lists the verbs");
+  if (verb == nullptr) return missingVerb();
   return usageMistake(withoutMarks(what),
                       "'appcfg " + verb->name + " --help' shows what can be given");
 }

@@ -46,6 +46,7 @@ std::set<std::string> keys(Session& session, const std::string& typed, bool name
     const ConfigVar var = keyOf(record.inst());
     found.insert(formatKey(var));
     if (namesAbove) addNamesAbove(var, found);
+    return true;
   };
   // What came before a failure is better than nothing.
   static_cast<void>(listPages(session, commonName(typed), take, hidden));
@@ -100,7 +101,8 @@ Outcome runComplete(Context& context, const Arguments& arguments) {
 
 Outcome runCompletion(Context& context, const Arguments& arguments) {
   const std::string script = completionScript(arguments.one("SHELL"));
-  if (script.empty()) return usageMistake("there is a script for bash and one for zsh");
+  if (script.empty())
+    return usageMistake("there is a script for bash, one for fish and one for zsh");
   if (!context.output.json()) {
     context.output.bytes(script);
     return {};
@@ -117,7 +119,7 @@ Verb completionVerb() {
   verb.name = "completion";
   verb.summary = "print the script that makes a shell complete appcfg's words and keys";
   verb.example = "source <(appcfg completion bash)";
-  verb.positionals = {{"SHELL", "bash or zsh"}};
+  verb.positionals = {{"SHELL", "bash, fish or zsh"}};
   verb.run = runCompletion;
   return verb;
 }

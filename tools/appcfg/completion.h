@@ -24,7 +24,7 @@ struct TypedWord {
 // words: those behind the program's name; the last is being typed and may be empty.
 TypedWord typedWord(const std::vector<std::string>& words);
 
-// "bash", "zsh": the script; empty for any other.
+// "bash", "fish", "zsh": the script; empty for any other.
 std::string completionScript(const std::string& shell);
 
 }  // namespace AppCfgTool

@@ -1,4 +1,4 @@
-// The scripts that shells load. Both only hand what was typed to `appcfg complete`, and show what it
+// The scripts that shells load. All only hand what was typed to `appcfg complete`, and show what it
 // prints; when that ends with code 10, the shell completes a file name itself.
 #include "tools/appcfg/completion.h"
 
@@ -83,10 +83,28 @@ else
 fi
 )sh";
 
+// fish quotes by itself what it inserts, and leaves out what does not begin like the word. The word that
+// is being typed comes with its quotes and backslashes, which are not part of the key.
+const char* const kFish = R"sh(# fish completion for appcfg: appcfg completion fish | source
+function __appcfg_answers
+    set -l words (commandline -opc)
+    set -e words[1]
+    set -l current (commandline -ct | string replace -ra '[\\\\\'"]' '')
+    set -l answers (command appcfg complete -- $words "$current" 2>/dev/null)
+    if test $status -eq 10
+        __fish_complete_path (commandline -ct)
+    else if set -q answers[1]
+        printf '%s\n' $answers
+    end
+end
+complete -c appcfg -f -a '(__appcfg_answers)'
+)sh";
+
 }  // namespace
 
 std::string completionScript(const std::string& shell) {
   if (shell == "bash") return kBash;
+  if (shell == "fish") return kFish;
   return shell == "zsh" ? kZsh : "";
 }
 

@@ -48,7 +48,8 @@ Outcome runExport(Context& context, const Arguments& arguments) {
   if (read.ok() && arguments.has("PREFIX")) read = selection.read(arguments.one("PREFIX"));
   if (!read.ok()) return read;
   Listing listing;
-  Outcome listed = list(context.session, selection, listing);
+  Progress progress(context.output, "exporting", 0);
+  Outcome listed = list(context.session, selection, listing, &progress);
   if (!listed.ok()) return listed;
   Document document;
   std::size_t secrets = 0;

@@ -3,6 +3,8 @@
 #include "tools/appcfg/help.h"
 
 #include "appconfig/core/role_names.h"
+#include "tools/appcfg/output.h"
+#include "tools/appcfg/suggest.h"
 #include "tools/appcfg/text.h"
 #include "tools/appcfg/verbs.h"
 
@@ -105,6 +107,49 @@ std::string helpText(const Verb& verb) {
          section("Options:", rowsOf(verb.options)) +
          section("Options of every verb:", rowsOf(globalOptions())) + "\nExample:\n  " +
          verb.example + '\n';
+}
+
+namespace {
+
+// "options" is no verb, but the beginning of two.
+bool beginsWith(const Verb& verb, const std::string& words) {
+  return verb.name == words || verb.name.compare(0, words.size() + 1, words + ' ') == 0;
+}
+
+Outcome runHelp(Context& context, const Arguments& arguments) {
+  std::string words;
+  for (const std::string& word : arguments.all("VERB")) words += (words.empty() ? "" : " ") + word;
+  std::string text = words.empty() ? helpText() : "";
+  for (const Verb& verb : verbs()) {
+    if (words.empty() || !beginsWith(verb, words)) continue;
+    text += (text.empty() ? "" : "\n") + helpText(verb);
+  }
+  if (text.empty()) {
+    const std::string advice = "'appcfg help' lists the verbs";
+    const std::string meant = verbLike(words);
+    return usageMistake("there is no verb \"" + words + '"',
+                        meant.empty() ? advice : meant + ' ' + advice);
+  }
+  if (!context.output.json()) {
+    context.output.bytes(text);
+    return {};
+  }
+  Record record;
+  context.output.record(record.text("help", text));
+  return {};
+}
+
+}  // namespace
+
+Verb helpVerb() {
+  Verb verb;
+  verb.name = "help";
+  verb.summary = "print what --help prints, of appcfg or of a verb";
+  verb.example = "appcfg help options set";
+  verb.positionals = {
+      {"VERB", "one or two words; of several verbs the word they begin with", 0, 2}};
+  verb.run = runHelp;
+  return verb;
 }
 
 }  // namespace AppCfgTool

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <list>
 #include <optional>
@@ -19,8 +18,12 @@
 #include "appconfig/core/key_notation.h"
 #include "appconfig/wire/protobuf_message_helper.h"
 #include "base/unique_fd.h"
+#include "tools/appcfg/batch_read.h"
 #include "tools/appcfg/document.h"
+#include "tools/appcfg/new_file.h"
 #include "tools/appcfg/output.h"
+#include "tools/appcfg/progress.h"
+#include "tools/appcfg/read_text.h"
 #include "tools/appcfg/session.h"
 #include "tools/appcfg/text.h"
 #include "tools/appcfg/verbs.h"
@@ -32,42 +35,16 @@ using AppConfig::formatKey;
 using AppConfig::ProtobufMessageHelper;
 using Base::UniqueFd;
 
-// More than any set of variables comes to, and little enough to hold.
-constexpr std::size_t kMaxBytes = std::size_t{64} << 20;
-// Variables of one request for present values.
-constexpr std::size_t kReadAtOnce = 128;
-
 // --- Files ---
-
-Outcome fileFailure(const char* action, const std::string& name) {
-  return failure(kExitFailed,
-                 std::string("cannot ") + action + ' ' + name + ": " + std::strerror(errno));
-}
-
-Outcome readText(const std::string& name, std::string& text) {
-  const bool standardInput = name == "-";
-  // Of standard input, a copy: what it owns is closed.
-  const UniqueFd file(standardInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                                    : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
-  std::string buffer(std::size_t{64} << 10, '\0');
-  for (;;) {
-    const ssize_t got = ::read(file.get(), buffer.data(), buffer.size());
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return fileFailure("read", standardInput ? "standard input" : name);
-    if (got == 0) return {};
-    text.append(buffer, 0, static_cast<std::size_t>(got));
-    if (text.size() > kMaxBytes) return failure(kExitFailed, name + " is larger than 64 MiB");
-  }
-}
 
 // For its owner alone: values of an unknown variable may be anything.
 Outcome writeText(const std::string& name, std::string_view text) {
   const UniqueFd file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (!file) return fileFailure("write", name);
+  if (!file) return fileFailure("write", name, errno);
   while (!text.empty()) {
     const ssize_t written = ::write(file.get(), text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return fileFailure("write", name);
+    if (written < 0) return fileFailure("write", name, errno);
     text.remove_prefix(static_cast<std::size_t>(written));
   }
   return {};
@@ -96,7 +73,6 @@ class Import {
  private:
   Outcome readItems();
   Outcome readPresent();
-  Outcome readPresent(std::size_t from, std::size_t to);
   void takePresent(Item& item, const ConfigIF::ReadRecord& record);
   void keepDifferent();
   void learnSecrets();
@@ -117,6 +93,7 @@ class Import {
   const bool dryRun_;
   const bool allOrNothing_;
   const bool standardInput_;
+  Progress progress_;
   std::string unknownFile_;
   std::optional<DocumentFormat> format_;
   Outcome usage_;
@@ -137,6 +114,7 @@ Import::Import(Context& context, const Arguments& arguments)
       dryRun_(arguments.has("dry-run")),
       allOrNothing_(arguments.has("all-or-nothing")),
       standardInput_(name_ == "-"),
+      progress_(context.output, "importing", 0),
       unknownFile_(arguments.one("unknown")),
       format_(documentFormat(arguments.one("format"))) {
   if (arguments.has("format") && !format_) usage_ = usageMistake("--format takes toml or json");
@@ -146,7 +124,7 @@ Import::Import(Context& context, const Arguments& arguments)
 Outcome Import::readItems() {
   std::string text;
   Document document;
-  const std::string shown = standardInput_ ? "standard input" : name_;
+  const std::string shown = shownName(name_);
   Outcome read = readText(name_, text);
   if (!format_) format_ = formatOf(text);
   if (read.ok()) read = readDocument(text, shown, *format_, document);
@@ -173,38 +151,13 @@ void Import::takePresent(Item& item, const ConfigIF::ReadRecord& record) {
   if (record.error() == CommonIF::ERROR_NOT_FOUND) item.outcome.code = kExitNotFound;
 }
 
-// Large values may not fit into one answer: then the half is asked for.
-Outcome Import::readPresent(std::size_t from, std::size_t to) {
-  std::list<ConfigVar> vars;
-  for (std::size_t i = from; i < to; ++i) vars.push_back(items_[i].var);
-  ConfigIF::BatchReadRsp response;
-  const Purpose purpose{"read the present values", ""};
-  Outcome answered = session_.exchange(
-      purpose, ProtobufMessageHelper::getBatchReadRequest(session_.client(), session_.role(), vars),
-      response);
-  if (!answered.ok()) return answered;
-  if (response.result().error() == CommonIF::ERROR_LIMIT && to - from > 1) {
-    const std::size_t middle = from + (to - from) / 2;
-    answered = readPresent(from, middle);
-    return answered.ok() ? readPresent(middle, to) : answered;
-  }
-  answered = session_.verdict(purpose, response.result());
-  if (!answered.ok()) return answered;
-  if (static_cast<std::size_t>(response.records_size()) != to - from) {
-    return failure(kExitFailed, "cannot read the present values: the answer is about others");
-  }
-  for (std::size_t i = from; i < to; ++i) {
-    takePresent(items_[i], response.records(static_cast<int>(i - from)));
-  }
-  return {};
-}
-
 Outcome Import::readPresent() {
-  for (std::size_t from = 0; from < items_.size(); from += kReadAtOnce) {
-    Outcome read = readPresent(from, std::min(from + kReadAtOnce, items_.size()));
-    if (!read.ok()) return read;
-  }
-  return {};
+  std::vector<ConfigVar> vars;
+  for (const Item& item : items_) vars.push_back(item.var);
+  std::vector<ConfigIF::ReadRecord> records;
+  Outcome read = readTogether(session_, vars, records);
+  for (std::size_t i = 0; i < records.size(); ++i) takePresent(items_[i], records[i]);
+  return read;
 }
 
 void Import::keepDifferent() {
@@ -223,7 +176,9 @@ void Import::keepDifferent() {
 
 // What cannot be learnt is taken for secret: it is only about what is shown.
 void Import::learnSecrets() {
+  progress_.begin("looking for secrets", items_.size());
   for (Item& item : items_) {
+    progress_.step();
     ConfigIF::ReadAttributesRsp response;
     const Outcome asked = session_.ask({"describe", formatKey(item.var)},
                                        ProtobufMessageHelper::getReadAttributesRequest(
@@ -236,7 +191,9 @@ void Import::learnSecrets() {
 // Answers of the service about one variable leave the others to be tried; a service that is gone,
 // or does not answer, would fail them all, one deadline after the other.
 Outcome Import::tryAll() {
+  progress_.begin("trying", items_.size());
   for (Item& item : items_) {
+    progress_.step();
     const Purpose purpose{"set", formatKey(item.var)};
     if (!item.entry.problem.empty()) {
       item.outcome =
@@ -305,8 +262,10 @@ void Import::restoreBefore(std::size_t end) {
 }
 
 Outcome Import::writeAll() {
+  progress_.begin("importing", items_.size());
   for (std::size_t i = 0; i < items_.size(); ++i) {
     Item& item = items_[i];
+    progress_.step();
     if (!item.entry.problem.empty()) {
       item.outcome = failure(kExitInvalidValue,
                              "cannot set " + formatKey(item.var) + ": " + item.entry.problem);
@@ -395,7 +354,7 @@ std::string joined(const Outcome& outcome) {
 }
 
 Outcome Import::summary() const {
-  const std::string shown = standardInput_ ? "standard input" : name_;
+  const std::string shown = shownName(name_);
   Outcome outcome;
   for (const Item& item : items_) {
     if (item.outcome.ok()) continue;

@@ -55,29 +55,37 @@ const char* originOf(const ConfigIF::ListRecord& record) {
   return record.is_default() ? "default" : "changed";
 }
 
-void printTable(Output& output, const Listing& listing) {
+// A listing is read over shoulders and pasted into reports; who wants one secret asks for it by key.
+std::string shownValue(const ConfigIF::ListRecord& record, bool secrets) {
+  if (record.secret() && !secrets) return "(secret)";
+  return valueOnOneLine(stringsOf(record.values()));
+}
+
+void printTable(Output& output, const Listing& listing, bool secrets) {
   std::vector<std::vector<std::string>> rows;
   for (const ListedVariable& listed : listing.variables) {
-    rows.push_back({formatKey(listed.var), valueOnOneLine(stringsOf(listed.record.values()))});
+    rows.push_back({formatKey(listed.var), shownValue(listed.record, secrets)});
     if (listed.record.is_default()) rows.back().emplace_back("[default]");
   }
-  output.bytes(alignColumns(rows));
+  output.bytes(alignColumns(rows, output.columns(), 1));
 }
 
-void printColumns(Output& output, const Listing& listing) {
+void printColumns(Output& output, const Listing& listing, bool secrets) {
   for (const ListedVariable& listed : listing.variables) {
-    output.line(formatKey(listed.var) + '\t' + valueOnOneLine(stringsOf(listed.record.values())) +
-                '\t' + originOf(listed.record));
+    output.line(formatKey(listed.var) + '\t' + shownValue(listed.record, secrets) + '\t' +
+                originOf(listed.record));
   }
 }
 
-void printRecord(Output& output, const Listing& listing) {
+void printRecord(Output& output, const Listing& listing, bool secrets) {
   std::vector<Record> variables;
   for (const ListedVariable& listed : listing.variables) {
     Record variable;
     variable.text("key", formatKey(listed.var)).text("type", typeName(listed.record.type()));
-    variable.list("value", stringsOf(listed.record.values()));
+    const bool isMasked = listed.record.secret() && !secrets;
+    isMasked ? variable.none("value") : variable.list("value", stringsOf(listed.record.values()));
     variable.flag("is_default", listed.record.is_default());
+    variable.flag("secret", listed.record.secret());
     variables.push_back(variable.text("description", listed.record.description()));
   }
   Record record;
@@ -94,11 +102,13 @@ Outcome runList(Context& context, const Arguments& arguments) {
   Outcome listed = list(context.session, selection, listing);
   if (!listed.ok()) return listed;
   Output& output = context.output;
+  const bool secrets = arguments.has("secrets");
   if (output.json()) {
-    printRecord(output, listing);
+    printRecord(output, listing, secrets);
     return {};
   }
-  output.toTerminal() ? printTable(output, listing) : printColumns(output, listing);
+  output.toTerminal() ? printTable(output, listing, secrets)
+                      : printColumns(output, listing, secrets);
   if (listing.hidden > 0) {
     output.note(std::to_string(listing.hidden) + " more are hidden from this role: see --role");
   }
@@ -222,7 +232,7 @@ Outcome runDescribe(Context& context, const Arguments& arguments) {
 }  // namespace
 
 Outcome listPages(Session& session, const std::string& name,
-                  const std::function<void(ConfigIF::ListRecord&)>& take, std::uint32_t& hidden) {
+                  const std::function<bool(ConfigIF::ListRecord&)>& take, std::uint32_t& hidden) {
   ConfigIF::ListReq request;
   request.set_client_name(session.client());
   request.set_role(session.role());
@@ -233,7 +243,9 @@ Outcome listPages(Session& session, const std::string& name,
     ConfigIF::ListRsp response;
     Outcome asked = session.ask({"list", name}, request, response);
     if (!asked.ok()) return asked;
-    for (ConfigIF::ListRecord& record : *response.mutable_records()) take(record);
+    for (ConfigIF::ListRecord& record : *response.mutable_records()) {
+      if (!take(record)) return {};
+    }
     hidden += response.hidden();
     if (!response.has_next()) return {};
     if (!leadsOn(request, response))
@@ -242,10 +254,12 @@ Outcome listPages(Session& session, const std::string& name,
   }
 }
 
-Outcome list(Session& session, const Selection& selection, Listing& listing) {
+Outcome list(Session& session, const Selection& selection, Listing& listing, Progress* progress) {
   const auto take = [&](ConfigIF::ListRecord& record) {
+    if (progress != nullptr) progress->step();
     const ConfigVar var = keyOf(record.inst());
     if (selection.selects(var)) listing.variables.push_back({var, std::move(record)});
+    return true;
   };
   Outcome listed = listPages(session, selection.name(), take, listing.hidden);
   if (!listed.ok()) return listed;
@@ -259,6 +273,7 @@ Verb listVerb() {
   verb.summary = "the variables and their values, all or below a name";
   verb.example = "appcfg list network";
   verb.positionals = {{"PREFIX", "a group or variable: network, network.eth[1], 3:engine", 0, 1}};
+  verb.options = {{"secrets", 0, "", "also the values of secret variables"}};
   verb.run = runList;
   return verb;
 }

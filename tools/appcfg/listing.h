@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "tools/appcfg/progress.h"
 #include "tools/appcfg/selection.h"
 #include "tools/appcfg/session.h"
 
@@ -24,13 +25,15 @@ struct Listing {
 const char* typeName(ConfigIF::ValueType type);
 
 // Asks for the listing of a name and all below it (empty: everything), page by page, and hands over
-// each record, in the order of their keys. A service that knows no pages gives all at once. Not ok
-// when a page could not be had; the records of those before were handed over. `hidden` counts the
-// variables that the role may not read.
+// each record, in the order of their keys, until `take` wants no more. A service that knows no pages
+// gives all at once. Not ok when a page could not be had; the records of those before were handed over.
+// `hidden` counts the variables that the role may not read.
 Outcome listPages(Session& session, const std::string& name,
-                  const std::function<void(ConfigIF::ListRecord&)>& take, std::uint32_t& hidden);
+                  const std::function<bool(ConfigIF::ListRecord&)>& take, std::uint32_t& hidden);
 
 // All that is selected, in the order of their keys. Not ok when a name was given that nothing has.
-Outcome list(Session& session, const Selection& selection, Listing& listing);
+// Each record is a step of the progress.
+Outcome list(Session& session, const Selection& selection, Listing& listing,
+             Progress* progress = nullptr);
 
 }  // namespace AppCfgTool

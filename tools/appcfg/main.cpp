@@ -16,6 +16,7 @@
 #include "tools/appcfg/help.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
+#include "tools/appcfg/suggest.h"
 
 namespace AppCfgTool {
 namespace {
@@ -32,7 +33,9 @@ void keepStandardDescriptors() {
 Outcome runVerb(const CommandLine& line, Output& output) {
   Session session(line.settings);
   Context context{line.settings, session, output};
-  return line.verb->run(context, line.arguments);
+  Outcome outcome = line.verb->run(context, line.arguments);
+  suggestName(context, *line.verb, outcome);
+  return outcome;
 }
 
 Outcome carryOut(const CommandLine& line, Output& output) {

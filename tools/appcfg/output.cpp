@@ -3,6 +3,7 @@
 #include "tools/appcfg/output.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,7 +48,16 @@ Record recordOf(const Outcome& outcome) {
 }  // namespace
 
 Output::Output(bool json, int outFd, int errFd)
-    : json_(json), outFd_(outFd), errFd_(errFd), toTerminal_(::isatty(outFd) == 1) {}
+    : json_(json),
+      outFd_(outFd),
+      errFd_(errFd),
+      toTerminal_(::isatty(outFd) == 1),
+      errToTerminal_(::isatty(errFd) == 1) {}
+
+std::size_t Output::columns() const {
+  winsize size{};
+  return toTerminal_ && ::ioctl(outFd_, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
 
 void Output::line(std::string_view text) {
   waiting_ += text;

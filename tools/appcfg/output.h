@@ -27,6 +27,10 @@ class Output {
   bool json() const { return json_; }
   // Whether people are looking: output may then be arranged for the eye.
   bool toTerminal() const { return toTerminal_; }
+  // Characters on a line there; 0 when it is no terminal, or one that does not say.
+  std::size_t columns() const;
+  // Whether people read what is told beside it.
+  bool errToTerminal() const { return errToTerminal_; }
   int outFd() const { return outFd_; }
 
   void bytes(std::string_view bytes) { waiting_ += bytes; }
@@ -46,6 +50,7 @@ class Output {
   const int outFd_;
   const int errFd_;
   const bool toTerminal_;
+  const bool errToTerminal_;
   std::string waiting_;
 };
 

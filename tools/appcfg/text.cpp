@@ -139,6 +139,31 @@ std::vector<std::size_t> columnWidths(const std::vector<std::vector<std::string>
   return widths;
 }
 
+// A column that is cut keeps at least so many characters, even if the line is then too long.
+constexpr std::size_t kLeastCut = 10;
+constexpr std::string_view kCut = "...";
+
+void fitInto(std::size_t width, std::size_t whole, std::vector<std::size_t>& widths) {
+  if (widths.size() <= whole) return;
+  std::size_t line = 2 * (widths.size() - 1);
+  for (const std::size_t column : widths) line += column;
+  for (; line > width; --line) {
+    const auto widest =
+        std::max_element(widths.begin() + static_cast<std::ptrdiff_t>(whole), widths.end());
+    if (*widest <= kLeastCut) return;
+    --*widest;
+  }
+}
+
+std::string cutTo(std::size_t width, const std::string& cell) {
+  if (characterCount(cell) <= width) return cell;
+  std::size_t at = 0;
+  for (std::size_t kept = 0; kept + kCut.size() < width; ++kept) {
+    at += std::max<std::size_t>(characterLength(cell, at), 1);
+  }
+  return cell.substr(0, at).append(kCut);
+}
+
 }  // namespace
 
 bool isUtf8(std::string_view bytes) {
@@ -222,13 +247,16 @@ std::optional<std::string> fromBase64(std::string_view text) {
   return out;
 }
 
-std::string alignColumns(const std::vector<std::vector<std::string>>& rows) {
-  const std::vector<std::size_t> widths = columnWidths(rows);
+std::string alignColumns(const std::vector<std::vector<std::string>>& rows, std::size_t width,
+                         std::size_t whole) {
+  std::vector<std::size_t> widths = columnWidths(rows);
+  if (width > 0) fitInto(width, whole, widths);
   std::string out;
   for (const auto& row : rows) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      out += row[i];
-      if (i + 1 < row.size()) out.append(widths[i] - characterCount(row[i]) + 2, ' ');
+      const std::string cell = cutTo(widths[i], row[i]);
+      out += cell;
+      if (i + 1 < row.size()) out.append(widths[i] - characterCount(cell) + 2, ' ');
     }
     out += '\n';
   }

@@ -36,7 +36,10 @@ std::string base64(std::string_view bytes);
 // The bytes that base64 wrote as this text; nothing when it wrote no such text.
 std::optional<std::string> fromBase64(std::string_view text);
 
-// Rows of cells in columns two blanks apart; the last cell of a row is not padded.
-std::string alignColumns(const std::vector<std::vector<std::string>>& rows);
+// Rows of cells in columns two blanks apart; the last cell of a row is not padded. With a width, the
+// widest columns are cut until a line has no more characters than that; "..." stands for what is gone.
+// The first columns, so many of them as `whole` says, are never cut: people copy keys from there.
+std::string alignColumns(const std::vector<std::vector<std::string>>& rows, std::size_t width = 0,
+                         std::size_t whole = 0);
 
 }  // namespace AppCfgTool

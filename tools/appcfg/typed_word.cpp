@@ -51,7 +51,7 @@ class Reader {
     } else if (!optionsOver_ && !words_.back().empty() && words_.back()[0] == '-') {
       completeOptionName();
     } else if (verb() == nullptr) {
-      completeVerb();
+      completeVerb(verbWords_);
     } else {
       completePositional();
     }
@@ -133,12 +133,12 @@ class Reader {
   }
 
   // The next word of every verb that begins with the words so far.
-  void completeVerb() {
+  void completeVerb(const Words& before) {
     Words next;
     for (const Verb& verb : verbs()) {
       const Words words = split(verb.name, " ");
-      const std::size_t taken = verbWords_.size();
-      if (words.size() <= taken || !std::equal(verbWords_.begin(), verbWords_.end(), words.begin()))
+      const std::size_t taken = before.size();
+      if (words.size() <= taken || !std::equal(before.begin(), before.end(), words.begin()))
         continue;
       if (std::find(next.begin(), next.end(), words[taken]) == next.end()) {
         next.push_back(words[taken]);
@@ -159,7 +159,8 @@ class Reader {
     if (positional == "KEY") typed_.kind = Kind::Key;
     if (positional == "PREFIX" || positional == "NAME") typed_.kind = Kind::Name;
     if (positional == "FILE") typed_.kind = Kind::File;
-    if (positional == "SHELL") return setWords(typed_, {"bash", "zsh"});
+    if (positional == "SHELL") return setWords(typed_, {"bash", "fish", "zsh"});
+    if (positional == "VERB") return completeVerb(positionals_);
     if (positional != "VALUE" && positional != "OPTION") return;
     typed_.kind = Kind::Value;
     typed_.key = positionals_.front();

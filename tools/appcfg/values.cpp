@@ -1,13 +1,17 @@
 // The verbs about one variable's value: get, set, validate, is-default.
 //
-// Each is one request and what is made of its answer.
+// Each is one request and what is made of its answer. get of several keys reads them together, and one
+// that cannot be read keeps no other one back.
 #include <list>
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "tools/appcfg/batch_read.h"
+#include "tools/appcfg/given_value.h"
 #include "tools/appcfg/meaning.h"
 #include "tools/appcfg/output.h"
 #include "tools/appcfg/session.h"
+#include "tools/appcfg/text.h"
 #include "tools/appcfg/verbs.h"
 
 namespace AppCfgTool {
@@ -16,10 +20,7 @@ namespace {
 using AppConfig::formatKey;
 using AppConfig::ProtobufMessageHelper;
 
-Outcome readValue(Context& context, const Arguments& arguments, ConfigVar& var,
-                  ConfigIF::ReadRsp& response) {
-  Outcome key = readKey(context.settings, arguments.one("KEY"), var);
-  if (!key.ok()) return key;
+Outcome readValue(const Context& context, const ConfigVar& var, ConfigIF::ReadRsp& response) {
   Session& session = context.session;
   const auto request = ProtobufMessageHelper::getReadRequest(session.client(), session.role(), var);
   return session.ask({"read", formatKey(var)}, request, response);
@@ -34,26 +35,93 @@ void printElements(Output& output, const std::vector<std::string>& elements, cha
   }
 }
 
-Outcome runGet(Context& context, const Arguments& arguments) {
-  ConfigVar var("", 0, "", 0);
-  ConfigIF::ReadRsp response;
-  Outcome read = readValue(context, arguments, var, response);
+// --- get ---
+
+void printOne(const Context& context, const Arguments& arguments, const ConfigVar& var,
+              const ConfigIF::ReadRsp& response) {
+  const std::vector<std::string> value = stringsOf(response.values());
+  const char end = arguments.has("null") ? '\0' : '\n';
+  if (!context.output.json()) return printElements(context.output, value, end);
+  Record record;
+  record.text("key", formatKey(var)).list("value", value);
+  context.output.record(record.flag("is_default", response.is_default()));
+}
+
+// With zero bytes the elements can stand as they are, each behind its key.
+void printNamed(const Context& context, const Arguments& arguments, const ConfigVar& var,
+                const ConfigIF::ReadRecord& record) {
+  const std::string name = formatKey(var) + '=';
+  const std::vector<std::string> value = stringsOf(record.values());
+  if (!arguments.has("null")) return context.output.line(name + valueOnOneLine(value));
+  for (const std::string& element : value) printElements(context.output, {name + element}, '\0');
+}
+
+Record recordOf(const ConfigVar& var, const ConfigIF::ReadRecord& read) {
+  const bool isRead = read.error() == CommonIF::ERROR_NONE;
+  Record record;
+  record.text("key", formatKey(var));
+  isRead ? record.list("value", stringsOf(read.values())) : record.none("value");
+  isRead ? record.flag("is_default", read.is_default()) : record.none("is_default");
+  return isRead ? record.none("error")
+                : record.text("error", exitCodeName(exitCodeOf(read.error())));
+}
+
+// What could not be read, all in one: the code is that of the first.
+Outcome verdictOf(const Session& session, const std::vector<ConfigVar>& vars,
+                  const std::vector<ConfigIF::ReadRecord>& records) {
+  std::vector<Outcome> refused;
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    ConfigIF::ReturnMessage result;
+    result.set_error(records[i].error());
+    Outcome verdict = session.verdict({"read", formatKey(vars[i])}, result);
+    if (!verdict.ok()) refused.push_back(std::move(verdict));
+  }
+  if (refused.empty()) return {};
+  if (refused.size() == 1) return std::move(refused.front());
+  Outcome all = failure(refused.front().code, "cannot read " + std::to_string(refused.size()) +
+                                                  " of these " + std::to_string(vars.size()));
+  for (const Outcome& one : refused) all.reasons.push_back(one.text);
+  return all;
+}
+
+Outcome getSeveral(Context& context, const Arguments& arguments,
+                   const std::vector<ConfigVar>& vars) {
+  std::vector<ConfigIF::ReadRecord> records;
+  Outcome read = readTogether(context.session, vars, records);
   if (!read.ok()) return read;
-  if (!context.output.json()) {
-    printElements(context.output, stringsOf(response.values()),
-                  arguments.has("null") ? '\0' : '\n');
-    return {};
+  std::vector<Record> shown;
+  for (std::size_t i = 0; i < vars.size(); ++i) {
+    if (context.output.json()) {
+      shown.push_back(recordOf(vars[i], records[i]));
+    } else if (records[i].error() == CommonIF::ERROR_NONE) {
+      printNamed(context, arguments, vars[i], records[i]);
+    }
   }
   Record record;
-  record.text("key", formatKey(var)).list("value", stringsOf(response.values()));
-  context.output.record(record.flag("is_default", response.is_default()));
-  return {};
+  if (context.output.json()) context.output.record(record.records("variables", std::move(shown)));
+  return verdictOf(context.session, vars, records);
 }
+
+Outcome runGet(Context& context, const Arguments& arguments) {
+  std::vector<ConfigVar> vars;
+  for (const std::string& text : arguments.all("KEY")) {
+    Outcome key = readKey(context.settings, text, vars.emplace_back("", 0, "", 0));
+    if (!key.ok()) return key;
+  }
+  if (vars.size() > 1) return getSeveral(context, arguments, vars);
+  ConfigIF::ReadRsp response;
+  Outcome read = readValue(context, vars.front(), response);
+  if (read.ok()) printOne(context, arguments, vars.front(), response);
+  return read;
+}
+
+// --- is-default, set, validate ---
 
 Outcome runIsDefault(Context& context, const Arguments& arguments) {
   ConfigVar var("", 0, "", 0);
   ConfigIF::ReadRsp response;
-  Outcome read = readValue(context, arguments, var, response);
+  Outcome read = readKey(context.settings, arguments.one("KEY"), var);
+  if (read.ok()) read = readValue(context, var, response);
   if (!read.ok()) return read;
   if (context.output.json()) {
     Record record;
@@ -63,22 +131,10 @@ Outcome runIsDefault(Context& context, const Arguments& arguments) {
   return response.is_default() ? Outcome() : answerNo();
 }
 
-// A command line that says neither a value nor --empty is more likely a slip (an unset shell
-// variable without quotes) than the wish for a list without elements.
-Outcome valueOf(const Arguments& arguments, std::list<std::string>& value) {
-  const std::vector<std::string>& given = arguments.all("VALUE");
-  if (given.empty() != arguments.has("empty")) {
-    return usageMistake(given.empty() ? "a value is missing" : "either values or --empty, not both",
-                        "'' is one empty string, --empty a list without elements");
-  }
-  value.assign(given.begin(), given.end());
-  return {};
-}
-
 Outcome keyAndValue(Context& context, const Arguments& arguments, ConfigVar& var,
                     std::list<std::string>& value) {
   const Outcome key = readKey(context.settings, arguments.one("KEY"), var);
-  return key.ok() ? valueOf(arguments, value) : key;
+  return key.ok() ? readGivenValue(context, arguments, var, value) : key;
 }
 
 // Said beside the success, since the text is stored as it was given.
@@ -144,18 +200,14 @@ Outcome runValidate(Context& context, const Arguments& arguments) {
 }
 
 const Positional kKey{"KEY", "the variable: group.name, network.eth[1].mtu, 3:engine.speed"};
-const Positional kValue{"VALUE", "one for each element; behind -- they may begin with a dash", 0,
-                        kAnyNumber};
-const Option kEmpty{"empty", 0, "", "a list without elements, instead of VALUE"};
-
 }  // namespace
 
 Verb getVerb() {
   Verb verb;
   verb.name = "get";
-  verb.summary = "print a value, one element on each line";
+  verb.summary = "print a value, one element on each line; of several keys KEY=VALUE lines";
   verb.example = "appcfg get network.hostname";
-  verb.positionals = {kKey};
+  verb.positionals = {{"KEY", kKey.help, 1, kAnyNumber}};
   verb.options = {{"null", '0', "", "end each element with a zero byte instead of a line break"}};
   verb.run = runGet;
   return verb;
@@ -166,8 +218,8 @@ Verb setVerb() {
   verb.name = "set";
   verb.summary = "change a value and wait until it is stored";
   verb.example = "appcfg set network.dns 192.0.2.1 192.0.2.2";
-  verb.positionals = {kKey, kValue};
-  verb.options = {kEmpty};
+  verb.positionals = {kKey, valuePositional()};
+  verb.options = valueOptions();
   verb.run = runSet;
   return verb;
 }
@@ -177,8 +229,8 @@ Verb validateVerb() {
   verb.name = "validate";
   verb.summary = "would set accept this value? Same exit codes, changes nothing";
   verb.example = "appcfg validate 'network.eth[1].mtu' 9000";
-  verb.positionals = {kKey, kValue};
-  verb.options = {kEmpty};
+  verb.positionals = {kKey, valuePositional()};
+  verb.options = valueOptions();
   verb.run = runValidate;
   return verb;
 }

@@ -8,7 +8,7 @@ const std::vector<Verb>& verbs() {
       listVerb(),         describeVerb(),   optionsGetVerb(), optionsSetVerb(), accessGetVerb(),
       accessSetVerb(),    watchVerb(),      waitVerb(),       exportVerb(),     importVerb(),
       submitVerb(),       statusVerb(),     clientsVerb(),    monitorVerb(),    storeCopyVerb(),
-      storeRestoreVerb(), completionVerb(), completeVerb(),
+      storeRestoreVerb(), completionVerb(), completeVerb(),   helpVerb(),
   };
   return all;
 }

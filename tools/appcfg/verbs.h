@@ -44,6 +44,9 @@ Verb storeRestoreVerb();
 Verb completionVerb();
 Verb completeVerb();
 
+// help.cpp
+Verb helpVerb();
+
 // All of them, in the order of the help text.
 const std::vector<Verb>& verbs();
 

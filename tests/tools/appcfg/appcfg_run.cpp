@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -97,6 +100,37 @@ Ended Appcfg::operator()(const Words& words, const std::string& input) const {
   ::close(in);
   ::close(out);
   ::close(err);
+  return run;
+}
+
+// The terminal's other end tells its end by an error.
+std::string readTerminal(int terminal) {
+  std::string all;
+  char buffer[4096];
+  for (ssize_t got; (got = ::read(terminal, buffer, sizeof buffer)) > 0;)
+    all.append(buffer, static_cast<std::size_t>(got));
+  return all;
+}
+
+Ended Appcfg::atTerminal(const Words& words, unsigned short columns) const {
+  int terminal = -1;
+  int shown = -1;
+  const winsize size{24, columns, 0, 0};
+  termios lines{};
+  // No line break is turned into two characters.
+  EXPECT_EQ(::openpty(&terminal, &shown, nullptr, nullptr, &size), 0);
+  EXPECT_EQ(::tcgetattr(shown, &lines), 0);
+  lines.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+  EXPECT_EQ(::tcsetattr(shown, TCSANOW, &lines), 0);
+  ::fcntl(terminal, F_SETFD, FD_CLOEXEC);
+  const int in = memoryFile();
+  const pid_t pid = start(runtimeDir_, words, in, shown, shown);
+  ::close(shown);
+  Ended run;
+  run.out = readTerminal(terminal);
+  run.code = waitFor(pid);
+  ::close(in);
+  ::close(terminal);
   return run;
 }
 

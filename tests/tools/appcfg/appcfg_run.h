@@ -34,6 +34,9 @@ class Appcfg {
 
   // Runs it to its end, with nothing on its standard input, or with this.
   Ended operator()(const Words& words, const std::string& input = "") const;
+  // Runs it with a terminal of so many columns as standard output and standard error; out is what came
+  // to the terminal, with its line breaks as the program wrote them.
+  Ended atTerminal(const Words& words, unsigned short columns = 80) const;
   // Where the program is.
   static std::string program();
 

@@ -137,7 +137,7 @@ TEST(CommandLineTest, MistakesAreRefusedWithWhatIsWrong) {
       {{"frobnicate"}, "there is no verb \"frobnicate\""},
       {{"options", "frobnicate"}, "there is no verb \"options frobnicate\""},
       {{"get"}, "KEY"},
-      {{"get", "a.b", "c.d"}, "c.d"},
+      {{"describe", "a.b", "c.d"}, "c.d"},
       {{"get", "a.b", "--frobnicate"}, "--frobnicate"},
       {{"set", "a.b", "-x"}, "-x"},
       {{"status", "--timeout"}, "--timeout"},
@@ -156,7 +156,10 @@ TEST(CommandLineTest, MistakesAreRefusedWithWhatIsWrong) {
 }
 
 TEST(CommandLineTest, AMistakeShowsNoMarkOfTheParser) {
-  EXPECT_EQ(refused({"get", "a.b", "[x]"}).mistake.text.find('\x01'), std::string::npos);
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"describe", "a.b", "[x]"}, {"describe", "a.b", "--", "-x"}}) {
+    EXPECT_EQ(refused(words).mistake.text.find_first_of("\x01\x02"), std::string::npos);
+  }
 }
 
 TEST(CommandLineTest, AMistakeIsToldInJsonWhenJsonWasAskedFor) {

@@ -170,14 +170,36 @@ TEST_F(CompletionTest, CompletePrintsWordsAloneAndSaysNothingElse) {
 }
 
 TEST_F(CompletionTest, CompletionPrintsTheScriptOfEachShell) {
-  for (const std::string shell : {"bash", "zsh"}) {
+  for (const std::string shell : {"bash", "fish", "zsh"}) {
     const TestSupport::Ended run = appcfg_({"completion", shell});
     EXPECT_EQ(run.code, 0);
     EXPECT_EQ(run.out, completionScript(shell));
     const std::string json = appcfg_({"completion", shell, "--json"}).out;
     EXPECT_EQ(nlohmann::json::parse(json)["script"], completionScript(shell));
   }
-  EXPECT_EQ(appcfg_({"completion", "fish"}).code, kExitUsage);
+  EXPECT_EQ(appcfg_({"completion", "tcsh"}).code, kExitUsage);
+}
+
+// What a real fish offers, where there is one: words alone, for a description would follow a tab.
+TEST_F(CompletionTest, FishOffersTheSame) {
+  if (bash("command -v fish; true\n").empty()) GTEST_SKIP() << "no fish here";
+  const auto offeredByFish = [&](const std::string& typed) {
+    std::istringstream lines(bash(
+        "export XDG_CONFIG_HOME=" + quoted(service_.directory().file("none")) + " XDG_DATA_HOME=" +
+        quoted(service_.directory().file("none")) + "\nappcfg completion fish > " +
+        quoted(service_.directory().file("appcfg.fish")) + "\nfish --no-config -c \"source " +
+        service_.directory().file("appcfg.fish") + "; complete -C " + quoted(typed) + "\"\n"));
+    Words words;
+    for (std::string line; std::getline(lines, line);) words.push_back(line);
+    return words;
+  };
+  EXPECT_THAT(offeredByFish("appcfg exp"), ElementsAre("export"));
+  EXPECT_THAT(offeredByFish("appcfg get net.eth"), ElementsAre("net.eth.mtu", "net.eth[1].mtu"));
+  EXPECT_THAT(offeredByFish("appcfg set net.mode s"), ElementsAre("static"));
+  EXPECT_THAT(offeredByFish("appcfg get 3:eng"), ElementsAre("3:engine.speed"));
+  EXPECT_THAT(offeredByFish("appcfg --role service get lab"), ElementsAre("lab.key"));
+  EXPECT_THAT(offeredByFish("appcfg get nothing"), IsEmpty());
+  EXPECT_THAT(offeredByFish("appcfg import /et"), Contains("/etc/"));
 }
 
 // Only where there is a zsh; what it makes of the script beyond its syntax is not tested.

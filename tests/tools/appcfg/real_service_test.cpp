@@ -222,7 +222,7 @@ TEST_F(RealServiceTest, ListShowsWhatTheRoleMaySeeAndSaysHowMuchItMayNot) {
   expect({"list", "net.eth[1]"}, 0, "net.eth[1].mtu\t1500\tdefault\n");
   expect({"list", "3:engine"}, 0, "3:engine.speed\t7\tdefault\n");
   EXPECT_EQ(json({"list", "net.host", "--json"}), Json::parse(R"({"variables":[{"key":"net.host",
-      "type":"string","value":["x"],"is_default":false,"description":"Name of the device"}],
+      "type":"string","value":["x"],"is_default":false,"secret":false,"description":"Name of the device"}],
       "hidden":0})"));
 }
 

@@ -380,9 +380,9 @@ TEST_F(ScriptedServiceTest, ListInJsonIsOneObject) {
   answer<ConfigIF::ListReq>(listing());
   EXPECT_EQ(printed({"list", "--json"}), Json::parse(R"({"variables":[
       {"key":"net.eth[1].mtu","type":"int","value":["1500"],"is_default":true,
-       "description":"Largest frame"},
+       "secret":false,"description":"Largest frame"},
       {"key":"3:net.names","type":"list","value":["a\tb","c"],"is_default":false,
-       "description":""}],"hidden":0})"));
+       "secret":false,"description":""}],"hidden":0})"));
 }
 
 TEST_F(ScriptedServiceTest, ListKeepsToTheInstanceAndTheNamespaceAskedFor) {

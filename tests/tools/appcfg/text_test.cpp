@@ -106,6 +106,26 @@ TEST(TextTest, ColumnsAreAsWideAsTheirWidestCellInCharacters) {
             "a    1   x\n\xc3\xa4\xc3\xa4\xc3\xa4  22\n");
 }
 
+TEST(TextTest, TheWidestColumnsAreCutUntilALineFits) {
+  const std::string wide(40, 'x');
+  EXPECT_EQ(alignColumns({{"key", wide, "[default]"}}, 40),
+            "key  " + std::string(21, 'x') + "...  [default]\n");
+  EXPECT_EQ(alignColumns({{"key", wide}}, 47), "key  " + wide + '\n');
+  EXPECT_EQ(alignColumns({{"\xc3\xa4\xc3\xa4\xc3\xa4" + wide}}, 12),
+            "\xc3\xa4\xc3\xa4\xc3\xa4xxxxxx...\n");
+}
+
+TEST(TextTest, AKeyIsNeverCut) {
+  const std::string key(30, 'k');
+  EXPECT_EQ(alignColumns({{key, std::string(20, 'v')}}, 40, 1), key + "  vvvvvvv...\n");
+  EXPECT_EQ(alignColumns({{key}}, 20, 1), key + '\n');
+}
+
+TEST(TextTest, WhatIsNarrowAlreadyIsNotCutFurther) {
+  EXPECT_EQ(alignColumns({{"0123456789", "0123456789"}}, 5), "0123456789  0123456789\n");
+  EXPECT_EQ(alignColumns({{}}, 5), "\n");
+}
+
 TEST(TextTest, NoRowsAreNoText) { EXPECT_EQ(alignColumns({}), ""); }
 
 }  // namespace

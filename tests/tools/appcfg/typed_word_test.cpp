@@ -47,7 +47,8 @@ struct Case {
 TEST(TypedWordTest, APositionalIsWhatTheTableOfVerbsCallsIt) {
   const Case cases[] = {
       {{"get", "net"}, Kind::Key, ""},
-      {{"get", "net.mtu", ""}, Kind::Nothing, ""},
+      {{"get", "net.mtu", ""}, Kind::Key, ""},
+      {{"describe", "net.mtu", ""}, Kind::Nothing, ""},
       {{"get", "-0", "net"}, Kind::Key, ""},
       {{"set", "net.mtu", ""}, Kind::Value, "net.mtu"},
       {{"set", "--empty", "net.mtu", "1", ""}, Kind::Value, "net.mtu"},
@@ -74,7 +75,9 @@ TEST(TypedWordTest, SomeOptionsHaveValuesThatAreKnown) {
   EXPECT_THAT(typedWord({"get", "--role", ""}).words, Contains("installer"));
   EXPECT_THAT(typedWord({"access", "set", "a.b", "--read", ""}).words, Contains("public"));
   EXPECT_THAT(typedWord({"export", "--format", ""}).words, ElementsAre("toml", "json"));
-  EXPECT_THAT(typedWord({"completion", ""}).words, ElementsAre("bash", "zsh"));
+  EXPECT_THAT(typedWord({"completion", ""}).words, ElementsAre("bash", "fish", "zsh"));
+  EXPECT_THAT(typedWord({"help", ""}).words, Contains("watch"));
+  EXPECT_THAT(typedWord({"help", "access", ""}).words, ElementsAre("get", "set"));
 }
 
 TEST(TypedWordTest, OptionsSayWhichServiceIsAskedAndInWhichRole) {
