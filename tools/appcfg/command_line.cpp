@@ -111,6 +111,7 @@ class Parser {
   Outcome readNameSpace(Settings& settings) const;
   Outcome readRole(Settings& settings) const;
   Outcome readTimeout(Settings& settings) const;
+  void takeArguments(const ParsedVerb& parsed, Arguments& arguments) const;
   Outcome missingVerb() const;
   Outcome mistake(const std::string& what) const;
 
@@ -243,6 +244,21 @@ Outcome Parser::mistake(const std::string& what) const {
                       "'appcfg " + verb->name + " --help' shows what can be given");
 }
 
+void Parser::takeArguments(const ParsedVerb& parsed, Arguments& arguments) const {
+  const std::string& passing = parsed.verb->passesOn;
+  const bool passesOn = !passing.empty() && parsed.app->count("--" + passing) > 0;
+  std::vector<std::string> passedOn;
+  for (const CLI::Option* result : parsed.results) {
+    std::vector<std::string> values;
+    for (const std::string& word : result->results()) {
+      const bool isPassed = passesOn && !word.empty() && word[0] == kMarkBehind;
+      (isPassed ? passedOn : values).push_back(unmarked(word));
+    }
+    if (!values.empty()) arguments.put(result->get_single_name(), std::move(values));
+  }
+  if (!passedOn.empty()) arguments.put(kPassedOn, std::move(passedOn));
+}
+
 CommandLine Parser::parse(const std::vector<std::string>& words) {
   CommandLine line;
   std::string complaint;
@@ -261,12 +277,7 @@ CommandLine Parser::parse(const std::vector<std::string>& words) {
   line.mistake = complaint.empty() ? readSettings(line.settings) : mistake(complaint);
   if (!line.mistake.ok()) return line;
   line.kind = CommandLine::Kind::Run;
-  for (const CLI::Option* result : verbThatWasParsed()->results) {
-    if (result->count() == 0) continue;
-    std::vector<std::string> values;
-    for (const std::string& word : result->results()) values.push_back(unmarked(word));
-    line.arguments.put(result->get_single_name(), std::move(values));
-  }
+  takeArguments(*verbThatWasParsed(), line.arguments);
   return line;
 }
 

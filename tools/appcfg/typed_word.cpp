@@ -119,7 +119,8 @@ class Reader {
   void completeOption() {
     if (awaited_->name == "role" || awaited_->value == "ROLE") return setWords(typed_, roleNames());
     if (awaited_->value == "FORMAT") return setWords(typed_, {"toml", "json"});
-    if (awaited_->value == "DIR" || awaited_->value == "FILE") typed_.kind = Kind::File;
+    if (awaited_->value == "DIR" || awaited_->value == "FILE" || awaited_->value == "CMD")
+      typed_.kind = Kind::File;
   }
 
   void completeOptionName() {

@@ -83,6 +83,7 @@ struct Positional {
 };
 
 constexpr std::size_t kAnyNumber = 1 << 20;
+constexpr const char* kPassedOn = "ARG";
 
 struct Option {
   // Arguments knows it as "recursive", the command line as "--recursive".
@@ -101,6 +102,9 @@ struct Verb {
   std::string example;
   std::vector<Positional> positionals;
   std::vector<Option> options;
+  // An option that names a program: when it is given, the words behind "--" are that program's
+  // arguments, which Arguments knows as kPassedOn. Empty: it has none.
+  std::string passesOn;
   Outcome (*run)(Context& context, const Arguments& arguments) = nullptr;
 };
 

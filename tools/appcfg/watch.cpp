@@ -1,4 +1,4 @@
-// watch: a line for each change; wait: until a variable has a value.
+// watch: a line for each change, or a run of a program; wait: until a variable has a value.
 //
 // Both are ordinary applications of the library: facade, consumer handler, registration. The
 // library enters a handler only after the service has taken the registration, so a notice that
@@ -13,12 +13,14 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 
 #include "appconfig/core/key_notation.h"
 #include "appconfig/manager/app_cfg_manager.h"
 #include "appconfig/registry/registration.h"
 #include "appconfig/wire/protobuf_message_helper.h"
+#include "tools/appcfg/change_command.h"
 #include "tools/appcfg/events.h"
 #include "tools/appcfg/listing.h"
 #include "tools/appcfg/meaning.h"
@@ -77,10 +79,13 @@ void print(Output& output, const ConfigVar& var, const Value& value) {
 
 class Watch {
  public:
-  Watch(Context& context, std::vector<Selection> selections, std::int32_t nameSpace)
+  // Without a command the changes are printed.
+  Watch(Context& context, std::vector<Selection> selections, std::int32_t nameSpace,
+        std::optional<ChangeCommand> command)
       : context_(context),
         selections_(std::move(selections)),
         nameSpace_(nameSpace),
+        command_(std::move(command)),
         queue_(queueOf(nameSpace)) {}
 
   Outcome run(bool changesOnly);
@@ -91,12 +96,15 @@ class Watch {
   void registerAll();
   Outcome follow();
   void take(Change change);
+  void takeAll();
+  Outcome runCommand();
   bool isSelected(const ConfigVar& var) const;
   Waited waited() const { return {stop_.fd(), -1, context_.output.outFd(), {}}; }
 
   Context& context_;
   const std::vector<Selection> selections_;
   const std::int32_t nameSpace_;
+  std::optional<ChangeCommand> command_;
   StopSignals stop_;
   ChangeQueue& queue_;
   // What the user has been shown, or knows without having been shown.
@@ -150,7 +158,22 @@ void Watch::take(Change change) {
   const auto [at, isNew] = known_.try_emplace(change.var, change.value);
   if (!isNew && at->second == change.value) return;
   at->second = std::move(change.value);
+  if (command_) return command_->add(at->first, at->second);
   print(context_.output, at->first, at->second);
+}
+
+void Watch::takeAll() {
+  for (Change& change : queue_.take()) take(std::move(change));
+}
+
+// What changes during a run is taken before the next one, which gets the newest value.
+Outcome Watch::runCommand() {
+  while (command_ && command_->isWaiting()) {
+    Outcome ran = command_->runNext(stop_.fd());
+    if (!ran.ok()) return ran;
+    takeAll();
+  }
+  return {};
 }
 
 Outcome Watch::follow() {
@@ -165,7 +188,10 @@ Outcome Watch::follow() {
     }
     if (state == WriteState::ReaderGone || teller.waitForEvent(forever) != Event::Changes)
       return {};
-    for (Change& change : queue_.take()) take(std::move(change));
+    takeAll();
+    Outcome ran = runCommand();
+    if (ran.code == kExitNo) return {};
+    if (!ran.ok()) return ran;
   }
 }
 
@@ -181,7 +207,7 @@ Outcome Watch::run(bool changesOnly) {
   }
   if (learnt.code == kExitNo) return {};
   if (!learnt.ok()) return learnt;
-  if (!changesOnly) printPresent();
+  if (!changesOnly && !command_) printPresent();
   return follow();
 }
 
@@ -210,6 +236,13 @@ Outcome commonNameSpace(std::vector<Selection>& selections, std::int32_t& nameSp
   return {};
 }
 
+std::optional<ChangeCommand> commandOf(Context& context, const Arguments& arguments) {
+  if (!arguments.has("exec")) return std::nullopt;
+  std::vector<std::string> words = arguments.all("exec");
+  words.insert(words.end(), arguments.all(kPassedOn).begin(), arguments.all(kPassedOn).end());
+  return ChangeCommand(context.output, std::move(words));
+}
+
 Outcome runWatch(Context& context, const Arguments& arguments) {
   std::vector<Selection> selections;
   std::int32_t nameSpace = 0;
@@ -217,7 +250,7 @@ Outcome runWatch(Context& context, const Arguments& arguments) {
   if (read.ok()) read = commonNameSpace(selections, nameSpace);
   if (read.ok()) read = context.session.checkName({"watch", ""});
   if (!read.ok()) return read;
-  Watch watch(context, std::move(selections), nameSpace);
+  Watch watch(context, std::move(selections), nameSpace, commandOf(context, arguments));
   return watch.run(arguments.has("changes-only"));
 }
 
@@ -309,7 +342,10 @@ Verb watchVerb() {
   verb.summary = "print values and, line by line, each change of them";
   verb.example = "appcfg watch network 'sensors.temp[2]'";
   verb.positionals = {{"NAME", "a group or variable; everything when left out", 0, kAnyNumber}};
-  verb.options = {{"changes-only", 'c', "", "leave out the present values"}};
+  verb.options = {{"changes-only", 'c', "", "leave out the present values"},
+                  {"exec", 0, "CMD",
+                   "run CMD for each change, with APPCFG_KEY and APPCFG_VALUE; print nothing"}};
+  verb.passesOn = "exec";
   verb.run = runWatch;
   return verb;
 }

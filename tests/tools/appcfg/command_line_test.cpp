@@ -162,6 +162,19 @@ TEST(CommandLineTest, AMistakeShowsNoMarkOfTheParser) {
   }
 }
 
+TEST(CommandLineTest, WordsBehindDashesAreThoseOfTheProgramThatExecNames) {
+  const Arguments both = parsed({"watch", "net", "--exec", "logger", "--", "-t", "cfg"}).arguments;
+  EXPECT_EQ(both.all("NAME"), std::vector<std::string>({"net"}));
+  EXPECT_EQ(both.one("exec"), "logger");
+  EXPECT_EQ(both.all(kPassedOn), std::vector<std::string>({"-t", "cfg"}));
+  const Arguments program = parsed({"watch", "--exec", "sh", "--", "-c", ""}).arguments;
+  EXPECT_FALSE(program.has("NAME"));
+  EXPECT_EQ(program.all(kPassedOn), std::vector<std::string>({"-c", ""}));
+  const Arguments none = parsed({"watch", "--", "net"}).arguments;
+  EXPECT_EQ(none.all("NAME"), std::vector<std::string>({"net"}));
+  EXPECT_FALSE(none.has(kPassedOn));
+}
+
 TEST(CommandLineTest, AMistakeIsToldInJsonWhenJsonWasAskedFor) {
   EXPECT_TRUE(refused({"get", "--json"}).settings.json);
 }
