@@ -100,7 +100,8 @@ TEST_F(EndpointTest, EachStatusHasItsOwnText) {
   int count = 0;
   for (const CallStatus status :
        {kCallOk, kCallNoService, kCallServiceDied, kCallTimedOut, kCallRefused, kCallBrokenAnswer,
-        kCallBadRequest, kCallBadEndpoint, kCallUntrusted, static_cast<CallStatus>(99)}) {
+        kCallBadRequest, kCallBadEndpoint, kCallUntrusted, kCallForbidden,
+        static_cast<CallStatus>(99)}) {
     const char* text = describe(status);
     ASSERT_NE(text, nullptr);
     EXPECT_STRNE(text, "");
