@@ -40,7 +40,8 @@ class LinksTest(unittest.TestCase):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
         self.root = directory.name
-        run(CMAKE, "--install", BUILD_DIR, "--prefix", self.root, "--component", "development")
+        for component in ("development", "documentation"):
+            run(CMAKE, "--install", BUILD_DIR, "--prefix", self.root, "--component", component)
         (readme,) = glob.glob(os.path.join(self.root, "share/doc/*/README.md"))
         self.docs = os.path.dirname(readme)
 
