@@ -122,6 +122,24 @@ TEST_F(AnnouncerTest, NoticesOfDifferentKindsIdentitiesOrVariablesDoNotReplaceEa
   EXPECT_EQ(different.size(), 5u);
 }
 
+// An identity is the client's own, and may begin with a digit.
+TEST_F(AnnouncerTest, NorDoThoseWhoseVariablesNumberReadsOnIntoTheIdentity) {
+  using TestSupport::defined;
+  const Model model(Definitions({defined("v.00"), defined("v.01"), defined("v.02"), defined("v.03"),
+                                 defined("v.04"), defined("v.05"), defined("v.06"), defined("v.07"),
+                                 defined("v.08"), defined("v.09"), defined("v.10")}));
+  Announcer announcer(model, subscriptions_, host_);
+  const auto tell = [&](const std::string& name, const std::string& identity) {
+    announcer.bringUpToDate(kWriter,
+                            {name, ConfigIF::CALLBACK_VALUE_CHANGED, identity, "client", eRoleUser},
+                            *model.find(keyOf(name)), PbUtility::kRevisionNone);
+  };
+  tell("v.01", "0");
+  tell("v.10", "");
+  ASSERT_EQ(host_.coalescingKeys.size(), 2U);
+  EXPECT_NE(host_.coalescingKeys[0], host_.coalescingKeys[1]);
+}
+
 TEST_F(AnnouncerTest, EachSubmitIsToldAndNoneReplacesAnother) {
   registerFor(kWriter, ConfigIF::CALLBACK_SUBMIT, "net");
   announcer_.submitted(variable("net.mtu"), ConfigIF::SUBMIT_APPLY);
