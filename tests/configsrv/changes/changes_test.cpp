@@ -824,6 +824,14 @@ TEST_F(ChangesTest, NobodyCanDemandARoleAboveTheirOwn) {
   EXPECT_EQ(attempt->error(), eErrDenied);
 }
 
+// The role that is asked for too much would lead astray: with a lower one it is refused all the same.
+TEST_F(ChangesTest, WhoMayNotChangeRolesAtAllIsToldThatBeforeWhichRoleIsTooHigh) {
+  const auto change =
+      submit(writer(eRoleUser), {keyOf("net.secret"), StoreChange::SetAccess{eRoleFactory, {}}});
+  EXPECT_EQ(change->error(), eErrDenied);
+  EXPECT_THAT(change->text(), HasSubstr("changing who may use it needs the role factory"));
+}
+
 TEST_F(ChangesTest, ResetAttributesGoBackToTheDefinitionAndAreTold) {
   submit(writer(), {keyOf("net.mode"), StoreChange::SetOptions{{{"off", "auto"}}, 1}});
   host_.finishCommit();
