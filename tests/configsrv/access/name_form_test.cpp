@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 namespace ConfigSrv {
 namespace {
 
@@ -23,6 +26,36 @@ TEST(NameFormTest, WhatCanBeSeenIsFine) {
   for (const char* name :
        {"thermostat-ui", "a b", "/engine/ui", "W\u00e4rme", "\u6e29\u5ea6", "\U0001F321"})
     EXPECT_EQ(whyUnseen(name), "") << name;
+}
+
+std::string utf8(char32_t point) {
+  const auto tail = [point](int shift) {
+    return static_cast<char>(0x80 | (point >> shift & 0x3F));
+  };
+  if (point < 0x80) return {static_cast<char>(point)};
+  if (point < 0x800) return {static_cast<char>(0xC0 | point >> 6), tail(0)};
+  if (point < 0x10000) return {static_cast<char>(0xE0 | point >> 12), tail(6), tail(0)};
+  return {static_cast<char>(0xF0 | point >> 18), tail(12), tail(6), tail(0)};
+}
+
+// The first and the last of each stretch of Unicode that has no form.
+TEST(NameFormTest, OnlyWhatCannotBeSeenIsRefusedToTheCharacter) {
+  const std::pair<char32_t, char32_t> stretches[] = {
+      {0x00, 0x1F},       {0x7F, 0xA0},       {0xAD, 0xAD},       {0x34F, 0x34F},
+      {0x61C, 0x61C},     {0x115F, 0x1160},   {0x1680, 0x1680},   {0x17B4, 0x17B5},
+      {0x180B, 0x180F},   {0x2000, 0x200F},   {0x2028, 0x202F},   {0x205F, 0x206F},
+      {0x2800, 0x2800},   {0x3000, 0x3000},   {0x3164, 0x3164},   {0xFE00, 0xFE0F},
+      {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},   {0xFFF0, 0xFFFB},   {0x13430, 0x1345F},
+      {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
+  };
+  for (const auto& [first, last] : stretches) {
+    EXPECT_NE(whyUnseen("u" + utf8(first)), "") << std::hex << static_cast<unsigned>(first);
+    EXPECT_NE(whyUnseen("u" + utf8(last)), "") << std::hex << static_cast<unsigned>(last);
+    if (first > 0) {
+      EXPECT_EQ(whyUnseen("u" + utf8(first - 1)), "") << std::hex << static_cast<unsigned>(first);
+    }
+    EXPECT_EQ(whyUnseen("u" + utf8(last + 1)), "") << std::hex << static_cast<unsigned>(last);
+  }
 }
 
 struct UnseenCase {

@@ -185,6 +185,41 @@ TEST_F(StoreFaultTest, AnUnknownVfsIsAClearFailureAndSetsNothingAside) {
   }
 }
 
+// SQLite's own reason to make no statement is a lack of memory; here it is not allowed to.
+class UnreadableValues {
+ public:
+  UnreadableValues() { sqlite3_auto_extension(reinterpret_cast<void (*)()>(&forbid)); }
+  ~UnreadableValues() { sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(&forbid)); }
+  UnreadableValues(const UnreadableValues&) = delete;
+  UnreadableValues& operator=(const UnreadableValues&) = delete;
+
+ private:
+  static int forbid(sqlite3* database, char**, const void*) {
+    return sqlite3_set_authorizer(database, &mayBeDone, nullptr);
+  }
+  static int mayBeDone(void*, int action, const char*, const char* column, const char*,
+                       const char*) {
+    const bool isValue =
+        action == SQLITE_READ && column != nullptr && column == std::string("value");
+    return isValue ? SQLITE_DENY : SQLITE_OK;
+  }
+};
+
+TEST_F(StoreFaultTest, AStoreWhoseVariablesCannotBeReadIsNoEmptyStore) {
+  open();
+  set("a", "1");
+  close();
+  {
+    const UnreadableValues unreadable;
+    const OpenedStore opened = Store::open({file_});
+    EXPECT_NE(opened.status.text.find("access to variable.value is prohibited"), std::string::npos)
+        << opened.status.text;
+    EXPECT_EQ(opened.store, nullptr);
+  }
+  open();
+  EXPECT_EQ(value("a"), "1");
+}
+
 TEST_F(StoreFaultTest, ANewerFormatIsRefusedAndTheFileIsNotTouched) {
   open();
   set("a", "1");
