@@ -27,7 +27,7 @@ using TestSupport::Ended;
 using TestSupport::Words;
 using Json = nlohmann::ordered_json;
 
-const char* const kDefinitions = R"(
+const char* const kShellDefinitions = R"(
 [variable."net.host"]
 type = "string"
 default = "gateway"
@@ -80,7 +80,7 @@ class ShellUseTest : public testing::Test {
     return appcfg_({"get", key, "--role", "service"}).out;
   }
 
-  TestSupport::ServiceProcess service_{kDefinitions};
+  TestSupport::ServiceProcess service_{kShellDefinitions};
   const Appcfg appcfg_{service_.runtimeDir()};
 };
 

@@ -19,7 +19,7 @@ using TestSupport::eventually;
 using TestSupport::RunningAppcfg;
 using TestSupport::Words;
 
-const char* const kDefinitions = R"(
+const char* const kWatchedDefinitions = R"(
 [variable."net.host"]
 type = "string"
 default = "gateway"
@@ -67,7 +67,7 @@ class WatchExecTest : public testing::Test {
     EXPECT_TRUE(client_.write(key, value).ok());
   }
 
-  TestSupport::ServiceProcess service_{kDefinitions};
+  TestSupport::ServiceProcess service_{kWatchedDefinitions};
   TestSupport::TestClient client_{"test", service_.runtimeDir()};
 };
 
