@@ -16,7 +16,7 @@ extern "C" int __real_epoll_wait(int epoll, epoll_event* events, int most, int t
 
 extern "C" int __wrap_epoll_wait(int epoll, epoll_event* events, int most, int timeout);
 extern "C" int __wrap_epoll_wait(int epoll, epoll_event* events, int most, int timeout) {
-  // A connection is taken in in one round, read in the next, and may have more to be taken in another.
+  // One round takes a connection in, the next reads it, and another may find that it has more.
   constexpr int kRoundsPerStep = 3;
   if (nextStep == nullptr) return __real_epoll_wait(epoll, events, most, timeout);
   const int ready = __real_epoll_wait(epoll, events, most, 0);

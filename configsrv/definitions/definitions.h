@@ -5,7 +5,8 @@
 // the vendor wants otherwise. docs/definitions.md is the reference of the format;
 // appconfig-definitions(5) is what a device has of it.
 //
-//   LoadResult loaded = loadDefinitions({"/usr/share/appconfig/definitions.d", "/etc/appconfig/definitions.d"});
+//   LoadResult loaded =
+//       loadDefinitions({"/usr/share/appconfig/definitions.d", "/etc/appconfig/definitions.d"});
 //   if (!loaded.mistakes.empty()) fail(formatMistakes(loaded.mistakes));
 //   const ConfigVar key("network", 0, "hostname", 0);
 //   const VariableDefinition* hostname = loaded.definitions.find(key);

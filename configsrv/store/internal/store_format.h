@@ -1,16 +1,16 @@
 // store_format: the versions of a store's file, and the way from each to the next.
 //
-// The format is the number of who may open the file: a version opens any whose format it knows. A device
-// with two slots for its software starts the older one again when the newer one fails, and that has to
-// find its configuration. So what is added goes where older versions do not look, into tables of its own
-// that are made when they are needed, as `audit` is, and leaves the format as it is; an older version keeps
-// such tables and does not keep them up to date, so each row that belongs to a variable's state says its
-// revision, and counts for nothing beside a newer one.
+// The format is the number of who may open the file: a version opens any whose format it knows. A
+// device with two slots for its software starts the older one again when the newer one fails, and that
+// has to find its configuration. So what is added goes where older versions do not look, into tables of
+// its own that are made when they are needed, as `audit` is, and leaves the format as it is. An older
+// version keeps such tables and does not keep them up to date, so each row that belongs to a variable's
+// state says its revision, and counts for nothing beside a newer one.
 //
-// Whoever changes a table that older versions read makes a new format: a higher `newest`, and a step from
-// the one before. Every format keeps a table `meta` with a column `format`, which must agree with
-// user_version: so a flipped bit in the latter is told from a newer version's file. A file of the format so
-// far goes into tests/configsrv/store/fixtures, for the service must read it for ever.
+// Whoever changes a table that older versions read makes a new format: a higher `newest`, and a step
+// from the one before. Every format keeps a table `meta` with a column `format`, which must agree with
+// user_version: so a flipped bit in the latter is told from a newer version's file. A file of the format
+// so far goes into tests/configsrv/store/fixtures, for the service must read it for ever.
 #pragma once
 
 #include <cstdint>

@@ -634,7 +634,8 @@ TEST_F(DispatchTest, APayloadThatUnfoldsToTooMuchCountsAsBroken) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-// A short one is parsed without being looked through; this one has a field of 600 bytes that nobody knows.
+// A short one is parsed without being looked through; this one has a field of 600 bytes that nobody
+// knows.
 TEST_F(DispatchTest, ALongPayloadIsLookedThroughAsTheMessageThatItIs) {
   MSG_Message unknownField;
   unknownField.payload = "\xA2\x06\xD8\x04" + std::string(600, 'x');
