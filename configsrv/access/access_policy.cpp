@@ -2,9 +2,9 @@
 //
 // AccessReader fills a policy that starts as the one without a file; a mistake anywhere throws all
 // of it away, so that a service never runs on half a table. Only a line for somebody who is not known
-// here is left out alone. Names of users and groups become
-// numbers while the file is read, because the kernel tells numbers of a caller. The groups of a
-// caller are looked up when they are asked for and remembered for a while (Groups).
+// here is left out alone. Names of users and groups become numbers while the file is read, because the
+// kernel tells numbers of a caller. The groups of a caller are looked up when they are asked for and
+// remembered for a while (Groups).
 #include "configsrv/access/access_policy.h"
 
 #include <fcntl.h>
