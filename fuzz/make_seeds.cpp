@@ -1,7 +1,7 @@
 // Writes inputs that say something to each fuzz program: a fuzzer finds the rest from there, but not
 // these from nothing. scripts/fuzz starts with them.
 //
-//   build/asan/bin/fuzz_make_seeds DIRECTORY     DIRECTORY/<target>/<name>
+//   build/fuzz/bin/fuzz_make_seeds DIRECTORY     DIRECTORY/<target>/<name>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
