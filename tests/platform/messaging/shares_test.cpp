@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 namespace PbUtility {
 namespace {
@@ -79,6 +80,20 @@ TEST_F(SharesTest, AmountsAreHeldAgainstEachLimitAsAWhole) {
   shares_.add({0, 4}, 3);
   EXPECT_TRUE(shares_.room({0, 5}, 1).ok());
   EXPECT_FALSE(shares_.room({0, 5}, 2).ok());
+}
+
+// Numbers of processes come round only after millions: what is kept for each that is gone would add up.
+TEST_F(SharesTest, ProcessesThatHaveGivenEverythingBackTakeNoMemory) {
+  const auto comeAndGo = [this](pid_t first, int count) {
+    for (pid_t pid = first; pid < first + count; ++pid) {
+      shares_.add({1000, pid}, 1);
+      shares_.remove({1000, pid}, 1);
+    }
+  };
+  comeAndGo(1, 1000);
+  const std::size_t before = ::mallinfo2().uordblks;
+  comeAndGo(10'000, 20'000);
+  EXPECT_LT(::mallinfo2().uordblks, before + 100'000);
 }
 
 }  // namespace
