@@ -46,7 +46,7 @@ class RequestsTest : public RequestsFixture {
 
   TestSupport::TempDir directory_;
   const ServiceOptions options_{};
-  const Standing standing_;
+  const Standing standing_{};
   const std::unique_ptr<Store> store_ = openStore(directory_.file("store.db"));
   ProviderMemory providers_{"", log_};
 };

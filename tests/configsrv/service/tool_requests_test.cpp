@@ -19,7 +19,7 @@ class ToolRequestsTest : public RequestsFixture {
 
   TestSupport::TempDir directory_;
   const ServiceOptions options_{};
-  const Standing standing_;
+  const Standing standing_{};
   const std::unique_ptr<Store> store_ = openStore(directory_.file("store.db"));
   ReadRequests reads_{frame_, model_, subscriptions_};
   ToolRequests requests_{frame_,
