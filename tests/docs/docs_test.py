@@ -158,6 +158,7 @@ class SessionTest(unittest.TestCase):
             shell.print_of(session.Step("(while [ ! -e go ]; do sleep 0.01; done; echo late > f) &", "", 1))
             shell.print_of(session.Step("touch f go", "", 1))
             self.assertEqual("late", shell.print_of(session.Step("cat f", "late", 1)))
+            self.assertEqual("late", shell.print_of_once("cat f"))
 
 
 if __name__ == "__main__":

@@ -79,15 +79,17 @@ class Shell:
     def print_of(self, step):
         """What the command of the step prints."""
         end = time.monotonic() + DEADLINE
-        printed = self._run(step.command, end)
+        printed = self.print_of_once(step.command)
         while re.fullmatch(r"(cat|grep)( [^;&|<>]+)", step.command) and not step.is_shown_by(printed):
             if time.monotonic() > end:
                 break
             time.sleep(0.02)
-            printed = self._run(step.command, end)
+            printed = self.print_of_once(step.command)
         return printed
 
-    def _run(self, command, end):
+    def print_of_once(self, command):
+        """What the command prints, also one that only reads a file: nothing in particular is expected of it."""
+        end = time.monotonic() + DEADLINE
         # The code is handed on, so that the next command may ask for it.
         script = f'{command}\ncode=$?; printf "\\n{MARK}\\n"; (exit $code)\n'
         self._process.stdin.write(script.encode())

@@ -65,7 +65,7 @@ class DebianRootTest(unittest.TestCase):
             file.write(text)
 
     def prints(self, command):
-        return self.shell.print_of(session.Step(command, "", 0))
+        return self.shell.print_of_once(command)
 
     def run_well(self, command):
         """What it prints, when it ends well."""
