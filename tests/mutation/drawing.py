@@ -5,8 +5,13 @@ equal part of its folder's. A place has a row of candidates, in an order that th
 is planted, and the next one instead of each that does not compile or is known to change nothing. The end
 of a row is of any kind, for kinds of which few compile. No candidate is in two rows, so that what becomes
 of one place does not depend on any other.
+
+A candidate's place in the order comes from the seed and from its own function and line, and from nothing
+around it: when a file changes, what is drawn from the others stays nearly the same, and with it what is
+known of it.
 """
 
+import hashlib
 import os
 import random
 import subprocess
@@ -54,20 +59,21 @@ def draw(sources, count, seed):
     return [Place(number, *row) for number, row in enumerate(drawn, 1)]
 
 
+def _rank(seed, source, mutation):
+    name = (str(seed), mutation.kind, mutation.path, *mutations.describe(source, mutation))
+    return hashlib.sha256("\0".join(name).encode()).digest()
+
+
 def _draw_from(folder, listed, count, seed):
+    ranked = sorted(((_rank(seed, source, mutation), mutation) for source in listed
+                     for mutation in mutations.all_of(source)), key=lambda pair: pair[0])
     by_kind = {kind: [] for kind in mutations.RULES}
-    for source in listed:
-        for mutation in mutations.all_of(source):
-            by_kind[mutation.kind].append(mutation)
+    reserve = []
+    for rank, mutation in ranked:
+        # One in five, by another digit than those that decide the order.
+        (reserve if rank[-1] % 5 == 0 else by_kind[mutation.kind]).append(mutation)
     kinds = [kind for kind in by_kind if by_kind[kind]]
     random.Random(f"{seed} {folder}").shuffle(kinds)
-    reserve = []
-    for kind in kinds:
-        random.Random(f"{seed} {folder} {kind}").shuffle(by_kind[kind])
-        first = len(by_kind[kind]) - len(by_kind[kind]) // 5
-        reserve += by_kind[kind][first:]
-        del by_kind[kind][first:]
-    random.Random(f"{seed} {folder} reserve").shuffle(reserve)
     drawn = []
     for i in range(count if kinds else 0):
         kind, turn = kinds[i % len(kinds)], i // len(kinds)

@@ -271,6 +271,14 @@ class DrawTest(unittest.TestCase):
         candidates = [m for p in drawing.draw(self.sources, 20, 1) for m in p.candidates]
         self.assertEqual(len(candidates), len(set(candidates)))
 
+    def test_a_changed_file_leaves_what_is_drawn_from_the_others(self):
+        body = "".join(f"  if (k{i} < {i}) l{i}(m, n);\n" for i in range(2, 10))
+        def drawn_from_large(text):
+            places = drawing.draw({"both": self.large + [Source("other.cpp", text)]}, 40, 1)
+            return {p.candidates[0] for p in places if p.candidates[0].path == "large.cpp"}
+        before, after = (drawn_from_large(f"int f() {{\n{b}}}\n") for b in (body, "  o(p, q);\n" + body))
+        self.assertGreater(len(before & after), len(before) * 3 // 4)
+
     def test_places_are_numbered_from_one(self):
         self.assertEqual(list(range(1, 21)), [p.number for p in drawing.draw(self.sources, 20, 1)])
 
