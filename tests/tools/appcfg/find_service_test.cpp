@@ -116,7 +116,7 @@ TEST_F(FindServiceTest, WhoWaitsFindsWhicheverComes) {
     const std::string host = own ? "own" : "device";
     const Ran ran = inOwnRun(asUser() + Appcfg::program() + " wait net.host " + host +
                              " --timeout 30 2>/run/err &\n"
-                             "until grep -q 'waiting for it' /run/err; do sleep 0.02; done\n" +
+                             "until grep -qs 'waiting for it' /run/err; do sleep 0.02; done\n" +
                              (own ? ownIsThere() : deviceIsThere()) + "wait $!\n");
     EXPECT_EQ(ran.out, host + '\n');
     EXPECT_EQ(ran.code, 0);
