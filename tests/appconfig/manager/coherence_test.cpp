@@ -96,17 +96,24 @@ TEST_F(CoherenceTest, ANoticeAboutAnotherVariableDoesNotKeepAReadFromStoring) {
   expectReadWithoutAsking("1500");
 }
 
-TEST_F(CoherenceTest, ANoticeAboutOptionsOrRolesDoesNotKeepAReadFromStoring) {
-  AppConfig::ConfigAccessLevels levels;
-  levels.readRoleSet = levels.writeRoleSet = true;
-  duringTheNextRead({"1500"},
-                    [&] {
-                      manager->updateConfigVarOptions("net", 0, "mtu", 1, {"a"});
-                      manager->updateConfigVarAccessLevels("net", 0, "mtu", 1, levels);
-                    },
+TEST_F(CoherenceTest, ANoticeAboutOptionsDoesNotKeepAReadFromStoring) {
+  duringTheNextRead({"1500"}, [&] { manager->updateConfigVarOptions("net", 0, "mtu", 1, {"a"}); },
                     {});
   manager->getConfigVar(mtu);
   expectReadWithoutAsking("1500");
+}
+
+TEST_F(CoherenceTest, ANoticeAboutEitherRoleDoesNotKeepAReadFromStoring) {
+  AppConfig::ConfigAccessLevels read;
+  AppConfig::ConfigAccessLevels write;
+  read.readRoleSet = write.writeRoleSet = true;
+  for (const AppConfig::ConfigAccessLevels& levels : {read, write}) {
+    duringTheNextRead(
+        {"1500"}, [&] { manager->updateConfigVarAccessLevels("net", 0, "mtu", 1, levels); }, {});
+    manager->getConfigVar(mtu);
+    expectReadWithoutAsking("1500");
+    manager->removeVars("net");
+  }
 }
 
 TEST_F(CoherenceTest, ANoticeOfAnotherFacadeDoesNotKeepAReadFromStoring) {

@@ -258,6 +258,30 @@ TEST_F(SubscriptionTest, AnEndDoesNotWaitForCallsThatComeLater) {
   isOver = true;
 }
 
+// The next call begins in the moment in which the one before returns, and an end that had waited for
+// that one before it took the handler out would miss it.
+TEST_F(SubscriptionTest, NoCallRunsBehindAnEndHoweverCloselyTheyFollowEachOther) {
+  std::atomic<bool> isInside{false};
+  std::atomic<bool> isOver{false};
+  Doing slow([&] {
+    isInside = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    isInside = false;
+  });
+  Threads delivery;
+  delivery.run([&] {
+    while (!isOver) tellChange();
+  });
+  for (int round = 0; round < 20; ++round) {
+    const int before = slow.calls;
+    Subscription told("net", "mtu", &slow, manager);
+    EXPECT_TRUE(eventually([&] { return slow.calls > before; }));
+    told.end();
+    EXPECT_FALSE(isInside) << "round " << round;
+  }
+  isOver = true;
+}
+
 TEST_F(SubscriptionTest, AHandlerMayEndItsOwnAndDeleteItself) {
   struct Leaving final : RecordingConsumer {
     explicit Leaving(bool& gone) : isGone(gone) {}
