@@ -171,7 +171,7 @@ PendingChange& Changes::remember(const Variable& variable, ChangeRequest&& reque
   change->number = ++lastNumber_;
   change->by = std::move(request.by);
   change->done = std::move(done);
-  change->parts.push_back({&variable, std::move(request.what)});
+  change->parts.emplace_back(variable, std::move(request.what));
   change->bytes = bytes;
   shares_->add(change->by.owner, bytes);
   queues_->requested(*change);

@@ -1,10 +1,16 @@
 // One table has the number, the name and the type of each message. A message's number is found by its
-// type in a map that is made of the table when it is first needed; names are only for logs, and are
+// type in an index that is made of the table when it is first needed; names are only for logs, and are
 // looked for one after the other.
+//
+// A type is known by the address of its std::type_info, and only where that is not in the index by its
+// name: a program that has the messages compiled in once more has other addresses for the same types. To
+// compute the hash of a name took more than all else of an answer's way to its number.
 #include "platform/schema/message_ids.h"
 
+#include <array>
 #include <atomic>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <typeindex>
 #include <unordered_map>
@@ -90,7 +96,38 @@ const Entry kMessages[] = {
 
 #undef MESSAGE
 
-using IdsByType = std::unordered_map<std::type_index, std::uint32_t>;
+class IdsByType {
+ public:
+  IdsByType() {
+    for (const Entry& entry : kMessages) {
+      byName_.emplace(entry.type, entry.id);
+      std::size_t slot = slotOf(entry.type);
+      while (byAddress_[slot] != nullptr) slot = next(slot);
+      byAddress_[slot] = &entry;
+    }
+  }
+
+  std::uint32_t find(const std::type_info& type) const {
+    for (std::size_t slot = slotOf(type); byAddress_[slot] != nullptr; slot = next(slot)) {
+      if (&byAddress_[slot]->type == &type) return byAddress_[slot]->id;
+    }
+    const auto found = byName_.find(type);
+    return found == byName_.end() ? kNoMessageId : found->second;
+  }
+
+ private:
+  static constexpr std::size_t kSlots = 256;
+  static_assert(std::size(kMessages) * 2 <= kSlots, "a free slot is near wherever one looks");
+
+  // Two objects of the kind lie 16 bytes apart at least.
+  static std::size_t slotOf(const std::type_info& type) {
+    return reinterpret_cast<std::uintptr_t>(&type) / 16 % kSlots;
+  }
+  static std::size_t next(std::size_t slot) { return (slot + 1) % kSlots; }
+
+  std::array<const Entry*, kSlots> byAddress_{};
+  std::unordered_map<std::type_index, std::uint32_t> byName_;
+};
 
 // Made by whoever needs it first, without a lock: a child could wait for ever for a thread that was
 // making it when the process forked.
@@ -98,7 +135,6 @@ const IdsByType& idsByType() {
   static std::atomic<const IdsByType*> made{nullptr};
   if (const IdsByType* ids = made.load(std::memory_order_acquire)) return *ids;
   auto own = std::make_unique<IdsByType>();
-  for (const Entry& entry : kMessages) own->emplace(entry.type, entry.id);
   const IdsByType* first = nullptr;
   if (made.compare_exchange_strong(first, own.get())) return *own.release();
   return *first;
@@ -106,11 +142,7 @@ const IdsByType& idsByType() {
 
 }  // namespace
 
-std::uint32_t messageIdOf(const MessageLite& message) {
-  const auto& ids = idsByType();
-  const auto found = ids.find(typeid(message));
-  return found == ids.end() ? kNoMessageId : found->second;
-}
+std::uint32_t messageIdOf(const MessageLite& message) { return idsByType().find(typeid(message)); }
 
 std::string messageName(std::uint32_t messageId) {
   for (const Entry& entry : kMessages) {

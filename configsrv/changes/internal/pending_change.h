@@ -29,6 +29,8 @@ const char* stateName(ChangeState state);
 
 // What a change makes of one variable.
 struct ChangePart {
+  ChangePart(const Variable& of, StoreChange what) : variable(&of), wanted(std::move(what)) {}
+
   const Variable* variable;
   StoreChange wanted;
   // What the store keeps, where that is not what was wanted; see storedInstead().
