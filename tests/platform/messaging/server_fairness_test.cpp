@@ -231,6 +231,27 @@ TEST_F(ServerFairnessTest, ATaskThatIsPutOffWhileTheLoopWaitsRunsToo) {
   EXPECT_EQ(ran.get_future().wait_for(TestSupport::kPatience), std::future_status::ready);
 }
 
+TEST_F(ServerFairnessTest, WhatATaskAnswersIsSentBeforeTheNextUserHasATurn) {
+  const auto other = client(kOtherUser, 1, 1);
+  serve();
+  std::promise<bool> isThere;
+  serving->onServer([&](Server&) {
+    serving->onRequestDo = [&](Server& server, const Serving::Request& request) {
+      char byte = 0;
+      if (request.messageId != kHold)
+        return isThere.set_value(::recv(holder->fd(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1);
+      server.later(kOneUser,
+                   [&server, id = request.id] { server.respond(id, ConfigIF::ReadRsp(), 1); });
+      holdLoop(server);
+    };
+  });
+  letGreet(*other);
+  hold();
+  letSend(*other);
+  release();
+  EXPECT_TRUE(isThere.get_future().get());
+}
+
 TEST_F(ServerFairnessTest, TheNextSliceWaitsForTheRequestsOfTheSameUserAsWell) {
   const auto same = client(kOneUser, 1, 3);
   std::vector<std::size_t> requestsBefore;
