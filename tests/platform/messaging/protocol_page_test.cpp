@@ -33,6 +33,23 @@ std::map<std::string, std::string> blocksOfPage() {
   return blocks;
 }
 
+// The kinds of the page's table: name by number.
+std::map<int, std::string> kindsOfPage() {
+  std::ifstream page(APPCONFIG_PROTOCOL_PAGE);
+  std::map<int, std::string> kinds;
+  bool isInTable = false;
+  for (std::string line; std::getline(page, line);) {
+    if (line.rfind("| kind | name |", 0) == 0) isInTable = true;
+    if (line.empty()) isInTable = false;
+    std::istringstream row(line);
+    std::string bar;
+    int number = 0;
+    std::string name;
+    if (isInTable && row >> bar >> number >> bar >> name) kinds[number] = name;
+  }
+  return kinds;
+}
+
 FrameHeader header(FrameKind kind, std::uint32_t messageId = 0, std::uint32_t sequence = 0,
                    std::uint64_t revision = 0) {
   FrameHeader made;
@@ -47,6 +64,21 @@ void addNode(ConfigIF::Inst& inst, const std::string& name) {
   ConfigIF::Node* node = inst.add_path();
   node->set_name(name);
   node->set_instance(0);
+}
+
+// Programs of an earlier release speak by these numbers.
+TEST(ProtocolPageTest, EachKindOfFrameHasTheNumberOfThePage) {
+  const auto number = [](FrameKind kind) { return static_cast<int>(kind); };
+  EXPECT_EQ(kindsOfPage(), (std::map<int, std::string>{{number(FrameKind::Hello), "hello"},
+                                                       {number(FrameKind::Welcome), "welcome"},
+                                                       {number(FrameKind::Request), "request"},
+                                                       {number(FrameKind::Response), "response"},
+                                                       {number(FrameKind::OneWay), "one-way"},
+                                                       {number(FrameKind::Notice), "notice"},
+                                                       {number(FrameKind::Question), "question"},
+                                                       {number(FrameKind::Answer), "answer"},
+                                                       {number(FrameKind::Done), "done"},
+                                                       {number(FrameKind::Refusal), "refusal"}}));
 }
 
 TEST(ProtocolPageTest, TheExchangeInBytesIsWhatTheCodeSends) {

@@ -184,6 +184,20 @@ TEST_F(ServerFairnessTest, ATurnEndsWithItsTimeToo) {
   EXPECT_LE(served.rend() - last, 2 * 10 + 1);
 }
 
+TEST_F(ServerFairnessTest, ATurnHasAllOfItsFramesHoweverManyConnectionsTheyComeFrom) {
+  options.framesPerTurn = 4;
+  const auto many = client(kOneUser, 8, 1);
+  const auto one = client(kOtherUser, 1, 1);
+  serve();
+  letGreet(*many);
+  letGreet(*one);
+  hold();
+  letSend(*many);
+  letSend(*one);
+  release();
+  EXPECT_EQ(firstOf(usersServed(8 + 1), kOtherUser), 4);
+}
+
 TEST_F(ServerFairnessTest, WithinAUserItsConnectionsTakeTurns) {
   const auto many = client(kOneUser, 4, 100);
   serve();
