@@ -414,5 +414,20 @@ TEST_F(StoreDiskFaultTest, AFileThatCannotBeReadAtAllIsKeptAsideAsItWas) {
   EXPECT_TRUE(kept);
 }
 
+// The last thing that a snapshot does is to make its name last.
+TEST_F(StorePowerTest, ADirectoryThatCannotBeSyncedIsNamed) {
+  const std::string file = disk_.options().file;
+  const OpenedStore opened = Store::open(disk_.options());
+  ASSERT_TRUE(opened.status.ok());
+  ASSERT_TRUE(opened.store->snapshot().ok());
+  const long before = disk_.steps();
+  ASSERT_TRUE(opened.store->snapshot().ok());
+  disk_.failAt(disk_.steps() - before, false, EIO);
+  const StoreStatus status = opened.store->snapshot();
+  EXPECT_EQ(status.code, StoreCode::kIo);
+  EXPECT_EQ(status.text, "cannot sync " + file.substr(0, file.rfind('/')) +
+                             ": Input/output error; check the disk");
+}
+
 }  // namespace
 }  // namespace ConfigSrv

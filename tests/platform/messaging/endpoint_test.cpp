@@ -386,7 +386,11 @@ TEST_F(EndpointTest, AReceiverMayCallAndItsRequestSaysSo) {
   Endpoint endpoint("ui", options());
   Received received;
   std::atomic<int> status{-1};
-  received.then = [&](const MSG_Message*) { status = read(endpoint); };
+  bool hasWaited = true;
+  received.then = [&](const MSG_Message*) {
+    hasWaited = endpoint.waitUntilConnected(kService, TestSupport::kPatience);
+    status = read(endpoint);
+  };
   endpoint.addHandlers(received.table(0x1A0143).data());
   ASSERT_TRUE(endpoint.waitUntilConnected(kService, TestSupport::kPatience));
   EXPECT_EQ(read(endpoint), 0);
@@ -394,6 +398,7 @@ TEST_F(EndpointTest, AReceiverMayCallAndItsRequestSaysSo) {
     server.notify(serving.readyPeer(), ConfigIF::ConfigChangedNtfy(), 8, "");
   });
   ASSERT_TRUE(eventually([&] { return status == 0; }));
+  EXPECT_FALSE(hasWaited) << "a receiver would wait for itself";
   const auto requests = serving.requests();
   EXPECT_FALSE(requests[0].insideReceiver);
   EXPECT_TRUE(requests[1].insideReceiver);

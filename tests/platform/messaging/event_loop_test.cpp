@@ -25,7 +25,7 @@ class EventLoopTest : public ::testing::Test, protected LoopClient {
     }
   }
 
-  void beginRound(bool) override {}
+  void beginRound(bool) override { ++rounds_; }
   void endRound() override {}
   bool settle() override { return false; }
   bool hasWaiting() const override { return false; }
@@ -45,6 +45,7 @@ class EventLoopTest : public ::testing::Test, protected LoopClient {
   Pipe last_;
   std::vector<std::uint64_t> ready_;
   std::uint32_t events_ = 0;
+  int rounds_ = 0;
 };
 
 TEST_F(EventLoopTest, SaysWhichDescriptorIsReadyAndForWhat) {
@@ -68,6 +69,16 @@ TEST_F(EventLoopTest, SaysOfADescriptorWhoseWatchWasChangedOnlyWhatIsWatchedNow)
   EXPECT_TRUE(loop_.watch(last_.read.get(), kLast, EPOLLIN));
   loop_.run();
   EXPECT_EQ(ready_, std::vector<std::uint64_t>{kLast});
+}
+
+TEST_F(EventLoopTest, ATimerWakesTheLoopOnce) {
+  using std::chrono::milliseconds;
+  loop_.post([this] {
+    loop_.after(milliseconds(1),
+                [this] { loop_.after(milliseconds(20), [this] { loop_.stop(); }); });
+  });
+  loop_.run();
+  EXPECT_EQ(rounds_, 2);
 }
 
 }  // namespace

@@ -122,6 +122,20 @@ TEST_F(ServerSharesTest, ALongNoticeForManyCountsBeforeItIsOnItsWayToAll) {
   EXPECT_LE(closed, 7U);
 }
 
+TEST_F(ServerSharesTest, TheNoticeThatPassesALimitIsCountedAtOnce) {
+  options.bufferedBytes.perProcess = kMiB;
+  Serving serving(options);
+  const auto clients = listeners(serving, 1);
+  ConfigIF::ConfigChangedNtfy notice;
+  notice.mutable_value()->add_values(std::string(2 * kMiB, 'x'));
+  std::size_t closed = 0;
+  serving.onServer([&](Server& server) {
+    server.notify(1, notice, 1, "key");
+    closed = serving.log().size();
+  });
+  EXPECT_EQ(closed, 1U);
+}
+
 TEST_F(ServerSharesTest, ACrowdIsToldOfEverythingInItsOrder) {
   constexpr std::size_t kCrowd = 200;
   Serving serving(options);

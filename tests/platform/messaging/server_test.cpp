@@ -486,6 +486,19 @@ TEST_F(ServerTest, WhoFloodsTheServerDelaysOthersByATurnAlone) {
   EXPECT_LT(itsTurn - requests.begin(), 4 * 32);
 }
 
+// A connection that has not waited for the rest of a frame so far has no timer to end.
+TEST_F(ServerTest, ATimerOutlivesTheConnectionsThatCome) {
+  Serving serving(options());
+  std::promise<void> rung;
+  serving.onServer([&](Server& server) {
+    server.after(std::chrono::milliseconds(200), [&] { rung.set_value(); });
+  });
+  RawClient client(socketFile());
+  ASSERT_TRUE(client.send(RawClient::hello("client") + request(0x1A0110, "").substr(0, 10)));
+  ASSERT_FALSE(client.receive().empty());
+  EXPECT_EQ(rung.get_future().wait_for(TestSupport::kPatience), std::future_status::ready);
+}
+
 // Requests that a handler has taken and does not answer until it is told to.
 class OpenRequestsTest : public ServerTest {
  protected:
