@@ -47,6 +47,14 @@ TEST_F(StoreSnapshotTest, AMissingStoreIsReplacedByTheSnapshot) {
   EXPECT_EQ(value("b"), "2");
 }
 
+// What is left of a snapshot that was begun when the power failed.
+TEST_F(StoreSnapshotTest, AnEmptySnapshotIsNone) {
+  writeFile(snapshotFile(), "");
+  open();
+  EXPECT_EQ(notice(), "");
+  EXPECT_TRUE(filesNamed("damaged-").empty());
+}
+
 TEST_F(StoreSnapshotTest, TheSnapshotServesASecondTime) {
   fillAndSnapshot();
   for (int i = 0; i < 2; ++i) {
