@@ -81,6 +81,16 @@ TEST_F(WrittenSharesTest, OptionsCountApartFromTheValue) {
   EXPECT_EQ(make(kUser, optionsOf({"auto", "manual", "off"}))->error(), eErrLimit);
 }
 
+TEST_F(WrittenSharesTest, OptionsThatAreResetMakeRoom) {
+  const std::size_t two = one(4) + WrittenShares::kStringBytes + 3;
+  limitWritten({4 * two, 4 * two, two, 4 * two});
+  EXPECT_EQ(make(kUser, optionsOf({"auto", "off"}))->error(), eErrNone);
+  EXPECT_EQ(writeBy(kUser, "net.name", "1234567890")->error(), eErrLimit);
+  const StoreChange reset{TestSupport::keyOf("net.mode"), StoreChange::ResetAttributes{}};
+  EXPECT_EQ(make(kUser, reset)->error(), eErrNone);
+  EXPECT_EQ(writeBy(kUser, "net.name", "1234567890")->error(), eErrNone);
+}
+
 TEST_F(WrittenSharesTest, WhatIsOnItsWayToTheDiskCountsAndAFailureGivesItBack) {
   limitWritten({4 * one(10), 4 * one(10), one(10), 4 * one(10)});
   const Changed first = begin(kUser, setTo("net.name", {"1234567890"}));

@@ -244,6 +244,20 @@ TEST_F(StoreDamageTest, DamageInTheLogIsSaidOnceAndTheStoreGetsANewId) {
   EXPECT_EQ(value("later"), "1");
 }
 
+// It is read in pieces of 64 pages.
+TEST_F(StoreDamageTest, DamageFarBehindInALongLogIsSaidToo) {
+  open();
+  for (int i = 0; i < 200; ++i) set("a", std::to_string(i));
+  const std::string main = readFile(file_);
+  std::string log = readFile(file_ + "-wal");
+  constexpr std::size_t kHeaderBytes = 32;
+  constexpr std::size_t kFrameBytes = 24 + 4096;
+  log[kHeaderBytes + 100 * kFrameBytes + 200] ^= 1;
+  reopenWith(main, log);
+  EXPECT_TRUE(saysThatTheLogIsDamaged()) << notice();
+  EXPECT_LT(store().revision(), 101U);
+}
+
 TEST_F(StoreDamageTest, AStoreThatIsOlderThanItsSnapshotIsReplacedByIt) {
   fillAndLosePower();
   reopenWith(main_, log_);

@@ -11,6 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 class StoreRecordsTest : public StoreFixture {
  protected:
@@ -153,7 +154,7 @@ TEST_F(StoreRecordsTest, WithoutRoomForTheTableTheStoreIsServedAndSaysSo) {
     const FileSizeLimit full(4096);
     openKeeping();
     EXPECT_EQ(value("a"), "1");
-    EXPECT_THAT(notice(), HasSubstr("no records are kept with changes: "));
+    EXPECT_THAT(notice(), MatchesRegex("no records are kept with changes: .*[a-z]"));
   }
   EXPECT_GT(set("a", "2"), 0U);
 }
