@@ -148,8 +148,11 @@ TEST_F(AccessPolicyTest, ADenialSaysWhoMayDoWhat) {
 
 TEST_F(AccessPolicyTest, GroupsAreLookedUpOnceForMany) {
   const AccessPolicy roles = policy("[groups]\nadmin = \"factory\"\n");
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(roles.highestRole(kTechnician, kUsers), eRoleFactory);
-  EXPECT_EQ(users_.lookUps, 1);
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(roles.highestRole(kTechnician, kUsers), eRoleFactory);
+    EXPECT_EQ(roles.highestRole(kTechnician + 1, kAdmin), eRoleFactory);
+  }
+  EXPECT_EQ(users_.lookUps, 2);
 }
 
 TEST_F(AccessPolicyTest, GroupsAreNotLookedUpWhenNoneIsNamed) {
@@ -157,11 +160,14 @@ TEST_F(AccessPolicyTest, GroupsAreNotLookedUpWhenNoneIsNamed) {
   EXPECT_EQ(users_.lookUps, 0);
 }
 
-TEST_F(AccessPolicyTest, MoreUsersThanAreRememberedAreAnsweredAllTheSame) {
+TEST_F(AccessPolicyTest, MoreUsersThanAreRememberedAreAnsweredAndTheFirstAreForgotten) {
   const AccessPolicy roles = policy("[groups]\nnetdev = \"service\"\n");
   for (uid_t uid = 10000; uid < 13000; ++uid) {
     EXPECT_EQ(roles.highestRole(uid, kNetdev), eRoleService);
   }
+  const int before = users_.lookUps;
+  EXPECT_EQ(roles.highestRole(10000, kNetdev), eRoleService);
+  EXPECT_EQ(users_.lookUps, before + 1);
 }
 
 TEST_F(AccessPolicyTest, ManyThreadsMayAskAtOnce) {
