@@ -1,5 +1,5 @@
-// Field by field, so that neither the machine's byte order nor a struct's padding matters. Whatever stands
-// in a fixed place is checked before anything relies on it; the lengths come first.
+// Field by field, so that neither the machine's byte order nor a struct's padding matters. Whatever
+// stands in a fixed place is checked before anything relies on it; the lengths come first.
 #include "platform/messaging/wire/frame.h"
 
 #include <algorithm>
