@@ -96,8 +96,14 @@ TEST_F(CoherenceTest, ANoticeAboutAnotherVariableDoesNotKeepAReadFromStoring) {
   expectReadWithoutAsking("1500");
 }
 
-TEST_F(CoherenceTest, ANoticeAboutOptionsDoesNotKeepAReadFromStoring) {
-  duringTheNextRead({"1500"}, [&] { manager->updateConfigVarOptions("net", 0, "mtu", 1, {"a"}); },
+TEST_F(CoherenceTest, ANoticeAboutOptionsOrRolesDoesNotKeepAReadFromStoring) {
+  AppConfig::ConfigAccessLevels levels;
+  levels.readRoleSet = levels.writeRoleSet = true;
+  duringTheNextRead({"1500"},
+                    [&] {
+                      manager->updateConfigVarOptions("net", 0, "mtu", 1, {"a"});
+                      manager->updateConfigVarAccessLevels("net", 0, "mtu", 1, levels);
+                    },
                     {});
   manager->getConfigVar(mtu);
   expectReadWithoutAsking("1500");
